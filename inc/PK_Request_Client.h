@@ -1,0 +1,70 @@
+// One request to a peer's file service, and the fetch of a file that follows on its connection.
+//
+// Request:  16-byte header (business id, 0, 0, body size), encoded body.
+// Response: 20-byte header (0, 0, error code, 0, body size), encoded body.
+// Integers are in host byte order; bodies are texts in the form of body_codec.h.
+//
+// One object per job and thread. Failures are logged once, at LOG_ERROR, with the texts and codes
+// below.
+#pragma once
+
+#include <cstdint>
+
+#include "PK_Socket.h"
+
+inline constexpr int REQUEST_NO_MEMORY = 0x1001;
+inline constexpr int REQUEST_NO_CONNECTION = 0x1002;
+inline constexpr int REQUEST_BROKEN =
+    0x1003;  // a send or receive was short, or the reply too large
+
+inline constexpr std::uint32_t FILE_SERVICE_PORT = 3223;
+inline constexpr std::uint32_t BUSINESS_GET_FILE = 0x8008;
+
+class PK_Request_Client {
+public:
+    void SetPort(std::uint32_t port) { port_ = port; }
+
+    // Time-out of connecting and of every send and receive, in seconds.
+    void SetTimeout(std::uint32_t seconds) { timeout_ = seconds; }
+
+    // Sends `szCommand` to the service at `szIP` (dotted) and reads the reply into `szRetMsg` (a
+    // buffer of `nRetSize` bytes; the text is terminated). 0, then `*nErrCode` is the peer's error
+    // code, or one of REQUEST_*. A reply without a body leaves `szRetMsg` untouched. The
+    // connection stays open for what follows; Close ends it. Logs request and reply (LOG_INFO);
+    // "Connect error %s ---%s---%s---%d", "Send Ret:%d Err:%d---%s---%s---%d", "Recv Ret:%d size:%d
+    // Err:%d---%s---%s---%d", "Rcev Ret:%d size:%d Err:%d---%s---%s---%d" and
+    // "cRecvData.dwResponedDataSize:%d >= %d ---%s---%s--%d" (LOG_ERROR).
+    int Hpc_RequestPro_NoClose(const char* szIP, std::uint32_t dwBusinessId, const char* szCommand,
+                               char* szRetMsg, std::int32_t nRetSize, std::int32_t* nErrCode);
+
+    // The same, then closes the connection.
+    int Hpc_RequestPro(const char* szIP, std::uint32_t dwBusinessId, const char* szCommand,
+                       char* szRetMsg, std::int32_t nRetSize, std::int32_t* nErrCode);
+
+    // More of the open connection; as PK_Socket's operations.
+    int RecvAll(void* buffer, std::int32_t length) { return socket_.RecvAll(buffer, length); }
+    int Close() { return socket_.Close(); }
+
+private:
+    int send_request(std::uint32_t dwBusinessId, const char* szCommand);
+    int recv_reply(char* szRetMsg, std::int32_t nRetSize, std::int32_t* nErrCode);
+    bool send_part(const void* data, std::int32_t size);
+
+    PK_Socket socket_;
+    std::uint32_t port_ = 3232;
+    std::uint32_t timeout_ = 5;
+};
+
+// Fetches `szServerFilePath` of the server at `szServerIp` (dotted) into `szLocalPath`. 0; -77 when
+// a text is null; -1 when the request failed or the local file cannot be opened; -2 for an error of
+// the peer; -3 for a reply without a usable "length" or a short write; -4 for a short receive. What
+// arrived before a failure stays in the local file. The connection stays open. Logs "FILE_MGR ..."
+// (LOG_ERROR) beside the lines of the request and of recv_file.
+std::int32_t GetServerFile(PK_Request_Client& client, const char* szServerIp,
+                           const char* szServerFilePath, const char* szLocalPath);
+
+// Receives `length` raw bytes of the client's connection into `szPath`, which then holds just what
+// arrived; a symbolic link in its place is refused. 0, -1, -3 or -4 as above. Logs
+// "File.OpenRwAlwaysSetSize szPath:%s --%s--%d", "recv_file recv error ..." and " recv_file
+// WriteFile error ..." (LOG_ERROR).
+std::int32_t recv_file(PK_Request_Client& client, std::int64_t length, const char* szPath);

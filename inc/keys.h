@@ -1,0 +1,34 @@
+// The vocabulary of the configuration store: files and keys that the daemon shares with the
+// site's administration tools. Nothing here is code; every name is fixed for good, because other
+// programs and the peer use the same ones.
+#pragma once
+
+#include <array>
+
+// --- Files ---------------------------------------------------------------------------------
+
+inline constexpr const char* CONFIG_DB = "/etc/quoradmind/config.db";  // settings and stamps
+inline constexpr const char* CLIENT_DB = "/etc/quoradmind/client.db";  // boot client records
+inline constexpr const char* DISK_DB = "/etc/quoradmind/disk.db";      // disk records
+inline constexpr const char* SERVER_DB_FORMAT =
+    "/etc/quoradmind/%s.db";  // copy of a peer's config.db
+
+// Not a database: only the path from which the semaphore key is derived.
+inline constexpr const char* SEMAPHORE_KEY_PATH = "/etc/quorsyncd/config.db";
+
+// --- Keys of config.db ---------------------------------------------------------------------
+
+inline constexpr const char* KEY_HA = "ha";                    // HA_ENABLED switches the pair on
+inline constexpr const char* KEY_SERVER_LIST = "server_list";  // "192.168.0.1,192.168.0.2"
+inline constexpr const char* KEY_MASTER = "master";            // dotted address of the master
+inline constexpr const char* KEY_DSVER = "dsver";              // 14 digits of local time
+inline constexpr const char* KEY_BEAT_OUT = "beat_out";        // read, but without effect
+inline constexpr const char* KEY_DHCP = "dhcp";                // DHCP_ON while services run here
+inline constexpr const char* KEY_CONFIG_VERSION = "config_db_version";  // stamp of config.db
+inline constexpr const char* KEY_CLIENT_VERSION = "client_db_version";  // stamp of client.db
+
+inline constexpr const char* HA_ENABLED = "enable";
+inline constexpr const char* DHCP_ON = "on";
+
+// The keys of config.db that travel to a slave; every other key stays on its server.
+inline constexpr std::array<const char*, 2> PUSH_CONFIG_KEYS = {"dhcpcfg", "default_writeback"};

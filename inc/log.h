@@ -1,0 +1,42 @@
+// The daemon's one diagnostic call.
+//
+// Every message goes to three places, in this order: the rolling debug log (when switched on, see
+// SGCLog.h), standard output, and a file of the current day, "/var/log//quorsyncd_2026_11_16.log".
+// In the latter two it is a stamped line:
+//
+//   quorsyncd:2.1 2026-11-16 03:52:26 INFO :restore to be a slave host
+//
+// The daily file is opened and closed for every message, so it may be moved or deleted at any time.
+// Nothing is filtered by level.
+#pragma once
+
+inline constexpr int LOG_DEBUG = 0;
+inline constexpr int LOG_INFO = 1;
+inline constexpr int LOG_ERROR = 2;
+inline constexpr int LOG_FATAL = 3;
+
+// Identity of the program in every line and file name.
+inline constexpr const char* PROGRAM_NAME = "quorsyncd";
+inline constexpr const char* PROGRAM_VERSION = "2.1";
+
+struct LogSettings {
+    int level = LOG_INFO;         // kept, but never consulted
+    char dir[266] = "/var/log/";  // directory of the daily files, with its trailing slash
+};
+extern LogSettings log_settings;
+
+// Copies `dir` (when not null; at most 266 bytes, unterminated when longer) and `level` (when 0 to
+// 3) into `settings`. Returns 0. Call it before other threads log.
+int set_log_settings(LogSettings& settings, const char* dir, int level);
+
+// Logs one printf-style message of at most 4095 characters; a longer one is cut. A newline is
+// added when the message holds none. Any level but 0 to 3 is written as "OTHER ". Always returns 0;
+// what cannot be written is dropped silently. Any thread; errno is kept.
+int write_log(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// The part of write_log that serves standard output and the daily file. Always returns 0.
+int write_log_file(const LogSettings& settings, int level, const char* message);
+
+// Hands everything logged so far to the system: standard output and the rolling debug log, which
+// takes no messages afterwards. For the moment before the process ends or detaches. Any thread.
+void close_logs();

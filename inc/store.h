@@ -1,0 +1,148 @@
+// The configuration store: Berkeley DB key/value files that the daemon shares with the site's
+// administration tools.
+//
+// Keys and values are texts, stored without their terminating zero byte. Files are of the hash
+// method, without environment, transactions or sub-databases; this system's Berkeley DB 5.3 writes
+// hash format 9. A missing file is created (0664 less the umask) by any access, reads included.
+//
+// Every operation opens the file, does one thing and closes it. From open to close it holds
+// - a process-wide lock of that path, because several threads writing one file without it lose
+//   records and corrupt the file without any error, and
+// - flock() on the file against other processes, waited for only a bounded time: a reader that
+//   holds it must never cause a take-over.
+// A thread must not open a file that it has open already, and must not keep one open while it
+// sends, forks or runs outside programs.
+//
+// A file is verified before use, since the library crashes or loops on files damaged inside; the
+// verdict is kept while the file stays the same. A damaged file is treated as one that cannot be
+// opened, and is never written into.
+//
+// All operations may be called from any thread. They log at LOG_ERROR only:
+//   "db_create %s\n"    no handle could be made
+//   "DB->open %s %s"    the file cannot be opened or does not verify (reason, path)
+//   "DB->put %s"        a record cannot be stored
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "store_lock.h"
+
+struct __db;
+struct __dbc;
+
+// An open database file, locked until it is closed. Not shared between threads.
+class Store {
+public:
+    ~Store();
+    Store(const Store&) = delete;
+    Store& operator=(const Store&) = delete;
+
+    // False when the file could not be opened or is damaged: every operation then fails.
+    bool usable() const { return usable_; }
+
+    // Whether it is unusable because its contents are damaged, not because the system refused it.
+    bool damaged() const { return damaged_; }
+
+    // Each returns 0 or the library's error code (DB_NOTFOUND for an absent key); none logs.
+    int get(std::string_view key, std::string& value);
+    int put(std::string_view key, std::string_view value);
+    int del(std::string_view key);
+
+    // Flushes, closes and unlocks; the destructor does it otherwise. Returns 0 or the library's
+    // error code: then what was put may not be on disk.
+    int close();
+
+private:
+    friend class StoreCursor;
+    friend std::unique_ptr<Store> db_open(const char* path, std::uint32_t cache_bytes);
+    Store(StoreLock lock, __db* db, int open_result);
+
+    StoreLock lock_;
+    __db* db_;
+    bool usable_;
+    bool damaged_;
+    bool written_ = false;
+};
+
+// A walk over the records of an open store, in the file's own order.
+class StoreCursor {
+public:
+    explicit StoreCursor(Store& store);
+    ~StoreCursor();
+    StoreCursor(const StoreCursor&) = delete;
+    StoreCursor& operator=(const StoreCursor&) = delete;
+
+    // The next record, or false at the end or on an error. The views hold until the next call.
+    bool next(std::string_view& key, std::string_view& value);
+
+    // Moves to the record `key`, so that next() yields the one after it; false if it is not there.
+    bool seek(std::string_view key);
+
+    // Writes a record through the cursor (DB_KEYLAST). 0 or the library's error code.
+    int put_last(std::string_view key, std::string_view value);
+
+private:
+    bool step(std::string_view& key, std::string_view& value, unsigned flag);
+    __dbc* cursor_ = nullptr;
+};
+
+// Opens `path`, creating it when missing. Null only when no handle could be made; a store that
+// could not be opened comes back unusable. `cache_bytes` 0 takes the library's small default; a
+// batch of writes wants a cache that holds the whole file.
+std::unique_ptr<Store> db_open(const char* path, std::uint32_t cache_bytes = 0);
+
+// The value of `key` as a new zero-terminated text that the caller frees (OwnedText), or null when
+// the key is absent or the file cannot be read.
+char* db_get(const char* path, const char* key);
+
+// As db_get, but a missing key is looked for once more after a moment: a reader beside a foreign
+// writer was seen to miss a key that is there. For values whose absence has consequences.
+char* db_get_settled(const char* path, const char* key);
+
+// Stores `value` under `key`, replacing an older one. Returns the result of closing the file, 0 on
+// success; a failed put is only logged.
+int db_put(const char* path, const char* key, const char* value);
+
+// As db_put, but returns whether the record is stored.
+bool db_store(const char* path, const char* key, const char* value);
+
+// Deletes `key`; an absent one is no error. Returns the result of closing the file.
+int db_del(const char* path, const char* key);
+
+// The value of `key` as a decimal number, or `fallback` when it is absent, empty or below 1.
+int db_get_int(const char* path, const char* key, int fallback);
+
+// Puts a fresh, empty file in the place of `path`, keeping mode and owner; a kill at any moment
+// leaves either the old or the new one. A damaged file is kept as "<path>.damaged", and a line at
+// LOG_ERROR names it. Returns whether the file in place is now empty.
+bool db_replace_empty(const char* path);
+
+// The library's text of one of its error codes; static.
+const char* store_error_text(int code);
+
+// A new "%d.%d.%d.%d" text of an IPv4 address in network byte order; the caller frees it.
+char* ip_to_string(std::uint32_t address);
+
+// --- Comma lists: items joined by "," without blanks; see store_lists.cpp ----------------------
+
+// The 1-based position of `item` in the list under `key`, or -1. An absent or empty list becomes
+// the one item (and -1 is returned).
+int db_list_index(const char* path, const char* key, const char* item);
+
+// Takes every `item` out of the list; the key goes when the whole value is the item.
+void db_list_remove(const char* path, const char* key, const char* item);
+
+// Appends `item` unless the list has it. A list beyond 4095 characters is left as it is.
+void db_list_add(const char* path, const char* key, const char* item);
+
+// --- Scans of a whole file; keys are cut at 127, values at 1023 characters -----------------------
+
+// If no record has `key` and `value` has the form number#text, stores under `key` the largest
+// number that any value of the file begins with, "#" and that text.
+void db_next_numbered(const char* path, const char* key, const char* value);
+
+// Logs every record as "%s = %s\n" at LOG_INFO.
+void db_dump(const char* path);

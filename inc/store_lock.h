@@ -1,0 +1,46 @@
+// The lock of one database file: against the other threads of this process by a mutex per path,
+// against other processes by flock() on the file itself (Berkeley DB takes none, and no extra file
+// appears beside the databases).
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "owned.h"
+
+class StoreLock {
+public:
+    // Waits for the mutex, then for flock a bounded time; after that it goes on without the latter:
+    // a process that holds it for long must not stop heartbeats. A missing file cannot be
+    // flock'ed: its directory is, so that one process at a time creates. Any thread; logs nothing.
+    explicit StoreLock(const char* path);
+    ~StoreLock();
+    StoreLock(StoreLock&&) = default;
+    StoreLock& operator=(StoreLock&&) = delete;
+
+    const std::string& path() const { return path_; }
+
+    // Whether the file was there when it was locked.
+    bool exists() const { return exists_; }
+
+    // The locked file, or its directory when the file was missing; -1 without a directory.
+    int fd() const { return file_.get(); }
+
+    // Locks the file that is in place now, after the holder created or replaced it.
+    void relock();
+
+    // Gives the lock up before the end of its life.
+    void release();
+
+private:
+    struct PathMutex;
+    static std::shared_ptr<PathMutex> mutex_of(const std::string& path);
+    bool open_current();
+
+    std::string path_;
+    bool exists_ = false;
+    std::shared_ptr<PathMutex> shared_;  // lives as long as any thread wants this path
+    std::unique_lock<std::mutex> mutex_;
+    OwnedFd file_;
+};

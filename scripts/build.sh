@@ -1,0 +1,6 @@
+#!/bin/bash
+# build the release programs into build/release/
+. scripts/lib/common.sh
+install_packages build
+step "Building build/release/quorsyncd"
+build release quorsyncd

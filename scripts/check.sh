@@ -1,0 +1,69 @@
+#!/bin/bash
+# verify everything: format, unit and pair tests, and the sanitizers (root, under 8 minutes)
+. scripts/lib/common.sh
+install_packages build lab check
+
+# A report ends the program, so that no test can pass over it.
+export ASAN_OPTIONS=detect_stack_use_after_return=1
+export UBSAN_OPTIONS=print_stacktrace=1
+export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+
+# Debian 12's thread sanitizer dies at its start where the kernel spreads mappings over more
+# than 28 bits. Every program started below inherits the fixed layout.
+if [ "$(cat /proc/sys/vm/mmap_rnd_bits)" -gt 28 ] && [ -z "${QUORSYNC_FIXED_LAYOUT-}" ]; then
+    QUORSYNC_FIXED_LAYOUT=1 exec setarch -R /bin/bash scripts/check.sh "$@"
+fi
+
+unit_tests() {
+    step "Unit tests, $1"
+    # Of tests that pass, only their number is news.
+    ctest --preset "$1" -j "$(nproc)" --output-on-failure |
+        grep -vE '^ +Start | Passed +[0-9.]+ sec$'
+}
+
+# Pair tests mostly sleep: more of them at a time than there are processors.
+pair_tests() {
+    local preset=$1
+    shift
+    step "Pair tests, $preset"
+    PYTHONPATH=$PWD "$python" -m pytest tests/pair -q -n 4 --timeout 180 \
+        --strict-markers --daemon="$PWD/build/$preset/quorsyncd" "$@"
+}
+
+# The sanitizers' builds run beside the release tests, at idle priority: they may not cost the
+# tests the time their heartbeats need.
+start_sanitizer_builds() {
+    sanitizer_log=$(mktemp)
+    setsid chrt --idle 0 /bin/bash -c '. scripts/lib/common.sh; build asan; build tsan' \
+        >"$sanitizer_log" 2>&1 &
+    sanitizer_builds=$!
+}
+
+end_sanitizer_builds() {
+    [ -z "${sanitizer_builds-}" ] || kill -- "-$sanitizer_builds" 2>/dev/null || true
+    rm -f "${sanitizer_log-}"
+}
+trap end_sanitizer_builds EXIT
+
+await_sanitizer_builds() {
+    step "Waiting for the asan and tsan builds"
+    if ! wait "$sanitizer_builds"; then
+        cat "$sanitizer_log" >&2
+        exit 1
+    fi
+    sanitizer_builds=
+}
+
+step "Format"
+/bin/bash scripts/format.sh --check
+step "Building release"
+build release
+unit_tests release
+start_sanitizer_builds
+pair_tests release
+await_sanitizer_builds
+for preset in asan tsan; do
+    unit_tests "$preset"
+    pair_tests "$preset" -m sanitizer
+done
+step "All checks passed"

@@ -1,0 +1,98 @@
+#include "PK_Socket.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+
+#include "log.h"
+#include "tcp.h"
+
+namespace {
+
+constexpr const char* ORIGIN = "src/PK_Socket";
+constexpr int KEEPALIVE_IDLE = 3;
+constexpr int KEEPALIVE_INTERVAL = 1;
+constexpr int KEEPALIVE_COUNT = 3;
+
+// Repeats `transfer` (a send or receive of the bytes from an offset on) until all is done or it
+// fails; the number of bytes done.
+template <typename Transfer>
+int transfer_all(std::int32_t length, Transfer transfer) {
+    std::int32_t done = 0;
+    while (done < length) {
+        const ssize_t result = transfer(done, static_cast<std::size_t>(length - done));
+        if (result > 0) {
+            done += static_cast<std::int32_t>(result);
+        } else if (result == 0 || errno != EINTR) {
+            break;
+        }
+    }
+    return done;
+}
+
+}  // namespace
+
+int PK_Socket::CreateSocket(std::uint32_t nSocketType) {
+    (void)Close();
+    int family = AF_INET;
+    int type = SOCK_STREAM;
+    if (nSocketType == SOCKET_UDP) {
+        type = SOCK_DGRAM;
+    } else if (nSocketType == SOCKET_LOCAL) {
+        family = AF_UNIX;
+    } else if (nSocketType != SOCKET_TCP) {
+        write_log(LOG_ERROR, "nSocketType:%d --%s---%s--%d", static_cast<int>(nSocketType), ORIGIN,
+                  "CreateSocket", __LINE__);
+        return -1;
+    }
+    fd_.reset(socket(family, type | SOCK_CLOEXEC, 0));
+    if (!fd_.valid()) {
+        const int cause = errno;
+        write_log(LOG_ERROR, "socket error:%d --%s---%s--%d", cause, ORIGIN, "CreateSocket",
+                  __LINE__);
+        return cause;
+    }
+    return 0;
+}
+
+int PK_Socket::Connect(const char* ip, std::uint16_t port, std::uint32_t timeout) {
+    if (const int result = CreateSocket(SOCKET_TCP); result != 0) {
+        return result;
+    }
+    (void)TcpSetTimeout(fd_.get(), static_cast<long>(timeout), 0);
+    if (TcpConnectWhole(fd_.get(), inet_addr(ip), port) != 0) {
+        const int cause = errno;
+        (void)Close();
+        return cause;
+    }
+    (void)TcpSetKeepAlive(fd_.get(), true, KEEPALIVE_IDLE, KEEPALIVE_INTERVAL, KEEPALIVE_COUNT);
+    return 0;
+}
+
+int PK_Socket::SendAll(const void* buffer, std::int32_t length) {
+    if (!fd_.valid()) {
+        return -1;
+    }
+    return transfer_all(length, [this, buffer](std::int32_t offset, std::size_t count) {
+        return send(fd_.get(), static_cast<const char*>(buffer) + offset, count, MSG_NOSIGNAL);
+    });
+}
+
+int PK_Socket::RecvAll(void* buffer, std::int32_t length) {
+    if (!fd_.valid()) {
+        return -1;
+    }
+    return transfer_all(length, [this, buffer](std::int32_t offset, std::size_t count) {
+        return recv(fd_.get(), static_cast<char*>(buffer) + offset, count, 0);
+    });
+}
+
+int PK_Socket::Close() {
+    if (fd_.valid()) {
+        (void)shutdown(fd_.get(), SHUT_RDWR);
+        fd_.reset();
+    }
+    return 0;
+}

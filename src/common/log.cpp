@@ -1,0 +1,116 @@
+#include "log.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <string>
+#include <string_view>
+
+#include "SGCLog.h"
+#include "owned.h"
+
+LogSettings log_settings;
+
+namespace {
+
+constexpr std::size_t MESSAGE_SIZE = 4096;
+constexpr std::size_t LINE_SIZE = 5000;  // the longest message, its prefix and a newline
+
+const char* level_word(int level) {
+    constexpr std::array<const char*, 4> WORDS = {"DEBUG ", "INFO ", "ERROR ", "FATAL "};
+    return level >= LOG_DEBUG && level <= LOG_FATAL ? WORDS[static_cast<std::size_t>(level)]
+                                                    : "OTHER ";
+}
+
+std::atomic<bool> debug_log_built = false;
+
+SGCLog& debug_log() {
+    static SGCLog instance;  // built by the first message, under the language's own guard
+    debug_log_built = true;
+    return instance;
+}
+
+std::string daily_file_name(const LogSettings& settings, const std::tm& now) {
+    std::array<char, 64> name{};
+    (void)std::snprintf(name.data(), name.size(), "/%s_%04d_%02d_%02d.log", PROGRAM_NAME,
+                        now.tm_year + 1900, now.tm_mon + 1, now.tm_mday);
+    return std::string(settings.dir, strnlen(settings.dir, sizeof settings.dir)) + name.data();
+}
+
+// Formats the stamped line with its newline into `line`; returns its length.
+std::size_t stamp_line(std::array<char, LINE_SIZE>& line, const std::tm& now, int level,
+                       const char* message) {
+    const int printed =
+        std::snprintf(line.data(), line.size() - 1, "%s:%s %04d-%02d-%02d %02d:%02d:%02d %s:%s",
+                      PROGRAM_NAME, PROGRAM_VERSION, now.tm_year + 1900, now.tm_mon + 1,
+                      now.tm_mday, now.tm_hour, now.tm_min, now.tm_sec, level_word(level), message);
+    std::size_t length = std::min(static_cast<std::size_t>(std::max(printed, 0)), line.size() - 2);
+    // A message that holds a newline anywhere, not only at its end, is written as it stands.
+    if (std::memchr(line.data(), '\n', length) == nullptr) {
+        line[length++] = '\n';
+    }
+    return length;
+}
+
+}  // namespace
+
+int set_log_settings(LogSettings& settings, const char* dir, int level) {
+    if (dir != nullptr) {
+        // As wide as the field: a longer text fills it without a terminator.
+        std::memset(settings.dir, 0, sizeof settings.dir);
+        std::memcpy(settings.dir, dir, strnlen(dir, sizeof settings.dir));
+    }
+    if (level >= LOG_DEBUG && level <= LOG_FATAL) {
+        settings.level = level;
+    }
+    return 0;
+}
+
+int write_log_file(const LogSettings& settings, int level, const char* message) {
+    const int saved_errno = errno;
+    const std::time_t seconds = std::time(nullptr);
+    std::tm now{};
+    localtime_r(&seconds, &now);
+    std::array<char, LINE_SIZE> line;
+    const std::size_t length = stamp_line(line, now, level, message);
+
+    std::fwrite(line.data(), 1, length, stdout);
+    std::fflush(stdout);  // a line must not wait in a buffer for the next one
+
+    // One write in append mode: lines of several threads never mix.
+    const OwnedFd file(open(daily_file_name(settings, now).c_str(),
+                            O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0666));
+    if (file.valid()) {
+        (void)!write(file.get(), line.data(), length);
+    }
+    errno = saved_errno;
+    return 0;
+}
+
+int write_log(int level, const char* format, ...) {
+    const int saved_errno = errno;
+    std::array<char, MESSAGE_SIZE> message;
+    va_list arguments;
+    va_start(arguments, format);
+    (void)std::vsnprintf(message.data(), message.size(), format, arguments);
+    va_end(arguments);
+    debug_log().printDebug(message.data());
+    write_log_file(log_settings, level, message.data());
+    errno = saved_errno;
+    return 0;
+}
+
+void close_logs() {
+    std::fflush(stdout);
+    if (debug_log_built) {
+        debug_log().close();
+    }
+}

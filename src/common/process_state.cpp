@@ -1,0 +1,78 @@
+#include "process_state.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "keys.h"
+#include "log.h"
+#include "owned.h"
+#include "store.h"
+
+char master_ip[32];
+char slave_ip[32];
+std::atomic<int> role;
+std::atomic<int> slave_exit_requested;
+
+namespace {
+
+sigset_t only_sigterm() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGTERM);
+    return set;
+}
+
+}  // namespace
+
+char* format_timestamp(char* buffer, std::size_t size) {
+    const std::time_t seconds = std::time(nullptr);
+    std::tm now{};
+    localtime_r(&seconds, &now);
+    std::memset(buffer, 0, size);
+    (void)std::snprintf(buffer, size, "%04d%02d%02d%02d%02d%02d", now.tm_year + 1900,
+                        now.tm_mon + 1, now.tm_mday, now.tm_hour, now.tm_min, now.tm_sec);
+    return buffer;
+}
+
+void ensure_dsver() {
+    const OwnedText present(db_get_settled(CONFIG_DB, KEY_DSVER));
+    if (!present) {
+        char stamp[20];
+        (void)db_put(CONFIG_DB, KEY_DSVER, format_timestamp(stamp, sizeof stamp));
+    }
+}
+
+void install_signal_handler(int signal_number, void (*handler)(int), int flags) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    action.sa_flags = flags;
+    sigemptyset(&action.sa_mask);
+    if (sigaction(signal_number, &action, nullptr) != 0) {
+        write_log(LOG_ERROR, "sigaction: %s", strerror(errno));
+        end_process(1);
+    }
+}
+
+TermSignalBlocked::TermSignalBlocked() {
+    const sigset_t term = only_sigterm();
+    sigset_t before;
+    (void)pthread_sigmask(SIG_BLOCK, &term, &before);
+    was_blocked_ = sigismember(&before, SIGTERM) == 1;
+}
+
+TermSignalBlocked::~TermSignalBlocked() {
+    if (!was_blocked_) {
+        const sigset_t term = only_sigterm();
+        (void)pthread_sigmask(SIG_UNBLOCK, &term, nullptr);
+    }
+}
+
+void end_process(int status) {
+    close_logs();
+    _exit(status);
+}

@@ -1,0 +1,120 @@
+#include "store_check.h"
+
+#include <db.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <ctime>
+#include <map>
+#include <thread>
+#include <tuple>
+
+#include "store_handle.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto SECOND_LOOK = 20ms;
+constexpr std::uint32_t VERIFY_CACHE = 16U << 20U;  // halves the time on a large file
+constexpr off_t LARGE_FILE = 1 << 20;
+constexpr std::time_t LEFTOVER_SECONDS = 2;
+constexpr auto LEFTOVER_STEP = 100ms;
+constexpr int LEFTOVER_TRIES = 40;  // by then it is old, unless others create it again and again
+constexpr std::size_t MAX_VERDICTS = 64;
+
+// What changes whenever a file's contents do.
+using FileIdentity = std::tuple<dev_t, ino_t, off_t, std::time_t, long>;
+
+FileIdentity identity_of(const struct stat& status) {
+    return {status.st_dev, status.st_ino, status.st_size, status.st_ctim.tv_sec,
+            status.st_ctim.tv_nsec};
+}
+
+// Verdicts "sound" by path. Guarded by its own mutex: the locks of two paths do not exclude each
+// other.
+class Verdicts {
+public:
+    bool known(const std::string& path, const FileIdentity& identity) {
+        const std::lock_guard lock(mutex_);
+        const auto found = sound_.find(path);
+        return found != sound_.end() && found->second == identity;
+    }
+    void keep(const std::string& path, const FileIdentity& identity) {
+        const std::lock_guard lock(mutex_);
+        if (sound_.size() >= MAX_VERDICTS) {
+            sound_.clear();  // addresses from the wire name files: never more than some
+        }
+        sound_[path] = identity;
+    }
+
+private:
+    std::mutex mutex_;
+    std::map<std::string, FileIdentity> sound_;
+};
+
+Verdicts& verdicts() {
+    static Verdicts instance;
+    return instance;
+}
+
+int verify_once(const std::string& path, off_t size) {
+    DB* db = create_handle(size > LARGE_FILE ? VERIFY_CACHE : 0);
+    // verify() closes the handle, whatever its result.
+    return db == nullptr ? ENOMEM : db->verify(db, path.c_str(), nullptr, nullptr, 0);
+}
+
+}  // namespace
+
+int verify_store(const StoreLock& lock) {
+    struct stat before {};
+    if (fstat(lock.fd(), &before) != 0) {
+        return errno;
+    }
+    if (verdicts().known(lock.path(), identity_of(before))) {
+        return 0;
+    }
+    int result = verify_once(lock.path(), before.st_size);
+    if (result != 0) {
+        std::this_thread::sleep_for(SECOND_LOOK);
+        (void)fstat(lock.fd(), &before);
+        result = verify_once(lock.path(), before.st_size);
+    }
+    if (result == 0) {
+        verdicts().keep(lock.path(), identity_of(before));
+    }
+    return result;
+}
+
+bool is_damage(int result) {
+    // EINVAL: not a database of this kind at all.
+    return result == DB_VERIFY_BAD || result == DB_PAGE_NOTFOUND || result == EINVAL;
+}
+
+void keep_verdict(const StoreLock& lock) {
+    struct stat now {};
+    // A small file is verified faster than it is worth trusting beside foreign writers.
+    if (lock.exists() && fstat(lock.fd(), &now) == 0 && now.st_size > LARGE_FILE) {
+        verdicts().keep(lock.path(), identity_of(now));
+    }
+}
+
+void remove_leftover_creation(const std::string& path) {
+    const std::string leftover = creation_of(path);
+    struct stat status {};
+    for (int tries = 0; tries < LEFTOVER_TRIES && stat(leftover.c_str(), &status) == 0; ++tries) {
+        // A clock that was set may have put the file's time into the future: that is old, too.
+        if (std::abs(std::time(nullptr) - status.st_mtime) > LEFTOVER_SECONDS) {
+            (void)unlink(leftover.c_str());
+            return;
+        }
+        std::this_thread::sleep_for(LEFTOVER_STEP);
+    }
+}
+
+std::string creation_of(const std::string& path) {
+    const std::size_t name = path.rfind('/') + 1;
+    return path.substr(0, name) + "__db." + path.substr(name);
+}

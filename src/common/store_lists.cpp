@@ -1,0 +1,120 @@
+// Comma lists and whole-file scans. The daemon itself calls none of them: they belong to the store
+// layer that it shares with the site's other tools.
+#include <algorithm>
+#include <array>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "log.h"
+#include "store.h"
+#include "text.h"
+
+namespace {
+
+constexpr std::size_t MAX_LIST = 4095;  // what the other tools' buffers hold
+constexpr std::size_t MAX_KEY = 127;
+constexpr std::size_t MAX_VALUE = 1023;
+
+// The list under `key`, or nothing when it is absent or empty.
+std::optional<std::string> read_list(const char* path, const char* key) {
+    const OwnedText value(db_get(path, key));
+    if (text_of(value).empty()) {
+        return std::nullopt;
+    }
+    return std::string(text_of(value));
+}
+
+std::string join(const std::vector<std::string_view>& items) {
+    std::string list;
+    for (const std::string_view item : items) {
+        list += list.empty() ? "" : ",";
+        list += item;
+    }
+    return list;
+}
+
+std::string cut(std::string_view text, std::size_t limit) {
+    // A record of another tool may carry its zero byte: as text it ends there.
+    return std::string(text.substr(0, std::min(limit, text.find('\0'))));
+}
+
+}  // namespace
+
+int db_list_index(const char* path, const char* key, const char* item) {
+    const auto list = read_list(path, key);
+    if (!list) {
+        (void)db_put(path, key, item);
+        return -1;
+    }
+    const auto items = split(*list, ',');
+    const auto found = std::find(items.begin(), items.end(), item);
+    return found == items.end() ? -1 : static_cast<int>(found - items.begin()) + 1;
+}
+
+void db_list_remove(const char* path, const char* key, const char* item) {
+    const auto list = read_list(path, key);
+    if (!list) {
+        return;
+    }
+    if (*list == item) {
+        (void)db_del(path, key);
+        return;
+    }
+    auto items = split(*list, ',');
+    std::erase(items, item);
+    const std::string shorter = join(items);
+    if (shorter.size() <= MAX_LIST) {
+        (void)db_put(path, key, shorter.c_str());
+    }
+}
+
+void db_list_add(const char* path, const char* key, const char* item) {
+    const auto list = read_list(path, key);
+    if (!list) {
+        (void)db_put(path, key, item);
+        return;
+    }
+    const auto items = split(*list, ',');
+    const std::string longer = *list + "," + item;
+    if (std::find(items.begin(), items.end(), item) == items.end() && longer.size() <= MAX_LIST) {
+        (void)db_put(path, key, longer.c_str());
+    }
+}
+
+void db_next_numbered(const char* path, const char* key, const char* value) {
+    const std::unique_ptr<Store> store = db_open(path);
+    if (!store) {
+        return;
+    }
+    StoreCursor cursor(*store);
+    std::string_view name;
+    std::string_view data;
+    int largest = 0;
+    bool found = false;
+    while (cursor.next(name, data)) {
+        found = found || cut(name, MAX_KEY) == key;
+        largest = std::max(largest, leading_number(cut(data, MAX_VALUE)));
+    }
+    const std::string_view given(value);
+    const std::size_t separator = given.find('#');
+    if (!found && separator != std::string_view::npos) {
+        const std::string numbered =
+            std::to_string(largest) + "#" + std::string(given.substr(separator + 1));
+        (void)cursor.put_last(key, numbered);
+    }
+}
+
+void db_dump(const char* path) {
+    const std::unique_ptr<Store> store = db_open(path);
+    if (!store) {
+        return;
+    }
+    StoreCursor cursor(*store);
+    std::string_view key;
+    std::string_view value;
+    while (cursor.next(key, value)) {
+        write_log(LOG_INFO, "%s = %s\n", cut(key, MAX_KEY).c_str(), cut(value, MAX_VALUE).c_str());
+    }
+}

@@ -1,0 +1,5 @@
+#include "daemon.h"
+
+int main(int argc, char** argv) {
+    return daemon_main(argc, argv);
+}

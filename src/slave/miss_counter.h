@@ -1,0 +1,53 @@
+// The miss counter: how the slave notices that its master has gone.
+//
+// `bottle` is counted down by the supervisor once per heartbeat period and refilled by the receiver
+// on every answer of the master. Below zero the master counts as gone; above zero it counts as
+// back. The filling is small on purpose: it stands for 6 to 8 seconds after the last answer, and
+// for about 4 seconds after start. Nothing here depends on the wall clock.
+//
+// One System V semaphore guards every change, so that processes on this host that share the
+// counter's key path exclude each other, too. Supervisor and receiver stand on this room; neither
+// knows the other.
+#pragma once
+
+#include <atomic>
+
+inline constexpr int INITIAL_BOTTLE = 2;
+inline constexpr int SLAVE_BEAT_RESET = 3;
+
+inline constexpr int STATUS_STANDBY = 71;   // standing by as slave
+inline constexpr int STATUS_PROMOTED = 75;  // this host has taken over the services
+
+extern std::atomic<int> bottle;
+extern std::atomic<int> status;  // STATUS_*; written by the supervisor only
+
+// What one heartbeat period leads to, tested after the countdown.
+enum class SlaveAction { NONE, PROMOTE, STEP_DOWN };
+SlaveAction next_action(int status_now, int bottle_now);
+
+// Makes the semaphore with value 1 and sets `bottle` and `status` to their start values. When it
+// cannot, logs "failed to initialize semaphore" (LOG_INFO) and ends the process with status 1.
+void init_semaphore();
+
+// One P or V, undone by the system if the process dies in between. 1 on success, else 0 with
+// "semaphore_p failed\n" or "semaphore_v failed" at LOG_INFO. Any thread.
+int semaphore_p();
+int semaphore_v();
+
+// Sets the semaphore to 1. 1, or 0 with "set value failed." at LOG_INFO.
+int semaphore_set_initial();
+
+// Removes the semaphore. For the signal handler: async-signal-safe, logs nothing, keeps errno.
+void semaphore_delete();
+
+// Logs "Failed to delete semaphore\n" (LOG_INFO) if semaphore_delete failed.
+void report_semaphore_delete();
+
+// Takes one off the bottle and deletes the key `dhcp`, which thus outlives a promotion by one
+// period at most. Supervisor thread.
+void count_missed_beat();
+
+// Refills the bottle. Receiver thread. Both try the semaphore until they have it, with
+// "semaphore_p failed." (LOG_INFO) after every failure, but give up once the process is asked to
+// stop: the semaphore is gone then, and every try would fail.
+void reset_bottle();

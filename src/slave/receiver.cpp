@@ -1,0 +1,123 @@
+#include "receiver.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "events.h"
+#include "log.h"
+#include "miss_counter.h"
+#include "owned.h"
+#include "peer_message.h"
+#include "process_state.h"
+#include "record_sink.h"
+#include "sync_trigger.h"
+#include "tcp.h"
+
+namespace {
+
+constexpr int DEAF_STATUS = 11;
+constexpr unsigned DEAF_SECONDS = 3;
+constexpr int CONNECTION_TIMEOUT = 20;  // seconds
+
+// A sender at work is back within this time; then the batch of records stays open.
+constexpr int BATCH_GAP_MILLISECONDS = 50;
+
+// Logs `text` with its origin, gives operators' tools a moment, and ends the process.
+[[noreturn]] void end_deaf(const char* text, int line) {
+    write_log(LOG_ERROR, "%s error:%s --%s--%d", text, strerror(errno), "slave_thread", line);
+    sleep(DEAF_SECONDS);
+    end_process(DEAF_STATUS);
+}
+
+int wake_fd() {
+    static const OwnedFd fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    return fd.get();
+}
+
+// Waits until a connection waits, or wake_receiver was called.
+void wait_for_connection(int listener) {
+    pollfd waits[] = {{listener, POLLIN, 0}, {wake_fd(), POLLIN, 0}};
+    while (poll(waits, 2, -1) < 0 && errno == EINTR) {}
+}
+
+void set_connection_options(int connection) {
+    const int on = 1;
+    (void)setsockopt(connection, IPPROTO_TCP, TCP_CORK, &on, sizeof on);
+    // "Readable" shall mean a whole message, or the end: half of one does not keep a batch open.
+    const int whole = sizeof(PeerMessage);
+    (void)setsockopt(connection, SOL_SOCKET, SO_RCVLOWAT, &whole, sizeof whole);
+}
+
+bool more_to_read(int connection) {
+    pollfd wait{connection, POLLIN, 0};
+    return poll(&wait, 1, BATCH_GAP_MILLISECONDS) > 0;
+}
+
+void act_on(const PeerMessage& message, int connection, RecordSink& sink) {
+    if (message.type == MSG_DATA) {
+        sink.apply_data_record(message.record);
+        return;
+    }
+    sink.close_batch();  // what follows may put another file in the batch's place
+    if (message.type == MSG_BEAT_BACK) {
+        data_sync_trigger(connection, message.record);
+        reset_bottle();
+    } else {
+        (void)post_event(EVENT_ERROR, EVENT_UNKNOWN_TYPE, errno, nullptr);
+    }
+}
+
+void serve_connection(int connection) {
+    RecordSink sink;
+    PeerMessage message;
+    std::memset(&message, 0, sizeof message);
+    if (TcpRecvAll(connection, &message, sizeof message) < 0) {
+        write_log(LOG_ERROR, "recvfrom() error:%s\n", strerror(errno));
+        return;
+    }
+    do {
+        act_on(message, connection, sink);
+        if (sink.has_batch() && !more_to_read(connection)) {
+            sink.close_batch();
+        }
+        std::memset(&message, 0, sizeof message);
+    } while (TcpRecvAll(connection, &message, sizeof message) >= 0);
+}
+
+}  // namespace
+
+void wake_receiver() {
+    (void)eventfd_write(wake_fd(), 1);
+}
+
+void* slave_thread(void* /*argument*/) {
+    const OwnedFd listener(TcpBuildListen("127.0.0.1", PEER_PORT, CONNECTION_TIMEOUT));
+    // Any other port is a failed bind: nobody would ever connect to it.
+    const int cause = errno;
+    if (!listener.valid() || TcpLocalPort(listener.get()) != PEER_PORT) {
+        errno = cause;
+        end_deaf("TcpBuildListen", 237);
+    }
+    while (slave_exit_requested != 1) {
+        wait_for_connection(listener.get());
+        if (slave_exit_requested == 1) {
+            break;
+        }
+        const int connection = TcpSvAccept(listener.get(), CONNECTION_TIMEOUT);
+        if (connection < 0) {
+            end_deaf("TcpSvAccept()", 250);
+        }
+        set_connection_options(connection);
+        serve_connection(connection);
+        (void)TcpClose(connection);
+    }
+    write_log(LOG_INFO, "slave exit line%d\n", 292);
+    return nullptr;
+}

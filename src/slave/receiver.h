@@ -1,0 +1,16 @@
+// The slave's ear: takes the master's connections one at a time and acts on each message.
+#pragma once
+
+// Thread entry; the argument is ignored, the result null. Listens on TCP port 13233 and serves
+// until slave_exit_requested is 1 (looked at between connections; wake_receiver ends the wait for
+// one). A beat back starts the version check and refills the bottle, a record goes to the store,
+// any other message raises event 720010.
+//
+// Logs "recvfrom() error:%s\n" (LOG_ERROR) for a connection without a first message, and "slave
+// exit line%d\n" (LOG_INFO) at the end. Ends the process with status 11, after 3 seconds, when it
+// cannot listen on its port ("TcpBuildListen error:%s --%s--%d") or accept ("TcpSvAccept() error:%s
+// --%s--%d", both LOG_ERROR): a deaf slave would take over beside a healthy master.
+void* slave_thread(void* argument);
+
+// Lets the receiver look at slave_exit_requested. Any thread.
+void wake_receiver();

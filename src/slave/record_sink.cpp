@@ -1,0 +1,80 @@
+#include "record_sink.h"
+
+#include <malloc.h>
+
+#include <cstdint>
+
+#include "keys.h"
+#include "log.h"
+
+namespace {
+
+// Holds 600,000 clients; memory is taken as the file grows, and given back with the batch.
+constexpr std::uint32_t BATCH_CACHE = 256U << 20U;
+
+void store_stamp(const char* key, const std::string& stamp, bool set_failed) {
+    if (set_failed) {
+        write_log(LOG_ERROR, "%s not stored: a record of its set could not be stored", key);
+        return;
+    }
+    (void)db_put(CONFIG_DB, key, stamp.c_str());
+}
+
+}  // namespace
+
+RecordSink::~RecordSink() {
+    close_batch();
+}
+
+void RecordSink::apply_data_record(const DataRecord& record) {
+    const std::string key(field_text(record.key));
+    const std::string value(field_text(record.value));
+    write_log(LOG_INFO, "data %d: %s=%s", static_cast<int>(record.kind), key.c_str(),
+              value.c_str());
+    const bool is_stamp = key == DBVER_KEY;
+    if (record.kind == DATA_KIND_CLIENT && !is_stamp) {
+        put_client(key, value);
+        return;
+    }
+    close_batch();
+    if (record.kind == DATA_KIND_CLIENT) {
+        store_stamp(KEY_CLIENT_VERSION, value, clients_failed_);
+    } else if (record.kind == DATA_KIND_CONFIG && is_stamp) {
+        store_stamp(KEY_CONFIG_VERSION, value, config_failed_);
+    } else if (record.kind == DATA_KIND_CONFIG) {
+        config_failed_ = !db_store(CONFIG_DB, key.c_str(), value.c_str()) || config_failed_;
+    }
+}
+
+void RecordSink::put_client(const std::string& key, const std::string& value) {
+    if (!clients_ && !open_batch()) {
+        clients_failed_ = true;
+        return;
+    }
+    if (const int result = clients_->put(key, value); result != 0) {
+        write_log(LOG_ERROR, "DB->put %s", store_error_text(result));
+        clients_failed_ = true;
+    }
+}
+
+bool RecordSink::open_batch() {
+    clients_ = db_open(CLIENT_DB, BATCH_CACHE);
+    if (clients_ && clients_->damaged()) {
+        // Everything in it comes from the master anyway.
+        clients_.reset();
+        (void)db_replace_empty(CLIENT_DB);
+        clients_ = db_open(CLIENT_DB, BATCH_CACHE);
+    }
+    if (clients_ && !clients_->usable()) {
+        clients_.reset();
+    }
+    return clients_ != nullptr;
+}
+
+void RecordSink::close_batch() {
+    if (clients_) {
+        clients_failed_ = clients_->close() != 0 || clients_failed_;
+        clients_.reset();
+        (void)malloc_trim(0);  // the cache was many small pieces
+    }
+}

@@ -1,0 +1,130 @@
+#include "supervisor.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <optional>
+
+#include "events.h"
+#include "keys.h"
+#include "local_addresses.h"
+#include "log.h"
+#include "miss_counter.h"
+#include "owned.h"
+#include "peer_message.h"
+#include "process_state.h"
+#include "receiver.h"
+#include "resolve.h"
+#include "services.h"
+#include "store.h"
+
+namespace {
+
+constexpr unsigned HEARTBEAT_PERIOD = 2;  // seconds
+
+// The receiver thread, if it could be started.
+std::optional<pthread_t> start_receiver() {
+    const TermSignalBlocked blocked;
+    pthread_t thread{};
+    if (pthread_create(&thread, nullptr, slave_thread, nullptr) != 0) {
+        return std::nullopt;
+    }
+    return thread;
+}
+
+OwnedText own_dsver() {
+    OwnedText dsver(db_get(CONFIG_DB, KEY_DSVER));
+    if (!dsver) {
+        ensure_dsver();
+        dsver.reset(db_get(CONFIG_DB, KEY_DSVER));
+    }
+    return dsver;
+}
+
+void one_period(int fd) {
+    send_heartbeat(fd, master_ip);
+    count_missed_beat();
+    write_log(LOG_DEBUG, "bottle=%d, status=%d", bottle.load(), status.load());
+    switch (next_action(status, bottle)) {
+        case SlaveAction::PROMOTE:
+            become_master();
+            break;
+        case SlaveAction::STEP_DOWN:
+            restore_slave();
+            break;
+        case SlaveAction::NONE:
+            break;
+    }
+}
+
+}  // namespace
+
+void send_heartbeat(int fd, const char* master_address) {
+    // Only a check: the datagram goes to what inet_addr makes of the text.
+    if (!resolve_ipv4(master_address)) {
+        write_log(LOG_ERROR, "gethostname %s error:%s\n", master_address, strerror(errno));
+        return;
+    }
+    char serverip[sizeof HeartbeatBody::serverip] = {};
+    (void)first_local_server_ip(serverip, sizeof serverip);
+    const PeerMessage message = make_heartbeat(serverip, text_of(own_dsver()));
+
+    sockaddr_in master{};
+    master.sin_family = AF_INET;
+    master.sin_addr.s_addr = inet_addr(master_address);
+    master.sin_port = htons(PEER_PORT);
+    if (sendto(fd, &message, sizeof message, MSG_NOSIGNAL,
+               reinterpret_cast<const sockaddr*>(&master), sizeof master) < 0) {
+        write_log(LOG_ERROR, "send data error %s:%d:%s\n", "src/slave", 290, strerror(errno));
+    }
+}
+
+void become_master() {
+    status = STATUS_PROMOTED;
+    (void)post_event(EVENT_NOTICE, EVENT_TOOK_OVER, errno, nullptr);
+    write_log(LOG_INFO, "become a master host");
+    role = ROLE_ACTING_MASTER;
+    (void)start_boot_services();
+}
+
+void restore_slave() {
+    status = STATUS_STANDBY;
+    (void)post_event(EVENT_NOTICE, EVENT_STEPPED_DOWN, errno, nullptr);
+    write_log(LOG_INFO, "restore to be a slave host");
+    role = ROLE_SLAVE;
+    (void)stop_boot_services();
+}
+
+void on_sigterm(int /*signal_number*/) {
+    semaphore_delete();
+    slave_exit_requested = 1;
+}
+
+void run_slave() {
+    init_semaphore();
+    slave_exit_requested = 0;
+    install_signal_handler(SIGTERM, on_sigterm, 0);
+    write_log(LOG_INFO, "start slave process");
+    const std::optional<pthread_t> receiver = start_receiver();
+    OwnedFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!fd.valid()) {
+        write_log(LOG_INFO, "Udp server socket error:%s\n", strerror(errno));
+        return;
+    }
+    while (slave_exit_requested != 1) {
+        one_period(fd.get());
+        sleep(HEARTBEAT_PERIOD);  // cut short by SIGTERM
+    }
+    fd.reset();
+    report_semaphore_delete();
+    wake_receiver();
+    if (receiver) {
+        (void)pthread_join(*receiver, nullptr);
+    }
+}

@@ -1,0 +1,73 @@
+#include "sync_trigger.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "keys.h"
+#include "log.h"
+#include "owned.h"
+#include "process_state.h"
+#include "resolve.h"
+#include "store.h"
+
+namespace {
+
+std::string own_stamp(const char* key) {
+    return std::string(comparable_stamp(text_of(OwnedText(db_get_settled(CONFIG_DB, key)))));
+}
+
+}  // namespace
+
+void clear_client_db() {
+    (void)db_replace_empty(CLIENT_DB);
+}
+
+void data_sync_trigger(int connection, const DataRecord& answer) {
+    const std::string config = own_stamp(KEY_CONFIG_VERSION);
+    const std::string client = own_stamp(KEY_CLIENT_VERSION);
+    const VersionStamps masters = split_stamps(field_text(answer.value));
+    if (!masters.has_separator) {
+        write_log(LOG_ERROR, "master_client_version == NULL !!");
+    }
+    if (masters.config != config) {
+        write_log(LOG_INFO, "start_data_syncd CONFIG");
+        write_log(LOG_INFO, "func:%s line%d config_version:%s,master_config_version:%s\n",
+                  "data_sync_trigger", 97, config.c_str(), masters.config.c_str());
+        start_data_sync(connection, master_ip, DATA_KIND_CONFIG);
+    }
+    if (masters.client != client) {
+        write_log(LOG_INFO, "start_data_syncd CLIENT");
+        clear_client_db();
+        write_log(LOG_INFO, "func:%s line%d client_version:%s, master_client_version:%s\n",
+                  "data_sync_trigger", 105, client.c_str(), masters.client.c_str());
+        start_data_sync(connection, master_ip, DATA_KIND_CLIENT);
+    }
+}
+
+void start_data_sync(int /*connection*/, const char* master_address, std::uint32_t kind) {
+    const PeerMessage message = make_data_request(kind);
+    write_log(LOG_INFO, "func:%s line%d\n", "start_data_sync", 323);
+    const auto address = resolve_ipv4(master_address);
+    if (!address) {
+        write_log(LOG_ERROR, "gethostname %s  error:%s\n", master_address, strerror(errno));
+        return;
+    }
+    const OwnedFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!fd.valid()) {
+        write_log(LOG_INFO, "Udp server socket error:%s\n", strerror(errno));
+        return;
+    }
+    sockaddr_in master{};
+    master.sin_family = AF_INET;
+    master.sin_addr.s_addr = *address;
+    master.sin_port = htons(PEER_PORT);
+    write_log(LOG_INFO, "request data(%d) from %s", static_cast<int>(kind), master_address);
+    if (sendto(fd.get(), &message, sizeof message, MSG_NOSIGNAL,
+               reinterpret_cast<const sockaddr*>(&master), sizeof master) < 0) {
+        write_log(LOG_INFO, "error func:%s line%d\n", "start_data_sync", 343);
+    }
+}

@@ -1,0 +1,21 @@
+// The version check: what a slave asks for when its stamps differ from the master's. A difference
+// always means the whole set; nothing remembers an outstanding request, so each further beat back
+// repeats it until the stamps agree. Receiver thread only.
+#pragma once
+
+#include <cstdint>
+
+#include "peer_message.h"
+
+// Compares the master's stamps in `answer` with the own ones and asks for each set that differs,
+// configuration first. `connection` is not used. Logs "start_data_syncd CONFIG" or "... CLIENT" and
+// a line with both stamps (LOG_INFO), and "master_client_version == NULL !!" (LOG_ERROR).
+void data_sync_trigger(int connection, const DataRecord& answer);
+
+// Sends a data request for `kind` to `master_address`. `connection` is not used. A failure is
+// logged, and the next beat back makes the request again: "gethostname %s  error:%s\n" (LOG_ERROR),
+// "Udp server socket error:%s\n", "error func:%s line%d\n" (LOG_INFO).
+void start_data_sync(int connection, const char* master_address, std::uint32_t kind);
+
+// Empties client.db, so that the records that follow rebuild it from scratch.
+void clear_client_db();

@@ -1,0 +1,102 @@
+#include "daemon.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "events.h"
+#include "keys.h"
+#include "log.h"
+#include "master.h"
+#include "process_state.h"
+#include "role.h"
+#include "store.h"
+#include "supervisor.h"
+
+namespace log4cplus {
+void shutdownThreadPool();  // exported by the library, though in none of its headers
+}
+
+namespace {
+
+constexpr const char* ERROR_FILE = "/var/log/qudpserver.err";
+constexpr unsigned IDLE_SECONDS = 100;
+
+[[noreturn]] void idle() {
+    for (;;) {
+        sleep(IDLE_SECONDS);
+    }
+}
+
+// Gives the process its own output file. Where that cannot be opened, /dev/null takes its place: a
+// database opened under one of the three numbers would have log lines written into it.
+void redirect_standard_descriptors() {
+    const int fd = open(ERROR_FILE, O_WRONLY | O_CREAT, 0700);
+    if (fd >= 0 && fd != STDOUT_FILENO) {
+        (void)dup2(fd, STDOUT_FILENO);
+    }
+    if (fd >= 0 && fd != STDERR_FILENO) {
+        (void)dup2(fd, STDERR_FILENO);
+    }
+    int filler = -1;
+    do {
+        filler = open("/dev/null", O_RDWR);
+    } while (filler >= 0 && filler <= STDERR_FILENO);
+    if (filler >= 0) {
+        (void)close(filler);
+    }
+}
+
+void detach() {
+    close_logs();  // of a foreground run before: its descriptors are closed below
+    const pid_t child = fork();
+    if (child < 0) {
+        _exit(255);
+    }
+    if (child > 0) {
+        _exit(0);
+    }
+    closefrom(0);
+    (void)setsid();
+    redirect_standard_descriptors();
+    (void)!chdir("/");
+}
+
+}  // namespace
+
+int daemon_main(int argc, char** /*argv*/) {
+    // The library starts threads before main. They would not live on in the detached child, and the
+    // library waits for them when the process exits.
+    log4cplus::shutdownThreadPool();
+    if (argc == 2) {
+        (void)run_daemon();
+    }
+    detach();
+    (void)run_daemon();
+    return 0;
+}
+
+int run_daemon() {
+    (void)!chdir("/");
+    std::memset(master_ip, 0, sizeof master_ip);
+    std::memset(slave_ip, 0, sizeof slave_ip);
+    role = determine_role();
+    write_log(LOG_INFO, "quorsyncd start,master_ip:%s,slave_ip:%s", master_ip, slave_ip);
+    ensure_dsver();
+    if (role == ROLE_MASTER) {
+        write_log(LOG_INFO, "quorsyncd_role:master");
+        start_master();
+        idle();
+    }
+    if (role == ROLE_SLAVE) {
+        write_log(LOG_INFO, "quorsyncd_role:slave");
+        (void)db_del(CONFIG_DB, KEY_DHCP);
+        run_slave();
+        idle();
+    }
+    (void)post_event(EVENT_ERROR, EVENT_ROLE_FAILED, errno, nullptr);
+    write_log(LOG_ERROR, "INIT ROLE FAILED.");
+    return -1;
+}

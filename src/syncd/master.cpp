@@ -1,0 +1,137 @@
+#include "master.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+#include <new>
+
+#include "keys.h"
+#include "log.h"
+#include "owned.h"
+#include "peer_message.h"
+#include "process_state.h"
+#include "push.h"
+#include "store.h"
+#include "sync_jobs.h"
+#include "tcp.h"
+
+std::unique_ptr<PK_SyncServer<PSYNCQUEUEARG>> m_SyncServer;
+
+namespace {
+
+constexpr const char* ORIGIN = "src/syncd";
+constexpr int ANSWER_TIMEOUT = 20;  // seconds
+
+// Binds the master's port. SO_REUSEADDR is cleared afterwards: two sockets that both have it share
+// a UDP port, and a second master would go unnoticed.
+int bind_peer_port(int fd) {
+    int reuse = 1;
+    (void)setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
+    sockaddr_in local{};
+    local.sin_family = AF_INET;
+    local.sin_addr.s_addr = htonl(INADDR_ANY);
+    local.sin_port = htons(PEER_PORT);
+    if (bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof local) != 0) {
+        return -1;
+    }
+    reuse = 0;
+    (void)setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
+    return 0;
+}
+
+OwnedFd open_peer_socket() {
+    OwnedFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!fd.valid()) {
+        write_log(LOG_INFO, "Udp server socket error:%s\n", strerror(errno));
+        end_process(1);
+    }
+    if (bind_peer_port(fd.get()) != 0) {
+        write_log(LOG_INFO, "Bind error:%s\n", strerror(errno));
+        end_process(1);
+    }
+    return fd;
+}
+
+bool start_work_server() {
+    m_SyncServer.reset(new (std::nothrow) PK_SyncServer<PSYNCQUEUEARG>);
+    if (!m_SyncServer) {
+        write_log(LOG_ERROR, "new PK_SyncServer<PSYNCQUEUEARG>:%s --%s--%d", strerror(errno),
+                  ORIGIN, __LINE__);
+        return false;
+    }
+    if (m_SyncServer->Start() != 0) {
+        write_log(LOG_ERROR, "m_SyncServer->Start --%s--%d", ORIGIN, __LINE__);
+        (void)m_SyncServer->Stop();
+        m_SyncServer.reset();
+        return false;
+    }
+    return true;
+}
+
+// Answers one datagram over a connection of its own; whoever sent it is answered.
+void answer(const PeerMessage& message, const sockaddr_in& sender) {
+    if (message.type == MSG_HEARTBEAT) {
+        check_server_dsver(message.heartbeat);
+    }
+    const int connection = TcpConnectSv(sender.sin_addr.s_addr, PEER_PORT, ANSWER_TIMEOUT);
+    if (connection <= 0) {
+        const char* cause = strerror(errno);
+        const OwnedText ip(ip_to_string(sender.sin_addr.s_addr));
+        write_log(LOG_ERROR, "TcpConnectSv error:%s ip:%s --%s--%d", cause, ip.get(),
+                  "start_master", __LINE__);
+    }
+    if (message.type == MSG_DATA_REQUEST) {
+        push_master_data(connection, sender, message.record);
+    } else if (message.type == MSG_HEARTBEAT) {
+        send_beat_back(connection, sender);
+    } else {
+        write_log(LOG_ERROR, "unknow udp package.");
+    }
+    (void)TcpClose(connection);
+}
+
+// Serves until a receive fails or the process is asked to stop.
+void serve(int fd) {
+    sockaddr_in sender{};
+    socklen_t length = sizeof sender;
+    while (slave_exit_requested != 1) {
+        PeerMessage message;
+        std::memset(&message, 0, sizeof message);
+        if (recvfrom(fd, &message, sizeof message, 0, reinterpret_cast<sockaddr*>(&sender),
+                     &length) < 0) {
+            write_log(LOG_ERROR, "recvfrom() error:%s\n", strerror(errno));
+            return;
+        }
+        answer(message, sender);
+    }
+}
+
+}  // namespace
+
+void send_beat_back(int connection, const sockaddr_in& sender) {
+    const auto stamp_or_null = [](const OwnedText& stamp) {
+        return stamp ? std::string_view(stamp.get()) : std::string_view("null");
+    };
+    const OwnedText config(db_get_settled(CONFIG_DB, KEY_CONFIG_VERSION));
+    const OwnedText client(db_get_settled(CONFIG_DB, KEY_CLIENT_VERSION));
+    const PeerMessage message = make_beat_back(stamp_or_null(config), stamp_or_null(client));
+    const OwnedText ip(ip_to_string(sender.sin_addr.s_addr));
+    if (ip) {
+        write_log(LOG_DEBUG, "beat back to %s :%s", ip.get(), message.record.value);
+    }
+    if (TcpSendAll(connection, &message, sizeof message) != 0) {
+        write_log(LOG_ERROR, "sendto error:%s\n", strerror(errno));
+    }
+}
+
+void start_master() {
+    write_log(LOG_INFO, "start master process......");
+    OwnedFd fd = open_peer_socket();
+    slave_exit_requested = 0;
+    if (!start_work_server()) {
+        (void)fd.release();  // stays bound: no second master may start beside a broken one
+        return;
+    }
+    serve(fd.get());
+}

@@ -1,0 +1,93 @@
+#include "sync_jobs.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string>
+
+#include "PK_Request_Client.h"
+#include "copy_in_place.h"
+#include "keys.h"
+#include "log.h"
+#include "master.h"
+#include "owned.h"
+#include "services.h"
+#include "store.h"
+
+namespace {
+
+constexpr const char* ORIGIN = "src/syncd";
+constexpr const char* DOWNLOAD = "/tmp/SyncDbFile.db";
+
+std::string copy_path(const std::string& serverip) {
+    char path[128];
+    (void)std::snprintf(path, sizeof path, SERVER_DB_FORMAT, serverip.c_str());
+    return path;
+}
+
+// The text comes from the wire and names a file: nothing but an address may get through.
+bool names_a_server(const std::string& serverip) {
+    return serverip.find_first_not_of("0123456789.") == std::string::npos;
+}
+
+}  // namespace
+
+void check_server_dsver(const HeartbeatBody& heartbeat) {
+    const std::string serverip(field_text(heartbeat.serverip));
+    const std::string dsver(field_text(heartbeat.dsver));
+    write_log(LOG_DEBUG, "serverip:%s dsver:%s", serverip.c_str(), dsver.c_str());
+    if (dsver.empty()) {
+        return;
+    }
+    if (!names_a_server(serverip)) {
+        write_log(LOG_ERROR, "serverip %s is no address, ignored", serverip.c_str());
+        return;
+    }
+    const OwnedText stored(db_get(copy_path(serverip).c_str(), KEY_DSVER));
+    if (!stored || dsver != stored.get()) {
+        add_to_sync_config_db(serverip.c_str());
+    }
+}
+
+void add_to_sync_config_db(const char* server) {
+    if (server == nullptr) {
+        return;
+    }
+    std::unique_ptr<tag_SyncQueueArg> arg(new (std::nothrow) tag_SyncQueueArg());
+    if (!arg) {
+        return;
+    }
+    write_log(LOG_INFO, "serverip:%s --%s--%d", server, "add_to_sync_config_db", __LINE__);
+    arg->op = SYNC_OP_GET_DB;
+    std::memcpy(arg->server, server, strnlen(server, sizeof arg->server));
+    if (m_SyncServer && m_SyncServer->AddSyncWork(arg.get(), SyncQueueProcessor) == 0) {
+        (void)arg.release();  // the job's now
+    }
+}
+
+int SyncQueueProcessor(PSYNCQUEUEARG arg) {
+    const std::unique_ptr<tag_SyncQueueArg> owned(arg);
+    if (arg == nullptr) {
+        return 0;
+    }
+    write_log(LOG_INFO, "Arg->op:%d --%s--%d", static_cast<int>(arg->op), "SyncQueueProcessor",
+              __LINE__);
+    const std::string server(field_text(arg->server));
+    if (arg->op != SYNC_OP_GET_DB || server.empty()) {
+        return 0;
+    }
+    (void)unlink(DOWNLOAD);
+    PK_Request_Client client;
+    const int result = GetServerFile(client, server.c_str(), CONFIG_DB, DOWNLOAD);
+    if (result != 0) {
+        write_log(LOG_ERROR, "Client.GetServerFile nRet:%d --%s--%d", result, ORIGIN, __LINE__);
+        return result;
+    }
+    (void)client.Close();
+    (void)put_copy_in_place(DOWNLOAD, copy_path(server));
+    refresh_dhcp();
+    return 0;
+}

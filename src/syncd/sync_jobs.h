@@ -1,0 +1,27 @@
+// The master's copies of the other servers' config.db: when one is out of date, a job fetches it in
+// the background, puts it in place and has the DHCP wrapper reload.
+//
+// Nothing remembers that a fetch is queued or running: while the stamps differ, every heartbeat
+// queues one more job. Repeats are harmless, and the first heartbeat after a successful fetch ends
+// them.
+#pragma once
+
+#include "peer_message.h"
+#include "sync_queue_arg.h"
+
+// The one operation of a job.
+inline constexpr std::uint32_t SYNC_OP_GET_DB = 256;
+
+// Queues a fetch when the heartbeat's stamp differs from that of the stored copy of its sender, or
+// there is none. Main thread of the master. Logs "serverip:%s dsver:%s" (LOG_DEBUG); a serverip
+// that is no dotted address is refused with a line at LOG_ERROR.
+void check_server_dsver(const HeartbeatBody& heartbeat);
+
+// Queues a fetch from `server` (dotted; null does nothing). A refused job is dropped; the next
+// heartbeat queues another one. Main thread of the master. Logs "serverip:%s --%s--%d" (LOG_INFO).
+void add_to_sync_config_db(const char* server);
+
+// The job: fetches the server's config.db and puts it in place. Owns and releases `arg`. 0 when
+// done or nothing is to do, else GetServerFile's result, and the old copy stays. Worker thread.
+// Logs "Arg->op:%d --%s--%d" (LOG_INFO) and "Client.GetServerFile nRet:%d --%s--%d" (LOG_ERROR).
+int SyncQueueProcessor(PSYNCQUEUEARG arg);
