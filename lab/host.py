@@ -1,0 +1,331 @@
+"""One host of the lab: programs, stores, logs, boot services and its line."""
+
+import itertools
+import os
+import re
+import socket
+import subprocess
+from collections.abc import Mapping, Sequence
+from pathlib import Path
+from typing import Protocol, TypeVar
+
+from .logs import LogLine, LogMark, Logs, parse
+from .namespaces import Namespaces, Process
+from .network import Fault, Switch
+from .services import Call, Event, Stubs
+from .store import MACHINE, Store, StoreWorker
+from .wait import LabError, wait_until
+
+DETACH_SECONDS = 20.0
+EVIDENCE_LINES = 60
+COMM_LENGTH = 15
+
+
+class HasFileno(Protocol):
+    """A file, a socket."""
+
+    def fileno(self) -> int: ...
+
+
+Stream = int | HasFileno | None
+P = TypeVar("P", bound=Process)
+
+
+class Daemon(Process):
+    """A running quorsyncd: the daemon itself, also where it detached itself from its launcher.
+
+    `output` holds what went to standard output and error: a file of the lab for the foreground
+    form, for the detached form the error file that the daemon opens itself. `launcher_status`
+    is how the launcher of the detached form ended.
+    """
+
+    output: Path
+    launcher_status: int | None = None
+
+    def output_text(self) -> str:
+        try:
+            return self.output.read_bytes().decode(errors="replace")
+        except (FileNotFoundError, IsADirectoryError):
+            return ""
+
+    def output_lines(self) -> list[LogLine]:
+        """The log lines among the output."""
+        return parse(self.output_text())
+
+
+class Host:
+    """Made by Lab.add_hosts. Paths given to its methods are paths inside the host."""
+
+    def __init__(self, inside: Namespaces, switch: Switch, port: str, address: str) -> None:
+        self.name = inside.name
+        self.address = address
+        self.daemons: list[Daemon] = []
+        self._inside = inside
+        self._switch = switch
+        self._port = port
+        self._numbers = itertools.count(1)
+
+    def set_up(self, prefix_length: int) -> None:
+        """The second half of making a host, once its init is ready."""
+        self._switch.plug(self._port, self._inside)
+        self.run(
+            ["/usr/sbin/ip", "-batch", "-"],
+            input=f"link set lo up\naddr add {self.address}/{prefix_length} dev eth0\n"
+            "link set eth0 up\n".encode(),
+            check=True,
+        )
+        self.stubs = Stubs(self.root)
+        self.logs = Logs(self.root)
+        self._worker = StoreWorker(self)
+        self._worker.start()
+        self.config = self.store("config.db")
+        self.client = self.store("client.db")
+
+    @property
+    def root(self) -> Path:
+        """The host's file tree as a path on the machine. Absolute links in it lead astray."""
+        return self._inside.root
+
+    @property
+    def enter_command(self) -> str:
+        """What an operator types to get a shell in the host."""
+        return (
+            f"/usr/bin/nsenter --target {self._inside.pid} --all --root --wd "
+            f"/usr/bin/env -i TERM=$TERM PS1='{self.name}# ' /bin/sh"
+        )
+
+    # Programs
+
+    def popen(
+        self,
+        argv: Sequence[str],
+        stdin: Stream = None,
+        stdout: Stream = None,
+        stderr: Stream = None,
+        env: Mapping[str, str] | None = None,
+    ) -> Process:
+        """Start a program (absolute path). Streams not given are /dev/null."""
+        return self._popen(Process, argv, (stdin, stdout, stderr), env)
+
+    def _popen(
+        self,
+        kind: type[P],
+        argv: Sequence[str],
+        streams: tuple[Stream, Stream, Stream],
+        env: Mapping[str, str] | None,
+    ) -> P:
+        null = os.open("/dev/null", os.O_RDWR)
+        try:
+            numbers = [
+                null if stream is None else stream if isinstance(stream, int) else stream.fileno()
+                for stream in streams
+            ]
+            return self._inside.spawn(kind, argv, numbers, env)
+        finally:
+            os.close(null)
+
+    def run(
+        self,
+        argv: Sequence[str],
+        input: bytes = b"",
+        timeout: float = 60.0,
+        check: bool = False,
+        env: Mapping[str, str] | None = None,
+    ) -> subprocess.CompletedProcess[bytes]:
+        """Run a program to its end. Output goes through memory files, so that a process it
+        leaves behind cannot hold the caller up."""
+        with (
+            os.fdopen(os.memfd_create("stdin"), "w+b") as given,
+            os.fdopen(os.memfd_create("stdout"), "w+b") as out,
+            os.fdopen(os.memfd_create("stderr"), "w+b") as err,
+        ):
+            given.write(input)
+            given.seek(0)
+            process = self.popen(argv, given, out, err, env)
+            try:
+                status = process.wait(timeout)
+            except LabError:
+                process.kill()
+                raise
+            out.seek(0)
+            err.seek(0)
+            done = subprocess.CompletedProcess(list(argv), status, out.read(), err.read())
+        if check and status != 0:
+            raise LabError(f"{self.name}: {' '.join(argv)}: {done.stderr.decode().strip()}")
+        return done
+
+    def shell(self, command: str, timeout: float = 60.0, check: bool = True) -> str:
+        """Run a shell command and return its output; LabError if it fails."""
+        done = self.run(["/bin/sh", "-c", command], timeout=timeout, check=check)
+        return done.stdout.decode(errors="replace")
+
+    def expose(self, path: str | Path) -> str:
+        """Make a file of the machine appear in here, read only, under the same absolute path.
+
+        The same path inside and outside is what symbolizers and debuggers need.
+        """
+        real = os.path.realpath(path)
+        inner = self.root / real.lstrip("/")
+        if not os.path.isfile(real):
+            raise LabError(f"there is no file {real}")
+        if inner.exists():
+            if os.path.samestat(inner.stat(), os.stat(real)):
+                return real
+            self.run(["/usr/bin/umount", "--lazy", real])  # It was rebuilt meanwhile.
+        inner.parent.mkdir(parents=True, exist_ok=True)
+        inner.touch()
+        self.run(["/usr/bin/mount", "--bind", MACHINE + real, real], check=True)
+        return real
+
+    def start_daemon(
+        self,
+        executable: str | Path,
+        foreground: bool = True,
+        env: Mapping[str, str] | None = None,
+        wrapper: Sequence[str] = (),
+        arguments: Sequence[str] | None = None,
+    ) -> Daemon:
+        """Start a daemon of the machine in here.
+
+        The foreground form gets one argument and is a child of the init. The detached form gets
+        none; its launcher is waited for and the daemon it left behind is found. `wrapper` is put
+        in front of the command, for example ["/usr/bin/setarch", "-R"]. `arguments` replaces the
+        usual ones.
+        """
+        path = self.expose(executable)
+        if arguments is None:
+            arguments = ["foreground"] if foreground else []
+        argv = [*wrapper, path, *arguments]
+        output = self.root / f"lab/out/{next(self._numbers)}.out"
+        with output.open("ab") as file:
+            daemon = self._popen(Daemon, argv, (None, file, file), env)
+        daemon.output = output
+        if not foreground:
+            daemon = self._find_detached(path, daemon)
+        self.daemons.append(daemon)
+        return daemon
+
+    def _find_detached(self, path: str, launcher: Daemon) -> Daemon:
+        status = launcher.wait(DETACH_SECONDS)
+        name = os.path.basename(path)[:COMM_LENGTH]
+
+        def find() -> Daemon | None:
+            try:
+                return self._inside.adopt(Daemon, name, launcher.pid, launcher.argv)
+            except LabError:
+                return None
+
+        daemon = wait_until(find, DETACH_SECONDS, f"the detached {name} of {self.name}")
+        assert daemon is not None
+        daemon.launcher_status = status
+        daemon.output = self.root / "var/log/qudpserver.err"
+        return daemon
+
+    def processes(self) -> list[tuple[int, int, int, str]]:
+        """(pid, ppid, session, name) of every process in here."""
+        found = []
+        for entry in os.listdir(self.root / "proc"):
+            if entry.isdigit():
+                try:
+                    text = (self.root / "proc" / entry / "stat").read_text(errors="replace")
+                except (FileNotFoundError, ProcessLookupError):
+                    continue
+                head, _, tail = text.rpartition(") ")
+                fields = tail.split()
+                name = head.partition("(")[2]
+                if fields[0] not in "ZX":
+                    found.append((int(entry), int(fields[1]), int(fields[3]), name))
+        return sorted(found)
+
+    # Boot services
+
+    def service_pids(self, name: str) -> list[int]:
+        """Background processes of a service; the calls that start one do not count."""
+        return [pid for pid, _, session, comm in self.processes() if (pid, name) == (session, comm)]
+
+    def service_running(self, name: str) -> bool:
+        return bool(self.service_pids(name))
+
+    def calls(self, name: str | None = None) -> list[Call]:
+        return self.stubs.calls(name)
+
+    def events(self, code: int | None = None) -> list[Event]:
+        return self.stubs.events(code)
+
+    # The line
+
+    def cut(
+        self, direction: str = "both", peer: "Host | None" = None, share: float = 1.0
+    ) -> None:
+        """Lose what comes in, what goes out, or both, to and from one host or all.
+
+        `share` below 1 loses that part of the frames at random. The sender notices nothing. A line
+        that is cut both ways is dead as a pulled cable, so that after a while connecting fails
+        for want of an ARP answer. One that is cut one way still carries ARP: otherwise the other
+        way would soon be dead, too.
+        """
+        if direction not in ("both", "in", "out"):
+            raise ValueError(f"direction {direction!r} is not both, in or out")
+        other = peer._port if peer else None
+        all_frames = direction == "both"
+        outward = Fault(self._port, other, share, all_frames)
+        inward = Fault(other, self._port, share, all_frames)
+        faults = {"both": [outward, inward], "out": [outward], "in": [inward]}
+        self._switch.add_faults(faults[direction])
+
+    def heal(self) -> None:
+        """End every cut of this host's line."""
+        self._switch.heal(self._port)
+
+    def open_socket(self, kind: int = socket.SOCK_STREAM) -> socket.socket:
+        """An IPv4 socket in this host's network, for a peer played by the caller."""
+        return self._inside.open_socket(kind)
+
+    # Stores and logs
+
+    def store(self, name: str) -> Store:
+        """A database file of /etc/quoradmind, or any other by its absolute path."""
+        path = name if name.startswith("/") else f"/etc/quoradmind/{name}"
+        return Store(self._worker, self.name, self.root, path)
+
+    def log_mark(self) -> LogMark:
+        return self.logs.mark()
+
+    def log_lines(self, after: LogMark | None = None) -> list[LogLine]:
+        return self.logs.lines(after)
+
+    def find_log(
+        self, pattern: str | re.Pattern[str], after: LogMark | None = None
+    ) -> list[LogLine]:
+        """Lines that contain the text, or in which the compiled expression is found."""
+        return self.logs.find(pattern, after)
+
+    def wait_log(
+        self,
+        pattern: str | re.Pattern[str],
+        timeout: float = 20.0,
+        after: LogMark | None = None,
+    ) -> LogLine:
+        """Wait for a line behind the mark (or any line) and return it."""
+        return self.logs.wait(pattern, timeout, after, self.name)
+
+    def evidence(self) -> str:
+        """What a reader of a failed test wants to see of this host."""
+        text = [f"===== {self.name} {self.address}", "--- last log lines"]
+        text += [str(line) for line in self.log_lines()[-EVIDENCE_LINES:]]
+        for daemon in self.daemons:
+            status = daemon.poll()
+            state = "runs" if status is None else f"ended with {status}"
+            text.append(f"--- output of {' '.join(daemon.argv)} (pid {daemon.pid}, {state})")
+            text += daemon.output_text().splitlines()[-EVIDENCE_LINES:]
+        text.append("--- calls of the stubs")
+        text += [f"{call.monotonic:.3f} {' '.join(call.argv)}" for call in self.calls()]
+        text.append("--- processes")
+        text.append(self.shell("/usr/bin/ps -eo pid,ppid,stat,etimes,args", check=False))
+        return "\n".join(text)
+
+    def begin_close(self) -> None:
+        self._inside.begin_close()
+
+    def close(self) -> None:
+        self._inside.close()

@@ -1,0 +1,97 @@
+"""The switch between the hosts, and the faults of its lines."""
+
+import subprocess
+import threading
+from collections.abc import Sequence
+from dataclasses import dataclass
+
+from .namespaces import Namespaces
+from .wait import LabError
+
+TABLE = "table bridge faults"
+
+
+@dataclass(frozen=True)
+class Fault:
+    """Frames from one port to another get lost; None stands for every port.
+
+    `share` is the part of them that does. Without `all_frames` only IPv4 gets lost.
+    """
+
+    source: str | None
+    target: str | None
+    share: float
+    all_frames: bool
+
+    def rule(self) -> str:
+        words = []
+        if self.source:
+            words.append(f'iifname "{self.source}"')
+        if self.target:
+            words.append(f'oifname "{self.target}"')
+        if not self.all_frames:
+            words.append("ether type ip")
+        if self.share < 1.0:
+            words.append(f"numgen random mod 1000 < {round(self.share * 1000)}")
+        return " ".join([*words, "drop"])
+
+
+class Switch:
+    """A bridge in a network namespace of its own, one port per host.
+
+    Faults are made here and not in the hosts, as frames that the bridge does not forward: the
+    sender notices nothing, as with a real line, whereas a packet dropped in the sender's own
+    namespace makes its send fail with EPERM.
+    """
+
+    def __init__(self) -> None:
+        self._inside = Namespaces("switch", files=False)
+        self._faults: list[Fault] = []
+        self._lock = threading.Lock()
+
+    def wait_ready(self) -> None:
+        self._inside.wait_ready()
+        self._run("/usr/sbin/ip", "-batch", "-", text="link add br0 type bridge\nlink set br0 up\n")
+
+    def _run(self, *argv: str, text: str) -> None:
+        """Run a tool of the machine in the switch's network namespace."""
+        done = subprocess.run(
+            ["/usr/bin/nsenter", f"--net=/proc/{self._inside.pid}/ns/net", *argv],
+            input=text,
+            capture_output=True,
+            text=True,
+            check=False,
+        )
+        if done.returncode != 0:
+            raise LabError(f"{argv[0]}: {done.stderr.strip()}")
+
+    def plug(self, port: str, host: Namespaces) -> None:
+        """Lay a line from a new port to the host's eth0; no end is ever in another namespace."""
+        text = (
+            f"link add {port} type veth peer name eth0 netns {host.pid}\n"
+            f"link set {port} master br0 up\n"
+        )
+        self._run("/usr/sbin/ip", "-batch", "-", text=text)
+
+    def add_faults(self, faults: Sequence[Fault]) -> None:
+        with self._lock:
+            self._apply([*self._faults, *faults])
+
+    def heal(self, port: str) -> None:
+        """Remove every fault that the port takes part in."""
+        with self._lock:
+            self._apply([f for f in self._faults if port not in (f.source, f.target)])
+
+    def _apply(self, faults: list[Fault]) -> None:
+        """Exchange all rules in one transaction."""
+        rules = "\n".join(fault.rule() for fault in faults)
+        chain = f"chain lines {{\ntype filter hook forward priority 0\n{rules}\n}}"
+        text = f"{TABLE}\ndelete {TABLE}\n{TABLE} {{\n{chain}\n}}\n"
+        self._run("/usr/sbin/nft", "-f", "-", text=text)
+        self._faults = faults
+
+    def begin_close(self) -> None:
+        self._inside.begin_close()
+
+    def close(self) -> None:
+        self._inside.close()

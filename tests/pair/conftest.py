@@ -1,0 +1,121 @@
+"""Fixtures of the pair tests: pairs of real daemons that a failing test leaves evidence of."""
+
+import os
+import re
+import sys
+from contextlib import ExitStack
+from pathlib import Path
+
+import pytest
+
+ROOT = Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(ROOT))
+
+import lab  # noqa: E402
+
+ABSENT = "10.77.0.250"
+LABS = pytest.StashKey[list]()
+SANITIZER_REPORT = re.compile(r"(Address|Thread|Leak|UndefinedBehavior)Sanitizer|runtime error:")
+
+
+def pytest_configure(config):
+    config.addinivalue_line(
+        "markers", "sanitizer: runs under the sanitizers, too; nothing in it depends on speed"
+    )
+
+
+def pytest_addoption(parser):
+    parser.addoption(
+        "--daemon",
+        default=str(ROOT / "build/release/quorsyncd"),
+        help="the quorsyncd to test (default: %(default)s)",
+    )
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item, call):
+    """Add what the hosts look like to the report, while they still exist."""
+    report = (yield).get_result()
+    if report.failed:
+        for each in item.stash.get(LABS, []):
+            try:
+                report.sections.append(("evidence", each.evidence()))
+            except (lab.LabError, OSError) as error:
+                report.sections.append(("evidence", f"cannot be had: {error}"))
+
+
+@pytest.fixture
+def daemon_path(request):
+    """The executable under test."""
+    path = Path(request.config.getoption("--daemon")).resolve()
+    if not path.exists():
+        pytest.fail(f"there is no {path}: build it or name another with --daemon")
+    return path
+
+
+@pytest.fixture
+def daemon_env():
+    """The settings of the sanitizers: a host passes nothing on by itself."""
+    return {name: text for name, text in os.environ.items() if name.endswith("SAN_OPTIONS")}
+
+
+def assert_no_sanitizer_report(room):
+    for host in getattr(room, "lab", room).hosts:
+        for daemon in host.daemons:
+            text = daemon.output_text()
+            assert not SANITIZER_REPORT.search(text), f"{host.name}:\n{text[-20000:]}"
+
+
+@pytest.fixture
+def _rooms(request):
+    """Closes what a test opened, and remembers it for the evidence."""
+    request.node.stash[LABS] = []
+    with ExitStack() as stack:
+
+        def open_room(room):
+            request.node.stash[LABS].append(room)
+            return stack.enter_context(room)
+
+        yield open_room
+        for room in request.node.stash[LABS]:
+            assert_no_sanitizer_report(room)
+
+
+@pytest.fixture
+def lab_room(_rooms):
+    """An empty lab."""
+    return _rooms(lab.Lab())
+
+
+@pytest.fixture
+def run_daemon(daemon_path, daemon_env):
+    """Starts the daemon in a host; the options are those of Host.start_daemon."""
+    return lambda host, **options: host.start_daemon(daemon_path, env=daemon_env, **options)
+
+
+@pytest.fixture
+def pair_factory(_rooms, daemon_path, daemon_env):
+    """Makes pairs (not started); the arguments are those of lab.Pair after the executable."""
+    return lambda **options: _rooms(lab.Pair(daemon_path, env=daemon_env, **options))
+
+
+@pytest.fixture
+def lonely_slaves(lab_room):
+    """Makes hosts that are slaves of a master that is not there."""
+
+    def make(*names):
+        hosts = lab_room.add_hosts(names)
+        for host in hosts:
+            servers = f"{ABSENT},{host.address}"
+            host.config.fill({"ha": "enable", "server_list": servers, "master": ABSENT})
+        return hosts
+
+    return make
+
+
+@pytest.fixture
+def pair(pair_factory):
+    """A running pair with a few boot clients."""
+    fresh = pair_factory(clients=lab.realistic_clients(20))
+    fresh.start()
+    return fresh
