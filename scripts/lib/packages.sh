@@ -1,11 +1,11 @@
 # Debian packages by purpose. Sourced by the verbs; install_packages is all they call.
 
 declare -A packages=(
-    [build]="cmake g++ libdb5.3-dev libfmt-dev libgmock-dev libgtest-dev libjson-c-dev
-             liblog4cplus-dev ninja-build"
-    [lab]="iproute2 mount nftables procps psmisc python3 python3-bsddb3 util-linux"
+    [build]="cmake g++ libcli11-dev libdb5.3-dev libfmt-dev libgmock-dev libgtest-dev
+             libjson-c-dev liblog4cplus-dev ninja-build pkg-config"
+    [lab]="db5.3-util iproute2 mawk mount nftables procps psmisc python3 python3-bsddb3 util-linux"
     [check]="clang-format python3-pytest python3-pytest-timeout python3-pytest-xdist"
-    [bench]="db5.3-util libbenchmark-dev time"
+    [bench]="time"
     [format]="clang-format"
     [tidy]="clang-tidy"
 )

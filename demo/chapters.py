@@ -1,0 +1,203 @@
+"""The chapters of the demo, in the order of this file. A chapter is one function with a title."""
+
+import re
+import shlex
+from collections.abc import Callable
+
+from lab import Host, Pair, describe_difference, realistic_clients, wait_until
+from lab.pair import PUSHED_KEYS
+from story import LIMIT, Step, Story
+
+CLIENTS = realistic_clients(500)
+NEW_CLIENT = realistic_clients(1, seed=2)
+SERVICES = ("quordhcpd", "stagd")
+TOOK_OVER, STEPPED_DOWN = 720007, 720008
+
+# Steps that later ones stand on.
+FILLED = "master filled, slave empty"
+ROLES = "roles decided"
+SERVED = "boot services started"
+
+Chapter = Callable[[Story], None]
+CHAPTERS: list[tuple[str, Chapter]] = []
+
+
+def chapter(title: str) -> Callable[[Chapter], Chapter]:
+    def enter(function: Chapter) -> Chapter:
+        CHAPTERS.append((title, function))
+        return function
+
+    return enter
+
+
+@chapter("Two servers, 500 boot clients")
+def meet(story: Story) -> None:
+    pair = story.pair
+    with story.step(FILLED) as step:
+        for host in (pair.master, pair.slave):
+            counts = f"{len(host.config.items())} settings, {host.client.count()} clients"
+            step.tell(f"{host.name} {host.address}: {counts}")
+        mac, record = next(iter(CLIENTS.items()))
+        step.tell(f"one of them: {mac.decode()} = {record.decode()}")
+        assert pair.master.client.items() == CLIENTS, "the master's client.db is not as filled"
+        assert pair.slave.client.count() == 0, "the slave has clients already"
+        step.evidence = f"client.db: {len(CLIENTS)} records on the master, none on the slave"
+
+    with story.step(ROLES) as step:
+        story.start_clock()
+        pair.start_master(foreground=False)
+        pair.start_slave(foreground=False)
+        for host in (pair.master, pair.slave):
+            step.show_log(host, "^first_ip:", "^quorsyncd start", f"^quorsyncd_role:{host.name}$")
+        step.evidence = "logged: quorsyncd_role:master, quorsyncd_role:slave"
+
+
+@chapter("The slave gets what the master has")
+def first_copy(story: Story) -> None:
+    with story.step("empty slave equal to the master") as step:
+        step.needs(FILLED, ROLES)
+        step.evidence = wait_equal_records(story.pair)
+        step.stop_clock()
+        mac = next(iter(CLIENTS)).decode()
+        step.show_log(story.pair.master, "^beat back to")
+        step.show_log(story.pair.slave, "^request data", "^data 1:", f"^data 2: ({mac}|dbver)=")
+
+
+@chapter("A client is changed on the master")
+def change(story: Story) -> None:
+    pair = story.pair
+    with story.step("change seen on the slave") as step:
+        step.needs(FILLED, ROLES)
+        mac, record = next(iter(CLIENTS.items()))
+        changed = re.sub(rb"^name=[^|]*", b"name=PC-RENAMED", record)
+        pair.master.client.put(mac, changed)
+        step.tell(f"on the master: {mac.decode()} = {changed.decode()}")
+        raise_stamp(step, pair.master, "client-2")
+        story.start_clock()
+        wait_until(lambda: pair.slave.client.get(mac) == changed, LIMIT, "the changed client")
+        step.stop_clock()
+        step.show_log(pair.slave, "master_client_version:client-2", f"^data 2: {mac.decode()}=")
+        step.evidence = f"slave's client.db: {mac.decode()} = name=PC-RENAMED|..."
+
+    with story.step("all records equal") as step:
+        step.needs(FILLED, ROLES)
+        step.evidence = wait_equal_records(pair)
+
+
+@chapter("The master dies")
+def take_over(story: Story) -> None:
+    pair = story.pair
+    with story.step("slave takes over") as step:
+        step.needs(ROLES)
+        early = running_services(pair.slave)
+        assert not early, f"the slave runs {', '.join(early)} beside a healthy master"
+        assert pair.master_daemon is not None
+        story.start_clock()
+        pair.master_daemon.kill()
+        step.tell(f"on the master: kill -9 {pair.master_daemon.pid}")
+        step.wait_log(pair.slave, "^become a master host$")
+        step.stop_clock()
+        step.show_log(pair.slave, "^bottle=", "^become a master host$")
+        step.evidence = "logged: become a master host"
+
+    with story.step(f"event {TOOK_OVER} posted") as step:
+        step.needs(ROLES)
+        show_event(step, pair.slave, TOOK_OVER)
+
+    with story.step(SERVED) as step:
+        step.needs(ROLES)
+        wait_until(lambda: all_services_run(pair.slave), LIMIT, "the boot services")
+        show_service_calls(step, pair.slave)
+        step.evidence = f"processes on the slave: {', '.join(running_services(pair.slave))}"
+
+
+@chapter("The master returns; clients were changed while its daemon was down")
+def give_back(story: Story) -> None:
+    pair = story.pair
+    with story.step("changes made meanwhile arrive") as step:
+        step.needs(ROLES)
+        gone, new = list(CLIENTS)[1], next(iter(NEW_CLIENT))
+        pair.master.client.delete(gone)
+        pair.master.client.fill(NEW_CLIENT)
+        step.tell(f"on the master: {gone.decode()} deleted, {new.decode()} added")
+        raise_stamp(step, pair.master, "client-3")
+        story.start_clock()
+        daemon = pair.start_master(foreground=False)
+        step.tell(f"on the master: daemon started again, pid {daemon.pid}")
+        wait_until(lambda: pair.slave.client.get(new), LIMIT, "the new client on the slave")
+        step.stop_clock()
+        step.show_log(pair.master, "^quorsyncd_role:master$", "^beat back to")
+        step.evidence = f"slave's client.db: {new.decode()} = {NEW_CLIENT[new].decode()}"
+
+    with story.step("slave steps down") as step:
+        step.needs(ROLES)
+        step.wait_log(pair.slave, "^restore to be a slave host$")
+        step.stop_clock()
+        step.show_log(pair.slave, "^bottle=", "^restore to be a slave host$")
+        step.evidence = "logged: restore to be a slave host"
+
+    with story.step(f"event {STEPPED_DOWN} posted") as step:
+        step.needs(ROLES)
+        show_event(step, pair.slave, STEPPED_DOWN)
+
+    with story.step("boot services stopped") as step:
+        step.needs(SERVED)
+        wait_until(lambda: not running_services(pair.slave), LIMIT, "the services' end")
+        step.stop_clock()
+        step.evidence = f"no process {' or '.join(SERVICES)} on the slave"
+
+    with story.step("stores equal again") as step:
+        step.needs(ROLES)
+        step.evidence = wait_equal_records(pair)
+
+
+def raise_stamp(step: Step, master: Host, stamp: str) -> None:
+    """What tells the slave that clients have changed."""
+    master.config.put("client_db_version", stamp)
+    step.tell(f"on the master: client_db_version = {stamp}")
+
+
+def wait_equal_records(pair: Pair) -> str:
+    """Wait until both servers have the same; says what was compared.
+
+    All of it is repeated, because the slave empties its store whenever it asks for a set again.
+    """
+    master, slave = pair.master.client, pair.slave.client
+
+    def compare() -> str:
+        unequal = pair.difference()
+        assert not unequal, unequal
+        ours, theirs = master.items(), slave.items()
+        unequal = describe_difference(master.name, ours, slave.name, theirs)
+        assert not unequal, unequal
+        return f"{len(ours)} clients, {len(PUSHED_KEYS)} settings compared one by one: none differs"
+
+    return wait_until(compare, LIMIT, "equal stores", interval=0.05)
+
+
+def show_event(step: Step, host: Host, code: int) -> None:
+    """Exactly one event with this code; the step took as long as until it was posted."""
+    wait_until(lambda: host.events(code), LIMIT, f"event {code} on {host.name}")
+    events = host.events(code)
+    assert len(events) == 1, f"event {code} was posted {len(events)} times"
+    step.stop_clock(events[0].monotonic)
+    step.evidence = f"called: evpost_ex {shlex.join(events[0].argv)}"
+
+
+def running_services(host: Host) -> list[str]:
+    return [f"{name} (pid {pid})" for name in SERVICES for pid in host.service_pids(name)]
+
+
+def all_services_run(host: Host) -> bool:
+    missing = [name for name in SERVICES if not host.service_running(name)]
+    assert not missing, f"not running on {host.name}: {', '.join(missing)}"
+    return True
+
+
+def show_service_calls(step: Step, host: Host) -> None:
+    """How the services were called, and which descriptors they were given."""
+    calls = [call for call in host.calls() if call.name in SERVICES]
+    step.stop_clock(calls[-1].monotonic)
+    for call in calls:
+        opened = " ".join(str(number) for number in sorted(call.descriptors))
+        step.tell(f"called: {shlex.join(call.argv)} (pid {call.pid}, descriptors {opened})")
