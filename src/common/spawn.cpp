@@ -43,12 +43,10 @@ private:
     posix_spawn_file_actions_t actions_{};
 };
 
+// The wait status of `child`; 0 when somebody else has taken it.
 int wait_for(pid_t child) {
     int status = 0;
-    while (waitpid(child, &status, 0) < 0) {
-        if (errno != EINTR) {
-            return -1;
-        }
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
     return status;
 }

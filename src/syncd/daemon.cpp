@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 
 #include "events.h"
@@ -70,6 +71,8 @@ int daemon_main(int argc, char** /*argv*/) {
     // The library starts threads before main. They would not live on in the detached child, and the
     // library waits for them when the process exits.
     log4cplus::shutdownThreadPool();
+    // Inherited as ignored, it would take away the exit statuses of the boot services.
+    (void)signal(SIGCHLD, SIG_DFL);
     if (argc == 2) {
         (void)run_daemon();
     }
