@@ -1,0 +1,89 @@
+#include <algorithm>
+#include <cerrno>
+
+#include "SGCLog.h"
+#include "log.h"
+#include "support.h"
+
+namespace {
+
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+
+class Log : public WithFiles {};
+
+// Logs a message; what it printed must be the whole of the day's file, too.
+std::string log_line(int level, const std::string& message) {
+    CaptureStdout();
+    errno = EPIPE;
+    EXPECT_EQ(write_log(level, "%s", message.c_str()), 0);
+    EXPECT_EQ(errno, EPIPE);
+    std::string line = GetCapturedStdout();
+    std::string date = line.substr(14, 10);
+    std::replace(date.begin(), date.end(), '-', '_');
+    EXPECT_EQ(contents("/var/log/quorsyncd_" + date + ".log"), line);
+    return line;
+}
+
+TEST_F(Log, LinesAreStampedAndEndedByTheRule) {
+    const struct {
+        int level;
+        std::string message, written;
+    } rows[] = {
+        {LOG_DEBUG, "abc", "DEBUG :abc\n"},
+        {LOG_INFO, "abc\n", "INFO :abc\n"},
+        {LOG_ERROR, "a\nb", "ERROR :a\nb"},  // one in the middle is enough
+        {LOG_FATAL, "", "FATAL :\n"},
+        {7, std::string(4095, 'x'), "OTHER :" + std::string(4095, 'x') + "\n"},
+        {-1, std::string(5000, 'x'), "OTHER :" + std::string(4095, 'x') + "\n"},
+    };
+    for (const auto& row : rows) {
+        WithFiles::SetUp();
+        const std::string line = log_line(row.level, row.message);
+        EXPECT_THAT(line.substr(0, 34), MatchesRegex("quorsyncd:2\\.1 [0-9]{4}-[0-9]{2}-[0-9]{2} "
+                                                     "[0-9]{2}:[0-9]{2}:[0-9]{2} "));
+        EXPECT_EQ(line.substr(34), row.written);
+    }
+}
+
+TEST_F(Log, EveryLineFindsItsFileAnew) {
+    write_log(LOG_INFO, "one");
+    WithFiles::SetUp();
+    write_log(LOG_INFO, "two");
+    write_log(LOG_INFO, "three");
+    EXPECT_THAT(logged(), MatchesRegex("[^\n]*:two\n[^\n]*:three\n"));
+}
+
+TEST_F(Log, AMissingDirectoryIsHarmless) {
+    LogSettings settings;
+    EXPECT_EQ(set_log_settings(settings, "/var/log/none/", 4), 0);
+    EXPECT_EQ(settings.level, LOG_INFO);  // there is no level 4
+    CaptureStdout();
+    errno = EPIPE;
+    EXPECT_EQ(write_log_file(settings, LOG_INFO, "abc"), 0);
+    EXPECT_EQ(errno, EPIPE);
+    EXPECT_THAT(GetCapturedStdout(), EndsWith("INFO :abc\n"));
+    EXPECT_FALSE(std::filesystem::exists("/var/log/none"));
+    // One that fills the field has no terminator; the file name must end with it all the same.
+    set_log_settings(settings, ("/var/log" + std::string(300, '/')).c_str(), LOG_FATAL);
+    EXPECT_EQ(settings.level, LOG_FATAL);
+    write_log_file(settings, LOG_INFO, "def");
+    EXPECT_THAT(logged(), EndsWith("INFO :def\n"));
+}
+
+TEST_F(Log, TheRollingLogNeedsItsMarker) {
+    SGCLog().printDebug("unseen");
+    EXPECT_EQ(contents("/var/log/quorsyncd.log"), "");
+    write_file("/var/log/quorsyncd.cfg", "");
+    SGCLog log;
+    log.printDebug("seen");
+    log.close();
+    log.printDebug("late");
+    EXPECT_THAT(contents("/var/log/quorsyncd.log"), HasSubstr("DEBUG root"));
+    EXPECT_THAT(contents("/var/log/quorsyncd.log"), EndsWith(" - seen\n"));
+}
+
+}  // namespace

@@ -1,0 +1,101 @@
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "keys.h"
+#include "process_state.h"
+#include "slave/miss_counter.h"
+#include "support.h"
+
+namespace {
+
+class MissCounter : public WithFiles {
+protected:
+    void SetUp() override {
+        WithFiles::SetUp();
+        slave_exit_requested = 0;
+        init_semaphore();
+    }
+    void TearDown() override {
+        semaphore_delete();
+        slave_exit_requested = 0;
+    }
+};
+
+// Walks through heartbeat periods: a letter "a" is one whose beat is answered, "." one that is not.
+// Returns what each led to: "P" promotion, "S" step-down, "-" nothing.
+std::string walk(std::string_view beats) {
+    std::string actions;
+    for (const char beat : beats) {
+        count_missed_beat();
+        const SlaveAction action = next_action(status, bottle);
+        if (action == SlaveAction::PROMOTE) {
+            status = STATUS_PROMOTED;
+        } else if (action == SlaveAction::STEP_DOWN) {
+            status = STATUS_STANDBY;
+        }
+        actions += action == SlaveAction::PROMOTE     ? 'P'
+                   : action == SlaveAction::STEP_DOWN ? 'S'
+                                                      : '-';
+        if (beat == 'a') {
+            reset_bottle();
+        }
+    }
+    return actions;
+}
+
+TEST_F(MissCounter, LeadsThroughTheTimelines) {
+    const struct {
+        const char* name;
+        const char* beats;
+        const char* actions;
+    } rows[] = {
+        {"no answer ever", ".......", "--P----"},
+        {"the last possible answer", ".a...", "-----"},
+        {"after the last answer", "aaa....", "------P"},
+        {"every third answered", "..a..a..a", "--PS-----"},
+        {"steady", "aaaaaaaaaa", "----------"},
+        {"three of four lost", "a...a...a...a", "----PS--PS--P"},
+        {"two of three lost", "a..a..a..a", "----------"},
+        {"one answer steps down", "......a....", "--P----S--P"},
+    };
+    put(CONFIG_DB, KEY_BEAT_OUT, "9");  // of no effect
+    put(CONFIG_DB, KEY_DHCP, DHCP_ON);
+    for (const auto& row : rows) {
+        init_semaphore();
+        EXPECT_EQ(walk(row.beats), row.actions) << row.name;
+    }
+    EXPECT_EQ(stored(CONFIG_DB, KEY_DHCP), "(absent)");  // every period takes it away
+}
+
+TEST_F(MissCounter, IsFreedByAProcessThatDiesHoldingIt) {
+    const pid_t holder = fork();
+    if (holder == 0) {
+        _exit(semaphore_p() == 1 ? 0 : 1);
+    }
+    int result = -1;
+    ASSERT_EQ(waitpid(holder, &result, 0), holder);
+    ASSERT_EQ(result, 0);
+    reset_bottle();  // would wait for ever
+    EXPECT_EQ(bottle, SLAVE_BEAT_RESET);
+}
+
+TEST_F(MissCounter, GivesUpOnceTheProcessIsAskedToStop) {
+    slave_exit_requested = 1;
+    semaphore_delete();
+    report_semaphore_delete();
+    EXPECT_EQ(logged(), "");
+    reset_bottle();
+    count_missed_beat();
+    EXPECT_EQ(bottle, INITIAL_BOTTLE);
+    EXPECT_EQ(count_of(logged(), "INFO :semaphore_p failed\n"), 2U);
+    EXPECT_EQ(count_of(logged(), "INFO :semaphore_p failed.\n"), 2U);
+    errno = EPIPE;
+    semaphore_delete();
+    EXPECT_EQ(errno, EPIPE);
+    report_semaphore_delete();
+    EXPECT_EQ(count_of(logged(), "INFO :Failed to delete semaphore\n"), 1U);
+}
+
+}  // namespace

@@ -1,0 +1,100 @@
+#include <utility>
+
+#include "peer_message.h"
+#include "support.h"
+
+namespace {
+
+std::string bytes_of(const PeerMessage& message) {
+    return {reinterpret_cast<const char*>(&message), sizeof message};
+}
+
+// A zero-filled block with these pieces at their offsets.
+std::string block(std::initializer_list<std::pair<std::size_t, std::string>> pieces) {
+    std::string bytes(1164, '\0');
+    for (const auto& [offset, text] : pieces) {
+        bytes.replace(offset, text.size(), text);
+    }
+    return bytes;
+}
+
+const std::string A40(40, 'a');
+const std::string B40(40, 'b');
+
+TEST(PeerMessage, LiesOnTheWireAsAgreed) {
+    EXPECT_EQ(bytes_of(make_heartbeat("192.168.0.2", "20261116035226")),
+              block({{0, "\2"}, {12, "192.168.0.2"}, {44, "20261116035226"}}));
+    EXPECT_EQ(bytes_of(make_heartbeat("", "")), block({{0, "\2"}}));
+    EXPECT_EQ(bytes_of(make_data_request(DATA_KIND_CLIENT)),
+              block({{0, "\1"}, {4, "\2"}, {8, "R"}}));
+    EXPECT_EQ(bytes_of(make_beat_back("v7", "v9")), block({{0, "\3"}, {140, "v7#v9"}}));
+    EXPECT_EQ(bytes_of(make_data_record(DATA_KIND_CONFIG, "dhcpcfg", "x=1")),
+              block({{0, "\1"}, {4, "\1"}, {12, "dhcpcfg"}, {140, "x=1"}}));
+}
+
+TEST(PeerMessage, FieldsOfAHeartbeatHoldTheirFullWidthAndNoMore) {
+    const PeerMessage message = make_heartbeat(A40, B40);
+    EXPECT_EQ(bytes_of(message),
+              block({{0, "\2"}, {12, A40.substr(0, 32)}, {44, B40.substr(0, 32)}}));
+    EXPECT_EQ(field_text(message.heartbeat.serverip), A40.substr(0, 32));
+    EXPECT_EQ(field_text(message.heartbeat.dsver), B40.substr(0, 32));
+}
+
+TEST(PeerMessage, ARecordThatFitsTravelsWhole) {
+    const std::string key(127, 'k');
+    const std::string value(1023, 'v');
+    EXPECT_TRUE(fits_data_record(key, value));
+    EXPECT_FALSE(fits_data_record(key + "k", value));
+    EXPECT_FALSE(fits_data_record(key, value + "v"));
+    const auto whole = block({{0, "\1"}, {4, "\2"}, {12, key}, {140, value}});
+    EXPECT_EQ(bytes_of(make_data_record(DATA_KIND_CLIENT, key, value)), whole);
+    // One that does not fit still ends inside its fields.
+    EXPECT_EQ(bytes_of(make_data_record(DATA_KIND_CLIENT, key + "kk", value + "vv")), whole);
+}
+
+const std::string S127(127, 's');
+const std::string S128(128, 's');
+
+TEST(Stamps, TravelAsBothSidesCompareThem) {
+    const struct {
+        std::string config, client, value;
+    } rows[] = {
+        {"20261116", "20261117", "20261116#20261117"},
+        {"null", "null", "null#null"},
+        {"", "v2", "#v2"},
+        {"v1", "", "v1#"},
+        {S127, S127, S127 + "#" + S127},
+        {S128, S128 + "x", S127 + "#" + S127},
+    };
+    for (const auto& row : rows) {
+        const PeerMessage message = make_beat_back(row.config, row.client);
+        EXPECT_EQ(field_text(message.record.value), row.value);
+        const VersionStamps stamps = split_stamps(field_text(message.record.value));
+        EXPECT_EQ(stamps.config, comparable_stamp(row.config));
+        EXPECT_EQ(stamps.client, comparable_stamp(row.client));
+    }
+}
+
+TEST(Stamps, SplitAtTheFirstSeparator) {
+    const struct {
+        std::string value, config, client;
+        bool has_separator;
+    } rows[] = {
+        {"a#b#c", "a", "b#c", true},
+        {"#", "", "", true},
+        {"##", "", "#", true},
+        {"a", "a", "", false},
+        {"", "", "", false},
+        {S128, S127, "", false},
+        {S128 + "#" + S128, S127, S127, true},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.value);
+        const VersionStamps stamps = split_stamps(row.value);
+        EXPECT_EQ(stamps.config, row.config);
+        EXPECT_EQ(stamps.client, row.client);
+        EXPECT_EQ(stamps.has_separator, row.has_separator);
+    }
+}
+
+}  // namespace

@@ -1,0 +1,121 @@
+#include <sys/socket.h>
+
+#include "keys.h"
+#include "support.h"
+#include "syncd/push.h"
+#include "tcp.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class Push : public WithFiles {
+protected:
+    static void put_both_sets() {
+        for (const char* key : {"ha", "dhcpcfg", "master", "default_writeback", "dhcpcfg2"}) {
+            put(CONFIG_DB, key, "value of "s + key);
+        }
+        put(CONFIG_DB, KEY_CONFIG_VERSION, "v1");
+        put(CONFIG_DB, KEY_CLIENT_VERSION, "v2");
+        for (int n = 0; n < 20; ++n) {
+            put(CLIENT_DB, "client" + std::to_string(n), "value");
+        }
+    }
+    static std::pair<OwnedFd, OwnedFd> stream() {
+        int fds[2] = {-1, -1};
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds), 0);
+        return {OwnedFd(fds[0]), OwnedFd(fds[1])};
+    }
+    // What goes out for a request, each record as "kind key=value".
+    static std::vector<std::string> pushed(std::uint32_t kind) {
+        auto [near, far] = stream();  // its buffers hold all that these tests send
+        push_master_data(near.get(), {}, make_data_request(kind).record);
+        near.reset();
+        std::vector<std::string> records;
+        PeerMessage message;
+        while (TcpRecvExact(far.get(), &message, sizeof message) == 0) {
+            EXPECT_EQ(message.type, MSG_DATA);
+            records.push_back(std::to_string(message.record.kind) + " " +
+                              std::string(field_text(message.record.key)) + "=" +
+                              std::string(field_text(message.record.value)));
+        }
+        return records;
+    }
+    // What should go out: the records of a file in its own order, then the stamp.
+    static std::vector<std::string> expected(std::uint32_t kind, const std::string& stamp) {
+        std::vector<std::string> records;
+        for (const auto& [key, value] :
+             records_of(kind == DATA_KIND_CONFIG ? CONFIG_DB : CLIENT_DB)) {
+            if (kind == DATA_KIND_CLIENT || key == "dhcpcfg" || key == "default_writeback") {
+                records.push_back(std::to_string(kind) + " " + key + "=" + value);
+            }
+        }
+        records.push_back(std::to_string(kind) + " dbver=" + stamp);
+        return records;
+    }
+};
+
+TEST_F(Push, SendsTheRequestedSetsInTheFilesOwnOrder) {
+    put_both_sets();
+    const auto config = expected(DATA_KIND_CONFIG, "v1");
+    const auto clients = expected(DATA_KIND_CLIENT, "v2");
+    ASSERT_EQ(config.size(), 3U);
+    ASSERT_EQ(clients.size(), 21U);
+    EXPECT_EQ(pushed(DATA_KIND_CONFIG), config);
+    EXPECT_EQ(pushed(DATA_KIND_CLIENT), clients);
+    auto all = config;
+    all.insert(all.end(), clients.begin(), clients.end());
+    EXPECT_EQ(pushed(DATA_KIND_ALL), all);
+    EXPECT_EQ(count_of(logged(), " send data: ha = value of ha\n"), 2U);  // logged, though not sent
+    EXPECT_THAT(pushed(DATA_KIND_DISK), IsEmpty());
+    EXPECT_THAT(pushed(5), IsEmpty());
+}
+
+TEST_F(Push, ClosesASetWithItsStampWhole) {
+    EXPECT_THAT(pushed(DATA_KIND_ALL), ElementsAre("1 dbver=null", "2 dbver=null"));
+    put(CONFIG_DB, KEY_CONFIG_VERSION, "");
+    put(CONFIG_DB, KEY_CLIENT_VERSION, std::string(127, 's'));
+    EXPECT_THAT(pushed(DATA_KIND_ALL), ElementsAre("1 dbver=", "2 dbver=" + std::string(127, 's')));
+    put(CONFIG_DB, KEY_CLIENT_VERSION, std::string(130, 's'));
+    EXPECT_THAT(pushed(DATA_KIND_CLIENT), ElementsAre("2 dbver=" + std::string(127, 's')));
+}
+
+TEST_F(Push, SkipsARecordThatIsTooLong) {
+    const std::string long_key(128, 'k');
+    const std::string long_value(1024, 'v');
+    for (const char* key : {"a", "b", "c", "d"}) {
+        put(CLIENT_DB, key, "value");
+    }
+    put(CLIENT_DB, std::string(127, 'k'), std::string(1023, 'v'));
+    put(CONFIG_DB, "other", long_value);  // would not be sent anyway: no word about it
+    const auto records = expected(DATA_KIND_CLIENT, "null");
+    put(CLIENT_DB, long_key, "value");
+    put(CLIENT_DB, "long", long_value);
+    EXPECT_EQ(pushed(DATA_KIND_CLIENT), records);
+    (void)pushed(DATA_KIND_CONFIG);
+    EXPECT_EQ(count_of(logged(), " ERROR :"), 2U);
+    EXPECT_THAT(logged(), HasSubstr("long (key 4 bytes, value 1024 bytes)\n"));
+    EXPECT_THAT(logged(), HasSubstr(long_key + " (key 128 bytes, value 5 bytes)\n"));
+}
+
+TEST_F(Push, SendsNothingOfADamagedFile) {
+    put_both_sets();
+    write_file(CLIENT_DB, std::string(8192, 'x'));
+    EXPECT_THAT(pushed(DATA_KIND_CLIENT), IsEmpty());
+    EXPECT_EQ(pushed(DATA_KIND_ALL), expected(DATA_KIND_CONFIG, "v1"));
+    EXPECT_THAT(logged(), HasSubstr("ERROR :"s + CLIENT_DB + " cannot be read to its end"));
+}
+
+TEST_F(Push, ToAPeerThatHasGoneReportsTheClientsStampOnly) {
+    put_both_sets();
+    write_event_tool();
+    auto [near, far] = stream();
+    far.reset();
+    push_master_data(near.get(), {}, make_data_request(DATA_KIND_ALL).record);
+    EXPECT_EQ(count_of(logged(), "ERROR :send data error:Broken pipe\n"), 3U + 21U);
+    EXPECT_EQ(events(), "quorsyncd,2,720000,22,0,720003,32,,\n");
+}
+
+}  // namespace

@@ -1,0 +1,89 @@
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+
+#include "services.h"
+#include "support.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+constexpr const char* PIPE = "/var/lib/quoradmind/dhcp_fifo";
+const std::string FAILED = "ERROR :refresh_dhcp open /var/lib/quoradmind/dhcp_fifo error ";
+
+class Refresh : public WithFiles {
+protected:
+    void SetUp() override {
+        WithFiles::SetUp();
+        ASSERT_EQ(mount("tmpfs", "/var/lib", "tmpfs", 0, "mode=755"), 0);
+        ASSERT_EQ(mkdir("/var/lib/quoradmind", 0755), 0);
+        ASSERT_EQ(mkfifo(PIPE, 0600), 0);
+    }
+    void TearDown() override { EXPECT_EQ(umount("/var/lib"), 0); }
+    static OwnedFd reader() { return OwnedFd(open(PIPE, O_RDONLY | O_NONBLOCK | O_CLOEXEC)); }
+};
+
+TEST_F(Refresh, AReaderGetsOneRecordForEach) {
+    const OwnedFd pipe = reader();
+    const std::time_t before = std::time(nullptr);
+    refresh_dhcp();
+    refresh_dhcp();
+    const std::time_t after = std::time(nullptr);
+    std::array<char, 200> bytes{};
+    ASSERT_EQ(read(pipe.get(), bytes.data(), bytes.size()), 2 * 68);
+    for (const char* record : {bytes.data(), bytes.data() + 68}) {
+        EXPECT_EQ(std::string(record, 4), "\x1A\x5B\0\0"s);
+        const std::string seconds(record + 4);
+        EXPECT_EQ(std::string(record + 4, 64), seconds + std::string(64 - seconds.size(), '\0'));
+        EXPECT_EQ(seconds.find_first_not_of("0123456789"), std::string::npos);
+        EXPECT_LE(before, std::stol(seconds));
+        EXPECT_GE(after, std::stol(seconds));
+    }
+}
+
+TEST_F(Refresh, WithoutAReaderOrRoomItIsALine) {
+    refresh_dhcp();
+    EXPECT_THAT(logged(), HasSubstr(FAILED + "No such device or address\n"));
+    {
+        const OwnedFd pipe = reader();
+        const OwnedFd writer(open(PIPE, O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+        while (write(writer.get(), "x", 1) == 1) {}
+        refresh_dhcp();
+        EXPECT_THAT(logged(), HasSubstr(FAILED + "Resource temporarily unavailable\n"));
+    }
+    std::filesystem::remove(PIPE);
+    refresh_dhcp();
+    EXPECT_THAT(logged(), HasSubstr(FAILED + "No such file or directory\n"));
+    EXPECT_FALSE(std::filesystem::exists(PIPE));
+}
+
+TEST_F(Refresh, AReaderThatHasJustLeftKillsNobody) {
+    std::atomic<bool> done = false;
+    std::thread restless([&] {
+        while (!done) {
+            (void)reader();
+        }
+    });
+    EXPECT_TRUE(eventually([] {
+        for (int n = 0; n < 100; ++n) {
+            refresh_dhcp();
+        }
+        return logged().find(FAILED + "Broken pipe\n") != std::string::npos;
+    }));
+    done = true;
+    restless.join();
+    sigset_t signals;
+    ASSERT_EQ(pthread_sigmask(SIG_BLOCK, nullptr, &signals), 0);
+    EXPECT_EQ(sigismember(&signals, SIGPIPE), 0);
+    ASSERT_EQ(sigpending(&signals), 0);
+    EXPECT_EQ(sigismember(&signals, SIGPIPE), 0);
+}
+
+}  // namespace

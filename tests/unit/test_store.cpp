@@ -1,0 +1,331 @@
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <functional>
+#include <future>
+#include <random>
+#include <set>
+
+#include "common/store_check.h"
+#include "keys.h"
+#include "store.h"
+#include "store_walk.h"
+#include "support.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+
+constexpr const char* LEFTOVER = "/etc/quoradmind/__db.config.db";
+
+class StoreTest : public WithFiles {};
+
+void fill(const char* path, int records) {
+    const auto store = db_open(path);
+    for (int n = 0; n < records; ++n) {
+        ASSERT_EQ(store->put("key" + std::to_string(n), std::to_string(n)), 0);
+    }
+    ASSERT_EQ(store->close(), 0);
+}
+
+struct stat status_of(const char* path) {
+    struct stat status {};
+    EXPECT_EQ(stat(path, &status), 0);
+    return status;
+}
+
+mode_t mode_of(const char* path) {
+    return status_of(path).st_mode & 07777U;
+}
+
+TEST_F(StoreTest, KeepsTheExactBytesOfKeysAndValues) {
+    const std::string key = "m\xC3\xA4rz \x01,#";
+    const std::string value(5000, '\xFF');  // longer than a page
+    EXPECT_EQ(db_put(CONFIG_DB, key.c_str(), "older, and to be replaced"), 0);
+    EXPECT_EQ(db_put(CONFIG_DB, key.c_str(), value.c_str()), 0);
+    EXPECT_EQ(stored(CONFIG_DB, key), value);
+    const std::vector<std::pair<std::string, std::string>> exactly = {{key, value}};
+    EXPECT_EQ(records_of(CONFIG_DB), exactly);  // no terminator among them
+}
+
+TEST_F(StoreTest, AnEmptyValueIsNotAnAbsentOne) {
+    EXPECT_TRUE(db_store(CONFIG_DB, "empty", ""));
+    EXPECT_EQ(stored(CONFIG_DB, "empty"), "");
+    EXPECT_EQ(stored(CONFIG_DB, "other"), "(absent)");
+    EXPECT_FALSE(OwnedText(db_get_settled(CONFIG_DB, "other")));
+    EXPECT_EQ(db_del(CONFIG_DB, "other"), 0);
+    EXPECT_EQ(db_del(CONFIG_DB, "empty"), 0);
+    EXPECT_EQ(stored(CONFIG_DB, "empty"), "(absent)");
+    EXPECT_EQ(logged(), "");
+}
+
+TEST_F(StoreTest, ANumberBelowOneCountsAsAbsent) {
+    const struct {
+        const char* stored;
+        int number;
+    } rows[] = {{"7", 7}, {"12 s", 12}, {"1", 1}, {"0", 99}, {"-3", 99}, {"abc", 99}, {"", 99}};
+    EXPECT_EQ(db_get_int(CONFIG_DB, "n", 99), 99);
+    for (const auto& row : rows) {
+        ASSERT_TRUE(db_store(CONFIG_DB, "n", row.stored));
+        EXPECT_EQ(db_get_int(CONFIG_DB, "n", 99), row.number) << row.stored;
+    }
+}
+
+TEST_F(StoreTest, AReadCreatesTheMissingFile) {
+    const mode_t before = umask(0);
+    EXPECT_EQ(stored(CONFIG_DB, "k"), "(absent)");
+    umask(027);
+    EXPECT_EQ(stored(CLIENT_DB, "k"), "(absent)");
+    umask(before);
+    EXPECT_EQ(mode_of(CONFIG_DB), 0664U);
+    EXPECT_EQ(mode_of(CLIENT_DB), 0640U);
+    EXPECT_EQ(logged(), "");
+}
+
+TEST_F(StoreTest, AMissingDirectoryGivesOneLine) {
+    const char* path = "/etc/quoradmind/none/config.db";
+    CaptureStderr();
+    EXPECT_FALSE(OwnedText(db_get(path, "k")));
+    EXPECT_EQ(GetCapturedStderr(), "");
+    EXPECT_EQ(count_of(logged(), "\n"), 1U);
+    EXPECT_THAT(logged(), HasSubstr(" ERROR :DB->open No such file or directory "s + path + "\n"));
+    EXPECT_FALSE(db_store(path, "k", "v"));
+    EXPECT_FALSE(std::filesystem::exists("/etc/quoradmind/none"));
+    EXPECT_FALSE(db_open(path)->damaged());
+}
+
+std::string random_bytes(std::size_t count) {
+    std::mt19937 random(7);
+    std::string bytes(count, '\0');
+    std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(random()); });
+    return bytes;
+}
+
+// Gives a file other contents in place. A change within one tick of the system's clock does not
+// show in the file's times, so it is made again until it does.
+void overwrite(const char* path, const std::string& bytes) {
+    const std::timespec before = status_of(path).st_ctim;
+    EXPECT_TRUE(eventually([&] {
+        write_file(path, bytes);
+        const std::timespec now = status_of(path).st_ctim;
+        return now.tv_sec != before.tv_sec || now.tv_nsec != before.tv_nsec;
+    }));
+}
+
+void expect_refused(const std::string& bytes) {
+    EXPECT_EQ(stored(CLIENT_DB, "key7"), "(absent)");
+    EXPECT_FALSE(db_store(CLIENT_DB, "key7", "new"));
+    EXPECT_EQ(db_del(CLIENT_DB, "key7"), 0);
+    EXPECT_TRUE(db_open(CLIENT_DB)->damaged());
+    RecordWalk walk(CLIENT_DB);
+    std::vector<StoredRecord> chunk;
+    EXPECT_FALSE(walk.next_chunk(chunk));
+    EXPECT_TRUE(walk.failed());
+    EXPECT_EQ(contents(CLIENT_DB), bytes);
+    EXPECT_THAT(logged(), HasSubstr("ERROR :DB->open "));
+}
+
+void expect_replaced(const std::string& bytes) {
+    EXPECT_TRUE(db_replace_empty(CLIENT_DB));
+    EXPECT_EQ(contents(CLIENT_DB + ".damaged"s), bytes);
+    EXPECT_THAT(logged(), HasSubstr(CLIENT_DB + ".damaged\n"s));
+    EXPECT_TRUE(records_of(CLIENT_DB).empty());
+    EXPECT_TRUE(db_store(CLIENT_DB, "k", "v"));
+    const struct stat now = status_of(CLIENT_DB);
+    EXPECT_EQ(now.st_mode & 07777U, 0640U);
+    EXPECT_EQ(now.st_uid, 12U);
+    EXPECT_EQ(now.st_gid, 34U);
+}
+
+TEST_F(StoreTest, ADamagedFileIsRefusedUntilItIsReplacedAndKeptAsideThen) {
+    fill(CLIENT_DB, 500);
+    const std::string sound = contents(CLIENT_DB);
+    const std::pair<const char*, std::string> damages[] = {
+        {"random bytes", random_bytes(sound.size())},
+        {"zero length", ""},
+        {"cut off", sound.substr(0, sound.size() / 2 + 100)},
+        {"page in the middle", std::string(sound).replace(8192, 4096, random_bytes(4096))},
+        {"another kind of file", "server_list=192.168.0.1\n"},
+    };
+    for (const auto& [name, bytes] : damages) {
+        SCOPED_TRACE(name);
+        WithFiles::SetUp();
+        fill(CLIENT_DB, 500);
+        EXPECT_EQ(chmod(CLIENT_DB, 0640), 0);
+        EXPECT_EQ(chown(CLIENT_DB, 12, 34), 0);
+        overwrite(CLIENT_DB, bytes);
+        CaptureStderr();
+        expect_refused(bytes);
+        expect_replaced(bytes);
+        EXPECT_EQ(GetCapturedStderr(), "");
+    }
+}
+
+TEST_F(StoreTest, ASoundFileIsReplacedWithoutATrace) {
+    EXPECT_TRUE(db_replace_empty(CLIENT_DB));  // a missing one is created
+    fill(CLIENT_DB, 500);
+    ASSERT_EQ(chmod(CLIENT_DB, 0600), 0);
+    EXPECT_TRUE(db_replace_empty(CLIENT_DB));
+    EXPECT_EQ(records_of(CLIENT_DB).size(), 0U);
+    EXPECT_EQ(mode_of(CLIENT_DB), 0600U);
+    const auto files = std::filesystem::directory_iterator("/etc/quoradmind");
+    EXPECT_EQ(std::distance(begin(files), end(files)), 1);
+    EXPECT_EQ(logged(), "");
+}
+
+// Leaves what a killed creation does, last written to so many seconds from now.
+std::time_t make_leftover(int seconds) {
+    write_file(LEFTOVER, "half a page");
+    const timespec then{time(nullptr) + seconds, 0};
+    const timespec times[] = {then, then};
+    EXPECT_EQ(utimensat(AT_FDCWD, LEFTOVER, times, 0), 0);
+    return then.tv_sec;
+}
+
+TEST_F(StoreTest, ALeftoverOfAKilledCreationDoesNotBlockTheNextOne) {
+    make_leftover(-60);
+    EXPECT_TRUE(db_store(CONFIG_DB, "k", "v"));  // else the library waits 100 seconds
+    EXPECT_FALSE(std::filesystem::exists(LEFTOVER));
+    make_leftover(+60);  // by a clock that was set back since
+    remove_leftover_creation(CONFIG_DB);
+    EXPECT_FALSE(std::filesystem::exists(LEFTOVER));
+}
+
+TEST_F(StoreTest, ACreationOfAnotherProcessIsWaitedFor) {
+    const std::time_t made = make_leftover(0);
+    remove_leftover_creation(CONFIG_DB);
+    EXPECT_TRUE(std::filesystem::exists(LEFTOVER) || time(nullptr) > made + 1);
+}
+
+constexpr int PUTS = 40;
+
+bool put_many(int writer) {
+    for (int n = 0; n < PUTS; ++n) {
+        const std::string key = std::to_string(writer) + "-" + std::to_string(n);
+        if (!db_store(CONFIG_DB, key.c_str(), std::string(100, 'v').c_str())) {
+            return false;
+        }
+    }
+    return true;
+}
+
+TEST_F(StoreTest, ThreadsLoseNothing) {
+    std::vector<std::future<bool>> writers;
+    for (int writer = 0; writer < 8; ++writer) {
+        writers.push_back(std::async(std::launch::async, put_many, writer));
+    }
+    for (auto& writer : writers) {
+        EXPECT_TRUE(writer.get());
+    }
+    EXPECT_EQ(records_of(CONFIG_DB).size(), 8U * PUTS);
+    EXPECT_EQ(logged(), "");
+}
+
+TEST_F(StoreTest, AThreadWaitsForAnOpenFileHoweverLong) {
+    const auto store = db_open(CONFIG_DB);
+    auto other = std::async(std::launch::async, db_store, CONFIG_DB, "k", "last");
+    EXPECT_EQ(other.wait_for(600ms), std::future_status::timeout);  // flock alone would give up
+    EXPECT_EQ(store->put("k", "first"), 0);
+    EXPECT_EQ(store->close(), 0);
+    EXPECT_TRUE(other.get());
+    EXPECT_EQ(stored(CONFIG_DB, "k"), "last");
+}
+
+TEST_F(StoreTest, ProcessesLoseNothing) {
+    pid_t writers[4] = {};
+    for (int writer = 0; writer < 4; ++writer) {
+        if ((writers[writer] = fork()) == 0) {
+            _exit(put_many(writer) ? 0 : 1);
+        }
+    }
+    for (const pid_t writer : writers) {
+        int status = -1;
+        EXPECT_EQ(waitpid(writer, &status, 0), writer);
+        EXPECT_EQ(status, 0);
+    }
+    EXPECT_EQ(records_of(CONFIG_DB).size(), 4U * PUTS);
+    EXPECT_EQ(logged(), "");
+}
+
+TEST_F(StoreTest, AFileReplacedBySomebodyElseIsFollowed) {
+    fill(CLIENT_DB, 10);
+    const pid_t replacer = fork();
+    if (replacer == 0) {
+        for (int n = 0; n < 40; ++n) {
+            (void)db_replace_empty(CLIENT_DB);
+        }
+        _exit(0);
+    }
+    while (waitpid(replacer, nullptr, WNOHANG) == 0) {
+        EXPECT_TRUE(db_store(CLIENT_DB, "k", "v"));
+    }
+    EXPECT_TRUE(db_store(CLIENT_DB, "k", "v"));
+    EXPECT_EQ(stored(CLIENT_DB, "k"), "v");
+    EXPECT_EQ(logged(), "");
+}
+
+TEST_F(StoreTest, AForeignLockDelaysOnly) {
+    fill(CONFIG_DB, 1);
+    const OwnedFd foreign(open(CONFIG_DB, O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(flock(foreign.get(), LOCK_EX), 0);
+    EXPECT_TRUE(db_store(CONFIG_DB, "k", "v"));
+    EXPECT_EQ(stored(CONFIG_DB, "k"), "v");
+}
+
+// Walks over 2500 records, calling `between` with the place where the walk stands after each chunk.
+struct Walked {
+    explicit Walked(const std::function<void(const std::string& last)>& between) {
+        fill(CLIENT_DB, 2500);
+        RecordWalk walk(CLIENT_DB);
+        for (std::vector<StoredRecord> chunk; chunks < 100 && walk.next_chunk(chunk); ++chunks) {
+            for (const StoredRecord& record : chunk) {
+                keys.insert(record.key);
+            }
+            between(chunk.back().key);
+        }
+        failed = walk.failed();
+    }
+    std::multiset<std::string> keys;
+    int chunks = 0;
+    bool failed = false;
+    std::size_t different() const { return std::set<std::string>(keys.begin(), keys.end()).size(); }
+};
+
+TEST_F(StoreTest, AWalkYieldsEveryRecordOnce) {
+    const Walked walked([](const std::string&) {});
+    EXPECT_FALSE(walked.failed);
+    EXPECT_GT(walked.chunks, 1);
+    EXPECT_EQ(walked.keys.size(), 2500U);
+    EXPECT_EQ(walked.different(), 2500U);
+    RecordWalk of_no_records(DISK_DB);
+    std::vector<StoredRecord> chunk;
+    EXPECT_FALSE(of_no_records.next_chunk(chunk));
+    EXPECT_FALSE(of_no_records.failed());
+}
+
+TEST_F(StoreTest, AWalkGoesOnBesideChanges) {
+    bool changed = false;
+    const Walked walked([&](const std::string& last) {
+        if (!std::exchange(changed, true)) {
+            EXPECT_EQ(db_del(CLIENT_DB, last.c_str()), 0);
+            EXPECT_TRUE(db_store(CLIENT_DB, "key7", "changed"));
+        }
+    });
+    EXPECT_FALSE(walked.failed);
+    EXPECT_EQ(walked.different(), 2500U);
+}
+
+TEST_F(StoreTest, AWalkWhoseGroundIsTakenAwayForEverFails) {
+    const Walked walked(
+        [](const std::string& last) { EXPECT_EQ(db_del(CLIENT_DB, last.c_str()), 0); });
+    EXPECT_TRUE(walked.failed);
+    EXPECT_EQ(walked.chunks, 1 + RecordWalk::MAX_RESTARTS);
+}
+
+}  // namespace

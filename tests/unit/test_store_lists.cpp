@@ -1,0 +1,87 @@
+#include <optional>
+
+#include "keys.h"
+#include "support.h"
+#include "text.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using List = std::optional<std::string>;  // nothing: the key is absent
+
+class Lists : public WithFiles {};
+
+const List ABSENT;
+const List NEARLY_FULL = "x," + std::string(4090, 'y');  // 4092 characters
+
+TEST(Split, DropsEmptyPieces) {
+    EXPECT_THAT(split(",a,,b,c,", ','), ElementsAre("a", "b", "c"));
+    EXPECT_THAT(split(",,", ','), IsEmpty());
+}
+
+TEST_F(Lists, ChangeByWholeItems) {
+    enum Operation { ADD, REMOVE, INDEX };
+    const struct {
+        Operation operation;
+        List before;
+        const char* item;
+        List after;
+        int index = -1;
+    } rows[] = {
+        {ADD, "x,y", "y", "x,y"},
+        {ADD, "x,y", "z", "x,y,z"},
+        {ADD, "xz", "z", "xz,z"},
+        {ADD, ABSENT, "z", "z"},
+        {ADD, "", "z", "z"},
+        {ADD, NEARLY_FULL, "zz", *NEARLY_FULL + ",zz"},
+        {ADD, NEARLY_FULL, "zzz", NEARLY_FULL},
+        {REMOVE, "x,y,z", "y", "x,z"},
+        {REMOVE, "y,x,y", "y", "x"},
+        {REMOVE, "x,yy", "y", "x,yy"},
+        {REMOVE, "x", "x", ABSENT},
+        {REMOVE, "y,y", "y", ""},
+        {REMOVE, ABSENT, "y", ABSENT},
+        {INDEX, "x,y", "x", "x,y", 1},
+        {INDEX, "x,y", "y", "x,y", 2},
+        {INDEX, "x,yy", "y", "x,yy"},
+        {INDEX, "", "y", "y"},
+        {INDEX, ABSENT, "y", "y"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE("row " + std::to_string(&row - rows));
+        WithFiles::SetUp();
+        if (row.before) {
+            put(CONFIG_DB, "list", *row.before);
+        }
+        if (row.operation == INDEX) {
+            EXPECT_EQ(db_list_index(CONFIG_DB, "list", row.item), row.index);
+        } else {
+            (row.operation == ADD ? db_list_add : db_list_remove)(CONFIG_DB, "list", row.item);
+        }
+        EXPECT_EQ(stored(CONFIG_DB, "list"), row.after.value_or("(absent)"));
+    }
+}
+
+TEST_F(Lists, ANumberedValueTakesTheLargestNumber) {
+    put(CONFIG_DB, "a", "7#one");
+    put(CONFIG_DB, "b", "12#two");
+    db_next_numbered(CONFIG_DB, "new", "no separator");
+    EXPECT_EQ(stored(CONFIG_DB, "new"), "(absent)");
+    db_next_numbered(CONFIG_DB, "new", "0#text#more");
+    EXPECT_EQ(stored(CONFIG_DB, "new"), "12#text#more");
+    db_next_numbered(CONFIG_DB, "new", "0#other");
+    EXPECT_EQ(stored(CONFIG_DB, "new"), "12#text#more");
+}
+
+TEST_F(Lists, ADumpLogsEveryRecordCut) {
+    put(CONFIG_DB, "a", "1");
+    put(CONFIG_DB, std::string(200, 'k'), std::string(2000, 'v'));
+    db_dump(CONFIG_DB);
+    EXPECT_EQ(count_of(logged(), " INFO :"), 2U);
+    EXPECT_EQ(count_of(logged(), " INFO :a = 1\n"), 1U);
+    const std::string cut = " INFO :" + std::string(127, 'k') + " = " + std::string(1023, 'v');
+    EXPECT_EQ(count_of(logged(), cut + "\n"), 1U);
+}
+
+}  // namespace

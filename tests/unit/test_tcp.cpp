@@ -1,0 +1,134 @@
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/ioctl.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <vector>
+
+#include "support.h"
+#include "tcp.h"
+
+namespace {
+
+constexpr std::size_t SIZE = 1164;
+const std::uint32_t LOOPBACK = htonl(INADDR_LOOPBACK);
+
+// A listener and one connection to it, both ends made by the helpers.
+struct Connection {
+    OwnedFd listener{TcpBuildListen("192.0.2.1", 0, 20)};  // the address does not matter
+    OwnedFd client{TcpConnectSv(LOOPBACK, TcpLocalPort(listener.get()), 20)};
+    OwnedFd server{TcpSvAccept(listener.get(), 20)};
+};
+
+TEST(Tcp, NoDescriptorOutlivesAnExec) {
+    const Connection connection;
+    for (const OwnedFd* fd : {&connection.listener, &connection.client, &connection.server}) {
+        EXPECT_EQ(fcntl(fd->get(), F_GETFD), FD_CLOEXEC);
+    }
+}
+
+std::atomic<int> signals = 0;
+
+TEST(Tcp, AMessageInPiecesIsReceivedWholeThroughSignals) {
+    Connection connection;
+    struct sigaction action {};
+    action.sa_handler = [](int) {
+        ++signals;
+    };
+    ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
+    std::string sent(SIZE, 's');
+    std::string received(SIZE, '-');
+    int result = 0;
+    std::thread receiver(
+        [&] { result = TcpRecvAll(connection.server.get(), received.data(), SIZE); });
+    for (const auto& [from, to] : std::vector<std::pair<int, int>>{{0, 1}, {1, 600}, {600, SIZE}}) {
+        sent[static_cast<std::size_t>(from)] = 'x';
+        const auto length = static_cast<std::size_t>(to - from);
+        EXPECT_EQ(TcpSendAll(connection.client.get(), sent.data() + from, length), 0);
+        // When nothing of the piece waits, the receiver waits for the next one.
+        EXPECT_TRUE(eventually([&] {
+            int waiting = -1;
+            return ioctl(connection.server.get(), FIONREAD, &waiting) == 0 && waiting == 0;
+        }));
+        if (to < static_cast<int>(SIZE)) {
+            const int before = signals;
+            pthread_kill(receiver.native_handle(), SIGUSR1);
+            EXPECT_TRUE(eventually([&] { return signals > before; }));
+        }
+    }
+    receiver.join();
+    EXPECT_EQ(result, static_cast<int>(SIZE));
+    EXPECT_EQ(received, sent);
+}
+
+TEST(Tcp, AShortMessageIsNone) {
+    Connection connection;
+    const OwnedFd elsewhere(dup(connection.client.get()));  // the close ends it all the same
+    std::string buffer(SIZE, 's');
+    EXPECT_EQ(TcpSendAll(connection.client.get(), buffer.data(), 600), 0);
+    EXPECT_EQ(TcpClose(connection.client.release()), 0);
+    EXPECT_EQ(TcpRecvAll(connection.server.get(), buffer.data(), SIZE), -1);
+    EXPECT_EQ(TcpRecvExact(connection.server.get(), buffer.data(), SIZE), -1);
+}
+
+TEST(Tcp, ARefusedConnectionFailsAtEverySend) {
+    const OwnedFd bound(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in local{};
+    local.sin_family = AF_INET;
+    ASSERT_EQ(bind(bound.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local), 0);
+    // Bound, but nobody listens.
+    const OwnedFd fd(TcpConnectSv(LOOPBACK, TcpLocalPort(bound.get()), 20));
+    ASSERT_TRUE(fd.valid());
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        errno = 0;
+        EXPECT_EQ(TcpSendAll(fd.get(), "message", 7), -1);  // and no SIGPIPE
+        EXPECT_EQ(errno, EPIPE);
+    }
+}
+
+TEST(Tcp, AShortSendEndsTheConnection) {
+    Connection connection;
+    ASSERT_EQ(TcpSetBufferSize(connection.client.get(), 4096), 0);
+    TcpSetTimeout(connection.client.get(), 0, 50000);
+    const std::string much(16U << 20U, 'm');
+    EXPECT_EQ(TcpSendAll(connection.client.get(), much.data(), much.size()), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    // The reader finds the end after what was sent, and room does not revive the sender.
+    std::string buffer(1U << 16U, '-');
+    ssize_t got = 0;
+    while ((got = recv(connection.server.get(), buffer.data(), buffer.size(), 0)) > 0) {}
+    EXPECT_EQ(got, 0);
+    EXPECT_EQ(TcpSendAll(connection.client.get(), "next", 4), -1);
+}
+
+TEST(Tcp, APortInUseIsNotShared) {
+    const OwnedFd first(TcpBuildListen("127.0.0.1", 0, 20));
+    const std::uint16_t port = TcpLocalPort(first.get());
+    errno = 0;
+    const OwnedFd second(TcpBuildListen("127.0.0.1", port, 20));
+    EXPECT_EQ(errno, EADDRINUSE);
+    ASSERT_TRUE(second.valid());
+    EXPECT_NE(TcpLocalPort(second.get()), port);
+    EXPECT_NE(TcpLocalPort(second.get()), 0);
+}
+
+TEST(Tcp, ARestartGetsThePortOfConnectionsThatLiveOn) {
+    Connection connection;
+    const std::uint16_t port = TcpLocalPort(connection.listener.get());
+    connection.listener.reset();
+    for (const char* what : {"open", "closed by us"}) {
+        errno = 0;
+        OwnedFd restarted(TcpBuildListen("127.0.0.1", port, 20));
+        EXPECT_EQ(errno, 0) << what;
+        EXPECT_EQ(TcpLocalPort(restarted.get()), port) << what;
+        // Also this one is not shared.
+        const OwnedFd other(TcpBuildListen("127.0.0.1", port, 20));
+        EXPECT_NE(TcpLocalPort(other.get()), port) << what;
+        restarted.reset();
+        TcpClose(connection.server.release());
+    }
+}
+
+}  // namespace
