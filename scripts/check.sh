@@ -30,11 +30,11 @@ pair_tests() {
         --strict-markers --daemon="$PWD/build/$preset/quorsyncd" "$@"
 }
 
-# The sanitizers' builds run beside the release tests, at idle priority: they may not cost the
+# The sanitizers' builds run beside the release tests, at low priority: they may not cost the
 # tests the time their heartbeats need.
 start_sanitizer_builds() {
     sanitizer_log=$(mktemp)
-    setsid chrt --idle 0 /bin/bash -c '. scripts/lib/common.sh; build asan; build tsan' \
+    setsid nice -n 10 /bin/bash -c '. scripts/lib/common.sh; build asan; build tsan' \
         >"$sanitizer_log" 2>&1 &
     sanitizer_builds=$!
 }

@@ -1,0 +1,235 @@
+"""The operator's tool on hosts of the lab: store, diff, fetch, dhcpd-conf, service."""
+
+import json
+import os
+from pathlib import Path
+
+import pytest
+from lab.file_service import FileService
+
+FINE, PROBLEM, WRONG_USE, CANNOT_TELL = range(4)
+STORES = "/etc/quoradmind"
+NETWORK = {
+    "default_address": "10.77.0.1",
+    "netmask": "255.255.255.0",
+    "gateway": "10.77.0.254",
+    "dns_list": "10.77.0.1",
+    "ip_begin": "10.77.0.100",
+    "ip_end": "10.77.0.200",
+}
+
+
+@pytest.fixture
+def ctl(daemon_path, daemon_env):
+    """Runs the tool in a host: the exit code, standard output and standard error."""
+
+    def run(host, *arguments):
+        path = host.expose(daemon_path.parent / "quorsyncctl")
+        done = host.run([path, *arguments], env=daemon_env)
+        return done.returncode, done.stdout.decode(), done.stderr.decode()
+
+    return run
+
+
+@pytest.fixture
+def couple(lab_room):
+    """A master and a slave by their settings; no daemon runs."""
+    master, slave = hosts = lab_room.add_hosts(["master", "slave"])
+    for host in hosts:
+        host.config.fill(
+            {
+                "ha": "enable",
+                "server_list": f"{master.address},{slave.address}",
+                "master": master.address,
+                "config_db_version": "20200101000000",
+            }
+        )
+    return hosts
+
+
+def files_of(host):
+    """What a verb that only reads may not change."""
+    places = [host.root / "var/log", host.root / STORES.lstrip("/")]
+    return {
+        str(path): (path.stat().st_mtime_ns, path.stat().st_ino)
+        for place in places
+        for path in [place, *place.iterdir()]
+    }
+
+
+@pytest.mark.sanitizer
+def test_looking_at_a_store_leaves_no_trace(couple, ctl):
+    master, _ = couple
+    master.config.put("odd", b"a\nb\\\xff")
+    before = files_of(master)
+    servers = master.config.get("server_list").decode()
+    assert ctl(master, "store", "get", "server_list") == (FINE, servers + "\n", "")
+    _, dump, _ = ctl(master, "store", "dump")
+    assert "\nodd=a\\x0ab\\\\\\xff\n" in dump and f"\nserver_list={servers}\n" in dump
+    _, text, _ = ctl(master, "store", "dump", "--json")
+    records = json.loads(text)
+    assert len(records) == 5 and records["ha"] == "enable" and records["odd"] == "a\\x0ab\\\\\\xff"
+    assert ctl(master, "store", "verify")[0] == FINE
+
+    code, out, complaint = ctl(master, "store", "get", "no such")
+    assert (code, out) == (PROBLEM, "") and "no such" in complaint
+    code, out, complaint = ctl(master, "store", "dump", "--file", "client")
+    assert (code, out) == (CANNOT_TELL, "") and f"{STORES}/client.db" in complaint
+    assert files_of(master) == before
+
+    (master.root / "tmp/damaged.db").write_bytes(os.urandom(16384))
+    code, _, complaint = ctl(master, "store", "verify", "--file", "/tmp/damaged.db")
+    assert code == PROBLEM and "/tmp/damaged.db is damaged" in complaint
+    assert ctl(master, "store", "get", "key", "--file", "/tmp/damaged.db")[0] == CANNOT_TELL
+
+
+@pytest.mark.sanitizer
+def test_changes_of_a_store(couple, ctl):
+    master, slave = couple
+    assert ctl(master, "store", "put", "dhcpcfg", "new")[0] == FINE
+    assert ctl(master, "store", "list-add", "servers", "a")[0] == FINE
+    assert ctl(master, "store", "list-add", "servers", "b")[0] == FINE
+    assert ctl(master, "store", "list-remove", "servers", "a")[0] == FINE
+    assert ctl(master, "store", "put", "mac", "x" * 1023, "--file", "client")[0] == FINE
+    assert master.config.get("dhcpcfg") == b"new" and master.config.get("servers") == b"b"
+    assert master.client.items() == {b"mac": b"x" * 1023}
+    stamps = [master.config.get("config_db_version")]
+    for _ in range(3):
+        code, out, _ = ctl(master, "store", "bump", "config")
+        stamps.append(master.config.get("config_db_version"))
+        assert code == FINE and f"{stamps[-2].decode()} -> {stamps[-1].decode()}" in out
+    assert stamps == sorted(set(stamps)) and all(len(stamp) == 14 for stamp in stamps)
+    # An operator wants to see it beside what the daemon did.
+    assert len(master.find_log("quorsyncctl: bump config_db_version")) == 3
+    assert ctl(master, "store", "del", "servers")[0] == FINE
+    assert master.config.get("servers") is None
+    assert ctl(master, "store", "del", "servers")[0] == PROBLEM
+    assert ctl(master, "store", "list-remove", "server_list", "10.9.9.9")[0] == PROBLEM
+    assert not (master.root / "var/log/quorsyncd.log").exists()
+
+    before = master.config.items(), master.client.items()
+    for wrong in (
+        ["put", "dhcpcfg", "x" * 1024],
+        ["put", "config_db_version", "a#b"],
+        ["put", "mac", "x" * 1024, "--file", "client"],
+        ["list-add", "server_list", "10.0.0.1,10.0.0.2"],
+        ["bump", "disk"],
+        ["put", "key"],
+    ):
+        code, _, complaint = ctl(master, "store", *wrong)
+        assert code == WRONG_USE and complaint, wrong
+    assert (master.config.items(), master.client.items()) == before
+
+    for mirrored in (["put", "dhcpcfg", "x"], ["bump", "client"], ["del", "config_db_version"]):
+        code, _, complaint = ctl(slave, "store", *mirrored)
+        assert code == WRONG_USE and "--force" in complaint
+    assert slave.config.get("dhcpcfg") is None
+    assert ctl(slave, "store", "put", "dhcpcfg", "x", "--force")[0] == FINE
+    assert ctl(slave, "store", "put", "ha", "disable")[0] == FINE
+    assert slave.config.get("dhcpcfg") == b"x" and slave.config.get("ha") == b"disable"
+
+
+def test_diff_tells_what_is_mirrored(couple, ctl):
+    master, _ = couple
+    copy = master.store("10.77.0.2.db")
+    copy.fill({**master.config.items(), b"dhcp": b"on", b"dsver": b"1"})
+    code, out, _ = ctl(master, "diff", "config", copy.path)
+    assert code == FINE
+    stamp = "20200101000000"
+    rows = [line.split() for line in out.splitlines()]
+    assert rows[2:-1] == [
+        ["equal", "stamp", "config_db_version", stamp, stamp],
+        ["only", "in", "B", "not", "pushed", "dhcp", "-", "on"],
+        ["only", "in", "B", "dsver", "dsver", "-", "1"],
+    ]
+
+    master.config.fill({"dhcpcfg": "x" * 1024, "config_db_version": "20200101000001"})
+    code, out, _ = ctl(master, "diff", "config", copy.path, "--json")
+    keys = {entry["key"]: entry for entry in json.loads(out)["keys"]}
+    assert code == PROBLEM
+    assert keys["dhcpcfg"]["travels"] == "pushed" and "too long" in keys["dhcpcfg"]["misfit"]
+    assert keys["config_db_version"]["state"] == "differs"
+    code, _, complaint = ctl(master, "diff", "config", "/no/such.db")
+    assert code == CANNOT_TELL and "/no/such.db" in complaint
+
+
+@pytest.mark.sanitizer
+def test_fetch_replaces_a_file_when_all_of_it_has_come(lab_room, ctl):
+    here, there = lab_room.add_hosts(["here", "there"])
+    data = os.urandom(300_001)
+    (there.root / "tmp/file").write_bytes(data)
+    target = here.root / "tmp/fetched"
+
+    def fetch(remote):
+        answer = ctl(here, "fetch", there.address, remote, "/tmp/fetched")
+        assert not Path(f"{target}.part").exists()
+        return answer
+
+    with FileService(there):
+        code, out, complaint = fetch("/tmp/file")
+        assert (code, complaint) == (FINE, "") and "293.0 KiB" in out
+        assert target.read_bytes() == data
+        code, _, complaint = fetch("/tmp/missing")
+        assert code == PROBLEM and "No such file or directory" in complaint
+    with FileService(there, stop_after=100_000):
+        code, _, complaint = fetch("/tmp/file")
+        assert code == PROBLEM and "293.0 KiB" in complaint
+    code, _, complaint = fetch("/tmp/file")
+    assert code == PROBLEM and "Connection refused" in complaint
+    assert target.read_bytes() == data
+    assert ctl(here, "fetch", "there", "/tmp/file", "/tmp/fetched")[0] == WRONG_USE
+    assert list((here.root / "var/log").iterdir()) == []
+
+
+def test_dhcpd_conf_writes_only_what_is_sound(lab_room, ctl):
+    host = lab_room.add_host("host")
+    conf = host.root / "etc/dhcpd.conf"
+    conf.write_text("kept\n")
+    host.config.fill({key: text for key, text in NETWORK.items() if key != "ip_end"})
+    code, _, complaint = ctl(host, "dhcpd-conf", "write")
+    assert code == PROBLEM and "ip_end" in complaint and conf.read_text() == "kept\n"
+    host.config.put("ip_end", NETWORK["ip_end"])
+    assert ctl(host, "dhcpd-conf", "write")[0] == FINE
+    assert "subnet 10.77.0.0 netmask 255.255.255.0 {\n" in conf.read_text()
+
+    client = ["PC-10", "00:1E:4F:AA:0B:31", "10.77.0.21", "win11"]
+    assert ctl(host, "dhcpd-conf", "host", *client)[0] == FINE
+    written = conf.read_text()
+    assert "\thost PC-10 {\n\thardware ethernet 00:1e:4f:aa:0b:31;\n" in written
+    for place, wrong in [
+        *((0, text) for text in ('a"b', "a}b", "a\nb", "a b", "", "PC-1", "range")),
+        *((1, text) for text in ("00:1e:4f:aa:0b", "00:1e:4f:aa:0b:3g", "001e4faa0b31")),
+        *((2, text) for text in ("10.77.0", "10.77.0.256")),
+        *((3, text) for text in ('"', "{", "\x01", "\\")),
+    ]:
+        changed = [*client[:place], wrong, *client[place + 1 :]]
+        code, _, complaint = ctl(host, "dhcpd-conf", "host", *changed)
+        assert code == WRONG_USE and complaint, changed
+    assert ctl(host, "dhcpd-conf", "write")[0] == WRONG_USE  # PC-10 would be lost.
+    assert conf.read_text() == written
+
+
+def running(host):
+    return [name for name in ("quordhcpd", "stagd") if host.service_running(name)]
+
+
+@pytest.mark.sanitizer
+def test_services_by_hand(pair, ctl):
+    code, _, complaint = ctl(pair.slave, "service", "start", "boot")
+    assert code == WRONG_USE and "--force" in complaint and not running(pair.slave)
+    for host, more in ((pair.slave, ["--force"]), (pair.master, [])):
+        assert ctl(host, "service", "start", "boot", *more) == (FINE, "boot: started\n", "")
+        assert running(host) == ["quordhcpd", "stagd"] and host.config.get("dhcp") == b"on"
+        # They keep nothing of the operator's terminal or pipe open.
+        assert set(host.calls("stagd")[-1].descriptors.values()) == {"/dev/null"}
+    # As a unit does before it starts the daemon: a slave's are left over, a master's are wanted.
+    assert ctl(pair.slave, "service", "stop", "boot", "--if-slave")[0] == FINE
+    assert ctl(pair.master, "service", "stop", "boot", "--if-slave")[0] == FINE
+    assert not running(pair.slave) and pair.slave.config.get("dhcp") is None
+    assert running(pair.master) == ["quordhcpd", "stagd"]
+    assert ctl(pair.master, "service", "stop", "boot")[0] == FINE and not running(pair.master)
+
+    pair.master.stubs.remove("stagd")
+    code, _, complaint = ctl(pair.master, "service", "start", "boot")
+    assert code == PROBLEM and "stagd does not run" in complaint
+    assert ctl(pair.master, "service", "stop", "tftp")[0] == FINE

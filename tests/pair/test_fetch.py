@@ -1,0 +1,259 @@
+"""A master that keeps copies of the other servers' settings, and the service it gets them from."""
+
+import os
+import random
+import re
+import stat
+import struct
+import time
+from pathlib import Path
+
+import lab
+import pytest
+from lab import wait_until
+from lab.file_service import GET_FILE, FileService
+from peer import LIMIT, FakeSlave, beat_back, heartbeat
+
+DOWNLOAD = "tmp/SyncDbFile.db"
+PIPE = "var/lib/quoradmind/dhcp_fifo"
+ANSWER = [beat_back("config-1#client-1")]
+QUEUED = "--add_to_sync_config_db--"
+RUN = "Arg->op:256 --SyncQueueProcessor--"
+FAILED = "Client.GetServerFile nRet:"
+UDP_PORT = ":33B1 "
+
+
+def ends(master):
+    """How each job ended, in their order."""
+    return [line.text for line in master.find_log(re.compile(f"^({FAILED}|refresh_dhcp$)"))]
+
+
+class Fetcher(FakeSlave):
+    """A real master, and a server that beats and whose file service is the test's."""
+
+    def __init__(self, pair):
+        super().__init__(pair.slave, pair.master)
+        self.pair, self.master, self.slave = pair, pair.master, pair.slave
+        self.copy = self.master.store(f"{self.slave.address}.db")
+        os.mkfifo(self.master.root / PIPE)
+        self._reader = os.open(self.master.root / PIPE, os.O_RDONLY | os.O_NONBLOCK)
+        self.callback(os.close, self._reader)
+
+    def start(self):
+        daemon = self.pair.start_master()
+        sockets = Path(f"/proc/{daemon.outer_pid}/net/udp")
+        wait_until(lambda: UDP_PORT in sockets.read_text(), LIMIT, "the master's port")
+
+    def beat(self, dsver, address=None):
+        assert self.ask(heartbeat(address or self.slave.address, dsver)) == ANSWER
+
+    def change(self, dsver):
+        """Give the server another stamp and tell the master."""
+        self.slave.config.put("dsver", dsver)
+        self.beat(dsver)
+
+    def await_copy(self):
+        def equal():
+            difference = self.copy.difference(self.slave.config)
+            assert not difference, difference
+            return True
+
+        wait_until(equal, LIMIT, "an equal copy", interval=0.05)
+
+    def reloads(self, number):
+        """Wait for so many records in the pipe of the DHCP wrapper; the seconds they tell."""
+        data = b""
+        while len(data) < 68 * number:
+            data += wait_until(self._read, LIMIT, f"{number} records")
+        records = list(struct.iter_unpack("=I64s", data))
+        assert len(records) == number and {command for command, _ in records} == {23322}
+        return [int(seconds.rstrip(b"\0")) for _, seconds in records]
+
+    def _read(self):
+        try:
+            return os.read(self._reader, 68)
+        except BlockingIOError:
+            return b""
+
+
+@pytest.fixture(params=["one file system", "two file systems"])
+def fetcher(request, pair_factory):
+    pair = pair_factory(slave_config={"dsver": "20240101000000"}, slave_clients={b"a": b"b"})
+    pair.slave.config.fill(lab.realistic_clients(300))
+    if request.param == "two file systems":
+        pair.master.shell("mount -t tmpfs other /tmp")
+    with Fetcher(pair) as fresh:
+        fresh.start()
+        yield fresh
+
+
+one_file_system = pytest.mark.parametrize("fetcher", ["one file system"], indirect=True)
+two_file_systems = pytest.mark.parametrize("fetcher", ["two file systems"], indirect=True)
+
+
+@pytest.mark.sanitizer
+def test_another_stamp_fetches_a_copy(fetcher):
+    master, slave = fetcher.master, fetcher.slave
+    (master.root / "tmp/aim").write_bytes(b"precious")
+    (master.root / DOWNLOAD).symlink_to("/tmp/aim")
+    files = set(os.listdir(master.root / "etc/quoradmind")) | {fetcher.copy.outer_path.name}
+    begin = int(time.time())
+    with FileService(slave) as service:
+        fetcher.beat("20240101000000")
+        assert begin <= fetcher.reloads(1)[0] <= time.time()
+        fetcher.await_copy()
+        path = r"\/etc\/quoradmind\/config.db"
+        (request,) = service.requests
+        assert request.command == f'{{ "action": "get-file", "path": "{path}" }}'
+        assert request.header == (GET_FILE, 0, 0, 88)
+
+        for _ in range(3):  # The stamps are equal now.
+            fetcher.beat("20240101000000")
+        fetcher.beat("")
+        assert len(master.find_log(QUEUED)) == len(service.requests) == 1
+        slave.config.put("new", "record")
+        fetcher.change("20240101000001")
+        fetcher.reloads(1)
+        fetcher.await_copy()
+    assert stat.S_IMODE(fetcher.copy.outer_path.stat().st_mode) == 0o644
+    assert set(os.listdir(master.root / "etc/quoradmind")) == files
+    assert not (master.root / DOWNLOAD).exists()
+    assert (master.root / "tmp/aim").read_bytes() == b"precious"
+    assert not master.find_log("refresh_dhcp open")
+
+
+@one_file_system
+@pytest.mark.sanitizer
+def test_a_fetch_that_fails_leaves_the_old_copy(fetcher):
+    with FileService(fetcher.slave):
+        fetcher.beat("20240101000000")
+        fetcher.reloads(1)
+    old = fetcher.copy.outer_path.read_bytes()
+    fetcher.slave.config.fill(lab.realistic_clients(300, seed=2))
+    size = fetcher.slave.config.outer_path.stat().st_size
+    told = '{"length": "%s"}'
+    cases = [
+        (-2, {"error": 7}),
+        (-3, {"reply": "no JSON"}),
+        (-3, {"reply": told % "-1"}),
+        (-4, {"reply": told % (size + 1)}),
+        (-1, {"stop_after": 0}),
+        (-1, {"stop_after": 30}),
+        (-4, {"stop_after": size // 2}),
+        (-4, {"stop_after": size // 2, "pace": 50 * size}),
+    ]
+    for number, (result, options) in enumerate(cases):
+        mark = fetcher.master.log_mark()
+        with FileService(fetcher.slave, **options):
+            fetcher.change(f"change {number}")
+            line = fetcher.master.wait_log(FAILED, LIMIT, mark)
+        assert line.text.startswith(f"{FAILED}{result} --src/syncd--"), options
+        assert fetcher.copy.outer_path.read_bytes() == old, options
+    mark = fetcher.master.log_mark()
+    fetcher.change("nobody there")
+    fetcher.master.wait_log(f"{FAILED}-1 ", LIMIT, mark)
+    assert fetcher.copy.outer_path.read_bytes() == old
+    assert len(fetcher.master.find_log("refresh_dhcp")) == 1
+
+
+def test_a_killed_master_leaves_one_copy_or_the_other(fetcher):
+    clients = lab.realistic_clients(4000)
+    fetcher.slave.config.fill(clients)
+    dice = random.Random(1)
+    with FileService(fetcher.slave):
+        fetcher.beat("20240101000000")
+        fetcher.await_copy()
+    old = fetcher.copy.outer_path.read_bytes()
+    with FileService(fetcher.slave, pace=10 * len(old)):
+        for number in range(8):
+            fetcher.change(f"change {number}")
+            new = fetcher.slave.config.outer_path.read_bytes()
+            time.sleep(dice.uniform(0.0, 0.2))  # Wherever that is: before, amid or after.
+            fetcher.pair.master_daemon.kill()
+            seen = fetcher.copy.outer_path.read_bytes()
+            assert seen in (old, new), f"{len(seen)} bytes of {len(new)}"
+            old = seen
+            fetcher.start()
+    with FileService(fetcher.slave):
+        fetcher.change("the last change")
+        fetcher.await_copy()
+
+
+@one_file_system
+@pytest.mark.sanitizer
+def test_beats_are_answered_while_a_fetch_hangs(fetcher):
+    """Each of them queues one more job; they run in a row when the service wakes up."""
+    with FileService(fetcher.slave) as service:
+        service.process.freeze()
+        fetcher.beat("20240101000000")
+        fetcher.master.wait_log(RUN, LIMIT)
+        for _ in range(10):
+            fetcher.beat("20240101000000")
+        service.process.thaw()
+        wait_until(lambda: len(ends(fetcher.master)) == 11, LIMIT, "the end of all jobs")
+        fetcher.reloads(11 - len(fetcher.master.find_log(FAILED)))  # The first waits 5 s only.
+        fetcher.await_copy()
+        fetcher.beat("20240101000000")
+    lines = [line.text for line in fetcher.master.log_lines()]
+    before_end = lines[: lines.index(ends(fetcher.master)[0])]
+    hanging = before_end[next(n for n, text in enumerate(lines) if text.startswith(RUN)) :]
+    assert len([text for text in hanging if text.startswith("beat back to ")]) >= 2
+    assert len(fetcher.master.find_log(QUEUED)) == 11
+
+
+@one_file_system
+def test_a_name_that_is_no_address_gives_neither_file_nor_job(fetcher):
+    folder = fetcher.master.root / "etc/quoradmind"
+    before = sorted(os.listdir(folder))
+    for name in ("../evil", "10.77.0.2/../../evil", "server", "10.77.0.2 ", "\n", "x" * 32):
+        fetcher.beat("another", name)
+        line = f"serverip {name} is no address, ignored"
+        assert len(fetcher.master.find_log(line)) == 1
+    assert sorted(os.listdir(folder)) == before
+    assert not fetcher.master.find_log(QUEUED)
+
+    mark = fetcher.master.log_mark()
+    fetcher.beat("another", b"\0")
+    fetcher.master.wait_log(RUN, LIMIT, mark)
+    fetcher.beat("x" * 32, "1" * 32)  # Both fields filled to the brim: no end of text.
+    fetcher.master.wait_log(f"{FAILED}-1 ", LIMIT, mark)
+    asked = fetcher.master.find_log("PK_Request_Client::Hpc_RequestPro szIP:", mark)
+    assert [line.text.split()[1] for line in asked] == ["szIP:" + "1" * 32]
+
+
+@two_file_systems
+@pytest.mark.sanitizer
+def test_a_damaged_copy_is_replaced_by_the_next_good_one(fetcher):
+    path = fetcher.slave.config.outer_path
+    good = path.read_bytes()
+    dice = random.Random(1)
+    with FileService(fetcher.slave):
+        for bad in (
+            b"",
+            b"no database",
+            dice.randbytes(20000),
+            good[: len(good) // 2],
+            good[:4096] + dice.randbytes(len(good) - 4096),
+        ):
+            path.write_bytes(bad)
+            fetcher.beat("20240101000000")
+            fetcher.reloads(1)
+            assert fetcher.copy.outer_path.read_bytes() == bad
+        path.write_bytes(good)
+        fetcher.beat("20240101000000")
+        fetcher.reloads(1)
+        fetcher.await_copy()
+        fetcher.beat("20240101000000")
+    assert len(fetcher.master.find_log(QUEUED)) == 6
+
+
+def test_a_real_pair(pair_factory):
+    pair = pair_factory(clients=lab.realistic_clients(20))
+    copy = pair.master.store(f"{pair.slave.address}.db")
+    with FileService(pair.slave):
+        pair.start()
+        wait_until(lambda: copy.get("dsver"), LIMIT, "the first copy")
+        pair.wait_equal(LIMIT)
+        pair.slave.config.put("dsver", "20380101000000")
+        wait_until(lambda: not copy.difference(pair.slave.config), LIMIT, "an equal copy")
+        assert copy.get("dsver") == b"20380101000000"

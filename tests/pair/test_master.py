@@ -1,0 +1,108 @@
+"""A real master, asked and heard byte by byte."""
+
+import lab
+import pytest
+from peer import (
+    ALL,
+    CLIENT,
+    CONFIG,
+    LIMIT,
+    REQUEST,
+    FakeSlave,
+    await_master,
+    beat_back,
+    heartbeat,
+    message,
+    record,
+    request,
+)
+
+PUSHED = {b"dhcpcfg": lab.pair.DHCP_SETTINGS.encode(), b"default_writeback": b"/srv/writeback"}
+
+
+@pytest.fixture
+def asked(pair_factory):
+    """Starts a master; the host beside it asks."""
+
+    def make(**options):
+        pair = pair_factory(**options)
+        pair.start_master()
+        await_master(pair.master)
+        return pair.master, pair.slave, FakeSlave(pair.slave, pair.master)
+
+    return make
+
+
+def answer_to_a_beat(peer):
+    return peer.ask(heartbeat("10.77.0.2", "20240101000000"))
+
+
+def assert_set(messages, kind, records, stamp):
+    """These records in any order, then the stamp; to the byte, so the rest is zero."""
+    assert len(messages) == len(records) + 1
+    assert sorted(messages[:-1]) == sorted(record(kind, *pair) for pair in records.items())
+    assert messages[-1] == record(kind, "dbver", stamp)
+
+
+@pytest.mark.sanitizer
+def test_every_request_is_answered_on_a_connection_of_its_own(asked):
+    clients = lab.realistic_clients(300)
+    others = {f"setting{number}": "stays here" for number in range(20)}
+    master, _, peer = asked(clients=clients, master_config=others)
+    with peer:
+        assert answer_to_a_beat(peer) == [beat_back("config-1#client-1")]
+        everything = peer.ask(request(ALL))
+        assert len(everything) == 2 + 1 + 300 + 1
+        assert_set(everything[:3], CONFIG, PUSHED, "config-1")
+        assert_set(everything[3:], CLIENT, clients, "client-1")
+        assert_set(peer.ask(request(CONFIG)), CONFIG, PUSHED, "config-1")
+        assert_set(peer.ask(request(CLIENT)), CLIENT, clients, "client-1")
+        for number in (3, 5, 1 << 31):
+            assert peer.ask(request(number)) == []
+
+        # Cut short, filled to the brim without an end, empty, unknown: nothing stops it.
+        assert peer.ask(b"\2") == [beat_back("config-1#client-1")]
+        assert peer.ask(b"\2\0" + b"\xff" * 1162) == [beat_back("config-1#client-1")]
+        assert_set(peer.ask(message(REQUEST, CONFIG, 7, b"\xff" * 128)), CONFIG, PUSHED, "config-1")
+        mark = master.log_mark()
+        for unknown in (b"", message(3), b"\2\1"):
+            assert peer.ask(unknown) == []
+        assert len(master.find_log("unknow udp package.", mark)) == 3
+
+
+def test_stamps_that_are_missing_or_empty(asked):
+    master, _, peer = asked(stamps=None)
+    with peer:
+        assert answer_to_a_beat(peer) == [beat_back("null#null")]
+        assert_set(peer.ask(request(CLIENT)), CLIENT, {}, "null")
+        master.config.put("config_db_version", "")
+        master.config.put("client_db_version", "c")
+        assert answer_to_a_beat(peer) == [beat_back("#c")]
+        assert_set(peer.ask(request(CONFIG)), CONFIG, PUSHED, "")
+
+
+def test_an_asker_that_does_not_listen_holds_nobody_up(asked):
+    master, _, peer = asked(clients=lab.realistic_clients(5))
+    with peer:
+        answer_to_a_beat(peer)
+        peer.inlet.close()
+        for datagram in (heartbeat("", ""), request(CLIENT)):
+            peer.outlet.send(datagram)
+        lab.wait_until(lambda: master.events(720003), LIMIT, "the event")
+        peer.listen()
+        assert answer_to_a_beat(peer) == [beat_back("config-1#client-1")]
+    assert len(master.find_log("sendto error:")) == 1
+    assert len(master.find_log("send data error:")) == 6
+    assert len(master.events()) == 1
+
+
+def test_a_set_that_cannot_be_read_is_not_pushed(asked):
+    master, _, peer = asked(clients=lab.realistic_clients(200))
+    path = master.client.outer_path
+    good = path.read_bytes()
+    with peer:
+        path.write_bytes(good[:4096] + b"\xa5" * (len(good) - 4096))
+        assert_set(peer.ask(request(ALL)), CONFIG, PUSHED, "config-1")
+        assert peer.ask(request(CLIENT)) == []
+        path.write_bytes(good)
+        assert len(peer.ask(request(CLIENT))) == 201

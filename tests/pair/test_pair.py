@@ -1,0 +1,155 @@
+"""Two real daemons: stores that stay equal, a role that moves and comes back, and what breaks."""
+
+import re
+from signal import SIGTERM
+from socket import SOCK_DGRAM
+
+import lab
+import pytest
+from lab import wait_until
+from peer import CLIENT, LIMIT, PORT, request
+
+PROMOTED = "become a master host"
+RESTORED = "restore to be a slave host"
+BEATEN = re.compile("^bottle=[23], status=71")
+
+
+def await_beats(slave, number):
+    """Wait for so many periods that each had an answer."""
+    mark = slave.log_mark()
+    wait_until(lambda: len(slave.find_log(BEATEN, mark)) >= number, LIMIT, f"{number} beats")
+
+
+def change(pair, stamp, **clients):
+    """As a site's tools do it: the records first, then the stamp."""
+    pair.master.client.fill(clients)
+    pair.master.config.put("client_db_version", stamp)
+
+
+@pytest.mark.sanitizer
+def test_a_pair_through_its_life(pair_factory):
+    clients = lab.realistic_clients(50)
+    pair = pair_factory(clients=clients, master_config={"private": "stays"})
+    master, slave = pair.master, pair.slave
+    pair.start(foreground=False)
+    pair.wait_equal(LIMIT)
+    change(pair, "client-2", new="1")
+    pair.wait_equal(LIMIT)
+    # The set is made anew, so what the master no longer has is gone, too.
+    master.client.delete("new")
+    change(pair, "client-3", newer="2")
+    pair.wait_equal(LIMIT)
+    assert slave.client.items() == clients | {b"newer": b"2"}
+    assert slave.config.get("private") is None
+    assert slave.config.get("server_list") == master.config.get("server_list")
+
+    mark = slave.log_mark()
+    pair.master_daemon.kill()
+    slave.wait_log(PROMOTED, LIMIT, mark)
+    wait_until(lambda: slave.service_running("stagd"), LIMIT, "the services")
+    assert slave.service_running("quordhcpd")
+    assert slave.client.items() == clients | {b"newer": b"2"}
+    change(pair, "client-4", newest="3")
+    pair.start_master(foreground=False)
+    slave.wait_log(RESTORED, LIMIT, mark)
+    pair.wait_equal(LIMIT)
+    for name in ("quordhcpd", "stagd"):
+        wait_until(lambda: not slave.service_running(name), LIMIT, f"the end of {name}")
+    assert not master.calls()  # A configured master leaves its services to others.
+    pair.master_daemon.signal(SIGTERM)
+    assert pair.master_daemon.wait(LIMIT) == -SIGTERM
+
+
+@pytest.mark.parametrize("direction", ["in", "out"])
+def test_a_line_that_works_one_way_only(pair, direction):
+    """Either way no answer arrives, and none is missed any more when the line is whole again."""
+    pair.wait_equal(LIMIT)
+    mark = pair.slave.log_mark()
+    pair.master.cut(direction)
+    pair.slave.wait_log(PROMOTED, LIMIT, mark)
+    change(pair, "client-2", new="1")
+    pair.master.heal()
+    pair.slave.wait_log(RESTORED, LIMIT, mark)
+    pair.wait_equal(LIMIT)
+    assert pair.master_daemon.alive and pair.slave_daemon.alive
+
+
+def test_silence_holds_nobody_for_long(pair):
+    """The slave's caller says nothing; an asker of the master does not hear its call back."""
+    master, slave = pair.master, pair.slave
+    stranger = pair.lab.add_host("stranger")
+    await_beats(slave, 1)
+    mark = slave.log_mark()
+    with master.open_socket() as caller, stranger.open_socket(SOCK_DGRAM) as outlet:
+        caller.connect((slave.address, PORT))
+        stranger.cut("in")
+        outlet.sendto(request(CLIENT), (master.address, PORT))
+        slave.wait_log("recvfrom() error:Resource temporarily unavailable", LIMIT, mark)
+        master.wait_log("send data error:Broken pipe", LIMIT)
+    await_beats(slave, 1)
+
+
+def test_a_full_store_is_made_anew_and_then_left_alone(pair_factory):
+    """Thousands of records over older ones; stamps and records at their limits, and beyond."""
+    clients = lab.realistic_clients(5000)
+    limits = {b"k" * 127: b"v" * 1023}
+    too_long = {b"k" * 128: b"v", b"v": b"v" * 1024}
+    pair = pair_factory(
+        stamps=("c" * 127, "d" * 200),
+        clients=clients | limits | too_long,
+        slave_clients=lab.realistic_clients(5000, seed=2),
+        slave_config={"client_db_version": "old"},
+    )
+    pair.start()
+    stamp = b"d" * 127
+    wait_until(lambda: pair.slave.config.get("client_db_version") == stamp, LIMIT, "the stamp")
+    assert pair.slave.client.items() == clients | limits
+    assert pair.slave.config.get("config_db_version") == b"c" * 127
+    for key, value in too_long.items():
+        sizes = f"(key {len(key)} bytes, value {len(value)} bytes)"
+        assert pair.master.find_log(f"record too long, not sent: {key.decode()} {sizes}")
+    # Requests that were under way may still come; then there is an end of them.
+    await_beats(pair.slave, 2)
+    asked = len(pair.slave.find_log("request data("))
+    await_beats(pair.slave, 2)
+    assert len(pair.slave.find_log("request data(")) == asked
+
+
+def test_a_push_that_breaks_off_leaves_the_stamp(pair_factory):
+    pair = pair_factory(clients=lab.realistic_clients(10))
+    master, slave = pair.master, pair.slave
+    for host in (master, slave):  # Little fits on the way: a push waits for its reader.
+        host.shell("cd /proc/sys/net/ipv4; for f in tcp_?mem; do echo 4096 8192 8192 >$f; done")
+    pair.start()
+    pair.wait_equal(LIMIT)
+    pair.slave_daemon.freeze()
+    master.client.fill(lab.realistic_clients(3000, seed=2))
+    master.config.put("client_db_version", "client-2")
+    marks = master.log_mark(), slave.log_mark()
+    with slave.open_socket(SOCK_DGRAM) as outlet:
+        outlet.sendto(request(CLIENT), (master.address, PORT))
+    master.wait_log(" send data:", LIMIT, marks[0])
+    pair.master_daemon.kill()
+    pair.slave_daemon.thaw()
+    slave.wait_log("data 2:", LIMIT, marks[1])
+    slave.wait_log(PROMOTED, LIMIT, marks[1])
+    assert slave.client.verify() and 0 < slave.client.count() < 3000
+    assert slave.config.get("client_db_version") == b"client-1"
+    pair.start_master()
+    pair.wait_equal(LIMIT)
+
+
+def test_a_stamp_waits_for_a_disk_with_room(pair_factory):
+    pair = pair_factory(clients=lab.realistic_clients(3000))
+    slave = pair.slave
+    slave.shell(
+        "cp -a /etc/quoradmind /tmp/all && mount -t tmpfs -o size=200k small /etc/quoradmind"
+        " && cp -a /tmp/all/. /etc/quoradmind"
+    )
+    pair.start()
+    refused = "client_db_version not stored: a record of its set could not be stored"
+    slave.wait_log(refused, LIMIT)
+    await_beats(slave, 2)
+    assert slave.config.get("client_db_version") is None
+    slave.shell("mount -o remount,size=50m /etc/quoradmind")
+    pair.wait_equal(LIMIT)

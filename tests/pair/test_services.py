@@ -1,0 +1,174 @@
+"""Boot services on a role change: how they are started, ended, and outlive a daemon."""
+
+import re
+import signal
+import socket
+
+import pytest
+from lab import wait_until
+from peer import LIMIT, PORT, FakeMaster, beat_back
+
+TURNS = re.compile(r"^(bottle=|become a|restore to)")
+OUT_OF_BEATS = ["bottle=1, status=71", "bottle=0, status=71", "bottle=-1, status=71"]
+PROMOTED = "become a master host"
+RESTORED = "restore to be a slave host"
+
+
+def turns(host, after=None):
+    return [line.text for line in host.find_log(TURNS, after)]
+
+
+def service_calls(host):
+    return [call for call in host.calls() if call.name != "evpost_ex"]
+
+
+def names(calls):
+    return [call.name for call in calls]
+
+
+def await_services(host):
+    wait_until(lambda: host.service_running("stagd"), LIMIT, "the boot-load daemon")
+
+
+def semaphores(host):
+    return host.shell("cat /proc/sysvipc/sem").splitlines()[1:]
+
+
+def port_is_free(host):
+    with host.open_socket() as probe:
+        probe.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)  # Old connections may linger.
+        try:
+            probe.bind(("", PORT))
+            probe.listen()
+        except OSError:
+            return False
+    return True
+
+
+@pytest.mark.sanitizer
+def test_a_silent_master_is_replaced_and_gets_its_place_back(lonely_slaves, run_daemon):
+    slave, other = lonely_slaves("slave", "other")
+    daemon = run_daemon(slave)
+    slave.wait_log(PROMOTED, LIMIT)
+    await_services(slave)
+    seen = turns(slave)
+    assert seen[: seen.index(PROMOTED)] == OUT_OF_BEATS
+
+    dhcpd, stagd = service_calls(slave)
+    assert dhcpd.argv == ("/usr/local/bin/quordhcpd",) and stagd.argv == ("/usr/local/bin/stagd",)
+    for call in (dhcpd, stagd):
+        assert call.descriptors.keys() == {0, 1, 2}
+        assert not call.blocked and not call.ignored
+    # Nobody asked for the wrapper's output to be kept: it goes where the daemon's goes.
+    assert "quordhcpd was called" in daemon.output_text()
+    assert not (slave.root / "var/log/dhcpd_start.log").exists()
+    wait_until(lambda: slave.config.get("dhcp") is None, LIMIT, "the mark to go")
+
+    # One answer, and no more: it steps down, then takes over again.
+    mark = slave.log_mark()
+    with FakeMaster(other, slave) as master:
+        master.tell(beat_back("#"))
+    slave.wait_log(RESTORED, LIMIT, mark)
+    slave.wait_log(PROMOTED, LIMIT, mark)
+    seen = turns(slave, mark)
+    back, gone = seen.index(RESTORED), seen.index(PROMOTED)
+    # The answer gives three beats; mostly the next period has taken one when it is noticed.
+    assert seen[back - 1] in ("bottle=2, status=75", "bottle=3, status=75")
+    assert seen[gone - 3 : gone] == OUT_OF_BEATS and gone - back in (4, 5)
+    wait_until(lambda: len(service_calls(slave)) == 4, LIMIT, "the second start")
+    await_services(slave)
+    wait_until(lambda: len(slave.events()) == 3, LIMIT, "the events")
+    posted = sorted(event.argv for event in slave.events())
+    for argv, code in zip(posted, ("720007", "720007", "720008"), strict=True):
+        assert argv[:6] == ("quorsyncd", "0", "720000", "22", "0", code)
+        assert argv[6].isdigit() and argv[7:] == ("",)
+
+    # Asked to stop it stays, idle, and so do the services; a new one finds everything free.
+    mark = slave.log_mark()
+    assert len(semaphores(slave)) == 1
+    daemon.signal(signal.SIGTERM)
+    slave.wait_log("slave exit line292", LIMIT, mark)
+    wait_until(lambda: port_is_free(slave), LIMIT, "the port")
+    assert daemon.alive and not semaphores(slave)
+    assert slave.service_running("quordhcpd") and slave.service_running("stagd")
+    assert len(slave.find_log("semaphore_", mark)) < 5
+    again = run_daemon(slave)
+    slave.wait_log("quorsyncd_role:slave", LIMIT, mark)
+    again.signal(signal.SIGINT)
+    assert again.wait(LIMIT) == -signal.SIGINT
+    assert daemon.alive
+
+
+def test_step_down_ends_both_services(lonely_slaves, run_daemon):
+    slave, other = lonely_slaves("slave", "other")
+    (slave.root / "var/log/dhcpd_start.log").write_text("")
+    run_daemon(slave)
+    await_services(slave)
+    old = slave.service_pids("quordhcpd"), slave.service_pids("stagd")
+    assert all(len(pids) == 1 for pids in old)
+    with FakeMaster(other, slave) as master:
+
+        def all_given_back():
+            master.tell(beat_back("#"))  # Again and again: it must not take over once more.
+            running = [name for name in ("quordhcpd", "stagd") if slave.service_running(name)]
+            return slave.config.get("dhcp") is None and not running
+
+        wait_until(all_given_back, LIMIT, "the end of both services", interval=0.5)
+    assert len(slave.find_log(RESTORED)) == 1
+    assert "quordhcpd was called" in (slave.root / "var/log/dhcpd_start.log").read_text()
+
+
+def test_starts_that_do_not_go_well(lonely_slaves, run_daemon):
+    failing, missing, hanging, old = hosts = lonely_slaves("failing", "missing", "hanging", "old")
+    failing.stubs.configure("quordhcpd", status=1, detach=False)
+    missing.stubs.remove("quordhcpd")
+    hanging.stubs.configure("quordhcpd", delay=1000)
+    for name in ("quordhcpd", "stagd"):
+        old.run([f"/usr/local/bin/{name}"], check=True)  # Of an earlier life.
+    before = old.service_pids("quordhcpd") + old.service_pids("stagd")
+    daemons = [run_daemon(host) for host in hosts]
+
+    # Marked as on before the wrapper is up; one that is killed while starting counts as started.
+    wait_until(lambda: hanging.calls("quordhcpd"), LIMIT, "the call of the wrapper")
+    assert hanging.config.get("dhcp") == b"on"
+    assert not hanging.calls("stagd")
+    hanging.shell("killall -9 quordhcpd")
+
+    for host in (missing, hanging, old):
+        await_services(host)
+    # A period later nothing was started that should not be.
+    failing.wait_log("dhcpd start result:", LIMIT)
+    failing.wait_log("bottle=-2, status=75", LIMIT)
+    assert names(service_calls(failing)) == ["quordhcpd"]
+    assert names(service_calls(missing)) == ["stagd"]
+    assert names(service_calls(hanging)) == ["quordhcpd", "stagd"]
+    for name in ("quordhcpd", "stagd"):
+        (pid,) = old.service_pids(name)
+        assert pid not in before
+    assert all(daemon.alive for daemon in daemons)
+
+
+def test_a_killed_slave_listens_again_at_once(pair):
+    """Neither the services it started nor a connection of its last life keep its port."""
+    slave = pair.slave
+    # Hosts of a lab forget closed connections at once; real ones keep the port for a while.
+    slave.shell("echo 1000 > /proc/sys/net/ipv4/tcp_max_tw_buckets")
+    slave.wait_log("bottle=2, status=71", LIMIT)
+    pair.master.cut()
+    await_services(slave)
+    services = slave.service_pids("quordhcpd") + slave.service_pids("stagd")
+    with slave.open_socket() as connection:
+        connection.connect(("127.0.0.1", PORT))
+        wait_until(
+            lambda: len(sockets(pair.slave_daemon)) == 3, LIMIT, "the accepted connection"
+        )
+        pair.slave_daemon.kill()
+        pair.master.heal()
+        mark = slave.log_mark()
+        pair.start_slave()
+        slave.wait_log("bottle=2, status=71", LIMIT, mark)
+    assert services == slave.service_pids("quordhcpd") + slave.service_pids("stagd")
+
+
+def sockets(daemon):
+    return [link for link in daemon.descriptors().values() if link.startswith("socket:")]

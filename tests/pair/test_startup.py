@@ -1,0 +1,110 @@
+"""How a daemon starts, decides its role, and ends when it cannot."""
+
+import re
+
+from lab import wait_until
+from peer import LIMIT, PORT, await_master
+
+ERROR_FILE = "/var/log/qudpserver.err"
+# What a daemon opens itself, for good or for a moment.
+OWN = re.compile(r"socket:|anon_inode:|/var/log/quorsyncd|/etc/quoradmind/|/proc/")
+# Holds a descriptor open that a detached daemon must not keep.
+LEAKING = ("/bin/sh", "-c", 'exec 7</etc/passwd; exec "$@"', "sh")
+
+
+def test_a_detached_daemon_is_alone(pair_factory):
+    pair = pair_factory(wrapper=LEAKING)
+    master, slave = pair.master, pair.slave
+    tail = "an older line\n" * 5000
+    (master.root / ERROR_FILE[1:]).write_text(tail)
+    (slave.root / ERROR_FILE[1:]).mkdir()  # Cannot be opened.
+    pair.start(foreground=False)
+    slave.wait_log("bottle=2, status=71", LIMIT)
+    for host, daemon, output in (
+        (master, pair.master_daemon, ERROR_FILE),
+        (slave, pair.slave_daemon, "/dev/null"),
+    ):
+        assert daemon.launcher_status == 0
+        assert (daemon.pid, 1, daemon.pid, "quorsyncd") in host.processes()
+        assert host.shell(f"readlink /proc/{daemon.pid}/cwd") == "/\n"
+        descriptors = daemon.descriptors()
+        assert [descriptors[number] for number in range(3)] == [output] * 3
+        assert not [link for link in descriptors.values() if not (link == output or OWN.match(link))]
+    text = (master.root / ERROR_FILE[1:]).read_text()
+    assert text.startswith("quorsyncd:2.1 ") and text.endswith(tail[-1000:])
+    assert len(text) == len(tail)
+
+
+def test_a_foreground_daemon_stays_where_it_is(pair):
+    for host, daemon in ((pair.master, pair.master_daemon), (pair.slave, pair.slave_daemon)):
+        descriptors = daemon.descriptors()
+        assert descriptors[0] == "/dev/null" and descriptors[1].startswith("/lab/out/")
+        assert daemon.alive and "quorsyncd_role:" in daemon.output_text()
+        assert host.shell(f"readlink /proc/{daemon.pid}/cwd") == "/\n"
+        assert not (host.root / ERROR_FILE[1:]).exists()
+
+
+def test_a_taken_port_ends_a_daemon(pair_factory, run_daemon):
+    """Attached and detached: a library's threads must not keep a detached one from ending."""
+    pair = pair_factory()
+    master, slave = pair.master, pair.slave
+    first = pair.start_master()
+    await_master(master)
+    with slave.open_socket() as listener:
+        listener.bind(("", PORT))
+        listener.listen()
+        late = [run_daemon(host, foreground=False) for host in (master, slave)]
+        assert [daemon.launcher_status for daemon in late] == [0, 0]
+        late += [run_daemon(host) for host in (master, slave)]
+        assert [daemon.wait(LIMIT) for daemon in late] == [1, 11, 1, 11]
+    assert len(master.find_log("Bind error:Address already in use")) == 2
+    deaf = "TcpBuildListen error:Address already in use --slave_thread--237"
+    assert len(slave.find_log(deaf)) == 2
+    # The first was not disturbed.
+    pair.start_slave()
+    slave.wait_log("bottle=2, status=71", LIMIT)
+    assert first.alive
+
+
+def test_marks_in_the_configuration_at_start(pair_factory):
+    pair = pair_factory(slave_config={"dsver": "", "dhcp": "on"})
+    pair.start()
+    wait_until(lambda: pair.master.config.get("dsver"), LIMIT, "the master's stamp")
+    assert re.fullmatch(rb"\d{14}", pair.master.config.get("dsver"))
+    pair.slave.wait_log("bottle=", LIMIT)
+    assert pair.slave.config.get("dsver") == b""
+    pair.slave_daemon.kill()
+
+    # A slave that gets no semaphore ends before its first heartbeat; the mark has gone by then.
+    pair.slave.config.put("dhcp", "on")
+    pair.slave.shell("echo '250 32000 32 0' > /proc/sys/kernel/sem; ipcrm --all=sem")
+    mark = pair.slave.log_mark()
+    assert pair.start_slave().wait(LIMIT) == 1
+    assert pair.slave.find_log("failed to initialize semaphore", mark)
+    assert not pair.slave.find_log("bottle=", mark)
+    assert pair.slave.config.get("dhcp") is None
+
+
+def test_a_host_without_a_role_waits_for_one(lab_room, run_daemon):
+    switched_off, third, alone = lab_room.add_hosts(["off", "third", "alone"])
+    hosts = (switched_off, third, alone)
+    off, three, one = (host.address for host in hosts)
+    everyone = f"{off},{one},{three}"
+    common = {"ha": "enable", "server_list": everyone, "master": off}
+    switched_off.config.fill(common | {"ha": "Enable"})
+    third.config.fill(common)
+    alone.config.fill(common | {"server_list": one})
+    daemons = [run_daemon(host) for host in hosts]
+    switched_off.wait_log("ha :Enable", LIMIT)
+    third.wait_log("first_ip:", LIMIT)
+    alone.wait_log(f"server_list:1,{one}", LIMIT)
+
+    switched_off.config.put("ha", "enable")
+    third.config.put("server_list", f"{off},{three}")
+    alone.config.put("server_list", f"{one},{off}")
+    for host, role in ((switched_off, "master"), (third, "slave"), (alone, "slave")):
+        host.wait_log(f"quorsyncd_role:{role}", LIMIT)
+        texts = [line.text for line in host.log_lines()]
+        attempts = texts[: texts.index(f"quorsyncd_role:{role}")]
+        assert len([text for text in attempts if text.startswith("ha :")]) > 1
+    assert all(daemon.alive for daemon in daemons)
