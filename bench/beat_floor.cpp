@@ -61,8 +61,8 @@ int main(int argc, char** argv) {
     if (argc != 5) {
         return 2;
     }
-    const int fd = bound_socket(SOCK_DGRAM, std::atoi(argv[1]));
-    for (int count = std::atoi(argv[4]); count > 0; --count) {
+    const int fd = bound_socket(SOCK_DGRAM, number(argv[1]));
+    for (int count = number(argv[4]); count > 0; --count) {
         serve_one(fd, argv[2], argv[3]);
     }
     return 0;

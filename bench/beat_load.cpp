@@ -52,8 +52,8 @@ int main(int argc, char** argv) {
     }
     const int listener = bound_socket(SOCK_STREAM, PEER_PORT);
     const int fd = need(socket(AF_INET, SOCK_DGRAM, 0), "socket");
-    const sockaddr_in master = ipv4(argv[1], std::atoi(argv[2]));
-    const int count = std::atoi(argv[3]);
+    const sockaddr_in master = ipv4(argv[1], number(argv[2]));
+    const int count = number(argv[3]);
     const PeerMessage heartbeat = heartbeat_of(argv[4], argv[5]);
     const double begin = monotonic_seconds();
     for (int sent = 0, answered = 0; answered < count; ++answered) {

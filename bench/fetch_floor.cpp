@@ -12,11 +12,12 @@ int main(int argc, char** argv) {
     }
     const int file = need(open(argv[1], O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0664), argv[1]);
     char buffer[4096];
-    for (int head = std::atoi(argv[2]); head > 0; --head) {
+    for (long head = std::strtol(argv[2], nullptr, 10); head > 0; --head) {
         need(static_cast<int>(recv(STDIN_FILENO, buffer, 1, 0)), "recv");
     }
-    for (long long left = std::atoll(argv[3]); left > 0;) {
-        const int received = static_cast<int>(recv(STDIN_FILENO, buffer, sizeof buffer, 0));
+    for (long long left = std::strtoll(argv[3], nullptr, 10); left > 0;) {
+        const auto wanted = static_cast<std::size_t>(std::min<long long>(left, sizeof buffer));
+        const int received = static_cast<int>(recv(STDIN_FILENO, buffer, wanted, MSG_WAITALL));
         if (need(received, "recv") == 0) {
             errno = EPIPE;
             fail("a file that breaks off");

@@ -32,6 +32,11 @@ inline int need(int result, const char* what) {
     return result < 0 ? (fail(what), -1) : result;
 }
 
+// A count or a port from the command line.
+inline int number(const char* text) {
+    return static_cast<int>(std::strtol(text, nullptr, 10));
+}
+
 inline double monotonic_seconds() {
     using namespace std::chrono;
     return duration<double>(steady_clock::now().time_since_epoch()).count();

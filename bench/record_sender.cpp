@@ -41,7 +41,7 @@ int main(int argc, char** argv) {
     }
     const std::vector<PeerMessage> messages = prepared_messages(argv[3]);
     const int fd = need(socket(AF_INET, SOCK_STREAM, 0), "socket");
-    const sockaddr_in receiver = ipv4(argv[1], std::atoi(argv[2]));
+    const sockaddr_in receiver = ipv4(argv[1], number(argv[2]));
     need(connect(fd, generic(receiver), sizeof receiver), "connect");
     for (const PeerMessage& message : messages) {
         if (send(fd, &message, sizeof message, MSG_NOSIGNAL) != sizeof message) {

@@ -36,7 +36,7 @@ int main(int argc, char** argv) {
     }
     unlink(argv[2]);
     DB* db = open_store(argv[2], DB_CREATE, CACHE_BYTES);
-    const int listener = bound_socket(SOCK_STREAM, std::atoi(argv[1]));
+    const int listener = bound_socket(SOCK_STREAM, number(argv[1]));
     const int connection = need(accept(listener, nullptr, nullptr), "accept");
     const double begin = monotonic_seconds();
     const std::size_t records = store_all(connection, db, argv[3]);

@@ -27,6 +27,20 @@ inline constexpr const char* KEY_DHCP = "dhcp";                // DHCP_ON while 
 inline constexpr const char* KEY_CONFIG_VERSION = "config_db_version";  // stamp of config.db
 inline constexpr const char* KEY_CLIENT_VERSION = "client_db_version";  // stamp of client.db
 
+// Network settings of this server, for the DHCP configuration (dhcpd_conf.h). All are texts; the
+// first six have to be there.
+inline constexpr const char* KEY_DEFAULT_ADDRESS = "default_address";  // own address, dotted
+inline constexpr const char* KEY_NETMASK = "netmask";                  // dotted
+inline constexpr const char* KEY_GATEWAY = "gateway";                  // dotted
+inline constexpr const char* KEY_DNS_LIST = "dns_list";  // "192.168.0.1, 192.168.0.2", as written
+inline constexpr const char* KEY_IP_BEGIN = "ip_begin";  // first address of the dynamic range
+inline constexpr const char* KEY_IP_END = "ip_end";      // last address of the dynamic range
+inline constexpr const char* KEY_DOMAIN_NAME = "domain_name";  // of the site's network
+inline constexpr const char* KEY_BOOT_FILE = "boot_file";      // network boot loader's path
+
+inline constexpr const char* DEFAULT_DOMAIN_NAME = "localdomain";  // where the key is absent
+inline constexpr const char* DEFAULT_BOOT_FILE = "pxelinux.0";
+
 inline constexpr const char* HA_ENABLED = "enable";
 inline constexpr const char* DHCP_ON = "on";
 

@@ -37,6 +37,15 @@ int write_log(int level, const char* format, ...) __attribute__((format(printf, 
 // The part of write_log that serves standard output and the daily file. Always returns 0.
 int write_log_file(const LogSettings& settings, int level, const char* message);
 
+// The daily file alone.
+void write_daily_log(const LogSettings& settings, int level, const char* message);
+
+// Hands the messages of write_log to `sink` and to none of the places above; null brings those
+// back. For tools on this library, whose standard output is their own. Any thread may call the
+// sink. Call it before other threads log.
+using LogSink = void (*)(int level, const char* message);
+void set_log_sink(LogSink sink);
+
 // Hands everything logged so far to the system: standard output and the rolling debug log, which
 // takes no messages afterwards. For the moment before the process ends or detaches. Any thread.
 void close_logs();

@@ -13,6 +13,9 @@
 // A thread must not open a file that it has open already, and must not keep one open while it
 // sends, forks or runs outside programs.
 //
+// A tool says how it uses the files by set_store_use() (store_lock.h): one that inspects creates
+// and changes nothing, whatever operation it calls.
+//
 // A file is verified before use, since the library crashes or loops on files damaged inside; the
 // verdict is kept while the file stays the same. A damaged file is treated as one that cannot be
 // opened, and is never written into.

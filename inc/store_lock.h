@@ -9,10 +9,21 @@
 
 #include "owned.h"
 
+// How this process uses the database files: the daemon's way, unless it says otherwise.
+enum class StoreUse {
+    SERVE,    // creates missing files; a lock that another process keeps is done without
+    INSPECT,  // creates and changes nothing, shares its locks; waits longer for one, then fails
+    EDIT,     // creates missing files; waits longer for a lock, then fails (EBUSY)
+};
+
+// For tools, which have no heartbeat to miss. Holds for every file that is opened from then on.
+void set_store_use(StoreUse use);
+StoreUse store_use();
+
 class StoreLock {
 public:
-    // Waits for the mutex, then for flock a bounded time; after that it goes on without the latter:
-    // a process that holds it for long must not stop heartbeats. A missing file cannot be
+    // Waits for the mutex, then for flock a bounded time; after that the daemon goes on without the
+    // latter: a process that holds it for long must not stop heartbeats. A missing file cannot be
     // flock'ed: its directory is, so that one process at a time creates. Any thread; logs nothing.
     explicit StoreLock(const char* path);
     ~StoreLock();
@@ -23,6 +34,9 @@ public:
 
     // Whether the file was there when it was locked.
     bool exists() const { return exists_; }
+
+    // Whether another process kept its lock too long, and this one is not the daemon.
+    bool refused() const { return refused_; }
 
     // The locked file, or its directory when the file was missing; -1 without a directory.
     int fd() const { return file_.get(); }
@@ -40,6 +54,7 @@ private:
 
     std::string path_;
     bool exists_ = false;
+    bool refused_ = false;
     std::shared_ptr<PathMutex> shared_;  // lives as long as any thread wants this path
     std::unique_lock<std::mutex> mutex_;
     OwnedFd file_;

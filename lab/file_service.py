@@ -1,7 +1,7 @@
 """The file service of a server, from which a master fetches configurations. Honest, or as told.
 
-Request: 16-byte header (business, 0, 0, body size), encoded body: {"action": "get-file", "path": P}.
-Answer: 20-byte header (0, 0, error code, 0, body size), encoded body: {"length": "N"}, N raw bytes.
+Request: 16-byte header (business, 0, 0, body size), encoded body {"action": "get-file", "path": P}.
+Answer: 20-byte header (0, 0, error code, 0, body size), encoded body {"length": "N"}, N raw bytes.
 
 `FileService` runs it in a host. By hand: /usr/bin/python3 -m lab.file_service --help
 """
@@ -165,7 +165,7 @@ class Server(socketserver.ThreadingTCPServer):
 class Request:
     """What a client asked for; `command` is the decoded body as it came."""
 
-    header: tuple[int, int, int, int]
+    header: tuple[int, ...]
     command: str
 
 

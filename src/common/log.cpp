@@ -31,6 +31,7 @@ const char* level_word(int level) {
 }
 
 std::atomic<bool> debug_log_built = false;
+std::atomic<LogSink> log_sink = nullptr;
 
 SGCLog& debug_log() {
     static SGCLog instance;  // built by the first message, under the language's own guard
@@ -45,19 +46,36 @@ std::string daily_file_name(const LogSettings& settings, const std::tm& now) {
     return std::string(settings.dir, strnlen(settings.dir, sizeof settings.dir)) + name.data();
 }
 
-// Formats the stamped line with its newline into `line`; returns its length.
-std::size_t stamp_line(std::array<char, LINE_SIZE>& line, const std::tm& now, int level,
-                       const char* message) {
+// A message as a line of standard output and of the daily file, with its newline.
+struct StampedLine {
+    std::tm now{};
+    std::array<char, LINE_SIZE> text;
+    std::size_t length = 0;
+
+    StampedLine(int level, const char* message);
+};
+
+StampedLine::StampedLine(int level, const char* message) {
+    const std::time_t seconds = std::time(nullptr);
+    localtime_r(&seconds, &now);
     const int printed =
-        std::snprintf(line.data(), line.size() - 1, "%s:%s %04d-%02d-%02d %02d:%02d:%02d %s:%s",
+        std::snprintf(text.data(), text.size() - 1, "%s:%s %04d-%02d-%02d %02d:%02d:%02d %s:%s",
                       PROGRAM_NAME, PROGRAM_VERSION, now.tm_year + 1900, now.tm_mon + 1,
                       now.tm_mday, now.tm_hour, now.tm_min, now.tm_sec, level_word(level), message);
-    std::size_t length = std::min(static_cast<std::size_t>(std::max(printed, 0)), line.size() - 2);
+    length = std::min(static_cast<std::size_t>(std::max(printed, 0)), text.size() - 2);
     // A message that holds a newline anywhere, not only at its end, is written as it stands.
-    if (std::memchr(line.data(), '\n', length) == nullptr) {
-        line[length++] = '\n';
+    if (std::memchr(text.data(), '\n', length) == nullptr) {
+        text[length++] = '\n';
     }
-    return length;
+}
+
+void append_to_daily_file(const LogSettings& settings, const StampedLine& line) {
+    // One write in append mode: lines of several threads never mix.
+    const OwnedFd file(open(daily_file_name(settings, line.now).c_str(),
+                            O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0666));
+    if (file.valid()) {
+        (void)!write(file.get(), line.text.data(), line.length);
+    }
 }
 
 }  // namespace
@@ -76,34 +94,36 @@ int set_log_settings(LogSettings& settings, const char* dir, int level) {
 
 int write_log_file(const LogSettings& settings, int level, const char* message) {
     const int saved_errno = errno;
-    const std::time_t seconds = std::time(nullptr);
-    std::tm now{};
-    localtime_r(&seconds, &now);
-    std::array<char, LINE_SIZE> line;
-    const std::size_t length = stamp_line(line, now, level, message);
-
-    std::fwrite(line.data(), 1, length, stdout);
+    const StampedLine line(level, message);
+    std::fwrite(line.text.data(), 1, line.length, stdout);
     std::fflush(stdout);  // a line must not wait in a buffer for the next one
-
-    // One write in append mode: lines of several threads never mix.
-    const OwnedFd file(open(daily_file_name(settings, now).c_str(),
-                            O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0666));
-    if (file.valid()) {
-        (void)!write(file.get(), line.data(), length);
-    }
+    append_to_daily_file(settings, line);
     errno = saved_errno;
     return 0;
+}
+
+void write_daily_log(const LogSettings& settings, int level, const char* message) {
+    append_to_daily_file(settings, StampedLine(level, message));
+}
+
+void set_log_sink(LogSink sink) {
+    log_sink = sink;
 }
 
 int write_log(int level, const char* format, ...) {
     const int saved_errno = errno;
     std::array<char, MESSAGE_SIZE> message;
+    message.front() = '\0';
     va_list arguments;
     va_start(arguments, format);
     (void)std::vsnprintf(message.data(), message.size(), format, arguments);
     va_end(arguments);
-    debug_log().printDebug(message.data());
-    write_log_file(log_settings, level, message.data());
+    if (const LogSink sink = log_sink; sink != nullptr) {
+        sink(level, message.data());
+    } else {
+        debug_log().printDebug(message.data());
+        write_log_file(log_settings, level, message.data());
+    }
     errno = saved_errno;
     return 0;
 }

@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 
 namespace {
 
@@ -19,7 +20,7 @@ public:
     CleanSlate() {
         sigset_t all;
         sigset_t none;
-        sigfillset(&all);
+        std::memset(&all, 0xFF, sizeof all);  // sigfillset leaves out two, which would start ignored
         sigemptyset(&none);
         posix_spawnattr_init(&attributes_);
         posix_spawnattr_setsigdefault(&attributes_, &all);

@@ -46,6 +46,13 @@ void create_file(StoreLock& lock) {
 }
 
 int open_file(StoreLock& lock, DB* db) {
+    const bool inspecting = store_use() == StoreUse::INSPECT;
+    if (lock.refused()) {
+        return EBUSY;
+    }
+    if (inspecting && !lock.exists()) {
+        return ENOENT;
+    }
     if (!lock.exists()) {
         create_file(lock);
     }
@@ -55,7 +62,8 @@ int open_file(StoreLock& lock, DB* db) {
     if (const int damaged = verify_store(lock); damaged != 0) {
         return damaged;
     }
-    return db->open(db, nullptr, lock.path().c_str(), nullptr, DB_HASH, 0, 0);
+    return db->open(db, nullptr, lock.path().c_str(), nullptr, DB_HASH, inspecting ? DB_RDONLY : 0,
+                    0);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <map>
@@ -15,7 +16,10 @@ using namespace std::chrono_literals;
 
 // A supervisor period holds three accesses; together they stay well below its 2 seconds.
 constexpr auto FLOCK_WAIT = 250ms;
+constexpr auto PATIENT_WAIT = 10s;  // longer than a push of many clients keeps their file
 constexpr auto FLOCK_STEP = 2ms;
+
+std::atomic<StoreUse> use_of_this_process = StoreUse::SERVE;
 
 std::string directory_of(const std::string& path) {
     const std::size_t slash = path.rfind('/');
@@ -29,14 +33,26 @@ bool same_file(int fd, const char* path) {
            opened.st_ino == named.st_ino;
 }
 
-void flock_until(int fd, std::chrono::steady_clock::time_point deadline) {
-    while (flock(fd, LOCK_EX | LOCK_NB) != 0 && (errno == EWOULDBLOCK || errno == EINTR) &&
-           std::chrono::steady_clock::now() < deadline) {
+// False when another process kept its lock until the deadline.
+bool flock_until(int fd, int operation, std::chrono::steady_clock::time_point deadline) {
+    while (flock(fd, operation | LOCK_NB) != 0 && (errno == EWOULDBLOCK || errno == EINTR)) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
         std::this_thread::sleep_for(FLOCK_STEP);
     }
+    return true;
 }
 
 }  // namespace
+
+void set_store_use(StoreUse use) {
+    use_of_this_process = use;
+}
+
+StoreUse store_use() {
+    return use_of_this_process;
+}
 
 struct StoreLock::PathMutex {
     std::mutex mutex;
@@ -67,7 +83,9 @@ StoreLock::~StoreLock() {
 }
 
 void StoreLock::relock() {
-    const auto deadline = std::chrono::steady_clock::now() + FLOCK_WAIT;
+    const bool serving = store_use() == StoreUse::SERVE;
+    const int operation = store_use() == StoreUse::INSPECT ? LOCK_SH : LOCK_EX;
+    const auto deadline = std::chrono::steady_clock::now() + (serving ? FLOCK_WAIT : PATIENT_WAIT);
     const auto replaced = [this] {
         return exists_ ? !same_file(file_.get(), path_.c_str()) : access(path_.c_str(), F_OK) == 0;
     };
@@ -77,7 +95,7 @@ void StoreLock::relock() {
         if (!file_.valid()) {
             return;  // no directory: the open that follows says so
         }
-        flock_until(file_.get(), deadline);
+        refused_ = !flock_until(file_.get(), operation, deadline) && !serving;
     } while (replaced() && std::chrono::steady_clock::now() < deadline);
 }
 

@@ -50,14 +50,20 @@ void wait_for_connection(int listener) {
 void set_connection_options(int connection) {
     const int on = 1;
     (void)setsockopt(connection, IPPROTO_TCP, TCP_CORK, &on, sizeof on);
-    // "Readable" shall mean a whole message, or the end: half of one does not keep a batch open.
-    const int whole = sizeof(PeerMessage);
-    (void)setsockopt(connection, SOL_SOCKET, SO_RCVLOWAT, &whole, sizeof whole);
+}
+
+// From how many waiting bytes on the connection counts as readable.
+void set_readable_at(int connection, int bytes) {
+    (void)setsockopt(connection, SOL_SOCKET, SO_RCVLOWAT, &bytes, sizeof bytes);
 }
 
 bool more_to_read(int connection) {
     pollfd wait{connection, POLLIN, 0};
-    return poll(&wait, 1, BATCH_GAP_MILLISECONDS) > 0;
+    // Half a message does not keep a batch open, and must not lengthen the receive's own time-out.
+    set_readable_at(connection, sizeof(PeerMessage));
+    const bool more = poll(&wait, 1, BATCH_GAP_MILLISECONDS) > 0;
+    set_readable_at(connection, 1);
+    return more;
 }
 
 void act_on(const PeerMessage& message, int connection, RecordSink& sink) {

@@ -22,8 +22,8 @@ std::string own_stamp(const char* key) {
 
 }  // namespace
 
-void clear_client_db() {
-    (void)db_replace_empty(CLIENT_DB);
+bool clear_client_db() {
+    return db_replace_empty(CLIENT_DB);
 }
 
 void data_sync_trigger(int connection, const DataRecord& answer) {

@@ -9,6 +9,11 @@ from lab.file_service import FileService
 
 FINE, PROBLEM, WRONG_USE, CANNOT_TELL = range(4)
 STORES = "/etc/quoradmind"
+# Goes into the background as the real one does.
+DHCPD = """#!/bin/sh
+[ $# -gt 0 ] || { "$0" again >/dev/null 2>&1 & exit 0; }
+while :; do sleep 1; done
+"""
 NETWORK = {
     "default_address": "10.77.0.1",
     "netmask": "255.255.255.0",
@@ -192,6 +197,10 @@ def test_dhcpd_conf_writes_only_what_is_sound(lab_room, ctl):
     assert ctl(host, "dhcpd-conf", "write")[0] == FINE
     assert "subnet 10.77.0.0 netmask 255.255.255.0 {\n" in conf.read_text()
 
+    host.shell("mount -t tmpfs tmpfs /usr/sbin")
+    server = host.root / "usr/sbin/dhcpd"
+    server.write_text(DHCPD)
+    server.chmod(0o755)
     client = ["PC-10", "00:1E:4F:AA:0B:31", "10.77.0.21", "win11"]
     assert ctl(host, "dhcpd-conf", "host", *client)[0] == FINE
     written = conf.read_text()
@@ -207,6 +216,9 @@ def test_dhcpd_conf_writes_only_what_is_sound(lab_room, ctl):
         assert code == WRONG_USE and complaint, changed
     assert ctl(host, "dhcpd-conf", "write")[0] == WRONG_USE  # PC-10 would be lost.
     assert conf.read_text() == written
+    server.unlink()
+    code, _, complaint = ctl(host, "dhcpd-conf", "host", "PC-2", *client[1:])
+    assert code == PROBLEM and "dhcpd does not run" in complaint
 
 
 def running(host):

@@ -1,5 +1,6 @@
 """A master that keeps copies of the other servers' settings, and the service it gets them from."""
 
+import ctypes
 import os
 import random
 import re
@@ -21,6 +22,29 @@ QUEUED = "--add_to_sync_config_db--"
 RUN = "Arg->op:256 --SyncQueueProcessor--"
 FAILED = "Client.GetServerFile nRet:"
 UDP_PORT = ":33B1 "
+MODIFIED, MOVED_AWAY, MOVED_HERE, CREATED, DELETED = 0x2, 0x40, 0x80, 0x100, 0x200
+
+
+class Watch:
+    """What happens to a file, as the kernel tells it."""
+
+    def __init__(self, path):
+        self._name = os.fsencode(path.name)
+        libc = ctypes.CDLL(None)
+        self._fd = libc.inotify_init1(os.O_NONBLOCK | os.O_CLOEXEC)
+        mask = MODIFIED | MOVED_AWAY | MOVED_HERE | CREATED | DELETED
+        assert libc.inotify_add_watch(self._fd, os.fsencode(path.parent), mask) >= 0
+
+    def stop(self):
+        data = os.read(self._fd, 1 << 16)
+        os.close(self._fd)
+        events = []
+        while data:
+            mask, length = struct.unpack_from("=4xI4xI", data)
+            if data[16 : 16 + length].rstrip(b"\0") == self._name:
+                events.append(mask)
+            data = data[16 + length :]
+        return events
 
 
 def ends(master):
@@ -78,7 +102,7 @@ class Fetcher(FakeSlave):
 
 @pytest.fixture(params=["one file system", "two file systems"])
 def fetcher(request, pair_factory):
-    pair = pair_factory(slave_config={"dsver": "20240101000000"}, slave_clients={b"a": b"b"})
+    pair = pair_factory(slave_config={"dsver": "20240101000000"})
     pair.slave.config.fill(lab.realistic_clients(300))
     if request.param == "two file systems":
         pair.master.shell("mount -t tmpfs other /tmp")
@@ -111,9 +135,11 @@ def test_another_stamp_fetches_a_copy(fetcher):
             fetcher.beat("20240101000000")
         fetcher.beat("")
         assert len(master.find_log(QUEUED)) == len(service.requests) == 1
+        watch = Watch(fetcher.copy.outer_path)
         slave.config.put("new", "record")
         fetcher.change("20240101000001")
         fetcher.reloads(1)
+        assert watch.stop() == [MOVED_HERE]  # At no moment was there none, or a part of one.
         fetcher.await_copy()
     assert stat.S_IMODE(fetcher.copy.outer_path.stat().st_mode) == 0o644
     assert set(os.listdir(master.root / "etc/quoradmind")) == files
@@ -141,6 +167,7 @@ def test_a_fetch_that_fails_leaves_the_old_copy(fetcher):
         (-1, {"stop_after": 30}),
         (-4, {"stop_after": size // 2}),
         (-4, {"stop_after": size // 2, "pace": 50 * size}),
+        (-1, {"pace": 0}),
     ]
     for number, (result, options) in enumerate(cases):
         mark = fetcher.master.log_mark()

@@ -73,18 +73,23 @@ TEST(Tcp, AShortMessageIsNone) {
     EXPECT_EQ(TcpRecvExact(connection.server.get(), buffer.data(), SIZE), -1);
 }
 
-TEST(Tcp, ARefusedConnectionFailsAtEverySend) {
-    const OwnedFd bound(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+TEST(Tcp, AConnectionThatWasNotMadeFailsAtEverySendAtOnce) {
+    const OwnedFd listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in local{};
     local.sin_family = AF_INET;
-    ASSERT_EQ(bind(bound.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local), 0);
-    // Bound, but nobody listens.
-    const OwnedFd fd(TcpConnectSv(LOOPBACK, TcpLocalPort(bound.get()), 20));
-    ASSERT_TRUE(fd.valid());
-    for (int attempt = 0; attempt < 3; ++attempt) {
-        errno = 0;
-        EXPECT_EQ(TcpSendAll(fd.get(), "message", 7), -1);  // and no SIGPIPE
-        EXPECT_EQ(errno, EPIPE);
+    ASSERT_EQ(bind(listener.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local), 0);
+    const std::uint16_t port = TcpLocalPort(listener.get());
+    std::vector<OwnedFd> waiting;
+    for (const char* how : {"refused", "timed out"}) {
+        const OwnedFd fd(TcpConnectSv(LOOPBACK, port, 1));
+        ASSERT_TRUE(fd.valid()) << how;
+        for (int attempt = 0; attempt < 3; ++attempt) {
+            errno = 0;
+            EXPECT_EQ(TcpSendAll(fd.get(), "message", 7), -1) << how;  // and no SIGPIPE
+            EXPECT_EQ(errno, EPIPE) << how;  // another one would say that it has waited
+        }
+        ASSERT_EQ(listen(listener.get(), 0), 0);  // takes one connection, and no answer after it
+        waiting.emplace_back(TcpConnectSv(LOOPBACK, port, 1));
     }
 }
 

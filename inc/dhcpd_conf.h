@@ -1,0 +1,23 @@
+// Writer of the system DHCP server's configuration: one subnet block with the dynamic range, the
+// boot options and a host entry per boot client.
+//
+// The operations rewrite the file in place, one at a time: nobody else may be writing it. Any
+// thread.
+#pragma once
+
+inline constexpr const char* DHCPD_CONF = "/etc/dhcpd.conf";
+
+// Writes the file anew from the network settings of config.db, without host entries but for a
+// placeholder. 0; -1 when the file cannot be opened or written, or when a setting is missing: then
+// it is left empty. Logs "open %s failed" and "write %s failed" (LOG_ERROR), "to write %s"
+// (LOG_INFO).
+int write_dhcpd_conf();
+
+// Puts the entry of a boot client in the place of the block that begins with the first line that
+// holds `host_name` anywhere, be it a part of another word; at the end when there is none. Then
+// restarts the system DHCP server. `pxe_info` goes between double quotes; neither text may hold
+// quotes, braces or newlines. 0 when the server was restarted, else -1; a file that cannot be read
+// or reopened stays as it is. Logs "read %s failed." and "write temp file failed." (LOG_INFO),
+// "write %s failed" (LOG_ERROR).
+int update_dhcp_host(const char* host_name, const char* pxe_info,
+                     const unsigned char hardware_address[6], const char* fixed_address);

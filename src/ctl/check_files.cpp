@@ -1,0 +1,207 @@
+// The part of `check` about the database files.
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+
+#include "console.h"
+#include "findings.h"
+#include "forecast.h"
+#include "keys.h"
+#include "session.h"
+#include "store.h"
+#include "store_files.h"
+#include "store_walk.h"
+
+namespace {
+
+constexpr const char* STORE_DIRECTORY = "/etc/quoradmind";
+constexpr std::uint32_t HASH_MAGIC = 0x061561;
+constexpr std::uint32_t OLDEST_FORMAT = 8;
+constexpr std::uint32_t NEWEST_FORMAT = 9;
+constexpr std::size_t NAMED_KEYS = 5;
+
+// Where a database's first page says what it is.
+struct MetaPage {
+    std::array<char, 12> position;  // in the log, in the file
+    std::uint32_t magic;
+    std::uint32_t version;
+};
+
+std::optional<MetaPage> read_meta_page(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::array<char, sizeof(MetaPage)> bytes{};
+    if (!file.read(bytes.data(), bytes.size())) {
+        return std::nullopt;
+    }
+    MetaPage page{};
+    std::memcpy(&page, bytes.data(), sizeof page);
+    return page;
+}
+
+std::string remedy_for(const std::string& path) {
+    if (path == CLIENT_DB) {
+        return "on a slave it comes anew with the next client set, on a master take a backup";
+    }
+    return path == CONFIG_DB ? "put a backup in its place"
+                             : "remove it: a copy of a peer is fetched again";
+}
+
+// What speaks against the file's format, empty if nothing does.
+std::string format_fault(const std::string& path) {
+    const auto page = read_meta_page(path);
+    if (!page) {
+        return "is too short for a database";
+    }
+    if (page->magic != HASH_MAGIC) {
+        return fmt::format("is no hash database of this host's byte order (magic 0x{:06x})",
+                           page->magic);
+    }
+    if (page->version < OLDEST_FORMAT || page->version > NEWEST_FORMAT) {
+        return fmt::format("has hash format {}, not {} or {}", page->version, OLDEST_FORMAT,
+                           NEWEST_FORMAT);
+    }
+    return {};
+}
+
+// Verifies the file, which exists. Returns whether it can be read.
+bool check_file(const std::string& path, Findings& findings) {
+    const std::string name = path.substr(path.rfind('/') + 1);
+    if (access(path.c_str(), R_OK) != 0) {
+        findings.unknown(name, fmt::format("{} cannot be read: {}", path, strerror(errno)),
+                         "run this as root");
+        return false;
+    }
+    if (const std::string fault = format_fault(path); !fault.empty()) {
+        findings.problem(name, fmt::format("{} {}", path, fault), remedy_for(path));
+        return false;
+    }
+    const std::unique_ptr<Store> store = db_open(path.c_str());
+    if (store && store->usable()) {
+        findings.good(name, fmt::format("verifies, hash format {}", read_meta_page(path)->version));
+        return true;
+    }
+    if (store && store->damaged()) {
+        findings.problem(name, fmt::format("{} does not verify", path), remedy_for(path));
+    } else {
+        findings.unknown(name, fmt::format("{} cannot be opened: {}", path, last_logged_error()),
+                         "try again; another process may keep it locked");
+    }
+    return false;
+}
+
+// --- Records that no message carries -----------------------------------------------------------
+
+struct Misfits {
+    std::size_t count = 0;
+    std::vector<std::string> first;
+};
+
+void judge_record(const StoredRecord& record, bool client, Misfits& misfits) {
+    const Travel travel = travel_of(client, record.key);
+    const std::string fault = why_it_does_not_fit(travel, record.key, record.value);
+    if (fault.empty()) {
+        return;
+    }
+    if (++misfits.count <= NAMED_KEYS) {
+        misfits.first.push_back(fmt::format("\"{}\" {}", record.key, fault));
+    }
+}
+
+// Walks the file; it is open only while a piece of it is read.
+void check_records(const char* path, std::string_view name, Findings& findings) {
+    RecordWalk walk(path);
+    std::vector<StoredRecord> chunk;
+    Misfits misfits;
+    std::size_t records = 0;
+    while (walk.next_chunk(chunk)) {
+        for (const StoredRecord& record : chunk) {
+            judge_record(record, path == std::string_view(CLIENT_DB), misfits);
+        }
+        records += chunk.size();
+    }
+    if (walk.failed()) {
+        findings.unknown(name, fmt::format("{} cannot be read to its end", path), "try again");
+    } else if (misfits.count == 0) {
+        findings.good(name,
+                      fmt::format("{}, all of them fit a message", counted(records, "record")));
+    } else {
+        findings.problem(name,
+                         fmt::format("{} of {} fit no message: {}{}", misfits.count,
+                                     counted(records, "record"), fmt::join(misfits.first, ", "),
+                                     misfits.count > NAMED_KEYS
+                                         ? fmt::format(" and {} more", misfits.count - NAMED_KEYS)
+                                         : ""),
+                         "shorten them: a slave never gets them as they are");
+    }
+}
+
+// --- The directory -----------------------------------------------------------------------------
+
+bool is_peer_copy(const std::string& name) {
+    constexpr std::string_view END = ".db";
+    return name.ends_with(END) &&
+           is_dotted_address(std::string_view(name).substr(0, name.size() - END.size()));
+}
+
+void check_leftover(const std::string& path, const std::string& name, Findings& findings) {
+    if (name.starts_with("__db.")) {
+        findings.warning(
+            name, "left by a killed creation, or another process is at work on it",
+            fmt::format("if it stays, remove {}: creating the file anew waits for it", path));
+    } else if (name.ends_with(".damaged")) {
+        findings.warning(name, "was found damaged and replaced",
+                         fmt::format("remove {} when it has been looked at", path));
+    } else if (name.ends_with(".db.new")) {
+        findings.warning(name, "left by a killed replacement", fmt::format("remove {}", path));
+    }
+}
+
+// The files in the directory, sorted by name.
+std::vector<std::string> names_in(const char* directory) {
+    std::vector<std::string> names;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
+        names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+}  // namespace
+
+bool check_files(Findings& findings) {
+    bool config_readable = false;
+    if (access(CONFIG_DB, F_OK) != 0 && errno == ENOENT) {
+        findings.problem("config.db", fmt::format("{} is missing", CONFIG_DB),
+                         "store 'ha', 'server_list' and 'master' with \"quorsyncctl store put\"");
+    } else {
+        config_readable = check_file(CONFIG_DB, findings);
+    }
+    if (config_readable) {
+        check_records(CONFIG_DB, "settings", findings);
+    }
+    if (access(CLIENT_DB, F_OK) == 0 && check_file(CLIENT_DB, findings)) {
+        check_records(CLIENT_DB, "clients", findings);
+    }
+    if (access(DISK_DB, F_OK) == 0) {
+        (void)check_file(DISK_DB, findings);
+    }
+    for (const std::string& name : names_in(STORE_DIRECTORY)) {
+        const std::string path = fmt::format("{}/{}", STORE_DIRECTORY, name);
+        if (is_peer_copy(name)) {
+            (void)check_file(path, findings);
+        } else {
+            check_leftover(path, name, findings);
+        }
+    }
+    return config_readable;
+}

@@ -1,0 +1,157 @@
+#include "console.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <cwchar>
+
+namespace {
+
+constexpr const char* PLAIN_AGAIN = "\x1b[0m";
+
+const char* code_of(Colour colour) {
+    constexpr std::array<const char*, 6> CODES = {"",         "\x1b[1m",  "\x1b[2m",
+                                                  "\x1b[32m", "\x1b[33m", "\x1b[31m"};
+    return CODES[static_cast<std::size_t>(colour)];
+}
+
+bool is_terminal(int fd) {
+    return isatty(fd) == 1;
+}
+
+bool shows_colours(int fd) {
+    const char* refused = std::getenv("NO_COLOR");
+    return is_terminal(fd) && (refused == nullptr || *refused == '\0');
+}
+
+std::string paint_for(int fd, Colour colour, std::string_view text) {
+    if (colour == Colour::PLAIN || text.empty() || !shows_colours(fd)) {
+        return std::string(text);
+    }
+    return fmt::format("{}{}{}", code_of(colour), text, PLAIN_AGAIN);
+}
+
+bool is_printable(char byte) {
+    return byte >= ' ' && byte <= '~';
+}
+
+bool is_utf8(std::string_view text) {
+    static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", locale_t{});
+    const locale_t before = uselocale(utf8);
+    std::mbstate_t state{};
+    while (!text.empty()) {
+        const std::size_t length = std::mbrtowc(nullptr, text.data(), text.size(), &state);
+        if (length == 0 || length > text.size()) {
+            break;  // a zero byte, or one of the two error values
+        }
+        text.remove_prefix(length);
+    }
+    (void)uselocale(before);
+    return text.empty();
+}
+
+}  // namespace
+
+std::string paint(Colour colour, std::string_view text) {
+    return paint_for(STDOUT_FILENO, colour, text);
+}
+
+void print_line(std::string_view text) {
+    fmt::print("{}\n", text);
+}
+
+void print_complaint(std::string_view text) {
+    std::fflush(stdout);
+    fmt::print(stderr, "{} {}\n", paint_for(STDERR_FILENO, Colour::RED, "quorsyncctl:"), text);
+}
+
+std::string escape(std::string_view text) {
+    std::string shown;
+    for (const char byte : text) {
+        if (byte == '\\') {
+            shown += "\\\\";
+        } else if (is_printable(byte)) {
+            shown += byte;
+        } else {
+            shown += fmt::format("\\x{:02x}", static_cast<unsigned char>(byte));
+        }
+    }
+    return shown;
+}
+
+std::string counted(std::size_t count, std::string_view noun) {
+    return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
+}
+
+std::string bytes_text(std::uint64_t bytes) {
+    constexpr std::array<const char*, 4> UNITS = {"KiB", "MiB", "GiB", "TiB"};
+    if (bytes < 1024) {
+        return fmt::format("{} B", bytes);
+    }
+    double amount = static_cast<double>(bytes) / 1024;
+    std::size_t unit = 0;
+    for (; amount >= 1024 && unit + 1 < UNITS.size(); ++unit) {
+        amount /= 1024;
+    }
+    return fmt::format("{:.1f} {}", amount, UNITS[unit]);
+}
+
+void Table::print(std::size_t indent) const {
+    std::vector<std::size_t> widths;
+    for (const auto& row : rows_) {
+        widths.resize(std::max(widths.size(), row.size()));
+        for (std::size_t n = 0; n < row.size(); ++n) {
+            widths[n] = std::max(widths[n], row[n].text.size());
+        }
+    }
+    for (const auto& row : rows_) {
+        std::string line(indent, ' ');
+        for (std::size_t n = 0; n < row.size(); ++n) {
+            line += paint(row[n].colour, row[n].text);
+            if (n + 1 < row.size()) {
+                line.append(widths[n] - row[n].text.size() + 2, ' ');
+            }
+        }
+        line.erase(line.find_last_not_of(' ') + 1);  // of empty cells at the end
+        print_line(line);
+    }
+}
+
+json_object* json_text(std::string_view text) {
+    const std::string shown = is_utf8(text) ? std::string(text) : escape(text);
+    return json_object_new_string_len(shown.data(), static_cast<int>(shown.size()));
+}
+
+void print_json(const Json& object) {
+    constexpr int FLAGS =
+        JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_SPACED | JSON_C_TO_STRING_NOSLASHESCAPE;
+    print_line(json_object_to_json_string_ext(object.get(), FLAGS));
+}
+
+ProgressBar::ProgressBar(std::string_view label)
+    : label_(label), shown_(is_terminal(STDERR_FILENO)) {}
+
+ProgressBar::~ProgressBar() {
+    if (shown_) {
+        fmt::print(stderr, "\r\x1b[K");
+        std::fflush(stderr);
+    }
+}
+
+void ProgressBar::show(std::uint64_t done, std::uint64_t total, double seconds) {
+    constexpr std::size_t WIDTH = 30;
+    if (!shown_) {
+        return;
+    }
+    const double share =
+        total == 0 ? 0.0 : std::min(1.0, static_cast<double>(done) / static_cast<double>(total));
+    const auto filled = static_cast<std::size_t>(share * static_cast<double>(WIDTH));
+    const double rate = seconds > 0 ? static_cast<double>(done) / seconds : 0.0;
+    fmt::print(stderr, "\r\x1b[K{} [{:-<{}}] {:3.0f} %  {}  {}/s", label_, std::string(filled, '#'),
+               WIDTH, share * 100, bytes_text(done), bytes_text(static_cast<std::uint64_t>(rate)));
+    std::fflush(stderr);
+}

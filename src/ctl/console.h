@@ -1,0 +1,92 @@
+// All that the tool prints: results on standard output, complaints on standard error, colours only
+// where a terminal shows them and NO_COLOR is not set.
+#pragma once
+
+#include <fmt/format.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <json-c/json.h>
+
+enum class Colour { PLAIN, BOLD, DIM, GREEN, YELLOW, RED };
+
+// `text` for standard output in that colour.
+std::string paint(Colour colour, std::string_view text);
+
+// One line on standard output.
+void print_line(std::string_view text);
+template <typename... Arguments>
+void say(fmt::format_string<Arguments...> format, Arguments&&... arguments) {
+    print_line(fmt::format(format, std::forward<Arguments>(arguments)...));
+}
+
+// One line on standard error, "quorsyncctl: ...". It names the file or key and the way out.
+void print_complaint(std::string_view text);
+template <typename... Arguments>
+void complain(fmt::format_string<Arguments...> format, Arguments&&... arguments) {
+    print_complaint(fmt::format(format, std::forward<Arguments>(arguments)...));
+}
+
+// `text` with every byte outside printable ASCII as "\xNN" and "\" as "\\": on one line, safe for a
+// terminal, and to be told back.
+std::string escape(std::string_view text);
+
+// "7 records", "1 record".
+std::string counted(std::size_t count, std::string_view noun);
+
+// "512 B", "2.0 KiB", "117.2 MiB".
+std::string bytes_text(std::uint64_t bytes);
+
+// Rows of cells in aligned columns. A cell may be coloured; the last column is not padded.
+struct Cell {
+    std::string text;
+    Colour colour = Colour::PLAIN;
+};
+class Table {
+public:
+    void add(std::vector<Cell> row) { rows_.push_back(std::move(row)); }
+    bool empty() const { return rows_.empty(); }
+
+    // Prints the rows, each behind `indent` blanks.
+    void print(std::size_t indent = 0) const;
+
+private:
+    std::vector<std::vector<Cell>> rows_;
+};
+
+// --- Machine output ------------------------------------------------------------------------------
+
+struct PutJsonObject {
+    void operator()(json_object* object) const { json_object_put(object); }
+};
+using Json = std::unique_ptr<json_object, PutJsonObject>;
+
+// A text as it is when it is UTF-8, else escape()d: not every byte may stand in JSON.
+json_object* json_text(std::string_view text);
+
+// Prints the object on standard output, indented.
+void print_json(const Json& object);
+
+// --- Progress ------------------------------------------------------------------------------------
+
+// One line of standard error that is overwritten as a transfer goes on; without a terminal there,
+// nothing. One thread.
+class ProgressBar {
+public:
+    explicit ProgressBar(std::string_view label);
+    ~ProgressBar();
+    ProgressBar(const ProgressBar&) = delete;
+    ProgressBar& operator=(const ProgressBar&) = delete;
+
+    // `total` 0 when it is not known yet.
+    void show(std::uint64_t done, std::uint64_t total, double seconds);
+
+private:
+    std::string label_;
+    bool shown_;
+};

@@ -1,0 +1,60 @@
+#include "event_list.h"
+
+#include <algorithm>
+
+namespace {
+
+constexpr std::size_t MAX_REPEATED = 512;
+
+}  // namespace
+
+TimelineEvent& EventList::add(EventKind kind, LogTime time, std::string text) {
+    events_.push_back({kind, time, time, 1, std::move(text), {}, {}, {}});
+    return events_.back();
+}
+
+TimelineEvent& EventList::repeat(EventKind kind, LogTime time, const std::string& text) {
+    forget_old(time);
+    const auto [entry, fresh] =
+        repeated_.try_emplace(std::string(kind_name(kind)) + " " + text, events_.size());
+    if (!fresh && time - events_[entry->second].until <= TOGETHER) {
+        TimelineEvent& event = events_[entry->second];
+        ++event.count;
+        event.until = std::max(event.until, time);
+        return event;
+    }
+    entry->second = events_.size();
+    return add(kind, time, text);
+}
+
+// Texts hold addresses and keys: never more of them than memory should hold.
+void EventList::forget_old(LogTime time) {
+    if (repeated_.size() < MAX_REPEATED) {
+        return;
+    }
+    std::erase_if(repeated_, [this, time](const auto& entry) {
+        return time - events_[entry.second].until > TOGETHER;
+    });
+    if (repeated_.size() >= MAX_REPEATED) {
+        repeated_.clear();
+    }
+}
+
+std::vector<TimelineEvent> EventList::sorted() const {
+    std::vector<TimelineEvent> events = events_;
+    std::stable_sort(events.begin(), events.end(),
+                     [](const TimelineEvent& left, const TimelineEvent& right) {
+                         return left.time < right.time;
+                     });
+    return events;
+}
+
+std::string_view part_between(std::string_view text, std::string_view before,
+                              std::string_view after) {
+    const std::size_t found = text.find(before);
+    if (found == std::string_view::npos) {
+        return {};
+    }
+    const std::string_view rest = text.substr(found + before.size());
+    return after.empty() ? rest : rest.substr(0, rest.find(after));
+}

@@ -1,0 +1,123 @@
+#include "forecast.h"
+
+#include <arpa/inet.h>
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "keys.h"
+#include "owned.h"
+#include "process_state.h"
+#include "store.h"
+#include "text.h"
+
+namespace {
+
+std::string_view without_star(std::string_view master) {
+    return master.substr(0, master.find('*'));
+}
+
+std::string decided_text(const PairSettings& settings, const RoleDecision& decision) {
+    const std::string_view master = without_star(settings.master);
+    if (decision.role == ROLE_MASTER) {
+        return fmt::format("master: holds the address of 'master', {}", master);
+    }
+    return fmt::format("slave of {}: {} listed server", master,
+                       decision.slave_ip == decision.first ? "first" : "second");
+}
+
+// Why neither role fits, by name of the two that have them.
+std::string left_out_text(const PairSettings& settings, const RoleDecision& decision) {
+    const std::string_view master = without_star(settings.master);
+    return fmt::format("no role, waits for ever: the master is {}, the slave {}", master,
+                       master == decision.first ? decision.next : decision.first);
+}
+
+}  // namespace
+
+PairSettings read_pair_settings() {
+    const auto value = [](const char* key) {
+        return std::string(text_of(OwnedText(db_get(CONFIG_DB, key))));
+    };
+    return {value(KEY_HA), value(KEY_SERVER_LIST),
+            std::string(text_of(OwnedText(numbered_server_list()))), value(KEY_MASTER)};
+}
+
+Forecast forecast_role(const PairSettings& settings, const std::string& addresses) {
+    Forecast forecast{
+        addresses,
+        decide_role({settings.ha, settings.numbered_list, addresses, settings.master}),
+        {}};
+    const RoleDecision& decision = forecast.decision;
+    if (decision.reason == RoleReason::DECIDED) {
+        forecast.text = decided_text(settings, decision);
+    } else if (decision.reason == RoleReason::NOT_IN_PAIR) {
+        forecast.text = left_out_text(settings, decision);
+    } else {
+        forecast.text = fmt::format("no role, waits for ever: {}", reason_text(decision.reason));
+    }
+    return forecast;
+}
+
+std::vector<Forecast> forecast_pair(const PairSettings& settings) {
+    std::vector<Forecast> forecasts;
+    auto addresses = split(settings.server_list, ',');
+    const std::string_view master = without_star(settings.master);
+    if (!master.empty()) {
+        addresses.push_back(master);
+    }
+    for (const std::string_view address : addresses) {
+        const bool known =
+            std::any_of(forecasts.begin(), forecasts.end(),
+                        [address](const Forecast& other) { return other.addresses == address; });
+        if (!known) {
+            forecasts.push_back(forecast_role(settings, std::string(address)));
+        }
+    }
+    return forecasts;
+}
+
+std::string_view reason_text(RoleReason reason) {
+    switch (reason) {
+        case RoleReason::HA_NOT_ENABLED:
+            return "'ha' is not exactly \"enable\"";
+        case RoleReason::NO_SERVER_LIST:
+            return "'server_list' is missing or empty";
+        case RoleReason::NO_LOCAL_ADDRESS:
+            return "no interface eth* that is up has an address";
+        case RoleReason::NO_MASTER:
+            return "'master' is missing or empty";
+        case RoleReason::SINGLE_SERVER:
+            return "'server_list' holds fewer than two servers";
+        case RoleReason::NOT_IN_PAIR:
+            return "this host is neither the master nor the server that is the slave";
+        case RoleReason::DECIDED:
+            break;
+    }
+    return "";
+}
+
+bool is_dotted_address(std::string_view text) {
+    in_addr address{};
+    return inet_pton(AF_INET, std::string(text).c_str(), &address) == 1;
+}
+
+std::string server_list_fault(std::string_view server_list) {
+    if (server_list.empty()) {
+        return "is missing or empty";
+    }
+    if (server_list.find_first_of(" \t\r\n") != std::string_view::npos) {
+        return "holds a blank; the daemon takes it for a part of the address";
+    }
+    const auto addresses = split(server_list, ',');
+    for (const std::string_view address : addresses) {
+        if (!is_dotted_address(address)) {
+            return fmt::format("holds \"{}\", which is no dotted address", address);
+        }
+        if (std::count(addresses.begin(), addresses.end(), address) > 1) {
+            return fmt::format("holds {} twice", address);
+        }
+    }
+    return addresses.size() < 2 ? "holds fewer than two servers; a single one never takes a role"
+                                : "";
+}

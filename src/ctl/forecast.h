@@ -1,0 +1,41 @@
+// Which role a host of the pair would take, and why, from settings alone: what the daemon decides
+// at its start without telling anybody. Pure functions, but for read_pair_settings().
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "role.h"
+
+// The settings that the role rests on; empty ones are missing.
+struct PairSettings {
+    std::string ha;
+    std::string server_list;
+    std::string numbered_list;  // of the same, by numbered_server_list()
+    std::string master;
+};
+
+// Those of this host's config.db.
+PairSettings read_pair_settings();
+
+struct Forecast {
+    std::string addresses;  // of the host, joined by ","
+    RoleDecision decision;
+    std::string text;  // "slave of 10.77.0.1: ...", or what it would wait for
+};
+
+// The forecast of the host with these addresses (joined by ",", may be empty).
+Forecast forecast_role(const PairSettings& settings, const std::string& addresses);
+
+// The same for every listed server and for the master, in this order, each once.
+std::vector<Forecast> forecast_pair(const PairSettings& settings);
+
+// What keeps a host waiting, in words.
+std::string_view reason_text(RoleReason reason);
+
+// What is wrong with `server_list` itself; empty when nothing is.
+std::string server_list_fault(std::string_view server_list);
+
+// Whether `text` is four numbers from 0 to 255, without leading zeros, joined by dots.
+bool is_dotted_address(std::string_view text);

@@ -1,0 +1,47 @@
+#include "guard.h"
+
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include "forecast.h"
+#include "local_addresses.h"
+#include "log.h"
+#include "log_story.h"
+#include "owned.h"
+#include "proc_info.h"
+#include "process_state.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto LIMIT = 3s;  // for a killed process to go, and for a started one to be seen
+constexpr auto STEP = 20ms;
+
+}  // namespace
+
+bool is_slave_by_forecast() {
+    const std::string addresses(text_of(OwnedText(local_ip_list())));
+    return forecast_role(read_pair_settings(), addresses).decision.role == ROLE_SLAVE;
+}
+
+bool stands_by_a_living_master() {
+    if (!is_slave_by_forecast() || processes_named(PROGRAM_NAME).empty()) {
+        return false;
+    }
+    LogStory story;
+    (void)read_logs(LOG_DIRECTORY, parse_since("yesterday", log_time_now()), story);
+    return !story.timeline.state().acting;
+}
+
+bool comes_to_run(std::string_view name, bool running) {
+    const auto deadline = std::chrono::steady_clock::now() + LIMIT;
+    while (processes_named(name).empty() == running) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(STEP);
+    }
+    return true;
+}

@@ -1,0 +1,13 @@
+// What to look at before and after an operator changes something.
+#pragma once
+
+#include <string_view>
+
+// Whether the daemon of this host would be, or is, the slave of its pair.
+bool is_slave_by_forecast();
+
+// Whether it is, and its daemon runs and has not taken the boot services over.
+bool stands_by_a_living_master();
+
+// Waits a little until a process of that name runs, or until none does; whether it came to that.
+bool comes_to_run(std::string_view name, bool running);

@@ -1,0 +1,115 @@
+// quorsyncctl service: the boot services of this host by hand.
+#include <algorithm>
+#include <array>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "console.h"
+#include "guard.h"
+#include "services.h"
+#include "session.h"
+#include "text.h"
+#include "verbs.h"
+
+namespace {
+
+struct Service {
+    const char* name;
+    const char* summary;
+    ServiceResult (*start)();
+    ServiceResult (*stop)();
+    std::string_view processes;  // that show whether it runs, joined by ","
+};
+
+constexpr std::array SERVICES = {
+    Service{"boot", "the wrapper quordhcpd and the boot loader stagd", start_boot_services,
+            stop_boot_services, "quordhcpd,stagd"},
+    Service{"tftp", "the TFTP server", start_tftp_service, stop_tftp_service, "in.tftpd"},
+    Service{"ravlo", "the init script ravlo", start_ravlo_service, stop_ravlo_service, ""},
+    Service{"dhcpd", "the system's own DHCP server", start_system_dhcpd, stop_system_dhcpd,
+            "dhcpd"},
+};
+
+struct Options {
+    bool force = false;
+    bool if_slave = false;
+};
+
+// The first process of the service that is not as wanted after a while, or an empty text.
+std::string_view wrong_process(const Service& service, bool running) {
+    const auto processes = split(service.processes, ',');
+    const auto wrong =
+        std::find_if(processes.begin(), processes.end(),
+                     [running](std::string_view name) { return !comes_to_run(name, running); });
+    return wrong == processes.end() ? std::string_view() : *wrong;
+}
+
+int start(const Service& service, const Options& options) {
+    const bool moves = service.start == start_boot_services;
+    if (moves && !options.force && stands_by_a_living_master()) {
+        throw CLI::ValidationError(
+            service.name,
+            "this host is the slave of a master that answers, and both would serve the clients; "
+            "--force starts them all the same");
+    }
+    begin_changes();
+    const ServiceResult result = [&] {
+        const DetachedPrograms detached;
+        return service.start();
+    }();
+    const std::string_view missing =
+        result.success ? wrong_process(service, true) : std::string_view();
+    if (!result.success) {
+        complain("{} was not started: {}", service.name, result.text);
+    } else if (!missing.empty()) {
+        complain("{}: {} does not run; is it installed?", service.name, missing);
+    } else {
+        say("{}: started", service.name);
+    }
+    return result.success && missing.empty() ? EXIT_FINE : EXIT_PROBLEM;
+}
+
+int stop(const Service& service, const Options& options) {
+    if (options.if_slave && !is_slave_by_forecast()) {
+        say("{}: left alone, this host is not the slave", service.name);
+        return EXIT_FINE;
+    }
+    begin_changes();
+    {
+        const DetachedPrograms detached;
+        (void)service.stop();
+    }
+    if (const std::string_view left = wrong_process(service, false); !left.empty()) {
+        complain("{}: {} still runs", service.name, left);
+        return EXIT_PROBLEM;
+    }
+    say("{}: stopped", service.name);
+    return EXIT_FINE;
+}
+
+}  // namespace
+
+void add_service(CLI::App& app, int& status) {
+    CLI::App* verb = add_verb(
+        app, "service", "Start and stop the boot services of this host.",
+        "A daemon that was killed as an acting master leaves its services behind, and the slave\n"
+        "that starts again does not know of them: its unit runs \"stop boot --if-slave\" before.\n"
+        "Examples:\n"
+        "  quorsyncctl service stop boot --if-slave\n"
+        "  quorsyncctl service start tftp\n");
+    verb->require_subcommand(1);
+    const auto options = std::make_shared<Options>();
+    CLI::App* starts = verb->add_subcommand("start", "Start a service.")->require_subcommand(1);
+    CLI::App* stops = verb->add_subcommand("stop", "Stop a service.")->require_subcommand(1);
+    for (const Service& service : SERVICES) {
+        CLI::App* one = starts->add_subcommand(service.name, service.summary);
+        CLI::App* other = stops->add_subcommand(service.name, service.summary);
+        one->callback([&service, options, &status] { status = start(service, *options); });
+        other->callback([&service, options, &status] { status = stop(service, *options); });
+    }
+    starts->get_subcommand("boot")->add_flag("--force", options->force,
+                                             "Even beside a living master");
+    stops->get_subcommand("boot")->add_flag("--if-slave", options->if_slave,
+                                            "Only if this host is the slave of the pair");
+}

@@ -1,0 +1,39 @@
+// How the tool uses the daemon's library.
+//
+// Nothing that the library logs reaches the tool's standard output. A verb that only reads leaves
+// no trace: missing files are not created and nothing is logged anywhere. One that changes
+// something logs into the daily file as the daemon does, so that it is seen beside the daemon's own
+// lines.
+#pragma once
+
+#include <array>
+#include <functional>
+#include <string>
+
+#include "owned.h"
+
+// The tool only looks on from now on; called once, before any verb runs.
+void begin_looking();
+
+// The tool changes something from now on.
+void begin_changes();
+
+// While one of these lives, programs that are started get /dev/null in place of the tool's own
+// streams: a boot service that kept a pipe or a terminal open would make its reader wait for ever.
+class DetachedPrograms {
+public:
+    DetachedPrograms();
+    ~DetachedPrograms();
+    DetachedPrograms(const DetachedPrograms&) = delete;
+    DetachedPrograms& operator=(const DetachedPrograms&) = delete;
+
+private:
+    std::array<OwnedFd, 3> streams_;
+};
+
+// The last message that the library logged at LOG_ERROR, without its newline, empty when there was
+// none: the reason for a failure of which only a result code is returned.
+std::string last_logged_error();
+
+// Calls `listener` with every message that the library logs, in the thread that logs it.
+void listen_to_log(std::function<void(int level, const std::string& message)> listener);

@@ -1,0 +1,317 @@
+// quorsyncctl store: the configuration store in the daemon's own terms, under its lock.
+#include "store.h"
+
+#include <db.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+
+#include "console.h"
+#include "guard.h"
+#include "keys.h"
+#include "log.h"
+#include "process_state.h"
+#include "session.h"
+#include "store_files.h"
+#include "text.h"
+#include "verbs.h"
+
+namespace {
+
+struct Options {
+    std::string file = "config";
+    std::string key;
+    std::string value;  // or the item of a list
+    std::string set;    // of bump: config or client
+    bool json = false;
+    bool force = false;
+
+    std::string path() const { return store_path(file); }
+};
+
+constexpr std::size_t MAX_LIST = 4095;  // as the store's list operations have it
+
+// Text for a pipe as it is, for a terminal without what could upset it.
+std::string shown(const std::string& text) {
+    return isatty(STDOUT_FILENO) == 1 ? escape(text) : text;
+}
+
+int absent(const Options& options) {
+    complain("{} has no key \"{}\"; \"quorsyncctl store dump --file {}\" shows what it has",
+             options.path(), escape(options.key), options.file);
+    return EXIT_PROBLEM;
+}
+
+int get(const Options& options) {
+    const std::unique_ptr<Store> store = open_store(options.path());
+    std::string value;
+    const int result = store ? store->get(options.key, value) : EINVAL;
+    if (result == 0) {
+        print_line(shown(value));
+        return EXIT_FINE;
+    }
+    return store && result == DB_NOTFOUND ? absent(options) : EXIT_CANNOT_TELL;
+}
+
+int dump(const Options& options) {
+    const auto records = read_records(options.path());
+    if (!records) {
+        return EXIT_CANNOT_TELL;
+    }
+    const Json object(json_object_new_object());
+    for (const auto& [key, value] : *records) {
+        if (options.json) {
+            json_object* text = json_text(key);
+            json_object_object_add(object.get(), json_object_get_string(text), json_text(value));
+            json_object_put(text);
+        } else {
+            say("{}={}", escape(key), escape(value));
+        }
+    }
+    if (options.json) {
+        print_json(object);
+    }
+    return EXIT_FINE;
+}
+
+int verify(const Options& options) {
+    const std::unique_ptr<Store> store = db_open(options.path().c_str());
+    if (store && store->damaged()) {
+        complain(
+            "{} is damaged; a slave's client.db comes again from its master, any other file "
+            "from a backup",
+            options.path());
+        return EXIT_PROBLEM;
+    }
+    if (!store || !store->usable()) {
+        complain("{} cannot be examined: {}", options.path(), last_logged_error());
+        return EXIT_CANNOT_TELL;
+    }
+    say("{} is sound", options.path());
+    return EXIT_FINE;
+}
+
+// Whether the record is one that the master mirrors to this host's peer, or from it.
+bool is_mirrored(const std::string& path, const std::string& key) {
+    const Travel travel = travel_of(path == CLIENT_DB, key);
+    return (path == CLIENT_DB || path == CONFIG_DB) &&
+           (travel == Travel::PUSHED || travel == Travel::STAMP);
+}
+
+// Throws what the operator did wrong.
+void check_change(const Options& options, const std::string& value) {
+    const std::string path = options.path();
+    const std::string misfit =
+        why_it_does_not_fit(travel_of(holds_clients(path), options.key), options.key, value);
+    if (options.key.empty()) {
+        throw CLI::ValidationError("KEY", "is empty");
+    }
+    if (!misfit.empty()) {
+        throw CLI::ValidationError(escape(options.key), misfit);
+    }
+}
+
+void check_place(const Options& options) {
+    if (!options.force && is_mirrored(options.path(), options.key) && is_slave_by_forecast()) {
+        throw CLI::ValidationError(
+            escape(options.key),
+            "this host is the slave: change it on the master, which overwrites it here; "
+            "--force changes it all the same");
+    }
+}
+
+// The last words on a change that has succeeded: a line for the log, a hint for the operator.
+int changed(const Options& options, const char* what) {
+    write_log(LOG_INFO, "quorsyncctl: %s %s in %s", what, escape(options.key).c_str(),
+              options.path().c_str());
+    if (is_mirrored(options.path(), options.key) &&
+        travel_of(options.path() == CLIENT_DB, options.key) == Travel::PUSHED) {
+        say("\"quorsyncctl store bump {}\" makes the slave fetch it",
+            options.path() == CLIENT_DB ? "client" : "config");
+    }
+    return EXIT_FINE;
+}
+
+int failed(const Options& options, const std::string& reason) {
+    complain("{}: \"{}\" cannot be changed: {}", options.path(), escape(options.key), reason);
+    return EXIT_PROBLEM;
+}
+
+// Closes the file after a change whose result is known; what is left to say.
+int finish(const Options& options, Store& store, int result, const char* what) {
+    const int closed = store.close();
+    const int error = result != 0 ? result : closed;
+    return error == 0 ? changed(options, what) : failed(options, store_error_text(error));
+}
+
+int put(const Options& options) {
+    check_change(options, options.value);
+    check_place(options);
+    begin_changes();
+    const std::unique_ptr<Store> store = open_store(options.path());
+    if (!store) {
+        return EXIT_PROBLEM;
+    }
+    return finish(options, *store, store->put(options.key, options.value), "put");
+}
+
+int del(const Options& options) {
+    check_place(options);
+    if (access(options.path().c_str(), F_OK) != 0) {
+        return absent(options);  // a change would create the file
+    }
+    begin_changes();
+    const std::unique_ptr<Store> store = open_store(options.path());
+    if (!store) {
+        return EXIT_PROBLEM;
+    }
+    const int deleted = store->del(options.key);
+    return deleted == DB_NOTFOUND ? absent(options) : finish(options, *store, deleted, "del");
+}
+
+bool contains(const std::string& list, const std::string& item) {
+    const auto items = split(list, ',');
+    return std::find(items.begin(), items.end(), std::string_view(item)) != items.end();
+}
+
+void check_item(const Options& options) {
+    if (options.value.empty() || options.value.find(',') != std::string::npos) {
+        throw CLI::ValidationError("ITEM", "is empty or holds the list's own \",\"");
+    }
+}
+
+std::string present_list(const Options& options) {
+    return std::string(text_of(OwnedText(db_get(options.path().c_str(), options.key.c_str()))));
+}
+
+int list_add(const Options& options) {
+    check_item(options);
+    const std::string list = present_list(options);
+    if (contains(list, options.value)) {
+        say("{}: already in the list", escape(options.value));
+        return EXIT_FINE;
+    }
+    const std::string longer = list.empty() ? options.value : list + "," + options.value;
+    if (longer.size() > MAX_LIST) {
+        throw CLI::ValidationError(escape(options.key), "a list ends at 4095 characters");
+    }
+    check_change(options, longer);
+    check_place(options);
+    begin_changes();
+    db_list_add(options.path().c_str(), options.key.c_str(), options.value.c_str());
+    return contains(present_list(options), options.value) ? changed(options, "list-add")
+                                                          : failed(options, last_logged_error());
+}
+
+int list_remove(const Options& options) {
+    check_item(options);
+    if (!contains(present_list(options), options.value)) {
+        complain("{}: \"{}\" is not in the list \"{}\"", options.path(), escape(options.value),
+                 escape(options.key));
+        return EXIT_PROBLEM;
+    }
+    check_place(options);
+    begin_changes();
+    db_list_remove(options.path().c_str(), options.key.c_str(), options.value.c_str());
+    return contains(present_list(options), options.value) ? failed(options, last_logged_error())
+                                                          : changed(options, "list-remove");
+}
+
+// Reads and writes in one go, so that no two can come to the same stamp.
+int bump(const Options& options) {
+    check_place(options);
+    begin_changes();
+    const std::unique_ptr<Store> store = open_store(options.path());
+    if (!store) {
+        return EXIT_PROBLEM;
+    }
+    std::string before;
+    (void)store->get(options.key, before);
+    char now[20];
+    const std::string stamp = next_stamp(before, format_timestamp(now, sizeof now));
+    const int status = finish(options, *store, store->put(options.key, stamp), "bump");
+    if (status == EXIT_FINE) {
+        say("{}: {} -> {}", options.key, before.empty() ? "none" : escape(before), stamp);
+    }
+    return status;
+}
+
+// --- The command line ----------------------------------------------------------------------------
+
+using Operation = int (*)(const Options&);
+using SharedOptions = std::shared_ptr<Options>;
+
+CLI::App* add_operation(CLI::App& verb, int& status, const char* name, const char* summary,
+                        Operation operation, const SharedOptions& options) {
+    CLI::App* sub = verb.add_subcommand(name, summary);
+    sub->add_option("-f,--file", options->file, "config, client, disk or a path")
+        ->capture_default_str();
+    sub->callback([options, operation, &status] { status = operation(*options); });
+    return sub;
+}
+
+void add_key(CLI::App* sub, const SharedOptions& options) {
+    sub->add_option("KEY", options->key, "Key of the record")->required();
+}
+
+void add_force(CLI::App* sub, const SharedOptions& options) {
+    sub->add_flag("--force", options->force, "Change mirrored data on the slave, too");
+}
+
+void add_readers(CLI::App& verb, int& status, const SharedOptions& options) {
+    add_key(add_operation(verb, status, "get", "Print the value of a key.", get, options), options);
+    add_operation(verb, status, "dump", "Print all records as key=value.", dump, options)
+        ->add_flag("--json", options->json, "As a JSON object");
+    add_operation(verb, status, "verify", "Examine whether the file is sound.", verify, options);
+}
+
+void add_writers(CLI::App& verb, int& status, const SharedOptions& options) {
+    CLI::App* sub = add_operation(verb, status, "put", "Store a value.", put, options);
+    add_key(sub, options);
+    sub->add_option("VALUE", options->value, "The new value")->required();
+    add_force(sub, options);
+
+    sub = add_operation(verb, status, "del", "Delete a record.", del, options);
+    add_key(sub, options);
+    add_force(sub, options);
+
+    const auto add_list_operation = [&](const char* name, const char* summary, Operation change) {
+        sub = add_operation(verb, status, name, summary, change, options);
+        add_key(sub, options);
+        sub->add_option("ITEM", options->value, "The item")->required();
+        add_force(sub, options);
+    };
+    add_list_operation("list-add", "Add an item to a comma list.", list_add);
+    add_list_operation("list-remove", "Take an item out of a comma list.", list_remove);
+}
+
+void add_bump(CLI::App& verb, int& status, const SharedOptions& options) {
+    CLI::App* sub = verb.add_subcommand("bump", "Raise a version stamp: the slaves fetch the set.");
+    sub->add_option("SET", options->set, "config or client")
+        ->required()
+        ->check(CLI::IsMember({"config", "client"}));
+    add_force(sub, options);
+    sub->callback([options, &status] {
+        options->key = options->set == "client" ? KEY_CLIENT_VERSION : KEY_CONFIG_VERSION;
+        status = bump(*options);
+    });
+}
+
+}  // namespace
+
+void add_store(CLI::App& app, int& status) {
+    CLI::App* verb = add_verb(app, "store", "Read and change the configuration store.",
+                              "Examples:\n"
+                              "  quorsyncctl store get server_list\n"
+                              "  quorsyncctl store dump --file client --json\n"
+                              "  quorsyncctl store put default_writeback /srv/writeback\n"
+                              "  quorsyncctl store list-add server_list 192.168.0.2\n"
+                              "  quorsyncctl store bump config\n");
+    verb->require_subcommand(1);
+    const auto options = std::make_shared<Options>();
+    add_readers(*verb, status, options);
+    add_writers(*verb, status, options);
+    add_bump(*verb, status, options);
+}

@@ -1,0 +1,105 @@
+#include "store_files.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "console.h"
+#include "keys.h"
+#include "peer_message.h"
+#include "session.h"
+#include "store_walk.h"
+
+namespace {
+
+void complain_about(const std::string& path) {
+    if (access(path.c_str(), R_OK) != 0) {
+        complain("{}: {}; \"config\", \"client\", \"disk\" or a path name a file", path,
+                 std::strerror(errno));
+    } else {
+        complain("{} cannot be used: {}; \"quorsyncctl store verify --file {}\" examines it", path,
+                 last_logged_error(), path);
+    }
+}
+
+}  // namespace
+
+std::string store_path(const std::string& name) {
+    return name == "config"   ? CONFIG_DB
+           : name == "client" ? CLIENT_DB
+           : name == "disk"   ? DISK_DB
+                              : name;
+}
+
+std::unique_ptr<Store> open_store(const std::string& path) {
+    std::unique_ptr<Store> store = db_open(path.c_str());
+    if (!store || !store->usable()) {
+        store.reset();  // unlocked before anybody reads about it
+        complain_about(path);
+    }
+    return store;
+}
+
+std::optional<std::map<std::string, std::string>> read_records(const std::string& path) {
+    std::map<std::string, std::string> records;
+    RecordWalk walk(path.c_str());
+    std::vector<StoredRecord> chunk;
+    while (walk.next_chunk(chunk)) {
+        for (StoredRecord& record : chunk) {
+            records.insert_or_assign(std::move(record.key), std::move(record.value));
+        }
+    }
+    if (walk.failed()) {
+        complain_about(path);
+        return std::nullopt;
+    }
+    return records;
+}
+
+bool holds_clients(const std::string& path) {
+    return path.substr(path.rfind('/') + 1) == "client.db";
+}
+
+Travel travel_of(bool client_record, std::string_view key) {
+    if (client_record || std::find(PUSH_CONFIG_KEYS.begin(), PUSH_CONFIG_KEYS.end(), key) !=
+                             PUSH_CONFIG_KEYS.end()) {
+        return Travel::PUSHED;
+    }
+    if (key == KEY_CONFIG_VERSION || key == KEY_CLIENT_VERSION) {
+        return Travel::STAMP;
+    }
+    return key == KEY_DSVER ? Travel::DSVER : Travel::NOT;
+}
+
+std::string next_stamp(const std::string& present, const std::string& now) {
+    const bool comparable = present.size() == now.size() &&
+                            present.find_first_not_of("0123456789") == std::string::npos;
+    if (!comparable || present < now) {
+        return now;
+    }
+    const std::string next = std::to_string(std::stoull(present) + 1);
+    return next.size() == now.size() ? next : now;
+}
+
+std::string why_it_does_not_fit(Travel travel, std::string_view key, std::string_view value) {
+    if (travel == Travel::PUSHED && !fits_data_record(key, value)) {
+        return fmt::format("too long for a message: key {} of 127 bytes, value {} of 1023",
+                           key.size(), value.size());
+    }
+    if (travel == Travel::PUSHED && key == DBVER_KEY) {
+        return "a slave would take it for the stamp that ends the set";
+    }
+    if (travel == Travel::STAMP && value.size() > MAX_STAMP) {
+        return fmt::format("a stamp of {} bytes; only {} are compared", value.size(), MAX_STAMP);
+    }
+    if (travel == Travel::STAMP && value.find('#') != std::string_view::npos) {
+        return "a \"#\" separates the two stamps of a message";
+    }
+    if (travel == Travel::DSVER && value.size() > sizeof HeartbeatBody::dsver) {
+        return fmt::format("a heartbeat carries {} bytes of it", sizeof HeartbeatBody::dsver);
+    }
+    return {};
+}

@@ -1,0 +1,40 @@
+// The database files as the operator names them, and what of them the pair mirrors.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "store.h"
+
+// "config", "client" and "disk" are the daemon's own files; anything else is a path.
+std::string store_path(const std::string& name);
+
+// Opens the file; null after a complaint that says what is wrong with it and what helps.
+std::unique_ptr<Store> open_store(const std::string& path);
+
+// All records of a file, sorted; nothing after a complaint. The file is locked only while a chunk
+// of it is read.
+std::optional<std::map<std::string, std::string>> read_records(const std::string& path);
+
+// Whether a file of that name holds boot clients, all of which are mirrored.
+bool holds_clients(const std::string& path);
+
+// How a record travels from the master to its slave.
+enum class Travel {
+    NOT,     // it stays on its server
+    PUSHED,  // as a data record
+    STAMP,   // at the end of its data set
+    DSVER,   // to the master, with every heartbeat
+};
+Travel travel_of(bool client_record, std::string_view key);
+
+// A version stamp to take the place of `present`: `now` (14 digits of local time), or the next
+// number when that would not be a later one. A slave fetches a set whose stamp is another than its
+// own, and it may still have an older one.
+std::string next_stamp(const std::string& present, const std::string& now);
+
+// Why a message cannot carry the record, or an empty text.
+std::string why_it_does_not_fit(Travel travel, std::string_view key, std::string_view value);

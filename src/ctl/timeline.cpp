@@ -1,0 +1,138 @@
+// quorsyncctl timeline: what the daily logs tell.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <string>
+
+#include "console.h"
+#include "log_story.h"
+#include "verbs.h"
+
+namespace {
+
+constexpr const char* NOTES = R"(
+Starts, roles, take-overs with the time since the master's last answer, the way back, data sets with
+their records and rates, fetches and failures. "flapping" and "re-sync" name what needs attention
+and lead to exit code 1.
+
+Examples:
+  quorsyncctl timeline --since 2h
+  quorsyncctl timeline --since "2026-11-16 03:00" --json)";
+
+struct Options {
+    std::string directory = LOG_DIRECTORY;
+    std::string since;
+    bool json = false;
+};
+
+Colour colour_of(EventKind kind) {
+    switch (kind) {
+        case EventKind::TAKE_OVER:
+        case EventKind::STEP_DOWN:
+            return Colour::BOLD;
+        case EventKind::FLAPPING:
+        case EventKind::RESYNC:
+        case EventKind::TROUBLE:
+            return Colour::RED;
+        case EventKind::WAITING:
+        case EventKind::SILENCE:
+        case EventKind::CLOCK:
+            return Colour::YELLOW;
+        default:
+            return Colour::PLAIN;
+    }
+}
+
+// Not of those whose text tells it.
+std::string repetition(const TimelineEvent& event) {
+    if (event.count == 1 || event.kind == EventKind::FLAPPING || event.kind == EventKind::SYNC ||
+        event.kind == EventKind::PUSH) {
+        return "";
+    }
+    return fmt::format(" ({} times until {})", event.count, format_log_time(event.until));
+}
+
+void print_events(const std::vector<TimelineEvent>& events) {
+    Table table;
+    for (const TimelineEvent& event : events) {
+        table.add({{format_log_time(event.time)},
+                   {std::string(kind_name(event.kind)), colour_of(event.kind)},
+                   {escape(event.text) + repetition(event)}});
+    }
+    table.print();
+}
+
+json_object* json_of(const TimelineEvent& event) {
+    json_object* object = json_object_new_object();
+    const auto add_number = [object](const char* name, std::optional<long> number) {
+        if (number) {
+            json_object_object_add(object, name, json_object_new_int64(*number));
+        }
+    };
+    json_object_object_add(object, "time", json_text(format_log_time(event.time)));
+    json_object_object_add(object, "until", json_text(format_log_time(event.until)));
+    json_object_object_add(object, "kind", json_text(kind_name(event.kind)));
+    add_number("count", event.count);
+    add_number("seconds_from", event.seconds_from);
+    add_number("seconds_to", event.seconds_to);
+    add_number("records", event.records);
+    json_object_object_add(object, "text", json_text(event.text));
+    return object;
+}
+
+void print_events_as_json(const std::vector<TimelineEvent>& events) {
+    const Json object(json_object_new_object());
+    json_object* list = json_object_new_array();
+    for (const TimelineEvent& event : events) {
+        json_object_array_add(list, json_of(event));
+    }
+    json_object_object_add(object.get(), "events", list);
+    print_json(object);
+}
+
+int show_timeline(const Options& options) {
+    std::optional<LogTime> since;
+    if (!options.since.empty()) {
+        since = parse_since(options.since, log_time_now());
+        if (!since) {
+            throw CLI::ValidationError("--since",
+                                       "\"" + options.since +
+                                           "\" is no time; say "
+                                           "\"2026-11-16 03:00\", \"03:00\", \"2h\" or \"today\"");
+        }
+    }
+    LogStory story;
+    if (!read_logs(options.directory, since, story)) {
+        complain("{}", story.failure);
+        return EXIT_CANNOT_TELL;
+    }
+    const std::vector<TimelineEvent> events = story.timeline.finish();
+    if (options.json) {
+        print_events_as_json(events);
+    } else if (events.empty()) {
+        say("Nothing happened{}.", since ? " since " + format_log_time(*since) : "");
+    } else {
+        print_events(events);
+    }
+    const bool alarming = std::any_of(events.begin(), events.end(), [](const auto& event) {
+        return event.kind == EventKind::FLAPPING || event.kind == EventKind::RESYNC;
+    });
+    return alarming ? EXIT_PROBLEM : EXIT_FINE;
+}
+
+}  // namespace
+
+void add_timeline(CLI::App& app, int& status) {
+    CLI::App* verb = add_verb(app, "timeline", "Show what happened, by the daemon's logs.", NOTES);
+    const auto options = std::make_shared<Options>();
+    verb->add_option("--since", options->since,
+                     "Begin at a time, a day, or so long ago: 30m, 2h, 3d, today, yesterday")
+        ->type_name("TIME");
+    verb->add_option("--dir", options->directory, "Where the daily logs are")
+        ->capture_default_str();
+    verb->add_flag("--json", options->json, "Print machine-readable output");
+    verb->callback([options, &status] { status = show_timeline(*options); });
+}

@@ -1,0 +1,202 @@
+"""What the operator's tool tells of a host and its past: check, status, timeline."""
+
+import json
+import re
+
+import pytest
+from lab import realistic_clients, wait_until
+from peer import LIMIT
+
+FINE, PROBLEM, WRONG_USE, CANNOT_TELL = range(4)
+PIPE = "/var/lib/quoradmind/dhcp_fifo"
+LISTENER = "import socket, time; s = socket.create_server(('', 13233)); time.sleep(1000)"
+READER = f"import os, time; os.open('{PIPE}', os.O_RDONLY | os.O_NONBLOCK); time.sleep(1000)"
+
+
+@pytest.fixture
+def ctl(daemon_path, daemon_env):
+    """Runs the tool in a host: the exit code and what it printed."""
+
+    def run(host, *arguments):
+        path = host.expose(daemon_path.parent / "quorsyncctl")
+        done = host.run([path, *arguments], env=daemon_env)
+        return done.returncode, done.stdout.decode(), done.stderr.decode()
+
+    return run
+
+
+@pytest.fixture
+def host(lab_room, ctl):
+    """A master by its settings, on which nothing is wrong; no daemon runs."""
+    one, two = lab_room.add_hosts(["one", "two"])
+    servers = f"{one.address},{two.address}"
+    one.good = {"ha": "enable", "server_list": servers, "master": one.address}
+    one.config.fill(one.good | {"config_db_version": "1", "dsver": "20261116035226"})
+    one.client.put("MAC", "settings")
+    one.shell(f"mkdir -p {PIPE.rpartition('/')[0]}; mkfifo {PIPE}")
+    assert ctl(one, "check")[0] == FINE
+    return one
+
+
+@pytest.fixture
+def faults(ctl):
+    """Runs check: the exit code, and by name what is not well. It must leave no trace."""
+
+    def run(host):
+        before = traces(host)
+        code, out, _ = ctl(host, "check", "--json")
+        assert traces(host) == before
+        bad = [each for each in json.loads(out)["findings"] if each["mark"] != "ok"]
+        assert all(each["remedy"] for each in bad)
+        return code, {each["name"]: f"{each['mark']}: {each['text']}" for each in bad}
+
+    return run
+
+
+def traces(host):
+    """All that looking at a host may not change."""
+    places = [host.root / place for place in ("etc", "var/log", "var/lib", "tmp")]
+    files = [path for place in places for path in [place, *place.rglob("*")]]
+    return {str(path): (path.lstat().st_mtime_ns, path.lstat().st_ino) for path in files}
+
+
+SETTINGS = [
+    ("ha", "Enable", {"ha": "not exactly", "role": "'ha' is not exactly"}),
+    ("server_list", "10.77.0.1", {"server_list": "fewer than two", "role": "fewer than two"}),
+    ("server_list", "10.77.0.1, 10.77.0.2", {"server_list": "blank"}),
+    ("server_list", "10.77.0.1,ten", {"server_list": '"ten"'}),
+    ("server_list", "10.77.0.8,10.77.0.9", {"address": "10.77.0.1 is not in"}),
+    ("master", "", {"master": "missing", "role": "'master' is missing"}),
+    ("server_list", "10.77.0.8,10.77.0.9,10.77.0.1", {}),
+    ("config_db_version", "one#two", {"settings": "separates the two stamps"}),
+    ("client_db_version", "9" * 128, {"settings": "128 bytes"}),
+    ("dhcpcfg", "x" * 1024, {"settings": '"dhcpcfg" too long'}),
+]
+
+
+@pytest.mark.sanitizer
+def test_settings_that_keep_a_pair_from_work(host, faults):
+    for key, value, expected in SETTINGS:
+        host.config.put(key, value)
+        code, found = faults(host)
+        assert code == (PROBLEM if expected else FINE), (key, value, found)
+        for name, text in expected.items():
+            assert found[name].startswith("problem: ") and text in found[name]
+        host.config.delete(key)
+        host.config.fill(host.good)
+    host.config.fill({"master": "10.77.0.2", "server_list": "10.77.0.2,10.77.0.3,10.77.0.1"})
+    code, found = faults(host)
+    assert code == PROBLEM and "this host: no role, waits for ever" in found["role"]
+    assert "the master is 10.77.0.2, the slave 10.77.0.3" in found["role"]
+    host.config.fill(host.good)
+    host.shell("ip link set eth0 down")
+    code, found = faults(host)
+    assert code == PROBLEM and "no interface eth*" in found["address"] and "role" in found
+
+
+# Not for the sanitizers: the library leaks memory when it finds a file damaged.
+def test_database_files_that_are_not_well(host, faults, ctl):
+    host.client.put("LONG", "x" * 1024)
+    host.client.put("dbver", "1")
+    code, found = faults(host)
+    assert code == PROBLEM and "2 of 3 records fit no message" in found["clients"]
+    assert '"LONG" too long' in found["clients"] and '"dbver"' in found["clients"]
+    stores = host.root / "etc/quoradmind"
+    for name in ("__db.client.db", "client.db.damaged"):
+        (stores / name).touch()
+    (stores / "10.77.0.2.db").write_bytes(b"no database, but longer than the page's head")
+    client = stores / "client.db"
+    client.write_bytes(client.read_bytes()[:4096] + b"\xff" * 4096)
+    code, found = faults(host)
+    assert code == PROBLEM and "does not verify" in found["client.db"]
+    assert "no hash database" in found["10.77.0.2.db"]
+    assert found["__db.client.db"].startswith("warning: left by a killed creation")
+    assert "found damaged" in found["client.db.damaged"]
+    (stores / "config.db").unlink()
+    code, found = faults(host)
+    assert code == PROBLEM and "is missing" in found["config.db"] and "ha" not in found
+    code, out, complaint = ctl(host, "check", "--warn")
+    assert code == FINE and not out and "PROBLEM: config.db" in complaint
+    assert ctl(host, "status")[0] == CANNOT_TELL
+
+
+@pytest.mark.sanitizer
+def test_a_host_that_is_not_well(host, faults, run_daemon, ctl):
+    host.stubs.remove("stagd")
+    host.shell("chmod 644 /usr/local/bin/evpost_ex; mount -t tmpfs -o size=64k tmpfs /var/log")
+    listener = host.popen(["/usr/bin/python3", "-c", LISTENER])
+    port = "port 13233/tcp"
+    wait_until(lambda: port in faults(host)[1], LIMIT, "the listener")
+    code, found = faults(host)
+    assert code == PROBLEM and f"held by python3 (pid {listener.pid})" in found[port]
+    assert "is missing" in found["/usr/local/bin/stagd"]
+    assert "cannot be executed" in found["/usr/local/bin/evpost_ex"]
+    assert "full" in found["/var/log"]
+    listener.kill()
+    host.shell("umount /var/log; chmod 755 /usr/local/bin/evpost_ex")
+    host.stubs.install("stagd")
+
+    # Nobody reads the pipe of a running quordhcpd; then somebody does.
+    host.shell("/usr/local/bin/quordhcpd")
+    assert "nobody reads it" in faults(host)[1][PIPE]
+    reader = host.popen(["/usr/bin/python3", "-c", READER])
+    wait_until(lambda: PIPE not in faults(host)[1], LIMIT, "the reader")
+    assert f"read by python3 (pid {reader.pid})" in ctl(host, "check")[1]
+    (host.root / PIPE[1:]).unlink()
+    (host.root / PIPE[1:]).touch()
+    assert "is no pipe" in faults(host)[1][PIPE]
+
+    # Two daemons that wait for a role, and what a killed slave leaves behind.
+    host.config.put("ha", "off")
+    daemons = [run_daemon(host), run_daemon(host)]
+    wait_until(lambda: len(host.find_log("ha :off")) > 1, LIMIT, "both daemons")
+    code, found = faults(host)
+    assert "listens on no port" in found["daemon"]
+    assert "2 daemons" in ctl(host, "check")[1]
+    for daemon in daemons:
+        daemon.kill()
+    host.config.fill(host.good | {"master": "10.77.0.2"})
+    slave = run_daemon(host)
+    host.wait_log("bottle=1", LIMIT)
+    slave.kill()
+    assert "left over" in faults(host)[1]["semaphore"]
+
+
+def test_a_pair_tells_its_story(pair_factory, ctl):
+    pair = pair_factory(clients=realistic_clients(50))
+    master, slave = pair.master, pair.slave
+    code, _, complaint = ctl(slave, "timeline")
+    assert code == CANNOT_TELL and "no daily log" in complaint
+    assert ctl(slave, "timeline", "--since", "soon")[0] == WRONG_USE
+    pair.start()
+    pair.wait_equal()
+    for host in (master, slave):
+        wait_until(lambda: ctl(host, "status")[0] == FINE, LIMIT, "a pair in sync")  # noqa: B023
+        assert ctl(host, "check")[0] == FINE
+    mark = slave.log_mark()
+    master.cut()
+    slave.wait_log("become a master host", LIMIT, mark)
+    code, out, _ = ctl(slave, "status", "--json")
+    told = json.loads(out)
+    assert code == PROBLEM and told["log"]["role"] == "acting master"
+    assert told["in_sync"]["verdict"] == "cannot tell" and told["forecast"]["role"] == "slave"
+    master.heal()
+    slave.wait_log("restore to be a slave host", LIMIT, mark)
+    wait_until(lambda: ctl(slave, "status")[0] == FINE, LIMIT, "a pair in sync again")
+
+    code, out, _ = ctl(slave, "timeline", "--json")
+    events = json.loads(out)["events"]
+    kinds = [event["kind"] for event in events]
+    assert code == FINE and kinds[0] == "start"
+    assert kinds.index("last-answer") < kinds.index("take-over") < kinds.index("step-down")
+    assert any(event["kind"] == "sync" and event["records"] == 50 for event in events)
+    took_over = events[kinds.index("take-over")]
+    assert 4 <= took_over["seconds_from"] <= took_over["seconds_to"]
+    _, out, _ = ctl(slave, "timeline", "--since", "1h")
+    assert re.search(r"take-over +takes over .* s after the master's last answer", out)
+    _, out, _ = ctl(master, "timeline")
+    assert re.search(r"push +client set sent: 50 records", out)
+    assert str(slave.address) in ctl(master, "status")[1]
+    pair.slave_daemon.kill()
+    code, out, _ = ctl(slave, "status")
+    assert code == PROBLEM and "the daemon does not run" in out

@@ -1,0 +1,65 @@
+#include <fcntl.h>
+#include <sys/file.h>
+
+#include "ctl/store_files.h"
+#include "support.h"
+
+namespace {
+
+TEST(NextStamp, IsAnotherThanAllBefore) {
+    EXPECT_EQ(next_stamp("", "20261116035226"), "20261116035226");
+    EXPECT_EQ(next_stamp("null", "20261116035226"), "20261116035226");
+    EXPECT_EQ(next_stamp("20261116035225", "20261116035226"), "20261116035226");
+    EXPECT_EQ(next_stamp("20261116035226", "20261116035226"), "20261116035227");
+    // Raised twice within a second, or the clock was set back: a slave may have what lies between.
+    EXPECT_EQ(next_stamp("20261116035259", "20261116035226"), "20261116035260");
+    EXPECT_EQ(next_stamp("99999999999999", "20261116035226"), "20261116035226");
+}
+
+TEST(WhyItDoesNotFit, FollowsTheFieldsOfTheMessage) {
+    const auto fits = [](Travel travel, std::size_t key, std::size_t value) {
+        return why_it_does_not_fit(travel, std::string(key, 'k'), std::string(value, 'v')).empty();
+    };
+    EXPECT_TRUE(fits(Travel::PUSHED, 127, 1023));
+    EXPECT_FALSE(fits(Travel::PUSHED, 128, 1));
+    EXPECT_FALSE(fits(Travel::PUSHED, 1, 1024));
+    EXPECT_TRUE(fits(Travel::NOT, 128, 1024));
+    EXPECT_TRUE(fits(Travel::STAMP, 1, 127));
+    EXPECT_FALSE(fits(Travel::STAMP, 1, 128));
+    EXPECT_TRUE(fits(Travel::DSVER, 1, 32));
+    EXPECT_FALSE(fits(Travel::DSVER, 1, 33));
+    EXPECT_NE(why_it_does_not_fit(Travel::STAMP, "config_db_version", "a#b"), "");
+    EXPECT_NE(why_it_does_not_fit(Travel::PUSHED, "dbver", "1"), "");
+}
+
+// A tool that looks on finds no file where there is none, and leaves it at that.
+TEST(StoreUse, InspectingChangesNothing) {
+    const std::string path = "/etc/quoradmind/inspected.db";
+    std::filesystem::remove(path);
+    set_store_use(StoreUse::INSPECT);
+    EXPECT_EQ(stored(path.c_str(), "key"), "(absent)");
+    EXPECT_FALSE(db_store(path.c_str(), "key", "value"));
+    EXPECT_FALSE(std::filesystem::exists(path));
+    set_store_use(StoreUse::EDIT);
+    EXPECT_TRUE(db_store(path.c_str(), "key", "value"));
+    set_store_use(StoreUse::INSPECT);
+    EXPECT_EQ(stored(path.c_str(), "key"), "value");
+    EXPECT_FALSE(db_store(path.c_str(), "key", "other"));
+    EXPECT_EQ(stored(path.c_str(), "key"), "value");
+    set_store_use(StoreUse::SERVE);
+}
+
+// A daemon goes on without a lock for its heartbeat's sake; a tool must not write then.
+TEST(StoreUse, EditingNeedsTheLock) {
+    const std::string path = "/etc/quoradmind/edited.db";
+    ASSERT_TRUE(db_store(path.c_str(), "key", "value"));
+    const OwnedFd other(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(flock(other.get(), LOCK_EX), 0);
+    set_store_use(StoreUse::EDIT);
+    EXPECT_FALSE(db_store(path.c_str(), "key", "by hand"));
+    set_store_use(StoreUse::SERVE);
+    EXPECT_TRUE(db_store(path.c_str(), "key", "by the daemon"));
+    EXPECT_EQ(stored(path.c_str(), "key"), "by the daemon");
+}
+
+}  // namespace
