@@ -2,7 +2,11 @@
 // sending it: the file is locked and open only while a chunk is read, never in between.
 #pragma once
 
+#include <sys/types.h>
+
+#include <ctime>
 #include <string>
+#include <tuple>
 #include <vector>
 
 struct StoredRecord {
@@ -16,8 +20,8 @@ public:
     explicit RecordWalk(const char* path) : path_(path) {}
 
     // Reads the next records into `chunk`, replacing what it held: true with some, false at the end
-    // or when the file cannot be read; failed() tells which. When another process deletes the very
-    // record at which the walk stands, it begins anew, so a record may come more than once; after
+    // or when the file cannot be read; failed() tells which. When another process changes the
+    // file meanwhile, the walk begins anew, so a record may come more than once; after
     // MAX_RESTARTS of that it fails. Logs as db_open does.
     bool next_chunk(std::vector<StoredRecord>& chunk);
 
@@ -28,6 +32,7 @@ public:
 private:
     std::string path_;
     std::string last_key_;
+    std::tuple<ino_t, off_t, time_t, long> seen_;  // the file as it was at the last chunk
     bool started_ = false;
     bool failed_ = false;
     int restarts_ = 0;

@@ -20,7 +20,8 @@ public:
     CleanSlate() {
         sigset_t all;
         sigset_t none;
-        std::memset(&all, 0xFF, sizeof all);  // sigfillset leaves out two, which would start ignored
+        std::memset(&all, 0xFF,
+                    sizeof all);  // sigfillset leaves out two, which would start ignored
         sigemptyset(&none);
         posix_spawnattr_init(&attributes_);
         posix_spawnattr_setsigdefault(&attributes_, &all);
@@ -47,8 +48,7 @@ private:
 // The wait status of `child`; 0 when somebody else has taken it.
 int wait_for(pid_t child) {
     int status = 0;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {}
     return status;
 }
 

@@ -1,5 +1,7 @@
 #include "store_walk.h"
 
+#include <sys/stat.h>
+
 #include <optional>
 
 #include "store.h"
@@ -37,7 +39,14 @@ bool RecordWalk::next_chunk(std::vector<StoredRecord>& chunk) {
         return false;
     }
     std::optional<StoreCursor> cursor(*store);
-    if (started_ && !cursor->seek(last_key_)) {
+    struct stat status {};
+    (void)stat(path_.c_str(), &status);
+    const auto now =
+        std::tuple(status.st_ino, status.st_size, status.st_ctim.tv_sec, status.st_ctim.tv_nsec);
+    // In a file that has changed, the place of the last record may have moved beyond others.
+    const bool changed = started_ && seen_ != now;
+    seen_ = now;
+    if (started_ && (changed || !cursor->seek(last_key_))) {
         failed_ = ++restarts_ > MAX_RESTARTS;
         if (failed_) {
             return false;

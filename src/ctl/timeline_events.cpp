@@ -107,7 +107,7 @@ SyncVerdict judge_beats(const LogState& state, std::optional<LogTime> beat, LogT
                                           : fmt::format("nothing heard of the {}", partner)};
     }
     if (!state.open_transfer.empty()) {
-        return {InSync::NO, fmt::format("the {} is on its way", state.open_transfer)};
+        return {InSync::NO, fmt::format("the {} has not arrived whole", state.open_transfer)};
     }
     if (state.quiet_beats < QUIET_BEATS) {
         return {InSync::CANNOT_TELL, "too few heartbeats since the start or the last transfer"};
@@ -179,7 +179,9 @@ void Timeline::add(const LogMessage& message) {
 
 std::vector<TimelineEvent> Timeline::finish() {
     stories_->roles.end_attempt();
+    const std::string open_transfer = stories_->state.open_transfer;
     stories_->transfers.tell_open_ones();
+    stories_->state.open_transfer = open_transfer;  // told, but it may go on
     return stories_->events.sorted();
 }
 

@@ -242,7 +242,9 @@ TEST(Timeline, NoticesStandstillAndAClockThatWasSet) {
 TEST(Timeline, JudgesWhetherThePairIsInSync) {
     const LogTime now = *parse_since("2026-11-16 03:00:10", {});
     const auto verdict = [now](const std::vector<std::string>& lines) {
-        return judge_sync(timeline_of(lines).state(), now).verdict;
+        Timeline timeline = timeline_of(lines);
+        (void)timeline.finish();
+        return judge_sync(timeline.state(), now).verdict;
     };
     const std::string first = beat("03:00:06", 2, 71);
     const std::string second = beat("03:00:08", 2, 71);
