@@ -59,6 +59,18 @@ def daemon_env():
     return {name: text for name, text in os.environ.items() if name.endswith("SAN_OPTIONS")}
 
 
+@pytest.fixture
+def ctl(daemon_path, daemon_env):
+    """Runs the tool in a host: the exit code, standard output and standard error."""
+
+    def run(host, *arguments):
+        path = host.expose(daemon_path.parent / "quorsyncctl")
+        done = host.run([path, *arguments], env=daemon_env)
+        return done.returncode, done.stdout.decode(), done.stderr.decode()
+
+    return run
+
+
 def assert_no_sanitizer_report(room):
     for host in getattr(room, "lab", room).hosts:
         for daemon in host.daemons:

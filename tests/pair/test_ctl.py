@@ -25,18 +25,6 @@ NETWORK = {
 
 
 @pytest.fixture
-def ctl(daemon_path, daemon_env):
-    """Runs the tool in a host: the exit code, standard output and standard error."""
-
-    def run(host, *arguments):
-        path = host.expose(daemon_path.parent / "quorsyncctl")
-        done = host.run([path, *arguments], env=daemon_env)
-        return done.returncode, done.stdout.decode(), done.stderr.decode()
-
-    return run
-
-
-@pytest.fixture
 def couple(lab_room):
     """A master and a slave by their settings; no daemon runs."""
     master, slave = hosts = lab_room.add_hosts(["master", "slave"])

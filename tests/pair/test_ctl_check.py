@@ -14,18 +14,6 @@ READER = f"import os, time; os.open('{PIPE}', os.O_RDONLY | os.O_NONBLOCK); time
 
 
 @pytest.fixture
-def ctl(daemon_path, daemon_env):
-    """Runs the tool in a host: the exit code and what it printed."""
-
-    def run(host, *arguments):
-        path = host.expose(daemon_path.parent / "quorsyncctl")
-        done = host.run([path, *arguments], env=daemon_env)
-        return done.returncode, done.stdout.decode(), done.stderr.decode()
-
-    return run
-
-
-@pytest.fixture
 def host(lab_room, ctl):
     """A master by its settings, on which nothing is wrong; no daemon runs."""
     one, two = lab_room.add_hosts(["one", "two"])
