@@ -33,7 +33,7 @@ def faults(ctl):
     def run(host):
         before = traces(host)
         code, out, _ = ctl(host, "check", "--json")
-        assert traces(host) == before
+        assert not traces(host) ^ before
         bad = [each for each in json.loads(out)["findings"] if each["mark"] != "ok"]
         assert all(each["remedy"] for each in bad)
         return code, {each["name"]: f"{each['mark']}: {each['text']}" for each in bad}
@@ -43,9 +43,11 @@ def faults(ctl):
 
 def traces(host):
     """All that looking at a host may not change."""
-    places = [host.root / place for place in ("etc", "var/log", "var/lib", "tmp")]
+    places = [host.root / place for place in ("etc", "var/log", "var/lib")]
     files = [path for place in places for path in [place, *place.rglob("*")]]
-    return {str(path): (path.lstat().st_mtime_ns, path.lstat().st_ino) for path in files}
+    # Of /tmp only the contents: the thread sanitizer makes and removes a file there at its start.
+    files += (host.root / "tmp").rglob("*")
+    return {(str(path), path.lstat().st_mtime_ns, path.lstat().st_ino) for path in files}
 
 
 SETTINGS = [
