@@ -9,7 +9,9 @@
 
 inline constexpr const char* CONFIG_DB = "/etc/quoradmind/config.db";  // settings and stamps
 inline constexpr const char* CLIENT_DB = "/etc/quoradmind/client.db";  // boot client records
-inline constexpr const char* DISK_DB = "/etc/quoradmind/disk.db";      // disk records
+inline constexpr const char* PREVIOUS_CLIENT_DB =
+    "/etc/quoradmind/client.db.previous";  // kept while a push rebuilds the records
+inline constexpr const char* DISK_DB = "/etc/quoradmind/disk.db";  // disk records
 inline constexpr const char* SERVER_DB_FORMAT =
     "/etc/quoradmind/%s.db";  // copy of a peer's config.db
 

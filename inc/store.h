@@ -28,9 +28,11 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
+#include "owned.h"
 #include "store_lock.h"
 
 struct __db;
@@ -61,9 +63,12 @@ public:
 private:
     friend class StoreCursor;
     friend std::unique_ptr<Store> db_open(const char* path, std::uint32_t cache_bytes);
+    friend std::unique_ptr<Store> db_open_snapshot(const char* path);
     Store(StoreLock lock, __db* db, int open_result);
+    Store(OwnedFd snapshot, __db* db, int open_result);
 
-    StoreLock lock_;
+    std::optional<StoreLock> lock_;  // a snapshot has none
+    OwnedFd snapshot_;               // the file itself, which has no name
     __db* db_;
     bool usable_;
     bool damaged_;
@@ -78,18 +83,17 @@ public:
     StoreCursor(const StoreCursor&) = delete;
     StoreCursor& operator=(const StoreCursor&) = delete;
 
-    // The next record, or false at the end or on an error. The views hold until the next call.
+    // The next record, or false at the end or on an error, which failed() tells apart. The views
+    // hold until the next call.
     bool next(std::string_view& key, std::string_view& value);
-
-    // Moves to the record `key`, so that next() yields the one after it; false if it is not there.
-    bool seek(std::string_view key);
+    bool failed() const { return failed_; }
 
     // Writes a record through the cursor (DB_KEYLAST). 0 or the library's error code.
     int put_last(std::string_view key, std::string_view value);
 
 private:
-    bool step(std::string_view& key, std::string_view& value, unsigned flag);
     __dbc* cursor_ = nullptr;
+    bool failed_ = false;
 };
 
 // Opens `path`, creating it when missing. Null only when no handle could be made; a store that
@@ -97,13 +101,21 @@ private:
 // batch of writes wants a cache that holds the whole file.
 std::unique_ptr<Store> db_open(const char* path, std::uint32_t cache_bytes = 0);
 
+// Opens a private copy of `path` as it is now, for a walk that may take long: the file itself is
+// locked only while it is copied, and what others write to it meanwhile is not seen. Nothing may be
+// put. Otherwise as db_open.
+std::unique_ptr<Store> db_open_snapshot(const char* path);
+
 // The value of `key` as a new zero-terminated text that the caller frees (OwnedText), or null when
 // the key is absent or the file cannot be read.
 char* db_get(const char* path, const char* key);
 
-// As db_get, but a missing key is looked for once more after a moment: a reader beside a foreign
-// writer was seen to miss a key that is there. For values whose absence has consequences.
-char* db_get_settled(const char* path, const char* key);
+enum class StoreRead { FOUND, ABSENT, UNREADABLE };
+
+// Reads `key` into `value`, for values whose absence has consequences: a file that cannot be read
+// is told apart, and a missing key is looked for once more after a moment, as a reader beside a
+// foreign writer was seen to miss a key that is there.
+StoreRead db_read_settled(const char* path, const char* key, std::string& value);
 
 // Stores `value` under `key`, replacing an older one. Returns the result of closing the file, 0 on
 // success; a failed put is only logged.
@@ -119,9 +131,11 @@ int db_del(const char* path, const char* key);
 int db_get_int(const char* path, const char* key, int fallback);
 
 // Puts a fresh, empty file in the place of `path`, keeping mode and owner; a kill at any moment
-// leaves either the old or the new one. A damaged file is kept as "<path>.damaged", and a line at
-// LOG_ERROR names it. Returns whether the file in place is now empty.
-bool db_replace_empty(const char* path);
+// leaves either the old or the new one. A sound file that has records is kept as `previous`, unless
+// that is null or there. A damaged one is kept as "<path>.damaged", and a line at LOG_ERROR names
+// it. Returns whether the file in place is now empty; "%s cannot be emptied:%s" (LOG_ERROR) says
+// why not.
+bool db_replace_empty(const char* path, const char* previous = nullptr);
 
 // The library's text of one of its error codes; static.
 const char* store_error_text(int code);

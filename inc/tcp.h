@@ -12,6 +12,11 @@
 #include <cstddef>
 #include <cstdint>
 
+// Keep-alive as every connection has it.
+inline constexpr int KEEPALIVE_IDLE = 3;      // seconds
+inline constexpr int KEEPALIVE_INTERVAL = 1;  // seconds
+inline constexpr int KEEPALIVE_COUNT = 3;     // probes
+
 // A listener (backlog 1024) on every local address, whatever `address` says; `address` and
 // `timeout` are not used. Returns the descriptor, or -1 when no socket can be made. A failed bind
 // still returns a descriptor, which then listens on another port (TcpLocalPort tells), with errno
@@ -35,8 +40,8 @@ int TcpConnectSv(std::uint32_t address, std::uint16_t port, int timeout);
 // across interruptions by signals. 0, or -1 with errno.
 int TcpConnectWhole(int fd, std::uint32_t address, std::uint16_t port);
 
-// Sends the whole buffer: 0, or -1 with errno. After a part was sent, the connection is shut down:
-// the rest would be taken for the beginning of the next message.
+// Sends the whole buffer: 0, or -1 with errno. After any failure the connection is shut down: the
+// rest of a message would be taken for the beginning of the next.
 int TcpSendAll(int fd, const void* buffer, std::size_t length);
 
 // Receives exactly `length` bytes: `length`, or -1 (error, time-out, or closed by the peer).
@@ -47,6 +52,10 @@ int TcpRecvExact(int fd, void* buffer, std::size_t length);
 
 // Sends until all is sent or a send fails or takes nothing: the number of bytes sent.
 std::size_t TcpSendSome(int fd, const void* buffer, std::size_t length);
+
+// Receives until all is there or the connection ends, fails or times out: the number of bytes
+// received.
+std::size_t TcpRecvPart(int fd, void* buffer, std::size_t length);
 
 // As TcpRecvAll.
 int TcpRecvSome(int fd, void* buffer, std::size_t length);
@@ -59,6 +68,9 @@ int TcpSetTimeout(int fd, long seconds, long microseconds);
 
 // Sets keep-alive on or off and its three values (seconds, seconds, probes). Returns 1.
 int TcpSetKeepAlive(int fd, bool enable, int idle, int interval, int count);
+
+// While corked, what is sent travels in full segments only; uncorking sends the rest.
+void TcpSetCork(int fd, bool corked);
 
 // Sets receive and send buffer size in bytes; the result of the second call.
 int TcpSetBufferSize(int fd, int size);

@@ -23,6 +23,12 @@ inline std::vector<std::string_view> split(std::string_view text, char separator
     return pieces;
 }
 
+// Whether `item` is one of the items of the comma list.
+inline bool list_has(std::string_view list, std::string_view item) {
+    const auto items = split(list, ',');
+    return std::find(items.begin(), items.end(), item) != items.end();
+}
+
 // The decimal number with which `text` begins, blanks and a sign included; 0 when there is none.
 // Beyond the range of int it is the nearest int.
 inline int leading_number(std::string_view text) {

@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "log.h"
@@ -12,24 +13,9 @@
 namespace {
 
 constexpr const char* ORIGIN = "src/PK_Socket";
-constexpr int KEEPALIVE_IDLE = 3;
-constexpr int KEEPALIVE_INTERVAL = 1;
-constexpr int KEEPALIVE_COUNT = 3;
 
-// Repeats `transfer` (a send or receive of the bytes from an offset on) until all is done or it
-// fails; the number of bytes done.
-template <typename Transfer>
-int transfer_all(std::int32_t length, Transfer transfer) {
-    std::int32_t done = 0;
-    while (done < length) {
-        const ssize_t result = transfer(done, static_cast<std::size_t>(length - done));
-        if (result > 0) {
-            done += static_cast<std::int32_t>(result);
-        } else if (result == 0 || errno != EINTR) {
-            break;
-        }
-    }
-    return done;
+std::size_t wanted(std::int32_t length) {
+    return static_cast<std::size_t>(std::max(length, 0));
 }
 
 }  // namespace
@@ -75,18 +61,14 @@ int PK_Socket::SendAll(const void* buffer, std::int32_t length) {
     if (!fd_.valid()) {
         return -1;
     }
-    return transfer_all(length, [this, buffer](std::int32_t offset, std::size_t count) {
-        return send(fd_.get(), static_cast<const char*>(buffer) + offset, count, MSG_NOSIGNAL);
-    });
+    return static_cast<int>(TcpSendSome(fd_.get(), buffer, wanted(length)));
 }
 
 int PK_Socket::RecvAll(void* buffer, std::int32_t length) {
     if (!fd_.valid()) {
         return -1;
     }
-    return transfer_all(length, [this, buffer](std::int32_t offset, std::size_t count) {
-        return recv(fd_.get(), static_cast<char*>(buffer) + offset, count, 0);
-    });
+    return static_cast<int>(TcpRecvPart(fd_.get(), buffer, wanted(length)));
 }
 
 int PK_Socket::Close() {

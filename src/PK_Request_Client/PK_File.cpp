@@ -33,6 +33,9 @@ int PK_File::open_with(const char* path, int flags, unsigned mode, const char* f
                   __LINE__);
         return -1;
     }
+    if ((flags & O_CREAT) != 0) {
+        write_log(LOG_INFO, "open (%s) ok ", path);
+    }
     return 0;
 }
 
@@ -68,7 +71,6 @@ int PK_File::OpenRwAlwaysSetSize(const char* path, std::int64_t sectors) {
     if (open_with(path, O_CREAT, static_cast<unsigned>(sectors), FUNCTION) != 0) {
         return -1;
     }
-    write_log(LOG_INFO, "open (%s) ok ", path);
     if (sectors > 0) {
         if (ftruncate(fd_, bytes_of(sectors)) != 0) {
             write_log(LOG_ERROR, "ftruncate (%s) error:%s --%s--%d", path, strerror(errno),
@@ -85,7 +87,6 @@ int PK_File::OpenRwEmpty(const char* path) {
     if (open_with(path, O_CREAT | O_TRUNC | O_NOFOLLOW, ORDINARY_MODE, FUNCTION) != 0) {
         return -1;
     }
-    write_log(LOG_INFO, "open (%s) ok ", path);
     return find_size(path, FUNCTION);
 }
 

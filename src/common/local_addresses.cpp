@@ -5,7 +5,6 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -117,14 +116,11 @@ int first_local_server_ip(char* destination, std::size_t size) {
 }
 
 int ip_in_list(char* address, const char* list) {
-    if (address == nullptr || list == nullptr) {
+    if (address == nullptr || *address == '\0' || list == nullptr || *list == '\0') {
         return -1;
     }
     if (char* star = std::strchr(address, '*'); star != nullptr) {
         *star = '\0';
     }
-    const auto items = split(list, ',');
-    const bool found = *address != '\0' && std::find(items.begin(), items.end(),
-                                                     std::string_view(address)) != items.end();
-    return found ? 1 : -1;
+    return list_has(list, address) ? 1 : -1;
 }

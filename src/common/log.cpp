@@ -39,30 +39,55 @@ SGCLog& debug_log() {
     return instance;
 }
 
-std::string daily_file_name(const LogSettings& settings, const std::tm& now) {
-    std::array<char, 64> name{};
-    (void)std::snprintf(name.data(), name.size(), "/%s_%04d_%02d_%02d.log", PROGRAM_NAME,
-                        now.tm_year + 1900, now.tm_mon + 1, now.tm_mday);
-    return std::string(settings.dir, strnlen(settings.dir, sizeof settings.dir)) + name.data();
+// What all lines of one second share: making it costs as much as writing a line.
+struct SecondText {
+    std::time_t second = -1;
+    std::array<char, 64> prefix{};
+    std::array<char, 64> file_name{};
+
+    void update();
+};
+
+void SecondText::update() {
+    const std::time_t now = std::time(nullptr);
+    if (now == second) {
+        return;
+    }
+    second = now;
+    std::tm local{};
+    localtime_r(&now, &local);
+    (void)std::snprintf(prefix.data(), prefix.size(), "%s:%s %04d-%02d-%02d %02d:%02d:%02d ",
+                        PROGRAM_NAME, PROGRAM_VERSION, local.tm_year + 1900, local.tm_mon + 1,
+                        local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
+    (void)std::snprintf(file_name.data(), file_name.size(), "/%s_%04d_%02d_%02d.log", PROGRAM_NAME,
+                        local.tm_year + 1900, local.tm_mon + 1, local.tm_mday);
+}
+
+const SecondText& this_second() {
+    thread_local SecondText text;
+    text.update();
+    return text;
 }
 
 // A message as a line of standard output and of the daily file, with its newline.
 struct StampedLine {
-    std::tm now{};
+    const SecondText& second = this_second();
     std::array<char, LINE_SIZE> text;
     std::size_t length = 0;
 
     StampedLine(int level, const char* message);
+
+private:
+    void append(std::string_view piece) {
+        length += piece.copy(text.data() + length, text.size() - 2 - length);
+    }
 };
 
 StampedLine::StampedLine(int level, const char* message) {
-    const std::time_t seconds = std::time(nullptr);
-    localtime_r(&seconds, &now);
-    const int printed =
-        std::snprintf(text.data(), text.size() - 1, "%s:%s %04d-%02d-%02d %02d:%02d:%02d %s:%s",
-                      PROGRAM_NAME, PROGRAM_VERSION, now.tm_year + 1900, now.tm_mon + 1,
-                      now.tm_mday, now.tm_hour, now.tm_min, now.tm_sec, level_word(level), message);
-    length = std::min(static_cast<std::size_t>(std::max(printed, 0)), text.size() - 2);
+    append(second.prefix.data());
+    append(level_word(level));
+    append(":");
+    append(message);
     // A message that holds a newline anywhere, not only at its end, is written as it stands.
     if (std::memchr(text.data(), '\n', length) == nullptr) {
         text[length++] = '\n';
@@ -70,9 +95,10 @@ StampedLine::StampedLine(int level, const char* message) {
 }
 
 void append_to_daily_file(const LogSettings& settings, const StampedLine& line) {
+    std::string name(settings.dir, strnlen(settings.dir, sizeof settings.dir));
+    name += line.second.file_name.data();
     // One write in append mode: lines of several threads never mix.
-    const OwnedFd file(open(daily_file_name(settings, line.now).c_str(),
-                            O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0666));
+    const OwnedFd file(open(name.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0666));
     if (file.valid()) {
         (void)!write(file.get(), line.text.data(), line.length);
     }

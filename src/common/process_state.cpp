@@ -40,8 +40,8 @@ char* format_timestamp(char* buffer, std::size_t size) {
 }
 
 void ensure_dsver() {
-    const OwnedText present(db_get_settled(CONFIG_DB, KEY_DSVER));
-    if (!present) {
+    std::string present;
+    if (db_read_settled(CONFIG_DB, KEY_DSVER, present) != StoreRead::FOUND) {
         char stamp[20];
         (void)db_put(CONFIG_DB, KEY_DSVER, format_timestamp(stamp, sizeof stamp));
     }

@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <optional>
@@ -61,8 +60,7 @@ std::optional<std::pair<NumberedServer, NumberedServer>> lowest_two(const std::s
 }
 
 bool is_mine(const std::string& address, const RoleInputs& inputs) {
-    const auto mine = split(inputs.my_addresses, ',');
-    return std::find(mine.begin(), mine.end(), std::string_view(address)) != mine.end();
+    return list_has(inputs.my_addresses, address);
 }
 
 // Why nothing can be decided yet from the values as they were read.
@@ -84,32 +82,30 @@ RoleReason missing_input(const RoleInputs& inputs) {
 
 // Reads the inputs one after the other, only as far as each allows the next, and logs what is
 // missing.
-RoleReason read_inputs(RoleInputs& inputs) {
+void read_inputs(RoleInputs& inputs) {
     inputs.ha = text_of(OwnedText(db_get(CONFIG_DB, KEY_HA)));
     write_log(LOG_DEBUG, "ha :%s", inputs.ha.c_str());
-    if (inputs.ha != HA_ENABLED) {
-        return RoleReason::HA_NOT_ENABLED;
+    if (missing_input(inputs) == RoleReason::HA_NOT_ENABLED) {
+        return;
     }
     inputs.numbered_list = text_of(OwnedText(numbered_server_list()));
     write_log(LOG_DEBUG, "server_list:%s\n", inputs.numbered_list.c_str());
-    if (inputs.numbered_list.empty()) {
+    if (missing_input(inputs) == RoleReason::NO_SERVER_LIST) {
         write_log(LOG_INFO, "get server address list failed");
-        return RoleReason::NO_SERVER_LIST;
+        return;
     }
     inputs.my_addresses = text_of(OwnedText(local_ip_list()));
-    if (inputs.my_addresses.empty()) {
+    if (missing_input(inputs) == RoleReason::NO_LOCAL_ADDRESS) {
         write_log(LOG_INFO, "get myself IP address failed");
-        return RoleReason::NO_LOCAL_ADDRESS;
+        return;
     }
-    if (!lowest_two(inputs.numbered_list)) {
-        return RoleReason::SINGLE_SERVER;
+    if (missing_input(inputs) == RoleReason::SINGLE_SERVER) {
+        return;
     }
     inputs.master = text_of(OwnedText(db_get(CONFIG_DB, KEY_MASTER)));
-    if (inputs.master.empty()) {
+    if (missing_input(inputs) == RoleReason::NO_MASTER) {
         write_log(LOG_ERROR, "get db_master faile.");
-        return RoleReason::NO_MASTER;
     }
-    return RoleReason::DECIDED;
 }
 
 template <std::size_t N>
@@ -157,7 +153,8 @@ char* numbered_server_list() {
 int determine_role() {
     for (;; sleep(RETRY_SECONDS)) {
         RoleInputs inputs;
-        if (read_inputs(inputs) != RoleReason::DECIDED) {
+        read_inputs(inputs);
+        if (missing_input(inputs) != RoleReason::DECIDED) {
             continue;
         }
         const RoleDecision decision = decide_role(inputs);

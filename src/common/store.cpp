@@ -34,36 +34,32 @@ std::string_view text_in(const DBT& dbt) {
     return {static_cast<const char*>(dbt.data), dbt.size};
 }
 
-// Creates the missing file and locks it; where that fails, the open that follows says why.
-void create_file(StoreLock& lock) {
+// Creates the missing file and locks it.
+int create_file(StoreLock& lock) {
     remove_leftover_creation(lock.path());
     DB* db = create_handle(0);
-    if (db != nullptr) {
-        (void)db->open(db, nullptr, lock.path().c_str(), nullptr, DB_HASH, DB_CREATE, FILE_MODE);
-        (void)db->close(db, 0);
+    if (db == nullptr) {
+        return ENOMEM;
+    }
+    const int opened =
+        db->open(db, nullptr, lock.path().c_str(), nullptr, DB_HASH, DB_CREATE, FILE_MODE);
+    const int closed = db->close(db, 0);
+    if (opened != 0 || closed != 0) {
+        return opened != 0 ? opened : closed;
     }
     lock.relock();
+    return lock.exists() ? 0 : ENOENT;
 }
 
 int open_file(StoreLock& lock, DB* db) {
-    const bool inspecting = store_use() == StoreUse::INSPECT;
-    if (lock.refused()) {
-        return EBUSY;
-    }
-    if (inspecting && !lock.exists()) {
-        return ENOENT;
-    }
-    if (!lock.exists()) {
-        create_file(lock);
-    }
-    if (!lock.exists()) {
-        return db->open(db, nullptr, lock.path().c_str(), nullptr, DB_HASH, DB_CREATE, FILE_MODE);
+    if (const int missing = ensure_file(lock); missing != 0) {
+        return missing;
     }
     if (const int damaged = verify_store(lock); damaged != 0) {
         return damaged;
     }
-    return db->open(db, nullptr, lock.path().c_str(), nullptr, DB_HASH, inspecting ? DB_RDONLY : 0,
-                    0);
+    const std::uint32_t flags = store_use() == StoreUse::INSPECT ? DB_RDONLY : 0;
+    return db->open(db, nullptr, lock.path().c_str(), nullptr, DB_HASH, flags, 0);
 }
 
 }  // namespace
@@ -80,6 +76,16 @@ DB* create_handle(std::uint32_t cache_bytes) {
         (void)db->set_cachesize(db, 0, cache_bytes, 1);  // a smaller cache is only slower
     }
     return db;
+}
+
+int ensure_file(StoreLock& lock) {
+    if (lock.refused()) {
+        return EBUSY;
+    }
+    if (lock.exists()) {
+        return 0;
+    }
+    return store_use() == StoreUse::INSPECT ? ENOENT : create_file(lock);
 }
 
 std::unique_ptr<Store> db_open(const char* path, std::uint32_t cache_bytes) {
@@ -102,6 +108,12 @@ Store::Store(StoreLock lock, DB* db, int open_result)
       usable_(open_result == 0),
       damaged_(is_damage(open_result)) {}
 
+Store::Store(OwnedFd snapshot, DB* db, int open_result)
+    : snapshot_(std::move(snapshot)),
+      db_(db),
+      usable_(open_result == 0),
+      damaged_(is_damage(open_result)) {}
+
 Store::~Store() {
     (void)close();
 }
@@ -113,10 +125,11 @@ int Store::close() {
     const int result = db_->close(db_, 0);
     db_ = nullptr;
     if (result == 0 && written_) {
-        keep_verdict(lock_);
+        keep_verdict(*lock_);
     }
     usable_ = false;
-    lock_.release();
+    lock_.reset();
+    snapshot_.reset();
     return result;
 }
 
@@ -157,6 +170,7 @@ StoreCursor::StoreCursor(Store& store) {
     if (store.usable_ && store.db_->cursor(store.db_, nullptr, &cursor_, 0) != 0) {
         cursor_ = nullptr;
     }
+    failed_ = cursor_ == nullptr;
 }
 
 StoreCursor::~StoreCursor() {
@@ -166,18 +180,11 @@ StoreCursor::~StoreCursor() {
 }
 
 bool StoreCursor::next(std::string_view& key, std::string_view& value) {
-    return step(key, value, DB_NEXT);
-}
-
-bool StoreCursor::seek(std::string_view key) {
-    std::string_view value;
-    return step(key, value, DB_SET);
-}
-
-bool StoreCursor::step(std::string_view& key, std::string_view& value, unsigned flag) {
-    DBT name = dbt_of(key);
+    DBT name{};
     DBT data{};
-    if (cursor_ == nullptr || cursor_->c_get(cursor_, &name, &data, flag) != 0) {
+    const int result = cursor_ == nullptr ? EINVAL : cursor_->c_get(cursor_, &name, &data, DB_NEXT);
+    failed_ = result != 0 && result != DB_NOTFOUND;
+    if (result != 0) {
         return false;
     }
     key = text_in(name);
@@ -204,13 +211,25 @@ char* db_get(const char* path, const char* key) {
     return copy;
 }
 
-char* db_get_settled(const char* path, const char* key) {
-    char* value = db_get(path, key);
-    if (value == nullptr) {
-        std::this_thread::sleep_for(SETTLE_TIME);
-        value = db_get(path, key);
+namespace {
+
+StoreRead db_read(const char* path, const char* key, std::string& value) {
+    const std::unique_ptr<Store> store = db_open(path);
+    const int result = store ? store->get(key, value) : ENOMEM;
+    return result == 0             ? StoreRead::FOUND
+           : result == DB_NOTFOUND ? StoreRead::ABSENT
+                                   : StoreRead::UNREADABLE;
+}
+
+}  // namespace
+
+StoreRead db_read_settled(const char* path, const char* key, std::string& value) {
+    const StoreRead result = db_read(path, key, value);
+    if (result == StoreRead::FOUND) {
+        return result;
     }
-    return value;
+    std::this_thread::sleep_for(SETTLE_TIME);
+    return db_read(path, key, value);
 }
 
 namespace {

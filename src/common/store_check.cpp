@@ -84,11 +84,17 @@ bool has_heap_page(int fd, off_t size) {
     return false;
 }
 
-int verify_once(const StoreLock& lock, off_t size) {
-    if (has_heap_page(lock.fd(), size)) {
+}  // namespace
+
+int verify_file(int fd, const std::string& path) {
+    struct stat status {};
+    if (fstat(fd, &status) != 0) {
+        return errno;
+    }
+    const off_t size = status.st_size;
+    if (has_heap_page(fd, size)) {
         return DB_VERIFY_BAD;
     }
-    const std::string& path = lock.path();
     DB* db = create_handle(size > LARGE_FILE ? VERIFY_CACHE : 0);
     // verify() closes the handle, whatever its result.
     const int result = db == nullptr ? ENOMEM : db->verify(db, path.c_str(), nullptr, nullptr, 0);
@@ -98,8 +104,6 @@ int verify_once(const StoreLock& lock, off_t size) {
     return result;
 }
 
-}  // namespace
-
 int verify_store(const StoreLock& lock) {
     struct stat before {};
     if (fstat(lock.fd(), &before) != 0) {
@@ -108,16 +112,21 @@ int verify_store(const StoreLock& lock) {
     if (verdicts().known(lock.path(), identity_of(before))) {
         return 0;
     }
-    int result = verify_once(lock, before.st_size);
+    int result = verify_file(lock.fd(), lock.path());
     if (result != 0) {
         std::this_thread::sleep_for(SECOND_LOOK);
         (void)fstat(lock.fd(), &before);
-        result = verify_once(lock, before.st_size);
+        result = verify_file(lock.fd(), lock.path());
     }
     if (result == 0) {
         verdicts().keep(lock.path(), identity_of(before));
     }
     return result;
+}
+
+bool verdict_known(const StoreLock& lock) {
+    struct stat now {};
+    return fstat(lock.fd(), &now) == 0 && verdicts().known(lock.path(), identity_of(now));
 }
 
 bool is_damage(int result) {

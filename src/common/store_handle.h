@@ -5,6 +5,12 @@
 
 #include <cstdint>
 
+#include "store_lock.h"
+
 // A new handle that is silent on stderr, or null. `cache_bytes` 0 keeps the library's default
 // (256 KiB).
 DB* create_handle(std::uint32_t cache_bytes);
+
+// Sees to it that the locked file exists, creating it unless this process only inspects. 0 or an
+// error code.
+int ensure_file(StoreLock& lock);

@@ -16,20 +16,48 @@
 
 namespace {
 
-// Creates an empty database of its own name beside `path`. Empty text on failure.
-std::string create_beside(const std::string& path, mode_t mode) {
-    const std::string fresh = path + ".new";
-    // Of a killed replacement; nobody else is at work on it, as `path` is locked.
+// What a creation of `fresh` leaves behind when it is killed or fails. Nobody else is at work on it
+// while the file that it is to replace is locked.
+void remove_remains(const std::string& fresh) {
     (void)unlink(fresh.c_str());
     (void)unlink(creation_of(fresh).c_str());
+}
+
+// Creates the empty database `fresh`. 0 or the library's error code; then nothing is left of it.
+int create_empty(const std::string& fresh, mode_t mode) {
+    remove_remains(fresh);
     DB* db = create_handle(0);
     if (db == nullptr) {
-        return {};
+        return ENOMEM;
     }
     const int opened = db->open(db, nullptr, fresh.c_str(), nullptr, DB_HASH, DB_CREATE,
                                 static_cast<int>(mode & 0777U));
     const int closed = db->close(db, 0);
-    return opened == 0 && closed == 0 ? fresh : std::string();
+    const int result = opened != 0 ? opened : closed;
+    if (result != 0) {
+        remove_remains(fresh);
+    }
+    return result;
+}
+
+// Whether the file, which is locked and sound, has any record.
+bool has_records(const StoreLock& lock) {
+    DB* db = create_handle(0);
+    if (db == nullptr) {
+        return true;
+    }
+    DBC* cursor = nullptr;
+    DBT key{};
+    DBT value{};
+    key.flags = value.flags = DB_DBT_PARTIAL;  // none of its bytes
+    bool found = true;
+    if (db->open(db, nullptr, lock.path().c_str(), nullptr, DB_HASH, DB_RDONLY, 0) == 0 &&
+        db->cursor(db, nullptr, &cursor, 0) == 0) {
+        found = cursor->get(cursor, &key, &value, DB_FIRST) != DB_NOTFOUND;
+        (void)cursor->close(cursor);
+    }
+    (void)db->close(db, 0);
+    return found;
 }
 
 void copy_mode_and_owner(const std::string& target, const struct stat& model) {
@@ -51,12 +79,22 @@ void keep_damaged(const StoreLock& lock) {
     (void)unlink(kept.c_str());
     if (link(lock.path().c_str(), kept.c_str()) == 0) {
         write_log(LOG_ERROR, "%s is damaged, kept as %s", lock.path().c_str(), kept.c_str());
+    } else {
+        write_log(LOG_ERROR, "%s is damaged, cannot be kept as %s:%s", lock.path().c_str(),
+                  kept.c_str(), strerror(errno));
+    }
+}
+
+void keep_previous(const StoreLock& lock, const char* previous) {
+    if (has_records(lock) && link(lock.path().c_str(), previous) != 0 && errno != EEXIST) {
+        write_log(LOG_ERROR, "%s cannot be kept as %s:%s", lock.path().c_str(), previous,
+                  strerror(errno));
     }
 }
 
 }  // namespace
 
-bool db_replace_empty(const char* path) {
+bool db_replace_empty(const char* path, const char* previous) {
     StoreLock lock(path);
     if (!lock.exists()) {
         lock.release();
@@ -65,17 +103,20 @@ bool db_replace_empty(const char* path) {
     }
     struct stat old {};
     (void)fstat(lock.fd(), &old);
-    const std::string fresh = create_beside(path, old.st_mode);
-    if (fresh.empty()) {
-        write_log(LOG_ERROR, "%s cannot be emptied:%s", path, strerror(errno));
+    const std::string fresh = lock.path() + ".new";
+    if (const int result = create_empty(fresh, old.st_mode); result != 0) {
+        write_log(LOG_ERROR, "%s cannot be emptied:%s", path, db_strerror(result));
         return false;
     }
     copy_mode_and_owner(fresh, old);
     if (is_damage(verify_store(lock))) {
         keep_damaged(lock);
+    } else if (previous != nullptr) {
+        keep_previous(lock, previous);
     }
     if (rename(fresh.c_str(), path) != 0) {
         write_log(LOG_ERROR, "%s cannot be emptied:%s", path, strerror(errno));
+        remove_remains(fresh);
         return false;
     }
     sync_directory_of(path);

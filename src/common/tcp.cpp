@@ -14,9 +14,6 @@
 namespace {
 
 constexpr int BACKLOG = 1024;
-constexpr int KEEPALIVE_IDLE = 3;
-constexpr int KEEPALIVE_INTERVAL = 1;
-constexpr int KEEPALIVE_COUNT = 3;
 
 void set_option(int fd, int level, int name, int value) {
     (void)setsockopt(fd, level, name, &value, sizeof value);
@@ -124,6 +121,10 @@ int TcpSetKeepAlive(int fd, bool enable, int idle, int interval, int count) {
     return 1;
 }
 
+void TcpSetCork(int fd, bool corked) {
+    set_option(fd, IPPROTO_TCP, TCP_CORK, corked ? 1 : 0);
+}
+
 std::size_t TcpSendSome(int fd, const void* buffer, std::size_t length) {
     const auto* bytes = static_cast<const char*>(buffer);
     std::size_t sent = 0;
@@ -149,7 +150,7 @@ int TcpSendAll(int fd, const void* buffer, std::size_t length) {
     return -1;
 }
 
-int TcpRecvSome(int fd, void* buffer, std::size_t length) {
+std::size_t TcpRecvPart(int fd, void* buffer, std::size_t length) {
     auto* bytes = static_cast<char*>(buffer);
     std::size_t received = 0;
     while (received < length) {
@@ -157,10 +158,14 @@ int TcpRecvSome(int fd, void* buffer, std::size_t length) {
         if (result > 0) {
             received += static_cast<std::size_t>(result);
         } else if (result == 0 || errno != EINTR) {
-            return -1;
+            break;
         }
     }
-    return static_cast<int>(received);
+    return received;
+}
+
+int TcpRecvSome(int fd, void* buffer, std::size_t length) {
+    return TcpRecvPart(fd, buffer, length) == length ? static_cast<int>(length) : -1;
 }
 
 int TcpRecvAll(int fd, void* buffer, std::size_t length) {

@@ -12,6 +12,7 @@
 
 #include "events.h"
 #include "log.h"
+#include "message_stream.h"
 #include "miss_counter.h"
 #include "owned.h"
 #include "peer_message.h"
@@ -52,20 +53,6 @@ void set_connection_options(int connection) {
     (void)setsockopt(connection, IPPROTO_TCP, TCP_CORK, &on, sizeof on);
 }
 
-// From how many waiting bytes on the connection counts as readable.
-void set_readable_at(int connection, int bytes) {
-    (void)setsockopt(connection, SOL_SOCKET, SO_RCVLOWAT, &bytes, sizeof bytes);
-}
-
-bool more_to_read(int connection) {
-    pollfd wait{connection, POLLIN, 0};
-    // Half a message does not keep a batch open, and must not lengthen the receive's own time-out.
-    set_readable_at(connection, sizeof(PeerMessage));
-    const bool more = poll(&wait, 1, BATCH_GAP_MILLISECONDS) > 0;
-    set_readable_at(connection, 1);
-    return more;
-}
-
 void act_on(const PeerMessage& message, int connection, RecordSink& sink) {
     if (message.type == MSG_DATA) {
         sink.apply_data_record(message.record);
@@ -82,19 +69,18 @@ void act_on(const PeerMessage& message, int connection, RecordSink& sink) {
 
 void serve_connection(int connection) {
     RecordSink sink;
-    PeerMessage message;
-    std::memset(&message, 0, sizeof message);
-    if (TcpRecvAll(connection, &message, sizeof message) < 0) {
+    MessageStream stream(connection);
+    const PeerMessage* message = stream.next();
+    if (message == nullptr) {
         write_log(LOG_ERROR, "recvfrom() error:%s\n", strerror(errno));
         return;
     }
-    do {
-        act_on(message, connection, sink);
-        if (sink.has_batch() && !more_to_read(connection)) {
+    for (; message != nullptr; message = stream.next()) {
+        act_on(*message, connection, sink);
+        if (sink.has_batch() && !stream.more_within(BATCH_GAP_MILLISECONDS)) {
             sink.close_batch();
         }
-        std::memset(&message, 0, sizeof message);
-    } while (TcpRecvAll(connection, &message, sizeof message) >= 0);
+    }
 }
 
 }  // namespace
@@ -107,7 +93,7 @@ void* slave_thread(void* /*argument*/) {
     const OwnedFd listener(TcpBuildListen("127.0.0.1", PEER_PORT, CONNECTION_TIMEOUT));
     // Any other port is a failed bind: nobody would ever connect to it.
     const int cause = errno;
-    if (!listener.valid() || TcpLocalPort(listener.get()) != PEER_PORT) {
+    if (!listener.valid() || cause != 0 || TcpLocalPort(listener.get()) != PEER_PORT) {
         errno = cause;
         end_deaf("TcpBuildListen", 237);
     }

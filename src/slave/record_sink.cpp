@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "client_list.h"
 #include "keys.h"
 #include "log.h"
 
@@ -12,12 +13,11 @@ namespace {
 // Holds 600,000 clients; memory is taken as the file grows, and given back with the batch.
 constexpr std::uint32_t BATCH_CACHE = 256U << 20U;
 
-void store_stamp(const char* key, const std::string& stamp, bool set_failed) {
+bool may_be_stored(const char* key, bool set_failed) {
     if (set_failed) {
         write_log(LOG_ERROR, "%s not stored: a record of its set could not be stored", key);
-        return;
     }
-    (void)db_put(CONFIG_DB, key, stamp.c_str());
+    return !set_failed;
 }
 
 }  // namespace
@@ -38,9 +38,13 @@ void RecordSink::apply_data_record(const DataRecord& record) {
     }
     close_batch();
     if (record.kind == DATA_KIND_CLIENT) {
-        store_stamp(KEY_CLIENT_VERSION, value, clients_failed_);
+        if (may_be_stored(KEY_CLIENT_VERSION, clients_failed_)) {
+            complete_client_list(value.c_str());
+        }
     } else if (record.kind == DATA_KIND_CONFIG && is_stamp) {
-        store_stamp(KEY_CONFIG_VERSION, value, config_failed_);
+        if (may_be_stored(KEY_CONFIG_VERSION, config_failed_)) {
+            (void)db_put(CONFIG_DB, KEY_CONFIG_VERSION, value.c_str());
+        }
     } else if (record.kind == DATA_KIND_CONFIG) {
         config_failed_ = !db_store(CONFIG_DB, key.c_str(), value.c_str()) || config_failed_;
     }
@@ -62,10 +66,10 @@ bool RecordSink::open_batch() {
     if (clients_ && clients_->damaged()) {
         // Everything in it comes from the master anyway.
         clients_.reset();
-        (void)db_replace_empty(CLIENT_DB);
+        (void)clear_client_db();
         clients_ = db_open(CLIENT_DB, BATCH_CACHE);
     }
-    if (clients_ && !clients_->usable()) {
+    if (clients_ && (!clients_->usable() || client_list_put_back())) {
         clients_.reset();
     }
     return clients_ != nullptr;

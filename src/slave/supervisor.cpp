@@ -11,6 +11,7 @@
 #include <cstring>
 #include <optional>
 
+#include "client_list.h"
 #include "events.h"
 #include "keys.h"
 #include "local_addresses.h"
@@ -90,6 +91,7 @@ void become_master() {
     (void)post_event(EVENT_NOTICE, EVENT_TOOK_OVER, errno, nullptr);
     write_log(LOG_INFO, "become a master host");
     role = ROLE_ACTING_MASTER;
+    put_back_client_list();
     (void)start_boot_services();
 }
 

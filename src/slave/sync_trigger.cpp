@@ -5,8 +5,10 @@
 
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <string>
 
+#include "client_list.h"
 #include "keys.h"
 #include "log.h"
 #include "owned.h"
@@ -16,34 +18,43 @@
 
 namespace {
 
-std::string own_stamp(const char* key) {
-    return std::string(comparable_stamp(text_of(OwnedText(db_get_settled(CONFIG_DB, key)))));
+// The empty text when there is no stamp; nothing when config.db cannot be read.
+std::optional<std::string> own_stamp(const char* key) {
+    std::string stamp;
+    if (db_read_settled(CONFIG_DB, key, stamp) == StoreRead::UNREADABLE) {
+        return std::nullopt;
+    }
+    return std::string(comparable_stamp(stamp));
 }
 
 }  // namespace
 
-bool clear_client_db() {
-    return db_replace_empty(CLIENT_DB);
-}
-
 void data_sync_trigger(int connection, const DataRecord& answer) {
-    const std::string config = own_stamp(KEY_CONFIG_VERSION);
-    const std::string client = own_stamp(KEY_CLIENT_VERSION);
+    const std::optional<std::string> config = own_stamp(KEY_CONFIG_VERSION);
+    const std::optional<std::string> client = own_stamp(KEY_CLIENT_VERSION);
     const VersionStamps masters = split_stamps(field_text(answer.value));
+    if (!config || !client) {
+        // The stamp of what would come could not be stored, and the clients would be emptied again
+        // at every beat back.
+        write_log(LOG_ERROR, "own version stamps cannot be read, nothing asked for");
+        return;
+    }
     if (!masters.has_separator) {
         write_log(LOG_ERROR, "master_client_version == NULL !!");
     }
-    if (masters.config != config) {
+    if (masters.config != *config) {
         write_log(LOG_INFO, "start_data_syncd CONFIG");
         write_log(LOG_INFO, "func:%s line%d config_version:%s,master_config_version:%s\n",
-                  "data_sync_trigger", 97, config.c_str(), masters.config.c_str());
+                  "data_sync_trigger", 97, config->c_str(), masters.config.c_str());
         start_data_sync(connection, master_ip, DATA_KIND_CONFIG);
     }
-    if (masters.client != client) {
+    if (masters.client != *client) {
         write_log(LOG_INFO, "start_data_syncd CLIENT");
-        clear_client_db();
+        if (!clear_client_db()) {
+            return;  // a push on top of the old records would leave those that are no more
+        }
         write_log(LOG_INFO, "func:%s line%d client_version:%s, master_client_version:%s\n",
-                  "data_sync_trigger", 105, client.c_str(), masters.client.c_str());
+                  "data_sync_trigger", 105, client->c_str(), masters.client.c_str());
         start_data_sync(connection, master_ip, DATA_KIND_CLIENT);
     }
 }

@@ -16,7 +16,3 @@ void data_sync_trigger(int connection, const DataRecord& answer);
 // logged, and the next beat back makes the request again: "gethostname %s  error:%s\n" (LOG_ERROR),
 // "Udp server socket error:%s\n", "error func:%s line%d\n" (LOG_INFO).
 void start_data_sync(int connection, const char* master_address, std::uint32_t kind);
-
-// Empties client.db, so that the records that follow rebuild it from scratch. Returns whether it is
-// empty now; the store has logged why not.
-bool clear_client_db();

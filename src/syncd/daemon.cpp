@@ -31,8 +31,19 @@ constexpr unsigned IDLE_SECONDS = 100;
     }
 }
 
-// Gives the process its own output file. Where that cannot be opened, /dev/null takes its place: a
-// database opened under one of the three numbers would have log lines written into it.
+// Puts /dev/null where a standard descriptor is closed: a database opened under one of the three
+// numbers would have log lines written into it.
+void fill_standard_descriptors() {
+    int filler = -1;
+    do {
+        filler = open("/dev/null", O_RDWR);
+    } while (filler >= 0 && filler <= STDERR_FILENO);
+    if (filler >= 0) {
+        (void)close(filler);
+    }
+}
+
+// Gives the process its own output file.
 void redirect_standard_descriptors() {
     const int fd = open(ERROR_FILE, O_WRONLY | O_CREAT, 0700);
     if (fd >= 0 && fd != STDOUT_FILENO) {
@@ -41,13 +52,7 @@ void redirect_standard_descriptors() {
     if (fd >= 0 && fd != STDERR_FILENO) {
         (void)dup2(fd, STDERR_FILENO);
     }
-    int filler = -1;
-    do {
-        filler = open("/dev/null", O_RDWR);
-    } while (filler >= 0 && filler <= STDERR_FILENO);
-    if (filler >= 0) {
-        (void)close(filler);
-    }
+    fill_standard_descriptors();
 }
 
 void detach() {
@@ -71,6 +76,7 @@ int daemon_main(int argc, char** /*argv*/) {
     // The library starts threads before main. They would not live on in the detached child, and the
     // library waits for them when the process exits.
     log4cplus::shutdownThreadPool();
+    fill_standard_descriptors();
     // Inherited as ignored, it would take away the exit statuses of the boot services.
     (void)signal(SIGCHLD, SIG_DFL);
     if (argc == 2) {

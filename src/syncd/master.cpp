@@ -12,11 +12,10 @@
 #include "peer_message.h"
 #include "process_state.h"
 #include "push.h"
+#include "stamps.h"
 #include "store.h"
 #include "sync_jobs.h"
 #include "tcp.h"
-
-std::unique_ptr<PK_SyncServer<PSYNCQUEUEARG>> m_SyncServer;
 
 namespace {
 
@@ -110,12 +109,8 @@ void serve(int fd) {
 }  // namespace
 
 void send_beat_back(int connection, const sockaddr_in& sender) {
-    const auto stamp_or_null = [](const OwnedText& stamp) {
-        return stamp ? std::string_view(stamp.get()) : std::string_view("null");
-    };
-    const OwnedText config(db_get_settled(CONFIG_DB, KEY_CONFIG_VERSION));
-    const OwnedText client(db_get_settled(CONFIG_DB, KEY_CLIENT_VERSION));
-    const PeerMessage message = make_beat_back(stamp_or_null(config), stamp_or_null(client));
+    const PeerMessage message = make_beat_back(current_stamp(KEY_CONFIG_VERSION).value_or("null"),
+                                               current_stamp(KEY_CLIENT_VERSION).value_or("null"));
     const OwnedText ip(ip_to_string(sender.sin_addr.s_addr));
     if (ip) {
         write_log(LOG_DEBUG, "beat back to %s :%s", ip.get(), message.record.value);

@@ -3,14 +3,6 @@
 
 #include <netinet/in.h>
 
-#include <memory>
-
-#include "PK_SyncServer.h"
-#include "sync_queue_arg.h"
-
-// The master's one work server; null while it does not run. Made by start_master.
-extern std::unique_ptr<PK_SyncServer<PSYNCQUEUEARG>> m_SyncServer;
-
 // Opens the master's UDP port, starts the work server and serves datagrams, one at a time, each
 // over a TCP connection back to its sender. Main thread. Returns only when the work server cannot
 // be started ("new PK_SyncServer...", "m_SyncServer->Start ..." at LOG_ERROR), when receiving fails

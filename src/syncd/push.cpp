@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,7 @@
 #include "keys.h"
 #include "log.h"
 #include "owned.h"
+#include "stamps.h"
 #include "store.h"
 #include "store_walk.h"
 #include "tcp.h"
@@ -25,7 +27,7 @@ struct DataSet {
 constexpr DataSet CONFIG_SET = {DATA_KIND_CONFIG, CONFIG_DB, KEY_CONFIG_VERSION};
 constexpr DataSet CLIENT_SET = {DATA_KIND_CLIENT, CLIENT_DB, KEY_CLIENT_VERSION};
 
-bool is_pushed(const DataSet& set, const std::string& key) {
+bool is_pushed(const DataSet& set, std::string_view key) {
     return set.kind == DATA_KIND_CLIENT ||
            std::find(PUSH_CONFIG_KEYS.begin(), PUSH_CONFIG_KEYS.end(), key) !=
                PUSH_CONFIG_KEYS.end();
@@ -41,17 +43,20 @@ bool send_record(int connection, const DataSet& set, std::string_view key, std::
 }
 
 void push_record(int connection, const DataSet& set, const StoredRecord& record) {
-    write_log(LOG_DEBUG, " send data: %s = %s\n", record.key.c_str(), record.value.c_str());
-    if (!is_pushed(set, record.key)) {
+    // Other tools may have stored the terminating zero byte with the text.
+    const std::string_view key = record.key.c_str();
+    const std::string_view value = record.value.c_str();
+    write_log(LOG_DEBUG, " send data: %s = %s\n", key.data(), value.data());
+    if (!is_pushed(set, key)) {
         return;
     }
-    if (!fits_data_record(record.key, record.value)) {
+    if (!fits_data_record(key, value)) {
         // A cut record would be a wrong one on the slave.
         write_log(LOG_ERROR, "record too long, not sent: %s (key %zu bytes, value %zu bytes)",
-                  record.key.c_str(), record.key.size(), record.value.size());
+                  key.data(), key.size(), value.size());
         return;
     }
-    (void)send_record(connection, set, record.key, record.value);
+    (void)send_record(connection, set, key, value);
 }
 
 void push_stamp(int connection, const DataSet& set, const std::string& stamp) {
@@ -63,9 +68,14 @@ void push_stamp(int connection, const DataSet& set, const std::string& stamp) {
 
 // The stamp is read before the walk: a record changed meanwhile comes with the next stamp.
 void push_records(int connection, const DataSet& set) {
-    const OwnedText stamp(db_get_settled(CONFIG_DB, set.stamp_key));
+    const std::optional<std::string> stamp = current_stamp(set.stamp_key);
+    if (!stamp) {
+        write_log(LOG_ERROR, "%s cannot be read, %s not sent", set.stamp_key, set.path);
+        return;
+    }
     RecordWalk walk(set.path);
     std::vector<StoredRecord> chunk;
+    TcpSetCork(connection, true);  // one segment for each record would wake the slave for each
     while (walk.next_chunk(chunk)) {
         for (const StoredRecord& record : chunk) {
             push_record(connection, set, record);
@@ -76,7 +86,8 @@ void push_records(int connection, const DataSet& set) {
         write_log(LOG_ERROR, "%s cannot be read to its end, not sent", set.path);
         return;
     }
-    push_stamp(connection, set, std::string(stamp ? comparable_stamp(stamp.get()) : "null"));
+    push_stamp(connection, set, std::string(comparable_stamp(*stamp)));
+    TcpSetCork(connection, false);
 }
 
 }  // namespace

@@ -13,8 +13,8 @@
 // client data" (LOG_DEBUG).
 void push_master_data(int connection, const sockaddr_in& sender, const DataRecord& request);
 
-// Sends one data set and its closing stamp record; nothing at all when its file cannot be read.
-// Logs "db:%d" and " send data: %s = %s\n" for every record of the file (LOG_DEBUG), and at
+// Sends one data set and its closing stamp record; none of it when its file or stamp cannot be
+// read. Logs "db:%d" and " send data: %s = %s\n" for every record of the file (LOG_DEBUG), and at
 // LOG_ERROR "send data error:%s\n", records too long for a message, and a walk that failed. A
 // closing record of the clients that cannot be sent also raises event 720003.
 void push_data_set(int connection, std::uint32_t kind);

@@ -12,10 +12,11 @@
 #include "copy_in_place.h"
 #include "keys.h"
 #include "log.h"
-#include "master.h"
 #include "owned.h"
 #include "services.h"
 #include "store.h"
+
+std::unique_ptr<PK_SyncServer<PSYNCQUEUEARG>> m_SyncServer;
 
 namespace {
 
@@ -47,7 +48,8 @@ void check_server_dsver(const HeartbeatBody& heartbeat) {
         return;
     }
     const OwnedText stored(db_get(copy_path(serverip).c_str(), KEY_DSVER));
-    if (!stored || dsver != stored.get()) {
+    // A longer stamp was cut by its sender.
+    if (!stored || dsver != text_of(stored).substr(0, sizeof heartbeat.dsver)) {
         add_to_sync_config_db(serverip.c_str());
     }
 }

@@ -6,8 +6,14 @@
 // them.
 #pragma once
 
+#include <memory>
+
+#include "PK_SyncServer.h"
 #include "peer_message.h"
 #include "sync_queue_arg.h"
+
+// The master's one work server; null while it does not run. Made by start_master.
+extern std::unique_ptr<PK_SyncServer<PSYNCQUEUEARG>> m_SyncServer;
 
 // The one operation of a job.
 inline constexpr std::uint32_t SYNC_OP_GET_DB = 256;

@@ -3,6 +3,7 @@
 #include "keys.h"
 #include "support.h"
 #include "syncd/push.h"
+#include "syncd/stamps.h"
 #include "tcp.h"
 
 namespace {
@@ -106,6 +107,27 @@ TEST_F(Push, SendsNothingOfADamagedFile) {
     EXPECT_THAT(pushed(DATA_KIND_CLIENT), IsEmpty());
     EXPECT_EQ(pushed(DATA_KIND_ALL), expected(DATA_KIND_CONFIG, "v1"));
     EXPECT_THAT(logged(), HasSubstr("ERROR :"s + CLIENT_DB + " cannot be read to its end"));
+}
+
+TEST_F(Push, AnswersTheLastStampsWhileTheConfigurationCannotBeRead) {
+    put_both_sets();
+    const auto clients = expected(DATA_KIND_CLIENT, "v2");
+    EXPECT_EQ(current_stamp(KEY_CLIENT_VERSION), "v2");
+    write_file(CONFIG_DB, std::string(8192, 'x'));
+    EXPECT_EQ(current_stamp(KEY_CLIENT_VERSION), "v2");
+    EXPECT_EQ(current_stamp("never read"), std::nullopt);
+    EXPECT_EQ(pushed(DATA_KIND_CLIENT), clients);
+    EXPECT_THAT(pushed(DATA_KIND_CONFIG), IsEmpty());
+    std::filesystem::remove(CONFIG_DB);
+    EXPECT_EQ(current_stamp(KEY_CLIENT_VERSION), "null");
+}
+
+TEST_F(Push, SendsTextsUpToTheirTerminator) {
+    {
+        const auto store = db_open(CONFIG_DB);
+        ASSERT_EQ(store->put("dhcpcfg\0"sv, "x=1\0"sv), 0);
+    }
+    EXPECT_THAT(pushed(DATA_KIND_CONFIG), ElementsAre("1 dhcpcfg=x=1", "1 dbver=null"));
 }
 
 TEST_F(Push, ToAPeerThatHasGoneReportsTheClientsStampOnly) {

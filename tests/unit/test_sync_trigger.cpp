@@ -96,4 +96,21 @@ TEST_F(SyncTrigger, AsksForWhatDiffers) {
     }
 }
 
+// Each would be done again at every beat back, without ever getting anywhere.
+TEST_F(SyncTrigger, AsksForNothingThatCannotBeStored) {
+    put(CLIENT_DB, "client1", "value");
+    std::filesystem::create_directories(CLIENT_DB + ".new/in the way"s);
+    DataRecord answer{};
+    std::strcpy(answer.value, "v1#v2");
+    data_sync_trigger(-1, answer);
+    EXPECT_EQ(requested(), Kinds{DATA_KIND_CONFIG});
+    EXPECT_EQ(count_of(logged(), CLIENT_DB + " cannot be emptied:"s), 1U);
+
+    write_file(CONFIG_DB, std::string(8192, 'x'));
+    data_sync_trigger(-1, answer);
+    EXPECT_EQ(requested(), Kinds{});
+    EXPECT_EQ(count_of(logged(), "ERROR :own version stamps cannot be read"), 1U);
+    EXPECT_EQ(stored(CLIENT_DB, "client1"), "value");
+}
+
 }  // namespace

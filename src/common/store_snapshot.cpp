@@ -1,0 +1,107 @@
+// A private copy of a database file, so that a long walk neither keeps others from the file nor
+// sees it change.
+#include <db.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/sendfile.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include "log.h"
+#include "store.h"
+#include "store_check.h"
+#include "store_handle.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// A foreign writer, which takes no lock, may be at work while we copy.
+constexpr int COPIES = 3;
+constexpr auto COPY_PAUSE = 20ms;
+constexpr std::size_t COPY_PIECE = 1U << 30U;
+
+// The library opens by name; this one stays good for a file without any other.
+std::string name_of(const OwnedFd& file) {
+    return "/proc/self/fd/" + std::to_string(file.get());
+}
+
+bool copy_contents(int from, int to) {
+    off_t at = 0;
+    ssize_t copied = 0;
+    do {
+        copied = sendfile(to, from, &at, COPY_PIECE);
+    } while (copied > 0 || (copied < 0 && errno == EINTR));
+    return copied == 0;
+}
+
+// A copy without a name, on the disk of the file or, where that is full or read only, in memory.
+// An invalid descriptor with errno when there is room in neither.
+OwnedFd copy_of(const StoreLock& lock) {
+    const std::string directory = lock.path().substr(0, lock.path().rfind('/') + 1);
+    OwnedFd copy(open(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
+    if (!copy.valid() || !copy_contents(lock.fd(), copy.get())) {
+        copy.reset(memfd_create("snapshot", MFD_CLOEXEC));
+        if (copy.valid() && !copy_contents(lock.fd(), copy.get())) {
+            copy.reset();
+        }
+    }
+    return copy;
+}
+
+struct Snapshot {
+    int result;  // 0 or the library's error code
+    OwnedFd file;
+};
+
+Snapshot take_snapshot(const char* path) {
+    StoreLock lock(path);
+    if (const int missing = ensure_file(lock); missing != 0) {
+        return {missing, OwnedFd()};
+    }
+    const bool sound = verdict_known(lock);
+    OwnedFd copy = copy_of(lock);
+    if (!copy.valid()) {
+        return {errno, OwnedFd()};
+    }
+    // Nobody has touched the file since it was found sound, so its copy is.
+    if (sound && verdict_known(lock)) {
+        return {0, std::move(copy)};
+    }
+    lock.release();
+    const int result = verify_file(copy.get(), name_of(copy));
+    return {result, std::move(copy)};
+}
+
+Snapshot take_sound_snapshot(const char* path) {
+    Snapshot snapshot = take_snapshot(path);
+    for (int copies = 1; copies < COPIES && is_damage(snapshot.result); ++copies) {
+        std::this_thread::sleep_for(COPY_PAUSE);
+        snapshot = take_snapshot(path);
+    }
+    return snapshot;
+}
+
+}  // namespace
+
+std::unique_ptr<Store> db_open_snapshot(const char* path) {
+    Snapshot snapshot = take_sound_snapshot(path);
+    DB* db = create_handle(0);
+    if (db == nullptr) {
+        write_log(LOG_ERROR, "db_create %s\n", db_strerror(1));
+        return nullptr;
+    }
+    int result = snapshot.result;
+    if (result == 0) {
+        result =
+            db->open(db, nullptr, name_of(snapshot.file).c_str(), nullptr, DB_HASH, DB_RDONLY, 0);
+    }
+    if (result != 0) {
+        write_log(LOG_ERROR, "DB->open %s %s", db_strerror(result), path);
+    }
+    return std::unique_ptr<Store>(new Store(std::move(snapshot.file), db, result));
+}

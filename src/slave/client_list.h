@@ -1,0 +1,27 @@
+// The slave's client list as a whole, while a push replaces it.
+//
+// A push begins with an empty list. If the master died before its end, the slave would take over
+// with a part of the list, or with none, and the machines of a whole site could not boot. So the
+// old list is kept as client.db.previous until the new one is complete, which its stamp says, and a
+// take-over before that goes back to it.
+//
+// Any thread; the receiver fills the list, the supervisor goes back.
+#pragma once
+
+// Empties client.db, so that the records that follow rebuild it from scratch. The list it held is
+// kept unless one is kept already (then this one is but a part) or it is empty. Returns whether
+// client.db is empty now; the store has logged why not.
+bool clear_client_db();
+
+// Whether a take-over has put the old list back and no clear_client_db followed: then a push that
+// is still under way must not add to it. Ask while client.db is open and thus locked.
+bool client_list_put_back();
+
+// Stores the stamp of a list whose records are all on disk, and drops the kept one. Refused, with a
+// line at LOG_ERROR, when the old list was put back meanwhile.
+void complete_client_list(const char* stamp);
+
+// Before the boot services start: puts a kept list back in the place of an unfinished one, and says
+// so in one line at LOG_ERROR with the number of records of both. The stamps stay as they are, so
+// that the returning master is asked again. A kept list that cannot be read changes nothing.
+void put_back_client_list();

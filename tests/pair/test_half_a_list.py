@@ -1,0 +1,46 @@
+"""A push that breaks off: the slave takes over with the whole list that it had before."""
+
+import lab
+import pytest
+from lab import wait_until
+from peer import LIMIT
+
+PREVIOUS = "etc/quoradmind/client.db.previous"
+
+
+def break_off_a_push(pair):
+    """Kill the master while it pushes, again should the push have been faster. The old list."""
+    slave = pair.slave
+    for number in range(2, 12):
+        old, mark = slave.client.items(), slave.log_mark()
+        pair.master.config.put("client_db_version", f"client-{number}")
+        slave.wait_log("data 2:", LIMIT, mark)
+        pair.master_daemon.kill()
+        wait_until(slave.client.verify, LIMIT, "the end of the batch")
+        if (slave.root / PREVIOUS).exists():
+            return old, mark
+        pair.start_master()
+        pair.wait_equal(LIMIT)
+    pytest.fail("no push was broken off")
+
+
+@pytest.mark.parametrize("restarted", [False, True])
+def test_a_broken_push_costs_no_client(pair_factory, restarted):
+    pair = pair_factory(clients=lab.realistic_clients(300))
+    slave = pair.slave
+    pair.start()
+    pair.wait_equal(LIMIT)
+    pair.master.client.fill(lab.realistic_clients(50000, seed=2))
+    old, mark = break_off_a_push(pair)
+    stamp = slave.config.get("client_db_version")
+    if restarted:
+        pair.slave_daemon.kill()
+        pair.start_slave()
+    line = slave.wait_log(f"client list put back: {len(old)} records, instead of ", LIMIT, mark)
+    assert line.level == "ERROR"
+    wait_until(lambda: slave.service_running("stagd"), LIMIT, "the services")
+    assert slave.client.items() == old
+    assert slave.config.get("client_db_version") == stamp
+    pair.start_master()
+    pair.wait_equal(LIMIT)
+    assert not (slave.root / PREVIOUS).exists()
