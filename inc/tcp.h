@@ -69,9 +69,6 @@ int TcpSetTimeout(int fd, long seconds, long microseconds);
 // Sets keep-alive on or off and its three values (seconds, seconds, probes). Returns 1.
 int TcpSetKeepAlive(int fd, bool enable, int idle, int interval, int count);
 
-// While corked, what is sent travels in full segments only; uncorking sends the rest.
-void TcpSetCork(int fd, bool corked);
-
 // Sets receive and send buffer size in bytes; the result of the second call.
 int TcpSetBufferSize(int fd, int size);
 

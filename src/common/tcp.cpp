@@ -121,10 +121,6 @@ int TcpSetKeepAlive(int fd, bool enable, int idle, int interval, int count) {
     return 1;
 }
 
-void TcpSetCork(int fd, bool corked) {
-    set_option(fd, IPPROTO_TCP, TCP_CORK, corked ? 1 : 0);
-}
-
 std::size_t TcpSendSome(int fd, const void* buffer, std::size_t length) {
     const auto* bytes = static_cast<const char*>(buffer);
     std::size_t sent = 0;

@@ -33,16 +33,41 @@ bool is_pushed(const DataSet& set, std::string_view key) {
                PUSH_CONFIG_KEYS.end();
 }
 
-bool send_record(int connection, const DataSet& set, std::string_view key, std::string_view value) {
-    const PeerMessage message = make_data_record(set.kind, key, value);
-    if (TcpSendAll(connection, &message, sizeof message) != 0) {
-        write_log(LOG_ERROR, "send data error:%s\n", strerror(errno));
-        return false;
-    }
-    return true;
-}
+// Records on their way out. Several go to the system in one call: one each would cost as much as
+// reading and logging them, and wake the slave for each.
+class Outbox {
+public:
+    explicit Outbox(int connection) : connection_(connection) { messages_.reserve(MESSAGES); }
 
-void push_record(int connection, const DataSet& set, const StoredRecord& record) {
+    void add(const PeerMessage& message) {
+        messages_.push_back(message);
+        if (messages_.size() == MESSAGES) {
+            (void)send();
+        }
+    }
+
+    // Whether all that was added since the last call has been sent; logs a line for each that was
+    // not.
+    bool send() {
+        const bool sent =
+            TcpSendAll(connection_, messages_.data(), messages_.size() * sizeof(PeerMessage)) == 0;
+        const int cause = errno;
+        for (std::size_t n = 0; !sent && n < messages_.size(); ++n) {
+            write_log(LOG_ERROR, "send data error:%s\n", strerror(cause));
+        }
+        messages_.clear();
+        errno = cause;
+        return sent;
+    }
+
+private:
+    static constexpr std::size_t MESSAGES = 56;  // just below 64 KiB
+
+    int connection_;
+    std::vector<PeerMessage> messages_;
+};
+
+void push_record(Outbox& outbox, const DataSet& set, const StoredRecord& record) {
     // Other tools may have stored the terminating zero byte with the text.
     const std::string_view key = record.key.c_str();
     const std::string_view value = record.value.c_str();
@@ -56,12 +81,13 @@ void push_record(int connection, const DataSet& set, const StoredRecord& record)
                   key.data(), key.size(), value.size());
         return;
     }
-    (void)send_record(connection, set, key, value);
+    outbox.add(make_data_record(set.kind, key, value));
 }
 
-void push_stamp(int connection, const DataSet& set, const std::string& stamp) {
+void push_stamp(Outbox& outbox, const DataSet& set, const std::string& stamp) {
     write_log(LOG_DEBUG, " send data: %s = %s\n", DBVER_KEY, stamp.c_str());
-    if (!send_record(connection, set, DBVER_KEY, stamp) && set.kind == DATA_KIND_CLIENT) {
+    outbox.add(make_data_record(set.kind, DBVER_KEY, stamp));
+    if (!outbox.send() && set.kind == DATA_KIND_CLIENT) {
         (void)post_event(EVENT_ERROR, EVENT_SEND_FAILED, errno, nullptr);
     }
 }
@@ -75,10 +101,10 @@ void push_records(int connection, const DataSet& set) {
     }
     RecordWalk walk(set.path);
     std::vector<StoredRecord> chunk;
-    TcpSetCork(connection, true);  // one segment for each record would wake the slave for each
+    Outbox outbox(connection);
     while (walk.next_chunk(chunk)) {
         for (const StoredRecord& record : chunk) {
-            push_record(connection, set, record);
+            push_record(outbox, set, record);
         }
     }
     if (walk.failed()) {
@@ -86,8 +112,7 @@ void push_records(int connection, const DataSet& set) {
         write_log(LOG_ERROR, "%s cannot be read to its end, not sent", set.path);
         return;
     }
-    push_stamp(connection, set, std::string(comparable_stamp(*stamp)));
-    TcpSetCork(connection, false);
+    push_stamp(outbox, set, std::string(comparable_stamp(*stamp)));
 }
 
 }  // namespace
