@@ -166,6 +166,7 @@ int put_host(const Options& options) {
     const Mac mac = parse_mac(options.mac);
     check_client(options);
     begin_changes();
+    const auto dying = processes_named("dhcpd");
     const int result = [&] {
         const DetachedPrograms detached;
         return update_dhcp_host(options.name.c_str(), options.pxe.c_str(), mac.data(),
@@ -174,7 +175,7 @@ int put_host(const Options& options) {
     if (result != 0) {
         return failed();
     }
-    if (!comes_to_run("dhcpd", true)) {
+    if (!comes_to_run("dhcpd", true, dying)) {
         complain("{} has the entry, but dhcpd does not run; is it installed?", DHCPD_CONF);
         return EXIT_PROBLEM;
     }

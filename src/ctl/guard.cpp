@@ -1,5 +1,6 @@
 #include "guard.h"
 
+#include <algorithm>
 #include <chrono>
 #include <string>
 #include <thread>
@@ -35,9 +36,18 @@ bool stands_by_a_living_master() {
     return !story.timeline.state().acting;
 }
 
-bool comes_to_run(std::string_view name, bool running) {
+bool comes_to_run(std::string_view name, bool running, const std::vector<ProcessInfo>& dying) {
     const auto deadline = std::chrono::steady_clock::now() + LIMIT;
-    while (processes_named(name).empty() == running) {
+    const auto counts = [&dying](const ProcessInfo& process) {
+        return std::none_of(dying.begin(), dying.end(), [&process](const ProcessInfo& other) {
+            return other.pid == process.pid;
+        });
+    };
+    const auto runs = [&] {
+        const auto found = processes_named(name);
+        return std::any_of(found.begin(), found.end(), counts);
+    };
+    while (runs() != running) {
         if (std::chrono::steady_clock::now() > deadline) {
             return false;
         }

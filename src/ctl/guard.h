@@ -2,6 +2,9 @@
 #pragma once
 
 #include <string_view>
+#include <vector>
+
+#include "proc_info.h"
 
 // Whether the daemon of this host would be, or is, the slave of its pair.
 bool is_slave_by_forecast();
@@ -10,4 +13,5 @@ bool is_slave_by_forecast();
 bool stands_by_a_living_master();
 
 // Waits a little until a process of that name runs, or until none does; whether it came to that.
-bool comes_to_run(std::string_view name, bool running);
+// Those of `dying` were told to end and count as gone.
+bool comes_to_run(std::string_view name, bool running, const std::vector<ProcessInfo>& dying = {});
