@@ -13,6 +13,7 @@ from collections.abc import Iterable
 from dataclasses import dataclass, field
 from pathlib import Path
 
+import fetch_bench
 from lab import Host, LabError, Pair, Process, WaitTimeout, wait_until
 
 RELEASE = Path(__file__).resolve().parent.parent / "build/release"
@@ -20,10 +21,6 @@ FLOOR_PORT = "14233"
 LOAD_FILE = "/etc/quoradmind/loaded.db"
 FLOOR_FILE = "/etc/quoradmind/floor.db"
 FLOOR_LOG = "/var/log/floor.log"
-# Every kernel allows this one in a namespace. With a default that paces what it sends, as bbr does,
-# the figures would be those of its timers.
-CONGESTION = "reno"
-CONGESTION_CONTROL = "/proc/sys/net/ipv4/tcp_congestion_control"
 DSVER = "20260101000000"
 VALUE_SIZE = 200
 REST_SECONDS = 3.0  # longer than a heartbeat's period
@@ -99,8 +96,6 @@ class Bench:
         self.pair = Pair(build / "quorsyncd", slave_config={"dsver": DSVER}, disk=True)
         self.master, self.slave = self.pair.master, self.pair.slave
         self.asker = self.pair.lab.add_host("asker")
-        for host in self.pair.lab.hosts:
-            host.shell(f"echo {CONGESTION} > {CONGESTION_CONTROL}")
         # The master holds the others' data-set stamps: no beat makes it fetch a file.
         for host in (self.slave, self.asker):
             self.master.store(f"{host.address}.db").put("dsver", DSVER)
@@ -330,7 +325,7 @@ def show_goals(goals: list[Goal]) -> None:
         print(f"  {goal.text:<62} {goal.value:>20}  {words[goal.reached]}")
 
 
-def measure(bench: Bench, plan: Plan) -> None:
+def measure(bench: Bench, plan: Plan) -> list[Goal]:
     memory = [bench.at_rest("after the start")]
     results = []
     for clients, repetitions in plan.sizes:
@@ -346,7 +341,16 @@ def measure(bench: Bench, plan: Plan) -> None:
         print(f"  {when:<24}" + " ".join(f"{mib:>9.1f} {count:>12}" for mib, count in samples))
     text = "heartbeats: at least 70 % of the floor's speed"
     beats = Goal(text, percent(daemon, floor), daemon / floor >= 0.7)
-    show_goals([*store_goals(results), beats, *memory_goals(memory)])
+    return [*store_goals(results), beats, *memory_goals(memory)]
+
+
+def measure_fetch(build: Path, quick: bool) -> list[Goal]:
+    """On a pair of its own, when the other has ended."""
+    rows = fetch_bench.measure(build, rounds=3 if quick else 5, say=progress)
+    for row in rows:
+        if row.good is None:
+            print(f"\n{row.text}: {row.value}")
+    return [Goal(row.text, row.value, row.good) for row in rows if row.good is not None]
 
 
 def find_limit(bench: Bench) -> None:
@@ -364,15 +368,15 @@ def find_limit(bench: Bench) -> None:
     print(f"\nNo take-over up to {clients - LIMIT_STEP:,} clients; patience ended.")
 
 
-def run(bench: Bench, arguments: argparse.Namespace) -> None:
+def run(bench: Bench, arguments: argparse.Namespace) -> list[Goal]:
     try:
         bench.pair.start()
         bench.pair.wait_equal()
         progress("a pair is at rest on the lab")
         if arguments.limit:
             find_limit(bench)
-        else:
-            measure(bench, QUICK if arguments.quick else DEFAULT)
+            return []
+        return measure(bench, QUICK if arguments.quick else DEFAULT)
     except (LabError, WaitTimeout):
         print(bench.pair.evidence(), file=sys.stderr)
         raise
@@ -387,7 +391,9 @@ def main() -> int:
     try:
         bench = Bench(arguments.build)
         with bench.pair:
-            run(bench, arguments)
+            goals = run(bench, arguments)
+        if goals:
+            show_goals(goals + measure_fetch(arguments.build, arguments.quick))
     except KeyboardInterrupt:
         return 130
     except (LabError, WaitTimeout) as error:

@@ -20,8 +20,6 @@ from lab.file_service import PORT, FileService, answer_head, request
 
 RELEASE = Path(__file__).resolve().parent.parent / "build/release"
 SOURCE = "/etc/quoradmind/config.db"
-# Where the machine's default paces what it sends, its timers would set the speed.
-CONGESTION_CONTROL = "/proc/sys/net/ipv4/tcp_congestion_control"
 FLOOR_TARGET = "/tmp/floor"
 PEER_PORT = 13233
 HEARTBEAT = "=H10x32s32s1088x"
@@ -44,7 +42,6 @@ class FetchBench:
         self.build, self.size = build, size
         self.pair = Pair(build / "quorsyncd")
         self.master, self.slave = self.pair.master, self.pair.slave
-        self.slave.shell(f"echo reno > {CONGESTION_CONTROL}")
         with (self.slave.root / SOURCE[1:]).open("r+b") as file:
             file.truncate(0)
             file.truncate(size)

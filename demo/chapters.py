@@ -6,6 +6,7 @@ from collections.abc import Callable
 
 from lab import Host, Pair, describe_difference, realistic_clients, wait_until
 from lab.pair import PUSHED_KEYS
+from lab.reload_pipe import PATH, RELOAD
 from story import LIMIT, Step, Story
 
 CLIENTS = realistic_clients(500)
@@ -84,6 +85,33 @@ def change(story: Story) -> None:
         step.evidence = wait_equal_records(pair)
 
 
+@chapter("The slave's own configuration changes, and the master fetches it")
+def fetch(story: Story) -> None:
+    master, slave = story.pair.master, story.pair.slave
+    copy = master.store(f"{slave.address}.db")
+    with story.step("master's copy of the slave's config.db") as step:
+        step.needs(ROLES)
+        story.pipe.take(1, LIMIT)  # set off by the first copy, after the start
+        slave.config.put("ip_begin", "10.77.0.100")
+        slave.config.put("dsver", "20261121120000")
+        step.tell("on the slave: ip_begin = 10.77.0.100, dsver = 20261121120000")
+        story.start_clock()
+        wait_until(lambda: not copy.difference(slave.config), LIMIT, "an equal copy")
+        step.stop_clock()
+        step.show_log(master, "^serverip:.*--add_to_sync", "^Arg->op:256", "^refresh_dhcp$")
+        ours, theirs = slave.config.items(), copy.items()
+        unequal = describe_difference(slave.name, ours, "copy", theirs)
+        assert not unequal, unequal
+        step.evidence = f"{slave.address}.db: {len(theirs)} records compared: none differs"
+
+    with story.step("DHCP wrapper told to reload") as step:
+        step.needs(ROLES)
+        (record,) = story.pipe.take(1, LIMIT)
+        step.stop_clock()
+        assert record.command == RELOAD, f"command {record.command}"
+        step.evidence = f"{PATH}: 68 bytes, command {record.command}, seconds {record.seconds}"
+
+
 @chapter("The master dies")
 def take_over(story: Story) -> None:
     pair = story.pair
@@ -149,6 +177,29 @@ def give_back(story: Story) -> None:
     with story.step("stores equal again") as step:
         step.needs(ROLES)
         step.evidence = wait_equal_records(pair)
+
+
+@chapter("What an operator sees of it")
+def look_back(story: Story) -> None:
+    pair = story.pair
+    for host in (pair.master, pair.slave):
+        for verb in ("status", "timeline"):
+            with story.step(f"{verb} of the {host.name}") as step:
+                step.needs(ROLES)
+                step.tell(f"on the {host.name}: quorsyncctl {verb}")
+                program = host.expose(pair.executable.parent / "quorsyncctl")
+                lines = wait_until(lambda: printed(host, program, verb), LIMIT, "exit status 0")
+                for line in lines:
+                    step.quote(host, line)
+                step.evidence = lines[-1]
+
+
+def printed(host: Host, program: str, verb: str) -> list[str]:
+    """What the tool says; it cannot tell at once whether the stores are in sync."""
+    done = host.run([program, verb])
+    text = done.stdout.decode()
+    assert done.returncode == 0, f"exit status {done.returncode}: {text}{done.stderr.decode()}"
+    return text.splitlines()
 
 
 def raise_stamp(step: Step, master: Host, stamp: str) -> None:

@@ -1,4 +1,4 @@
-"""Shows a pair at work: equal stores, a change, a take-over and the way back.
+"""Shows a pair at work: equal stores, a change, a fetch, a take-over and the way back.
 
 The exit status is 0 only if every step held.
 """
@@ -6,11 +6,14 @@ The exit status is 0 only if every step held.
 import argparse
 import os
 import sys
+from contextlib import ExitStack
 from pathlib import Path
 
 from chapters import CHAPTERS, CLIENTS
 from console import BOLD, Console
 from lab import LabError, Pair
+from lab.file_service import FileService
+from lab.reload_pipe import ReloadPipe
 from story import Story
 
 DAEMON = Path(__file__).resolve().parent.parent / "build/release/quorsyncd"
@@ -23,8 +26,11 @@ def play(console: Console, daemon: Path) -> bool:
         raise LabError(f"there is no program {daemon}; ./run build makes the daemon")
     console.line("A pair of servers on this machine, in namespaces of their own", BOLD)
     console.line(f"daemon: {daemon}")
-    with Pair(daemon, clients=CLIENTS) as pair:
-        story = Story(console, pair)
+    with ExitStack() as stack:
+        pair = stack.enter_context(Pair(daemon, clients=CLIENTS))
+        stack.enter_context(FileService(pair.slave))
+        pipe = stack.enter_context(ReloadPipe(pair.master))
+        story = Story(console, pair, pipe)
         for number, (title, chapter) in enumerate(CHAPTERS, 1):
             story.begin_chapter(number, title)
             chapter(story)

@@ -8,6 +8,7 @@ from enum import Enum
 
 from console import BOLD, DIM, GREEN, RED, YELLOW, Console
 from lab import Host, LabError, Pair
+from lab.reload_pipe import ReloadPipe
 
 LIMIT = 30.0  # seconds a step waits for what it shows; a healthy pair needs far less
 MARGIN = " " * 10
@@ -61,15 +62,19 @@ class Step:
         for pattern in patterns:
             self.wait_log(host, pattern)
         for line in host.find_log(re.compile("|".join(patterns)), self._story.marks[host]):
-            self._story.console.line(f"{MARGIN}{host.name:6} | {line}", DIM)
+            self.quote(host, str(line))
+
+    def quote(self, host: Host, line: str) -> None:
+        self._story.console.line(f"{MARGIN}{host.name:6} | {line}", DIM)
 
 
 class Story:
     """Steps in chapters. A step that fails ends its own block and nothing else."""
 
-    def __init__(self, console: Console, pair: Pair) -> None:
+    def __init__(self, console: Console, pair: Pair, pipe: ReloadPipe) -> None:
         self.console = console
         self.pair = pair
+        self.pipe = pipe
         self.steps: list[Step] = []
         self._begin = time.monotonic()
         self._evidence_shown = False

@@ -154,7 +154,8 @@ def prepare(settings):
     socket.sethostname(settings["name"])
     # Many short connections between two hosts would fill the machine-wide TIME_WAIT table.
     write_sysctl("ipv4/tcp_max_tw_buckets", "0")
-    # What a machine may have set for long lines paces a push over this short one.
+    # Every kernel allows this one in a namespace. A machine's default that paces what it sends, as
+    # bbr does, would give a push the speed of its timers.
     write_sysctl("ipv4/tcp_congestion_control", "reno")
     for scope in ("all", "default", "lo"):
         write_sysctl(f"ipv6/conf/{scope}/disable_ipv6", "1")

@@ -1,5 +1,5 @@
 #!/bin/bash
-# measure the speed of stores, pushes and take-overs (root)
+# measure the speed of pushes, heartbeats and fetches beside plain programs (root)
 . scripts/lib/common.sh
 install_packages build lab bench
 step "Building the daemon and the benchmarks in build/release/"

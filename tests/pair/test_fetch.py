@@ -13,10 +13,10 @@ import lab
 import pytest
 from lab import wait_until
 from lab.file_service import GET_FILE, FileService
+from lab.reload_pipe import RELOAD, ReloadPipe
 from peer import LIMIT, FakeSlave, beat_back, heartbeat
 
 DOWNLOAD = "tmp/SyncDbFile.db"
-PIPE = "var/lib/quoradmind/dhcp_fifo"
 ANSWER = [beat_back("config-1#client-1")]
 QUEUED = "--add_to_sync_config_db--"
 RUN = "Arg->op:256 --SyncQueueProcessor--"
@@ -59,9 +59,7 @@ class Fetcher(FakeSlave):
         super().__init__(pair.slave, pair.master)
         self.pair, self.master, self.slave = pair, pair.master, pair.slave
         self.copy = self.master.store(f"{self.slave.address}.db")
-        os.mkfifo(self.master.root / PIPE)
-        self._reader = os.open(self.master.root / PIPE, os.O_RDONLY | os.O_NONBLOCK)
-        self.callback(os.close, self._reader)
+        self._pipe = self.enter_context(ReloadPipe(self.master))
 
     def start(self):
         daemon = self.pair.start_master()
@@ -86,18 +84,9 @@ class Fetcher(FakeSlave):
 
     def reloads(self, number):
         """Wait for so many records in the pipe of the DHCP wrapper; the seconds they tell."""
-        data = b""
-        while len(data) < 68 * number:
-            data += wait_until(self._read, LIMIT, f"{number} records")
-        records = list(struct.iter_unpack("=I64s", data))
-        assert len(records) == number and {command for command, _ in records} == {23322}
-        return [int(seconds.rstrip(b"\0")) for _, seconds in records]
-
-    def _read(self):
-        try:
-            return os.read(self._reader, 68)
-        except BlockingIOError:
-            return b""
+        records = self._pipe.take(number, LIMIT)
+        assert len(records) == number and {record.command for record in records} == {RELOAD}
+        return [record.seconds for record in records]
 
 
 @pytest.fixture(params=["one file system", "two file systems"])
