@@ -56,6 +56,8 @@ await_sanitizer_builds() {
 
 step "Format"
 /bin/bash scripts/format.sh --check
+step "Catalogue of log messages"
+"$python" -m pytest tests/docs -q
 step "Building release"
 build release
 unit_tests release
