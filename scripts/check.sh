@@ -56,7 +56,7 @@ await_sanitizer_builds() {
 
 step "Format"
 /bin/bash scripts/format.sh --check
-step "Catalogue of log messages"
+step "Documents"
 "$python" -m pytest tests/docs -q
 step "Building release"
 build release
