@@ -77,7 +77,10 @@ bool RecordSink::open_batch() {
 
 void RecordSink::close_batch() {
     if (clients_) {
-        clients_failed_ = clients_->close() != 0 || clients_failed_;
+        if (const int result = clients_->close(); result != 0) {
+            write_log(LOG_ERROR, "%s cannot be flushed:%s", CLIENT_DB, store_error_text(result));
+            clients_failed_ = true;
+        }
         clients_.reset();
         (void)malloc_trim(0);  // the cache was many small pieces
     }

@@ -31,7 +31,7 @@ public:
 
     bool has_batch() const { return clients_ != nullptr; }
 
-    // Flushes and closes the open batch, if there is one.
+    // Flushes and closes the open batch, if there is one. "%s cannot be flushed:%s" (LOG_ERROR).
     void close_batch();
 
 private:
