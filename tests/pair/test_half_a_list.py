@@ -24,6 +24,7 @@ def break_off_a_push(pair):
     pytest.fail("no push was broken off")
 
 
+@pytest.mark.sanitizer
 @pytest.mark.parametrize("restarted", [False, True])
 def test_a_broken_push_costs_no_client(pair_factory, restarted):
     pair = pair_factory(clients=lab.realistic_clients(300))
