@@ -19,6 +19,7 @@ from .wait import LabError, wait_until
 DETACH_SECONDS = 20.0
 EVIDENCE_LINES = 60
 COMM_LENGTH = 15
+KILLALL = "/usr/bin/killall"
 
 
 class HasFileno(Protocol):
@@ -245,6 +246,11 @@ class Host:
 
     def service_running(self, name: str) -> bool:
         return bool(self.service_pids(name))
+
+    def record_stops(self) -> None:
+        """From now on `calls` also has every killall, in its place between the starts."""
+        stub = self.stubs.stand_before("killall", MACHINE + KILLALL)
+        self.run(["/usr/bin/mount", "--bind", stub, KILLALL], check=True)
 
     def calls(self, name: str | None = None) -> list[Call]:
         return self.stubs.calls(name)

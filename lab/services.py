@@ -93,6 +93,14 @@ class Stubs:
         """As if the program were not installed."""
         (self._root / "usr/local/bin" / name).unlink()
 
+    def stand_before(self, name: str, program: str) -> str:
+        """Make a stub that records and then runs `program`; its path, to be mounted over it."""
+        path = f"lab/stubs/{name}"
+        (self._root / path).write_bytes((SOURCES / "service.awk").read_bytes())
+        (self._root / path).chmod(0o755)
+        (self._root / f"{path}.json").write_text(json.dumps({"program": program}))
+        return "/" + path
+
     def configure(
         self, name: str, status: int = 0, delay: float = 0.0, detach: bool = True
     ) -> None:

@@ -2,7 +2,7 @@
 
 Usage: record.py PID BLOCKED IGNORED CAUGHT, the last three as in /proc/PID/status. Settings come
 from /lab/stubs/NAME.json: "status" to exit with, "delay" in seconds before that, "detach" for a
-process that stays behind.
+process that stays behind; or "program", which then does what was asked for.
 """
 
 import json
@@ -32,7 +32,7 @@ def descriptors_of(pid):
 
 
 def describe(pid, blocked, ignored, caught):
-    # The kernel put "mawk -f" in front of the script and its arguments.
+    # The kernel put "mawk -Wexec" in front of the script and its arguments.
     argv = [os.fsdecode(word) for word in read(f"/proc/{pid}/cmdline").split(b"\0")[2:-1]]
     stat = read(f"/proc/{pid}/stat").decode(errors="replace")
     return {
@@ -79,6 +79,8 @@ def main():
     append(record)
     name = record["name"]
     settings = {"status": 0, "delay": 0, "detach": False, **settings_of(name)}
+    if "program" in settings:
+        os.execv(settings["program"], record["argv"])
     print(f"{name} was called", flush=True)
     time.sleep(settings["delay"])
     if settings["detach"]:

@@ -1,6 +1,6 @@
-#!/usr/bin/mawk -f
-# Stands in for quordhcpd, stagd and evpost_ex. The kernel names the process after the script, so
-# killall finds it by that name. mawk touches no signal and holds no descriptor of its own, so
+#!/usr/bin/mawk -Wexec
+# Stands in for quordhcpd, stagd, evpost_ex and, where a test wants it, killall. The kernel names
+# the process after the script, so killall finds it by that name. mawk touches no signal and holds no descriptor of its own, so
 # this process shows exactly what it inherited while record.py looks at it.
 BEGIN {
     while ((getline line < "/proc/self/status") > 0) {

@@ -1,0 +1,158 @@
+"""Pairs that live through a fault: who took over, what the services did, and how it healed."""
+
+import random
+import re
+import time
+from contextlib import ExitStack
+
+import lab
+import pytest
+from lab import faults, wait_until
+from lab.file_service import FileService
+from peer import LIMIT
+
+PROMOTED = "become a master host"
+RESTORED = "restore to be a slave host"
+TURN = re.compile(f"{PROMOTED}|{RESTORED}")
+CLIENTS = lab.realistic_clients(20)
+MARGIN = 60.0
+
+# A start of the services, and their stop, as the calls of the slave show them.
+STEPS = {
+    ("-9", "quordhcpd"): "w",
+    ("/usr/local/bin/quordhcpd",): "W",
+    ("-9", "stagd"): "b",
+    ("/usr/local/bin/stagd",): "B",
+}
+START, STOP = "wWbB", "wb"
+
+
+class BadDay:
+    """A pair and its fault. `takes_over` is None where chance decides."""
+
+    def __init__(self, pair, name, seconds, fault, takes_over):
+        self.pair, self.name, self.seconds, self.takes_over = pair, name, seconds, takes_over
+        self._fault = fault
+        self._undo = ExitStack()
+
+    def start(self):
+        self.pair.slave.record_stops()
+        self._undo.enter_context(FileService(self.pair.slave))
+        self.pair.start()
+
+    def break_it(self):
+        self.begin = time.monotonic()
+        self._fault_on = self._fault(self.pair)
+        self._fault_on.__enter__()
+        try:
+            self._change("during")
+        except lab.StoreError:
+            pass  # The fault hits the site's own tools, too.
+
+    def heal(self):
+        self.assert_honest()
+        self._fault_on.__exit__(None, None, None)
+        self.end = time.monotonic()
+
+    def _change(self, when):
+        """As a site's tools do it: records first, then the stamp."""
+        self.pair.master.client.fill({f"changed {when}": when})
+        self.pair.master.config.put("client_db_version", when)
+
+    def turns(self):
+        """Take-overs and steps back. Standard output has them, whatever becomes of the log."""
+        return TURN.findall(self.pair.slave_daemon.output_text())
+
+    def assert_honest(self):
+        """A stamp stands for its whole set."""
+        if self.pair.slave.config.get("client_db_version") == b"during":
+            assert not self.pair.difference()
+
+    def assert_healed(self):
+        pair, slave = self.pair, self.pair.slave
+        assert pair.master_daemon.alive and pair.slave_daemon.alive
+        self._change("after")
+        pair.wait_equal(MARGIN)
+        wait_until(lambda: self.turns()[-1:] != [PROMOTED], LIMIT, "the way back")
+        turns = self.turns()
+        assert turns == [PROMOTED, RESTORED] * (len(turns) // 2)
+        # In the order of the roles, not one too many, and none is left; so are never both active.
+        wanted = (START + STOP) * (len(turns) // 2)
+        wait_until(lambda: len(self.steps()) >= len(wanted), LIMIT, "the last stop")
+        assert self.steps() == wanted
+        for name in ("quordhcpd", "stagd"):
+            wait_until(lambda name=name: not slave.service_running(name), LIMIT, "their end")
+        wait_until(lambda: slave.config.get("dhcp") is None, LIMIT, "the mark to go")
+        assert not pair.master.calls()
+        assert self.takes_over in (None, bool(turns)), turns
+
+    def steps(self):
+        calls = [call for call in self.pair.slave.calls() if call.name != "evpost_ex"]
+        return "".join(STEPS[call.argv[-2:] if call.name == "killall" else call.argv]
+                       for call in calls)
+
+    def assert_copy(self):
+        """The master gets the slave's settings again."""
+        self.pair.slave.config.put("dsver", "20380101000000")
+        copy = self.pair.master.store(f"{self.pair.slave.address}.db")
+        wait_until(lambda: not copy.difference(self.pair.slave.config), MARGIN, "an equal copy")
+
+    def story(self):
+        told = [f"{self.name}, {self.end - self.begin:.1f} s:"]
+        for event in sorted(self.pair.slave.events(), key=lambda event: event.monotonic):
+            what = {720007: "took over", 720008: "gave back"}.get(event.code, str(event.code))
+            since, name = (self.end, "the end") if event.monotonic > self.end else (
+                self.begin, "the beginning")
+            told.append(f"{what} {event.monotonic - since:.1f} s after {name}")
+        return " ".join(told) if len(told) > 1 else f"{told[0]} no take-over"
+
+
+def live_through(days):
+    with ExitStack() as stack:
+        for day in days:
+            stack.callback(day._undo.close)
+            day.start()
+        for day in days:
+            day.pair.wait_equal(MARGIN)
+        for day in days:
+            day.break_it()
+        for day in sorted(days, key=lambda day: day.begin + day.seconds):
+            time.sleep(max(0.0, day.begin + day.seconds - time.monotonic()))
+            day.heal()
+        for day in days:
+            day.assert_healed()
+            day.assert_copy()
+            print(day.story())
+
+
+LINE = [
+    ("line cut", 1, faults.cut(), False),
+    ("line cut", 5, faults.cut(), None),
+    ("line cut", 10, faults.cut(), None),
+    ("no beats", 5, faults.cut("out"), None),
+    ("no beats", 10, faults.cut("out"), None),
+    ("no heartbeats", 5, faults.cut("in"), None),
+    ("no heartbeats", 10, faults.cut("in"), None),
+    ("every tenth frame lost", 15, faults.cut(share=0.1), None),
+    ("every third frame lost", 15, faults.cut(share=0.33), None),
+    ("slave stopped", 10, faults.stopped("slave"), False),
+    ("master stopped", 4, faults.stopped("master"), None),
+    ("master stopped", 12, faults.stopped("master"), None),
+    ("both stopped", 10, faults.stopped("slave", "master"), False),
+]
+DISK = [
+    (f"{side}: {folder} {kind.__name__}", 8, kind(side, folder), None)
+    for side, folder in (
+        ("slave", "/etc/quoradmind"),
+        ("master", "/etc/quoradmind"),
+        ("slave", "/var/log"),
+        ("master", "/tmp"),
+    )
+    for kind in (faults.full, faults.read_only, faults.missing)
+]
+
+
+@pytest.mark.parametrize("trials", [LINE[:7], LINE[7:], DISK[:6], DISK[6:]],
+                         ids=["line", "loss and standstill", "disk", "log and scratch"])
+def test_a_pair_heals(pair_factory, trials):
+    live_through([BadDay(pair_factory(clients=CLIENTS), *trial) for trial in trials])
