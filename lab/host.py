@@ -206,6 +206,16 @@ class Host:
         self.daemons.append(daemon)
         return daemon
 
+    def kill_daemons(self, executable: str | Path) -> None:
+        """SIGKILL to every process of this program, also where a wrapper stands before it."""
+        name = os.path.basename(executable)[:COMM_LENGTH]
+
+        def none_left() -> bool:
+            self.run([KILLALL, "-9", name])
+            return name not in (comm for *_, comm in self.processes())
+
+        wait_until(none_left, DETACH_SECONDS, f"the end of every {name} of {self.name}")
+
     def _find_detached(self, path: str, launcher: Daemon) -> Daemon:
         status = launcher.wait(DETACH_SECONDS)
         name = os.path.basename(path)[:COMM_LENGTH]

@@ -32,6 +32,7 @@ TOOLS = {
     "/usr/bin/nsenter": "util-linux",
     "/usr/bin/mount": "mount",
     "/usr/bin/ps": "procps",
+    "/usr/bin/strace": "strace",
     "/usr/sbin/ip": "iproute2",
     "/usr/sbin/nft": "nftables",
 }

@@ -3,9 +3,11 @@
 declare -A packages=(
     [build]="cmake g++ libcli11-dev libdb5.3-dev libfmt-dev libgmock-dev libgtest-dev
              libjson-c-dev liblog4cplus-dev ninja-build pkg-config"
-    [lab]="db5.3-util iproute2 mawk mount nftables procps psmisc python3 python3-bsddb3 util-linux"
-    [check]="clang-format python3-pytest python3-pytest-timeout python3-pytest-xdist"
+    [lab]="db5.3-util iproute2 mawk mount nftables procps psmisc python3 python3-bsddb3 strace
+           util-linux"
+    [check]="clang-format faketime python3-pytest python3-pytest-timeout python3-pytest-xdist"
     [bench]="time"
+    [fuzz]="clang libclang-rt-14-dev"
     [format]="clang-format"
     [tidy]="clang-tidy"
 )

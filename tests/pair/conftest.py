@@ -2,6 +2,7 @@
 
 import os
 import re
+import secrets
 import sys
 from contextlib import ExitStack
 from pathlib import Path
@@ -22,6 +23,14 @@ def pytest_configure(config):
     config.addinivalue_line(
         "markers", "sanitizer: runs under the sanitizers, too; nothing in it depends on speed"
     )
+    config.addinivalue_line("markers", "soak: takes long; runs with --soak only")
+
+
+def pytest_collection_modifyitems(config, items):
+    if not config.getoption("--soak"):
+        long = [item for item in items if item.get_closest_marker("soak")]
+        config.hook.pytest_deselected(items=long)
+        items[:] = [item for item in items if item not in long]
 
 
 def pytest_addoption(parser):
@@ -30,6 +39,9 @@ def pytest_addoption(parser):
         default=str(ROOT / "build/release/quorsyncd"),
         help="the quorsyncd to test (default: %(default)s)",
     )
+    parser.addoption("--soak", action="store_true", help="the long forms of the bad days, too")
+    parser.addoption("--rounds", type=int, default=6, help="kills (default: %(default)s)")
+    parser.addoption("--seed", type=int, help="for what is random (default: another every time)")
 
 
 @pytest.hookimpl(hookwrapper=True)
@@ -42,6 +54,20 @@ def pytest_runtest_makereport(item, call):
                 report.sections.append(("evidence", each.evidence()))
             except (lab.LabError, OSError) as error:
                 report.sections.append(("evidence", f"cannot be had: {error}"))
+
+
+@pytest.fixture
+def rounds(request):
+    return request.config.getoption("--rounds")
+
+
+@pytest.fixture
+def seed(request):
+    """What the test's dice start from; a failed test shows it."""
+    given = request.config.getoption("--seed")
+    number = secrets.randbelow(1 << 32) if given is None else given
+    print(f"--seed={number}")
+    return number
 
 
 @pytest.fixture

@@ -1,0 +1,38 @@
+"""Daemons under strace: what they did, in order, and a kill at a chosen system call."""
+
+import re
+from dataclasses import dataclass
+
+from .host import Host
+
+STRACE = ("/usr/bin/strace", "-qq", "-f", "-e", "signal=none")
+LINE = re.compile(r"^\d+ +(\w+)\((.*)$", re.MULTILINE)
+PATH = re.compile(r'"(/[^"]*)"|[0-9]<(/[^>]*)>')
+
+
+@dataclass(frozen=True)
+class Step:
+    """A system call and the absolute paths among its arguments."""
+
+    call: str
+    paths: tuple[str, ...]
+
+
+def recording(file: str, calls: str) -> tuple[str, ...]:
+    """A daemon's wrapper that writes down these system calls (joined by commas)."""
+    return (*STRACE, "-y", "-o", file, "-e", f"trace={calls}")
+
+
+def recorded(host: Host, file: str) -> list[Step]:
+    """What the wrapper has written down so far."""
+    text = (host.root / file.lstrip("/")).read_text(errors="replace")
+    return [
+        Step(call, tuple(quoted or opened for quoted, opened in PATH.findall(rest)))
+        for call, rest in LINE.findall(text)
+    ]
+
+
+def killed_at(calls: str, number: int) -> tuple[str, ...]:
+    """A daemon's wrapper that kills it at the n-th of these calls that one thread makes."""
+    kill = f"inject={calls}:signal=KILL:when={number}"
+    return (*STRACE, "-o", "/dev/null", "-e", f"trace={calls}", "-e", kill)

@@ -1,0 +1,50 @@
+"""The wall clock is set while a pair runs; nothing but time stamps and file names may follow."""
+
+import re
+import time
+from datetime import date, timedelta
+
+import lab
+from lab import wait_until
+from peer import LIMIT
+
+CLOCK = "/lab/clock"
+# Preloaded it shifts the wall clock by what stands in a file, and leaves the monotonic clock.
+SHIFTED = (
+    "/usr/bin/env",
+    "LD_PRELOAD=/usr/$LIB/faketime/libfaketimeMT.so.1",
+    f"FAKETIME_TIMESTAMP_FILE={CLOCK}",
+    "FAKETIME_NO_CACHE=1",
+    "DONT_FAKE_MONOTONIC=1",
+)
+PERIOD = 2.0
+BEAT = re.compile("^bottle=")
+ANSWERED = re.compile("^bottle=[23], status=71")
+DAY = timedelta(days=1)
+
+
+def set_clocks(pair, days):
+    for host in (pair.master, pair.slave):
+        fresh = host.root / "lab/clock.new"
+        fresh.write_text(f"{days:+}d\n")
+        fresh.rename(host.root / CLOCK[1:])
+
+
+def test_a_clock_that_is_set(pair_factory):
+    pair = pair_factory(clients=lab.realistic_clients(20), wrapper=SHIFTED)
+    slave = pair.slave
+    set_clocks(pair, 0)
+    pair.start()
+    slave.wait_log(ANSWERED, LIMIT)
+    for days, stamp in ((1, "forward"), (-1, "back"), (0, "right")):
+        mark, begin, today = slave.log_mark(), time.monotonic(), date.today()
+        set_clocks(pair, days)
+        pair.master.config.put("client_db_version", stamp)
+        wait_until(lambda mark=mark: len(slave.find_log(BEAT, mark)) >= 4, LIMIT, "4 beats")
+        beats, periods = slave.find_log(BEAT, mark), (time.monotonic() - begin) / PERIOD
+        assert len(beats) == len(slave.find_log(ANSWERED, mark)) <= periods + 1
+        wanted = {today + days * DAY, date.today() + days * DAY}  # It may be midnight.
+        assert {line.time.date() for line in beats[1:]} <= wanted
+        pair.wait_equal(LIMIT)
+    assert len(list(slave.root.glob("var/log/quorsyncd_*.log"))) >= 3
+    assert not slave.events() and pair.master_daemon.alive

@@ -1,0 +1,146 @@
+"""Daemons that are killed, at any moment and in any order: what is on disk then, and after."""
+
+import itertools
+import random
+
+import lab
+import pytest
+from lab import tracing, wait_until
+from lab.file_service import FileService
+from peer import LIMIT
+
+# What a daemon does when it changes something, and about how often for one change.
+DEADLY = {
+    "slave": {"pwrite64": 200, "write": 4000, "fdatasync,fsync": 12, "rename,link,unlink": 8,
+              "openat": 2500, "sendto": 4},
+    "master": {"pwrite64": 8, "write": 4000, "fdatasync,fsync": 3, "rename,link,unlink": 4,
+               "openat": 2500, "sendto": 2000},
+}
+PROMOTED = "become a master host"
+
+
+class Victims:
+    """A pair of which one side at a time is killed at a random system call."""
+
+    def __init__(self, pair, dice):
+        self.pair, self.dice, self.number = pair, dice, 0
+        self.copy = pair.master.store(f"{pair.slave.address}.db")
+
+    def change(self):
+        """Other clients, another setting, another stamp of the slave's own: push and fetch."""
+        self.number += 1
+        pair, stamp = self.pair, f"change {self.number}"
+        keys = self.dice.sample(sorted(pair.master.client.items()), 5)
+        pair.master.client.delete(keys[0])
+        pair.master.client.fill({key: stamp for key in [*keys[1:], f"new {self.number}"]})
+        pair.master.config.fill({"dhcpcfg": stamp, "client_db_version": stamp})
+        pair.master.config.put("config_db_version", stamp)
+        pair.slave.config.put("dsver", stamp)
+
+    def settled(self):
+        return not self.pair.difference() and self.copy.get("dsver") == self.stamp_of_slave()
+
+    def stamp_of_slave(self):
+        return self.pair.slave.config.get("dsver")
+
+    def kill_one(self):
+        pair, side = self.pair, self.dice.choice(("master", "slave"))
+        host = getattr(pair, side)
+        calls, most = self.dice.choice(sorted(DEADLY[side].items()))
+        when = int(most ** self.dice.random())
+        print(f"{self.number + 1}: {side} killed at {calls} {when}")
+        host.kill_daemons(pair.executable)
+        self.change()
+        pair.wrapper = tracing.killed_at(calls, when)
+        daemon = getattr(pair, f"start_{side}")()
+        pair.wrapper = ()
+        wait_until(lambda: not daemon.alive or self.settled(), LIMIT, "the kill")
+        died = not daemon.alive
+        host.kill_daemons(pair.executable)
+        self.assert_whole()
+        getattr(pair, f"start_{side}")()
+        return died
+
+    def assert_whole(self):
+        pair = self.pair
+        if pair.slave.config.get("client_db_version") == pair.master.config.get("client_db_version"):
+            assert not pair.master.client.difference(pair.slave.client)
+        assert self.copy.verify()
+
+    def assert_converges(self):
+        wait_until(self.settled, LIMIT, "equal stores and a new copy", interval=0.05)
+        for host in (self.pair.master, self.pair.slave):
+            assert host.config.verify() and host.client.verify()
+        assert self.copy.verify()
+
+
+def test_killed_at_any_moment(pair_factory, seed, rounds):
+    pair = pair_factory(clients=lab.realistic_clients(2000))
+    victims = Victims(pair, random.Random(seed))
+    with FileService(pair.slave):
+        pair.start()
+        wait_until(victims.settled, LIMIT, "equal stores and a copy")
+        died = 0
+        for _ in range(rounds):
+            died += victims.kill_one()
+            victims.assert_converges()
+    print(f"{rounds} kills, {died} of them in the middle of something")
+    assert died
+
+
+def test_records_are_flushed_before_their_stamp_is_written(pair_factory):
+    """As strace sees it: no power failure can leave a stamp, or a name, ahead of what it stands for."""
+    trace, folder = "/lab/out/trace", "/etc/quoradmind/"
+    calls = "pwrite64,write,fsync,fdatasync,rename"
+    pair = pair_factory(
+        clients=lab.realistic_clients(2000), slave_clients=lab.realistic_clients(10, seed=2)
+    )
+    slave = pair.slave
+    pair.start_master()
+    pair.wrapper = tracing.recording(trace, calls)
+    pair.start_slave()
+    pair.wait_equal(LIMIT)
+    unflushed, stamps, names = {}, 0, 0
+    for step in tracing.recorded(slave, trace):
+        place = step.paths[-1] if step.paths else ""
+        if not place.startswith(folder):
+            continue
+        if step.call in ("write", "pwrite64"):
+            if place.endswith("/config.db"):
+                stamps += 1
+                assert not unflushed.get(folder + "client.db"), "records behind their stamp"
+            unflushed[place] = unflushed.get(place, 0) + 1
+        elif step.call in ("fsync", "fdatasync"):
+            unflushed.pop(place, None)
+        else:
+            names += 1
+            assert not unflushed.get(step.paths[0]), "a name for what is not on disk"
+    assert stamps and names and not unflushed
+    slave.kill_daemons(pair.executable)
+
+
+@pytest.mark.parametrize("orders", [0, 1])
+def test_every_order_of_ending_and_starting(pair_factory, ctl, orders):
+    """Right roles and bound ports; the services of a life that ended promoted are stopped first."""
+    pair = pair_factory(clients=lab.realistic_clients(20))
+    pair.start()
+    sides = ("master", "slave")
+    every = list(itertools.product(itertools.permutations(sides), itertools.permutations(sides)))
+    for ends, starts in every[orders::2]:
+        pair.wait_equal(LIMIT)
+        mark = pair.slave.log_mark()
+        getattr(pair, f"{ends[0]}_daemon").kill()
+        if ends[0] == "master":
+            pair.slave.wait_log(PROMOTED, LIMIT, mark)
+            wait_until(lambda: pair.slave.service_running("stagd"), LIMIT, "the services")
+        getattr(pair, f"{ends[1]}_daemon").kill()
+        for side in starts:
+            host, mark = getattr(pair, side), getattr(pair, side).log_mark()
+            ctl(host, "service", "stop", "boot", "--if-slave")
+            assert not host.service_running("quordhcpd") and not host.service_running("stagd")
+            getattr(pair, f"start_{side}")()
+            host.wait_log(f"quorsyncd_role:{side}", LIMIT, mark)
+        pair.master.config.put("client_db_version", f"{ends} {starts}")
+    pair.wait_equal(LIMIT)
+    assert not pair.slave.service_running("quordhcpd")
+    assert pair.slave.config.get("dhcp") is None
