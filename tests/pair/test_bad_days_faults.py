@@ -16,6 +16,7 @@ RESTORED = "restore to be a slave host"
 TURN = re.compile(f"{PROMOTED}|{RESTORED}")
 CLIENTS = lab.realistic_clients(20)
 MARGIN = 60.0
+FOLDERS = ("/etc/quoradmind", "/var/log", "/tmp")
 
 # A start of the services, and their stop, as the calls of the slave show them.
 STEPS = {
@@ -125,6 +126,20 @@ def live_through(days):
             print(day.story())
 
 
+def random_trial(dice):
+    side, folder = dice.choice(("master", "slave")), dice.choice(FOLDERS)
+    way, share = dice.choice(("in", "out", "both")), round(dice.uniform(0.05, 0.6), 2)
+    kind = dice.choice((faults.full, faults.read_only, faults.missing))
+    name, fault = dice.choice((
+        (f"line cut {way}", faults.cut(way)),
+        (f"frames lost {way} {share}", faults.cut(way, share)),
+        (f"{side} stopped", faults.stopped(side)),
+        (f"{side}: {folder} {kind.__name__}", kind(side, folder)),
+    ))
+    return name, dice.uniform(0.5, 45), fault, None
+
+
+
 LINE = [
     ("line cut", 1, faults.cut(), False),
     ("line cut", 5, faults.cut(), None),
@@ -156,3 +171,12 @@ DISK = [
                          ids=["line", "loss and standstill", "disk", "log and scratch"])
 def test_a_pair_heals(pair_factory, trials):
     live_through([BadDay(pair_factory(clients=CLIENTS), *trial) for trial in trials])
+
+
+@pytest.mark.soak
+def test_pairs_heal_from_anything(pair_factory, seed, rounds):
+    """Larger lists, so that pushes are under way when something breaks or heals."""
+    dice, clients = random.Random(seed), lab.realistic_clients(3000)
+    for _ in range(max(1, rounds // 30)):
+        trials = [random_trial(dice) for _ in range(6)]
+        live_through([BadDay(pair_factory(clients=clients), *trial) for trial in trials])

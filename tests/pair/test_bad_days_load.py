@@ -1,0 +1,96 @@
+"""What a long life leaves behind in a daemon: nothing."""
+
+import time
+
+import lab
+from lab import wait_until
+from lab.file_service import FileService
+from peer import (
+    ALL,
+    CLIENT,
+    CONFIG,
+    LIMIT,
+    REQUEST,
+    FakeMaster,
+    FakeSlave,
+    await_master,
+    beat_back,
+    heartbeat,
+    record,
+    request,
+)
+
+MIB = 1 << 20
+CLIENTS = lab.realistic_clients(100)
+
+
+class Size:
+    """A daemon's memory and descriptors, before and after."""
+
+    def __init__(self, daemon):
+        self._daemon = daemon
+        self.memory, self.descriptors = daemon.rss(), self._count()
+
+    def _count(self):
+        return len(self._daemon.descriptors())
+
+    def assert_same(self, what):
+        wait_until(lambda: self._count() <= self.descriptors, LIMIT, "the old descriptors")
+        growth, count = self._daemon.rss() - self.memory, self._count()
+        print(f"{what}: {self.memory / MIB:.1f} MiB {growth / MIB:+.2f}, {count} descriptors "
+              f"{count - self.descriptors:+}")
+        assert growth < MIB
+
+
+def warmed_up(daemon, step, times, what):
+    """Do it often; the tenth part of it before the daemon is measured first."""
+    for number in range(times // 10 + 1):
+        step(-1 - number)
+    size, begin = Size(daemon), time.monotonic()
+    for number in range(times):
+        step(number)
+    size.assert_same(f"{times:,} {what} in {time.monotonic() - begin:.0f} s")
+
+
+def test_a_master_stays_as_it_is(pair_factory, rounds):
+    pair = pair_factory(clients=CLIENTS)
+    daemon, ends = pair.start_master(), "refresh_dhcp open"
+    await_master(pair.master)
+    with FakeSlave(pair.slave, pair.master) as peer:
+        quiet = heartbeat("", "")
+        warmed_up(daemon, lambda _: peer.ask(quiet), 1000 * rounds, "heartbeats")
+        warmed_up(daemon, lambda _: peer.ask(request(ALL)), 5 * rounds, "pushes")
+        with FileService(pair.slave):
+
+            def fetch(number):
+                # One at a time: what is queued takes memory, and has a right to.
+                mark = pair.master.log_mark()
+                peer.ask(heartbeat(pair.slave.address, f"another {number}"))
+                pair.master.wait_log(ends, LIMIT, mark)
+
+            warmed_up(daemon, fetch, 5 * rounds, "fetches")
+
+
+def test_a_slave_stays_as_it_is(pair_factory, rounds):
+    pair = pair_factory(clients=CLIENTS)
+    daemon = pair.start_slave()
+    pushed = [record(CLIENT, key, value) for key, value in CLIENTS.items()]
+    with FakeMaster(pair.master, pair.slave) as master:
+
+        def push(number):
+            stamp = f"push {number}"
+            # What it asks for at the first is left unread: the answer is already here.
+            master.tell(beat_back(f"{stamp}#{stamp}"), record(CONFIG, "dbver", stamp), *pushed,
+                        record(CLIENT, "dbver", stamp))
+            assert master.hear(REQUEST) == request(CONFIG)
+            assert master.hear(REQUEST) == request(CLIENT)
+
+        def beat(_):
+            master.tell(beat_back("same#same"))
+
+        warmed_up(daemon, push, 5 * rounds, "pushes")
+        master.tell(record(CONFIG, "dbver", "same"), record(CLIENT, "dbver", "same"))
+        warmed_up(daemon, beat, 1000 * rounds, "beats")
+        stamp = "client_db_version"
+        wait_until(lambda: pair.slave.config.get(stamp) == b"same", LIMIT, "the last stamp")
+    assert pair.slave.client.items() == CLIENTS
