@@ -19,13 +19,15 @@ _quorsyncctl() {
         --file\ * | -f\ store*) found="config client disk" ;;
         --set\ *) found="auto config client" ;;
         bump\ *) found="config client" ;;
+        diff\ * | *\ diff) found="config client disk" ;;
         --since\ *) found="today yesterday 30m 2h 3d" ;;
         --dir\ *) mapfile -t COMPREPLY < <(compgen -d -- "$current"); return ;;
-        *) [[ $current == -* ]] && wanted=Options:
-           found=$(_quorsyncctl_help "${verbs[@]}") ;;
     esac
+    if [ -z "$found" ] || [[ $current == -* ]]; then
+        [[ $current == -* ]] && wanted=Options:
+        found=$(_quorsyncctl_help "${verbs[@]}")
+    fi
     mapfile -t COMPREPLY < <(compgen -W "$found" -- "$current")
-    [ -n "$found" ] && [ ${#COMPREPLY[@]} -gt 0 ] ||
-        mapfile -t COMPREPLY < <(compgen -f -- "$current")
+    [ ${#COMPREPLY[@]} -gt 0 ] || mapfile -t COMPREPLY < <(compgen -f -- "$current")
 }
 complete -o filenames -F _quorsyncctl quorsyncctl
