@@ -1,0 +1,65 @@
+"""What the unit runs around the daemon: before each start, and to end it."""
+
+import os
+import re
+import signal
+from pathlib import Path
+
+import pytest
+from lab import wait_until
+from peer import LIMIT
+
+ROOT = Path(__file__).resolve().parents[2]
+BEFORE_START = re.compile(r"^ExecStartPre=-/usr/sbin/quorsyncctl (.*)$", re.M)
+
+
+@pytest.fixture
+def before_start(ctl):
+    """Runs in a host what comes before a start."""
+    lines = BEFORE_START.findall((ROOT / "debian/quorsyncd.service").read_text())
+    assert len(lines) == 2
+
+    def run(host):
+        for line in lines:
+            assert ctl(host, *line.split())[0] == 0, line
+
+    return run
+
+
+def both_run(host):
+    return host.service_running("quordhcpd") and host.service_running("stagd")
+
+
+def test_a_start_ends_what_a_killed_acting_master_left(lonely_slaves, run_daemon, before_start):
+    (slave,) = lonely_slaves("slave")
+    daemon = run_daemon(slave)
+    wait_until(lambda: both_run(slave), LIMIT, "both services of the acting master")
+    daemon.kill()
+    assert both_run(slave)
+    before_start(slave)
+    assert not slave.service_running("quordhcpd") and not slave.service_running("stagd")
+
+
+def test_a_start_leaves_the_services_of_a_master(pair_factory, ctl, before_start):
+    master = pair_factory().master
+    assert ctl(master, "service", "start", "boot")[0] == 0
+    before_start(master)
+    assert both_run(master)
+
+
+def end(host, daemon):
+    path = host.expose(ROOT / "packaging/end-daemon")
+    host.run([path, str(daemon.pid)], timeout=LIMIT, check=True)
+
+
+def test_the_end_of_a_slave_and_of_a_master(pair_factory):
+    """A slave lives on, but has nothing left that SIGKILL could hurt."""
+    pair = pair_factory()
+    pair.start()
+    end(pair.slave, pair.slave_daemon)
+    assert pair.slave_daemon.poll() is None
+    assert len(os.listdir(f"/proc/{pair.slave_daemon.outer_pid}/task")) == 1
+    assert pair.slave.shell("cat /proc/sysvipc/sem").count("\n") == 1  # The heading.
+    end(pair.master, pair.master_daemon)
+    assert pair.master_daemon.wait(LIMIT) == -signal.SIGTERM
+    end(pair.master, pair.master_daemon)  # Nobody is there any more: no failure.
