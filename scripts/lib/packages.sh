@@ -10,7 +10,7 @@ declare -A packages=(
     [fuzz]="clang libclang-rt-14-dev"
     [format]="clang-format"
     [tidy]="clang-tidy"
-    [deb]="debhelper dpkg-dev lintian mandoc scdoc"
+    [deb]="build-essential debhelper dpkg-dev lintian mandoc scdoc"
 )
 
 # missing_packages PACKAGE...: those of them that are not installed, one a line.
