@@ -78,7 +78,7 @@ std::string_view field_text(const char (&field)[N]) {
     return whole.substr(0, whole.find('\0'));
 }
 
-// `stamp` as both sides compare it: at most MAX_STAMP bytes.
+// `stamp` as both sides compare it: up to a zero byte, at most MAX_STAMP bytes.
 std::string_view comparable_stamp(std::string_view stamp);
 
 // A heartbeat of the server at `serverip` (dotted, may be empty) with its stamp `dsver`; both are

@@ -20,7 +20,7 @@
 // verdict is kept while the file stays the same. A damaged file is treated as one that cannot be
 // opened, and is never written into.
 //
-// All operations may be called from any thread. They log at LOG_ERROR only:
+// All operations may be called from any thread. Those that open a file log at LOG_ERROR
 //   "db_create %s\n"    no handle could be made
 //   "DB->open %s %s"    the file cannot be opened or does not verify (reason, path)
 //   "DB->put %s"        a record cannot be stored
@@ -73,6 +73,7 @@ private:
     bool usable_;
     bool damaged_;
     bool written_ = false;
+    bool put_failed_ = false;  // then nobody can say whether the file is sound
 };
 
 // A walk over the records of an open store, in the file's own order.

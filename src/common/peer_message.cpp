@@ -21,7 +21,8 @@ void fill_field(char (&field)[N], std::string_view text, std::size_t reserve) {
 }  // namespace
 
 std::string_view comparable_stamp(std::string_view stamp) {
-    return stamp.substr(0, MAX_STAMP);
+    // Other tools may have stored the terminating zero byte with the text.
+    return stamp.substr(0, std::min(MAX_STAMP, stamp.find('\0')));
 }
 
 PeerMessage make_heartbeat(std::string_view serverip, std::string_view dsver) {

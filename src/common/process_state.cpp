@@ -41,7 +41,7 @@ char* format_timestamp(char* buffer, std::size_t size) {
 
 void ensure_dsver() {
     std::string present;
-    if (db_read_settled(CONFIG_DB, KEY_DSVER, present) != StoreRead::FOUND) {
+    if (db_read_settled(CONFIG_DB, KEY_DSVER, present) == StoreRead::ABSENT) {
         char stamp[20];
         (void)db_put(CONFIG_DB, KEY_DSVER, format_timestamp(stamp, sizeof stamp));
     }

@@ -124,7 +124,7 @@ int Store::close() {
     }
     const int result = db_->close(db_, 0);
     db_ = nullptr;
-    if (result == 0 && written_) {
+    if (result == 0 && written_ && !put_failed_ && lock_) {
         keep_verdict(*lock_);
     }
     usable_ = false;
@@ -152,8 +152,10 @@ int Store::put(std::string_view key, std::string_view value) {
     }
     DBT name = dbt_of(key);
     DBT data = dbt_of(value);
-    written_ = true;
-    return db_->put(db_, nullptr, &name, &data, 0);
+    const int result = db_->put(db_, nullptr, &name, &data, 0);
+    written_ = written_ || result == 0;
+    put_failed_ = put_failed_ || result != 0;
+    return result;
 }
 
 int Store::del(std::string_view key) {

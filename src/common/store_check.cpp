@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <bit>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -35,6 +36,15 @@ FileIdentity identity_of(const struct stat& status) {
             status.st_ctim.tv_nsec};
 }
 
+// Whether the next change would get another time: the system's clock of files ticks slowly.
+bool has_settled(const struct stat& status) {
+    constexpr auto TICK = 20ms;
+    const auto changed = std::chrono::seconds(status.st_ctim.tv_sec) +
+                         std::chrono::nanoseconds(status.st_ctim.tv_nsec);
+    const auto age = std::chrono::system_clock::now().time_since_epoch() - changed;
+    return age > TICK || age < -TICK;  // a clock may have been set
+}
+
 // Verdicts "sound" by path. Guarded by its own mutex: the locks of two paths do not exclude each
 // other.
 class Verdicts {
@@ -63,16 +73,25 @@ Verdicts& verdicts() {
 }
 
 // The library's verifier frees memory twice, and aborts, on a page that says it belongs to a heap.
-// No hash file has one.
-bool has_heap_page(int fd, off_t size) {
+// No hash file has one. Files in the other byte order, which no host of a pair makes, are not
+// looked into: their page size would be misread.
+bool harms_the_verifier(int fd, off_t size) {
+    constexpr off_t MAGIC_AT = 12;
     constexpr off_t PAGE_SIZE_AT = 20;
     constexpr off_t TYPE_AT = 25;
     constexpr std::uint8_t HEAP = 15;
     constexpr std::uint8_t HEAP_INDEX = 16;
+    constexpr std::uint32_t SMALLEST_PAGE = 512;
+    constexpr std::uint32_t LARGEST_PAGE = 65536;
+    std::uint32_t magic = 0;
     std::uint32_t page_size = 0;
-    if (pread(fd, &page_size, sizeof page_size, PAGE_SIZE_AT) != sizeof page_size ||
-        page_size < 512) {
-        return false;  // the verifier sees that, too
+    if (pread(fd, &magic, sizeof magic, MAGIC_AT) != sizeof magic ||
+        pread(fd, &page_size, sizeof page_size, PAGE_SIZE_AT) != sizeof page_size) {
+        return false;  // too short for any page
+    }
+    if (magic != DB_HASHMAGIC || !std::has_single_bit(page_size) || page_size < SMALLEST_PAGE ||
+        page_size > LARGEST_PAGE) {
+        return true;
     }
     for (off_t page = 0; page < size; page += page_size) {
         std::uint8_t type = 0;
@@ -92,7 +111,7 @@ int verify_file(int fd, const std::string& path) {
         return errno;
     }
     const off_t size = status.st_size;
-    if (has_heap_page(fd, size)) {
+    if (harms_the_verifier(fd, size)) {
         return DB_VERIFY_BAD;
     }
     DB* db = create_handle(size > LARGE_FILE ? VERIFY_CACHE : 0);
@@ -120,7 +139,7 @@ int verify_store(const StoreLock& lock) {
         (void)fstat(lock.fd(), &before);
         result = verify_file(lock.fd(), lock.path());
     }
-    if (result == 0) {
+    if (result == 0 && has_settled(before)) {
         verdicts().keep(lock.path(), identity_of(before));
     }
     return result;

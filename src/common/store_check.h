@@ -1,5 +1,5 @@
 // Whether a database file is sound enough to be handed to the library, and what stands in the way
-// of creating one. All operations want the file's lock held.
+// of creating one. The operations that take a StoreLock want it held.
 #pragma once
 
 #include <string>

@@ -63,13 +63,15 @@ Snapshot take_snapshot(const char* path) {
     if (const int missing = ensure_file(lock); missing != 0) {
         return {missing, OwnedFd()};
     }
-    const bool sound = verdict_known(lock);
+    if (const int damaged = verify_store(lock); damaged != 0) {
+        return {damaged, OwnedFd()};
+    }
     OwnedFd copy = copy_of(lock);
     if (!copy.valid()) {
         return {errno, OwnedFd()};
     }
     // Nobody has touched the file since it was found sound, so its copy is.
-    if (sound && verdict_known(lock)) {
+    if (verdict_known(lock)) {
         return {0, std::move(copy)};
     }
     lock.release();

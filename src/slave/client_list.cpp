@@ -4,32 +4,57 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <optional>
-#include <vector>
+#include <string_view>
+#include <thread>
 
 #include "keys.h"
 #include "log.h"
+#include "process_state.h"
 #include "store.h"
-#include "store_walk.h"
 
 namespace {
+
+using namespace std::chrono_literals;
 
 // A stamp is stored or the old list put back, never both. Taken before the lock of client.db.
 std::mutex completion;
 
 std::atomic<bool> put_back = false;
 
+std::atomic<int> works_in_hand = 0;
+
+// When the last work on the list ended, in steady time since its epoch; 0 outside a push.
+std::atomic<std::chrono::nanoseconds::rep> last_work = 0;
+
+constexpr auto SILENCE = 2s;  // after so long a push no longer counts as alive
+constexpr auto STEP = 50ms;
+
+std::chrono::nanoseconds steady_now() {
+    return std::chrono::steady_clock::now().time_since_epoch();
+}
+
+bool push_is_alive() {
+    const std::chrono::nanoseconds last(last_work);
+    return works_in_hand > 0 || (last != 0ns && steady_now() - last < SILENCE);
+}
+
 std::optional<std::size_t> count_records(const char* path) {
-    RecordWalk walk(path);
-    std::vector<StoredRecord> chunk;
-    std::size_t count = 0;
-    while (walk.next_chunk(chunk)) {
-        count += chunk.size();
+    const std::unique_ptr<Store> store = db_open(path);
+    if (!store || !store->usable()) {
+        return std::nullopt;
     }
-    return walk.failed() ? std::nullopt : std::optional(count);
+    StoreCursor cursor(*store);
+    std::size_t count = 0;
+    for (std::string_view key, value; cursor.next(key, value);) {
+        ++count;
+    }
+    return cursor.failed() ? std::nullopt : std::optional(count);
 }
 
 }  // namespace
@@ -50,9 +75,11 @@ void complete_client_list(const char* stamp) {
     if (put_back) {
         write_log(LOG_ERROR, "%s not stored: the previous client list was put back",
                   KEY_CLIENT_VERSION);
-    } else if (db_store(CONFIG_DB, KEY_CLIENT_VERSION, stamp)) {
-        (void)unlink(PREVIOUS_CLIENT_DB);
+        return;
     }
+    // In this order: a kill in between must not leave a list that is older than the stamp.
+    (void)unlink(PREVIOUS_CLIENT_DB);
+    (void)db_put(CONFIG_DB, KEY_CLIENT_VERSION, stamp);
 }
 
 void put_back_client_list() {
@@ -76,4 +103,23 @@ void put_back_client_list() {
     (void)unlink(PREVIOUS_CLIENT_DB);
     write_log(LOG_ERROR, "client list put back: %zu records, instead of %zu of an unfinished push",
               *kept, unfinished.value_or(0));
+}
+
+ClientListWork::ClientListWork() {
+    ++works_in_hand;
+}
+
+ClientListWork::~ClientListWork() {
+    last_work = steady_now().count();
+    --works_in_hand;
+}
+
+void note_end_of_push() {
+    last_work = 0;
+}
+
+void await_end_of_push() {
+    while (push_is_alive() && slave_exit_requested != 1) {
+        std::this_thread::sleep_for(STEP);
+    }
 }

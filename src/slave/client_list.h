@@ -17,11 +17,28 @@ bool clear_client_db();
 // is still under way must not add to it. Ask while client.db is open and thus locked.
 bool client_list_put_back();
 
-// Stores the stamp of a list whose records are all on disk, and drops the kept one. Refused, with a
-// line at LOG_ERROR, when the old list was put back meanwhile.
+// Drops the kept list and stores the stamp of the new one, whose records are all on disk. Refused,
+// with a line at LOG_ERROR, when the old list was put back meanwhile.
 void complete_client_list(const char* stamp);
 
-// Before the boot services start: puts a kept list back in the place of an unfinished one, and says
-// so in one line at LOG_ERROR with the number of records of both. The stamps stay as they are, so
-// that the returning master is asked again. A kept list that cannot be read changes nothing.
+// Puts a kept list back in the place of an unfinished one, and says so in one line at LOG_ERROR
+// with the number of records of both. The stamps stay as they are, so that a returning master is
+// asked again. A kept list that cannot be read changes nothing.
 void put_back_client_list();
+
+// Lives while the receiver works on a record of the list or flushes it.
+class ClientListWork {
+public:
+    ClientListWork();
+    ClientListWork(const ClientListWork&) = delete;
+    ClientListWork& operator=(const ClientListWork&) = delete;
+    ~ClientListWork();
+};
+
+// The connection that brought records of the list has ended.
+void note_end_of_push();
+
+// Waits while the list keeps growing: its master lives, and a list that takes longer than the miss
+// counter lasts would otherwise be thrown away at its end, for ever. Ends when the process is to
+// stop, too.
+void await_end_of_push();

@@ -24,6 +24,7 @@ bool may_be_stored(const char* key, bool set_failed) {
 
 RecordSink::~RecordSink() {
     close_batch();
+    note_end_of_push();
 }
 
 void RecordSink::apply_data_record(const DataRecord& record) {
@@ -31,27 +32,39 @@ void RecordSink::apply_data_record(const DataRecord& record) {
     const std::string value(field_text(record.value));
     write_log(LOG_INFO, "data %d: %s=%s", static_cast<int>(record.kind), key.c_str(),
               value.c_str());
-    const bool is_stamp = key == DBVER_KEY;
-    if (record.kind == DATA_KIND_CLIENT && !is_stamp) {
+    if (record.kind == DATA_KIND_CLIENT) {
+        apply_client(key, value);
+    } else {
+        close_batch();
+    }
+    if (record.kind == DATA_KIND_CONFIG) {
+        apply_setting(key, value);
+    }
+}
+
+void RecordSink::apply_client(const std::string& key, const std::string& value) {
+    const ClientListWork work;
+    if (key != DBVER_KEY) {
         put_client(key, value);
         return;
     }
     close_batch();
-    if (record.kind == DATA_KIND_CLIENT) {
-        if (may_be_stored(KEY_CLIENT_VERSION, clients_failed_)) {
-            complete_client_list(value.c_str());
-        }
-    } else if (record.kind == DATA_KIND_CONFIG && is_stamp) {
-        if (may_be_stored(KEY_CONFIG_VERSION, config_failed_)) {
-            (void)db_put(CONFIG_DB, KEY_CONFIG_VERSION, value.c_str());
-        }
-    } else if (record.kind == DATA_KIND_CONFIG) {
+    if (may_be_stored(KEY_CLIENT_VERSION, clients_failed_)) {
+        complete_client_list(value.c_str());
+    }
+}
+
+void RecordSink::apply_setting(const std::string& key, const std::string& value) {
+    if (key != DBVER_KEY) {
         config_failed_ = !db_store(CONFIG_DB, key.c_str(), value.c_str()) || config_failed_;
+    } else if (may_be_stored(KEY_CONFIG_VERSION, config_failed_)) {
+        (void)db_put(CONFIG_DB, KEY_CONFIG_VERSION, value.c_str());
     }
 }
 
 void RecordSink::put_client(const std::string& key, const std::string& value) {
-    if (!clients_ && !open_batch()) {
+    const bool refused = clients_failed_ && client_list_put_back();
+    if (refused || (!clients_ && !open_batch())) {
         clients_failed_ = true;
         return;
     }
@@ -59,14 +72,16 @@ void RecordSink::put_client(const std::string& key, const std::string& value) {
         write_log(LOG_ERROR, "DB->put %s", store_error_text(result));
         clients_failed_ = true;
     }
+    clients_stored_ = true;
 }
 
 bool RecordSink::open_batch() {
     clients_ = db_open(CLIENT_DB, BATCH_CACHE);
     if (clients_ && clients_->damaged()) {
-        // Everything in it comes from the master anyway.
+        // Everything in it comes from the master anyway; what this connection brought is lost.
         clients_.reset();
-        (void)clear_client_db();
+        clients_failed_ = clients_failed_ || clients_stored_;
+        (void)db_replace_empty(CLIENT_DB);
         clients_ = db_open(CLIENT_DB, BATCH_CACHE);
     }
     if (clients_ && (!clients_->usable() || client_list_put_back())) {
@@ -77,6 +92,7 @@ bool RecordSink::open_batch() {
 
 void RecordSink::close_batch() {
     if (clients_) {
+        const ClientListWork work;
         if (const int result = clients_->close(); result != 0) {
             write_log(LOG_ERROR, "%s cannot be flushed:%s", CLIENT_DB, store_error_text(result));
             clients_failed_ = true;

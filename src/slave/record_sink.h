@@ -24,9 +24,8 @@ public:
 
     // Stores one record. Kind 1 goes to config.db, kind 2 to client.db; the key "dbver" becomes
     // that set's stamp in config.db, unless a record of the set could not be stored on this
-    // connection
-    // ("... not stored: ..." at LOG_ERROR). Other kinds are ignored. A damaged client.db is
-    // replaced by an empty one. Logs "data %d: %s=%s" for every record (LOG_INFO).
+    // connection ("... not stored: ..." at LOG_ERROR). Other kinds are ignored. A damaged client.db
+    // is replaced by an empty one. Logs "data %d: %s=%s" for every record (LOG_INFO).
     void apply_data_record(const DataRecord& record);
 
     bool has_batch() const { return clients_ != nullptr; }
@@ -35,10 +34,13 @@ public:
     void close_batch();
 
 private:
+    void apply_client(const std::string& key, const std::string& value);
+    void apply_setting(const std::string& key, const std::string& value);
     void put_client(const std::string& key, const std::string& value);
     bool open_batch();
 
     std::unique_ptr<Store> clients_;
     bool config_failed_ = false;
     bool clients_failed_ = false;
+    bool clients_stored_ = false;  // any, on this connection
 };

@@ -91,6 +91,7 @@ void become_master() {
     (void)post_event(EVENT_NOTICE, EVENT_TOOK_OVER, errno, nullptr);
     write_log(LOG_INFO, "become a master host");
     role = ROLE_ACTING_MASTER;
+    await_end_of_push();
     put_back_client_list();
     (void)start_boot_services();
 }

@@ -56,6 +56,8 @@ void data_sync_trigger(int connection, const DataRecord& answer) {
         write_log(LOG_INFO, "func:%s line%d client_version:%s, master_client_version:%s\n",
                   "data_sync_trigger", 105, client->c_str(), masters.client.c_str());
         start_data_sync(connection, master_ip, DATA_KIND_CLIENT);
+    } else {
+        put_back_client_list();  // a master that is back at the old stamp pushes nothing
     }
 }
 

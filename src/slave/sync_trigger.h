@@ -9,7 +9,9 @@
 
 // Compares the master's stamps in `answer` with the own ones and asks for each set that differs,
 // configuration first. `connection` is not used. Logs "start_data_syncd CONFIG" or "... CLIENT" and
-// a line with both stamps (LOG_INFO), and "master_client_version == NULL !!" (LOG_ERROR).
+// a line with both stamps (LOG_INFO), "master_client_version == NULL !!" (LOG_ERROR), and "own
+// version stamps cannot be read, nothing asked for" (LOG_ERROR). Where the client stamps agree, a
+// list that a broken push left behind is put back.
 void data_sync_trigger(int connection, const DataRecord& answer);
 
 // Sends a data request for `kind` to `master_address`. `connection` is not used. A failure is

@@ -128,5 +128,8 @@ void start_master() {
         (void)fd.release();  // stays bound: no second master may start beside a broken one
         return;
     }
+    for (const char* key : {KEY_CONFIG_VERSION, KEY_CLIENT_VERSION}) {
+        (void)current_stamp(key);  // to have one to answer, whatever becomes of config.db
+    }
     serve(fd.get());
 }

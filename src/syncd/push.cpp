@@ -40,10 +40,10 @@ public:
     explicit Outbox(int connection) : connection_(connection) { messages_.reserve(MESSAGES); }
 
     void add(const PeerMessage& message) {
-        messages_.push_back(message);
         if (messages_.size() == MESSAGES) {
             (void)send();
         }
+        messages_.push_back(message);
     }
 
     // Whether all that was added since the last call has been sent; logs a line for each that was

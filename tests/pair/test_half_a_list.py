@@ -1,9 +1,11 @@
-"""A push that breaks off: the slave takes over with the whole list that it had before."""
+"""A push that breaks off, or takes long: the slave takes over with one whole list or the other."""
+
+import time
 
 import lab
 import pytest
 from lab import wait_until
-from peer import LIMIT
+from peer import CLIENT, LIMIT, FakeMaster, beat_back, record
 
 PREVIOUS = "etc/quoradmind/client.db.previous"
 
@@ -45,3 +47,26 @@ def test_a_broken_push_costs_no_client(pair_factory, restarted):
     pair.start_master()
     pair.wait_equal(LIMIT)
     assert not (slave.root / PREVIOUS).exists()
+
+
+def test_a_push_longer_than_the_slaves_patience_is_not_thrown_away(pair_factory):
+    pair = pair_factory(slave_config={"client_db_version": "1"}, slave_clients={"old": "1"})
+    slave = pair.slave
+    pair.start_slave()
+    sent = {}
+    with FakeMaster(pair.master, slave) as master:
+        master.tell(beat_back("#2"))
+        wait_until(lambda: (slave.root / PREVIOUS).exists(), LIMIT, "an emptied list")
+        link = master.connect()
+        while len(sent) < 5 or not slave.find_log("become a master host"):
+            key = f"client{len(sent)}"
+            sent[key.encode()] = b"new"
+            link.sendall(record(CLIENT, key, "new"))
+            time.sleep(0.2)
+        assert not slave.service_running("stagd")
+        link.sendall(record(CLIENT, "more", "new") + record(CLIENT, "dbver", "2"))
+        link.close()
+        wait_until(lambda: slave.service_running("stagd"), LIMIT, "the services")
+    assert slave.config.get("client_db_version") == b"2"
+    assert slave.client.items() == sent | {b"more": b"new"}
+    assert not slave.find_log("put back")

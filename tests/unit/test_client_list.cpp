@@ -59,6 +59,28 @@ TEST_F(ClientList, IsPutBackWhenAPushBreaksOff) {
     EXPECT_FALSE(kept());
 }
 
+TEST_F(ClientList, IsNotPutBackWhileItGrows) {
+    std::thread supervisor;
+    {
+        RecordSink sink;
+        for (int n = 0; n < 5000; ++n) {
+            sink.apply_data_record(
+                make_data_record(DATA_KIND_CLIENT, std::to_string(n), "new").record);
+            if (n == 0) {
+                supervisor = std::thread([] {
+                    await_end_of_push();
+                    put_back_client_list();
+                });
+            }
+        }
+        sink.apply_data_record(make_data_record(DATA_KIND_CLIENT, DBVER_KEY, "v2").record);
+    }
+    supervisor.join();
+    EXPECT_EQ(records_of(CLIENT_DB).size(), 5000U);
+    EXPECT_EQ(stored(CONFIG_DB, KEY_CLIENT_VERSION), "v2");
+    EXPECT_THAT(logged(), Not(HasSubstr("put back")));
+}
+
 TEST_F(ClientList, IsNotPutBackOnceTheNewOneIsComplete) {
     push("v2");
     put_back_client_list();

@@ -76,6 +76,17 @@ TEST_F(Sink, WithholdsTheStampOfASetThatCouldNotBeStored) {
     EXPECT_EQ(stored(CONFIG_DB, KEY_CLIENT_VERSION), "v2");
 }
 
+TEST_F(Sink, WithholdsTheStampOfASetOfWhichAPartWasLost) {
+    RecordSink sink;
+    apply(sink, DATA_KIND_CLIENT, "client1", "value");
+    sink.close_batch();
+    std::filesystem::resize_file(CLIENT_DB, 4096);
+    apply(sink, DATA_KIND_CLIENT, "client2", "value");
+    apply(sink, DATA_KIND_CLIENT, "dbver", "v2");
+    EXPECT_EQ(stored(CLIENT_DB, "client2"), "value");
+    EXPECT_EQ(stored(CONFIG_DB, KEY_CLIENT_VERSION), "(absent)");
+}
+
 TEST_F(Sink, ReplacesADamagedClientFileButNotADamagedConfiguration) {
     const std::string damaged(8192, 'x');
     write_file(CLIENT_DB, damaged);
