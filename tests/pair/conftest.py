@@ -44,6 +44,12 @@ def pytest_addoption(parser):
     parser.addoption("--seed", type=int, help="for what is random (default: another every time)")
 
 
+def pytest_generate_tests(metafunc):
+    """One long test becomes several, which can run side by side."""
+    if "soak_round" in metafunc.fixturenames:
+        metafunc.parametrize("soak_round", range(metafunc.config.getoption("--rounds") // 20 + 1))
+
+
 @pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_makereport(item, call):
     """Add what the hosts look like to the report, while they still exist."""

@@ -174,9 +174,8 @@ def test_a_pair_heals(pair_factory, trials):
 
 
 @pytest.mark.soak
-def test_pairs_heal_from_anything(pair_factory, seed, rounds):
+def test_pairs_heal_from_anything(pair_factory, seed, soak_round):
     """Larger lists, so that pushes are under way when something breaks or heals."""
-    dice, clients = random.Random(seed), lab.realistic_clients(3000)
-    for _ in range(max(1, rounds // 30)):
-        trials = [random_trial(dice) for _ in range(6)]
-        live_through([BadDay(pair_factory(clients=clients), *trial) for trial in trials])
+    dice, clients = random.Random(f"{seed} {soak_round}"), lab.realistic_clients(3000)
+    trials = [random_trial(dice) for _ in range(6)]
+    live_through([BadDay(pair_factory(clients=clients), *trial) for trial in trials])
