@@ -5,10 +5,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <bit>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <map>
 #include <thread>
@@ -72,31 +74,67 @@ Verdicts& verdicts() {
     return instance;
 }
 
-// The library's verifier frees memory twice, and aborts, on a page that says it belongs to a heap.
-// No hash file has one. Files in the other byte order, which no host of a pair makes, are not
-// looked into: their page size would be misread.
-bool harms_the_verifier(int fd, off_t size) {
-    constexpr off_t MAGIC_AT = 12;
-    constexpr off_t PAGE_SIZE_AT = 20;
-    constexpr off_t TYPE_AT = 25;
-    constexpr std::uint8_t HEAP = 15;
-    constexpr std::uint8_t HEAP_INDEX = 16;
-    constexpr std::uint32_t SMALLEST_PAGE = 512;
-    constexpr std::uint32_t LARGEST_PAGE = 65536;
+constexpr std::uint32_t SMALLEST_PAGE = 512;
+constexpr std::uint32_t LARGEST_PAGE = 65536;
+
+// Whether the first page is that of a plain hash file: no other kind, neither encrypted nor spread
+// over several files.
+bool is_hash_file(const std::array<std::uint8_t, 28>& meta, std::uint32_t page_size) {
+    constexpr std::size_t MAGIC_AT = 12;
+    constexpr std::size_t ENCRYPTION_AT = 24;
+    constexpr std::size_t TYPE_AT = 25;
+    constexpr std::size_t FLAGS_AT = 26;
+    constexpr std::uint8_t META_PAGE = 8;
+    constexpr unsigned PARTITIONED = 0x02U | 0x04U;
     std::uint32_t magic = 0;
-    std::uint32_t page_size = 0;
-    if (pread(fd, &magic, sizeof magic, MAGIC_AT) != sizeof magic ||
-        pread(fd, &page_size, sizeof page_size, PAGE_SIZE_AT) != sizeof page_size) {
+    std::memcpy(&magic, meta.data() + MAGIC_AT, sizeof magic);
+    return magic == DB_HASHMAGIC && meta[ENCRYPTION_AT] == 0 && meta[TYPE_AT] == META_PAGE &&
+           (meta[FLAGS_AT] & PARTITIONED) == 0 && std::has_single_bit(page_size) &&
+           page_size >= SMALLEST_PAGE && page_size <= LARGEST_PAGE;
+}
+
+// Whether it is a page of a hash file, and its free room lies inside: the verifier does not look,
+// and a put would write to wherever that is.
+bool is_hash_page(const std::array<std::uint8_t, 26>& header, std::uint32_t page_size) {
+    constexpr std::size_t ENTRIES_AT = 20;
+    constexpr std::size_t FREE_END_AT = 22;
+    constexpr std::size_t TYPE_AT = 25;
+    constexpr std::uint8_t FREE = 0;
+    constexpr std::uint8_t UNSORTED = 2;
+    constexpr std::uint8_t OVERFLOW_ITEM = 7;
+    constexpr std::uint8_t SORTED = 13;
+    const std::uint8_t type = header[TYPE_AT];
+    if (type != UNSORTED && type != SORTED) {
+        return type == FREE || type == OVERFLOW_ITEM;
+    }
+    std::uint16_t entries = 0;
+    std::uint16_t free_end = 0;
+    std::memcpy(&entries, header.data() + ENTRIES_AT, sizeof entries);
+    std::memcpy(&free_end, header.data() + FREE_END_AT, sizeof free_end);
+    const std::size_t index_end = header.size() + entries * sizeof(std::uint16_t);
+    // In the largest page, the end is beyond 16 bits and stands as 0.
+    const std::size_t end = free_end == 0 ? LARGEST_PAGE : free_end;
+    return index_end <= end && end <= page_size;
+}
+
+// The library's verifier believes what a file says it is: on pages of other kinds it divides by
+// zero, frees memory twice and leaks, and it opens a partitioned file's parts, up to 4 billion. A
+// file in the other byte order, which no host of a pair makes, counts as foreign, too.
+bool harms_the_verifier(int fd, off_t size) {
+    constexpr std::size_t PAGE_SIZE_AT = 20;
+    std::array<std::uint8_t, 28> meta{};
+    if (pread(fd, meta.data(), meta.size(), 0) != static_cast<ssize_t>(meta.size())) {
         return false;  // too short for any page
     }
-    if (magic != DB_HASHMAGIC || !std::has_single_bit(page_size) || page_size < SMALLEST_PAGE ||
-        page_size > LARGEST_PAGE) {
+    std::uint32_t page_size = 0;
+    std::memcpy(&page_size, meta.data() + PAGE_SIZE_AT, sizeof page_size);
+    if (!is_hash_file(meta, page_size)) {
         return true;
     }
-    for (off_t page = 0; page < size; page += page_size) {
-        std::uint8_t type = 0;
-        if (pread(fd, &type, sizeof type, page + TYPE_AT) == sizeof type &&
-            (type == HEAP || type == HEAP_INDEX)) {
+    for (off_t page = page_size; page < size; page += page_size) {
+        std::array<std::uint8_t, 26> header{};
+        if (pread(fd, header.data(), header.size(), page) == static_cast<ssize_t>(header.size()) &&
+            !is_hash_page(header, page_size)) {
             return true;
         }
     }
