@@ -48,21 +48,21 @@ Mac parse_mac(const std::string& text) {
         sound = error == std::errc() && end == digits + 2 && (n + 1 == mac.size() || *end == ':');
     }
     if (!sound) {
-        throw CLI::ValidationError("MAC", "\"" + escape(text) + "\" is not like 00:1e:4f:aa:0b:31");
+        throw CLI::ValidationError("MAC", "\"" + text + "\" is not like 00:1e:4f:aa:0b:31");
     }
     return mac;
 }
 
 void check_address(const std::string& name, const std::string& address) {
     if (!is_dotted_address(address)) {
-        throw CLI::ValidationError(name, "\"" + escape(address) + "\" is no dotted address");
+        throw CLI::ValidationError(name, "\"" + address + "\" is no dotted address");
     }
 }
 
 void check_text(const std::string& name, const std::string& text) {
     if (has_syntax(text)) {
         throw CLI::ValidationError(
-            name, "\"" + escape(text) + "\" holds a quote, brace, backslash or control character");
+            name, "\"" + text + "\" holds a quote, brace, backslash or control character");
     }
 }
 
@@ -92,8 +92,8 @@ void check_not_part_of_another(const std::string& name) {
         return !found.empty();
     });
     if (!found.empty() && found != "\thost " + name + " {") {
-        throw CLI::ValidationError("NAME", "\"" + name + "\" also stands in the line \"" +
-                                               escape(found) + "\" of " + DHCPD_CONF +
+        throw CLI::ValidationError("NAME", "\"" + name + "\" also stands in the line \"" + found +
+                                               "\" of " + DHCPD_CONF +
                                                ", whose block would be replaced: choose another");
     }
 }
@@ -192,7 +192,7 @@ void add_dhcpd_conf(CLI::App& app, int& status) {
                  "ip_begin and ip_end; domain_name (localdomain) and boot_file (pxelinux.0).\n"
                  "Examples:\n"
                  "  quorsyncctl dhcpd-conf write\n"
-                 "  quorsyncctl dhcpd-conf host PC-A-00001 00:1e:4f:aa:0b:31 192.168.0.21 win11\n");
+                 "  quorsyncctl dhcpd-conf host PC-A-00001 00:1e:4f:aa:0b:31 192.168.0.21 win11");
     verb->require_subcommand(1);
     const auto options = std::make_shared<Options>();
     CLI::App* write = verb->add_subcommand("write", "Write the file anew, without boot clients.");

@@ -143,7 +143,7 @@ void add_fetch(CLI::App& app, int& status) {
         add_verb(app, "fetch", "Fetch a file of a peer through its file service.",
                  "LOCAL is replaced only when the whole file has come.\n"
                  "Example:\n"
-                 "  quorsyncctl fetch 192.168.0.2 /etc/quoradmind/config.db /tmp/slave.db\n");
+                 "  quorsyncctl fetch 192.168.0.2 /etc/quoradmind/config.db /tmp/slave.db");
     const auto options = std::make_shared<Options>();
     verb->add_option("ADDRESS", options->address, "The peer, dotted")->required();
     verb->add_option("REMOTE", options->remote, "Path of the file there")->required();

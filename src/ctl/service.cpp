@@ -97,7 +97,7 @@ void add_service(CLI::App& app, int& status) {
         "that starts again does not know of them: its unit runs \"stop boot --if-slave\" before.\n"
         "Examples:\n"
         "  quorsyncctl service stop boot --if-slave\n"
-        "  quorsyncctl service start tftp\n");
+        "  quorsyncctl service start tftp");
     verb->require_subcommand(1);
     const auto options = std::make_shared<Options>();
     CLI::App* starts = verb->add_subcommand("start", "Start a service.")->require_subcommand(1);

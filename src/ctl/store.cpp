@@ -4,7 +4,6 @@
 #include <db.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <memory>
 #include <string>
 
@@ -108,15 +107,20 @@ void check_change(const Options& options, const std::string& value) {
     if (options.key.empty()) {
         throw CLI::ValidationError("KEY", "is empty");
     }
+    if (path.find('/') == std::string::npos && access(path.c_str(), F_OK) != 0) {
+        throw CLI::ValidationError("--file", "\"" + path +
+                                                 "\" is neither config, client or disk nor a file "
+                                                 "here; a new one wants its whole path");
+    }
     if (!misfit.empty()) {
-        throw CLI::ValidationError(escape(options.key), misfit);
+        throw CLI::ValidationError(options.key, misfit);
     }
 }
 
 void check_place(const Options& options) {
     if (!options.force && is_mirrored(options.path(), options.key) && is_slave_by_forecast()) {
         throw CLI::ValidationError(
-            escape(options.key),
+            options.key,
             "this host is the slave: change it on the master, which overwrites it here; "
             "--force changes it all the same");
     }
@@ -171,11 +175,6 @@ int del(const Options& options) {
     return deleted == DB_NOTFOUND ? absent(options) : finish(options, *store, deleted, "del");
 }
 
-bool contains(const std::string& list, const std::string& item) {
-    const auto items = split(list, ',');
-    return std::find(items.begin(), items.end(), std::string_view(item)) != items.end();
-}
-
 void check_item(const Options& options) {
     if (options.value.empty() || options.value.find(',') != std::string::npos) {
         throw CLI::ValidationError("ITEM", "is empty or holds the list's own \",\"");
@@ -189,25 +188,25 @@ std::string present_list(const Options& options) {
 int list_add(const Options& options) {
     check_item(options);
     const std::string list = present_list(options);
-    if (contains(list, options.value)) {
+    if (list_has(list, options.value)) {
         say("{}: already in the list", escape(options.value));
         return EXIT_FINE;
     }
     const std::string longer = list.empty() ? options.value : list + "," + options.value;
     if (longer.size() > MAX_LIST) {
-        throw CLI::ValidationError(escape(options.key), "a list ends at 4095 characters");
+        throw CLI::ValidationError(options.key, "a list ends at 4095 characters");
     }
     check_change(options, longer);
     check_place(options);
     begin_changes();
     db_list_add(options.path().c_str(), options.key.c_str(), options.value.c_str());
-    return contains(present_list(options), options.value) ? changed(options, "list-add")
+    return list_has(present_list(options), options.value) ? changed(options, "list-add")
                                                           : failed(options, last_logged_error());
 }
 
 int list_remove(const Options& options) {
     check_item(options);
-    if (!contains(present_list(options), options.value)) {
+    if (!list_has(present_list(options), options.value)) {
         complain("{}: \"{}\" is not in the list \"{}\"", options.path(), escape(options.value),
                  escape(options.key));
         return EXIT_PROBLEM;
@@ -215,7 +214,7 @@ int list_remove(const Options& options) {
     check_place(options);
     begin_changes();
     db_list_remove(options.path().c_str(), options.key.c_str(), options.value.c_str());
-    return contains(present_list(options), options.value) ? failed(options, last_logged_error())
+    return list_has(present_list(options), options.value) ? failed(options, last_logged_error())
                                                           : changed(options, "list-remove");
 }
 
@@ -308,7 +307,7 @@ void add_store(CLI::App& app, int& status) {
                               "  quorsyncctl store dump --file client --json\n"
                               "  quorsyncctl store put default_writeback /srv/writeback\n"
                               "  quorsyncctl store list-add server_list 192.168.0.2\n"
-                              "  quorsyncctl store bump config\n");
+                              "  quorsyncctl store bump config");
     verb->require_subcommand(1);
     const auto options = std::make_shared<Options>();
     add_readers(*verb, status, options);

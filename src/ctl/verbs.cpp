@@ -17,24 +17,50 @@ constexpr std::array VERBS = {add_check, add_status, add_timeline,   add_store,
                               add_diff,  add_fetch,  add_dhcpd_conf, add_service};
 
 constexpr const char* EXIT_CODES =
-    "\nExit codes: 0 fine, 1 a problem was found, 2 wrong use, 3 cannot tell.";
+    "\n\nExit codes: 0 fine, 1 a problem was found, 2 wrong use, 3 cannot tell.";
 
-// The part of the command line that named a verb: "quorsyncctl store".
-std::string chosen_words(const CLI::App& app) {
-    std::string words = app.get_name();
-    const CLI::App* at = &app;
-    while (!at->get_subcommands().empty()) {
-        at = at->get_subcommands().front();
-        words += " " + at->get_name();
+// The verb, or the group of verbs, that the command line came to.
+const CLI::App& chosen_verb(const CLI::App& app) {
+    const auto chosen = app.get_subcommands();
+    return chosen.empty() ? app : chosen_verb(*chosen.front());
+}
+
+// "quorsyncctl store"
+std::string words_of(const CLI::App& verb) {
+    return (verb.get_parent() == nullptr ? "" : words_of(*verb.get_parent()) + " ") +
+           verb.get_name();
+}
+
+// What is wrong with a command line that came to `verb` and no further.
+std::string fault_text(const CLI::App& verb, const CLI::ParseError& error) {
+    std::string names;
+    for (const CLI::App* known : verb.get_subcommands([](const CLI::App*) { return true; })) {
+        names += (names.empty() ? "" : ", ") + known->get_name();
     }
-    return words;
+    if (names.empty()) {
+        return error.what();
+    }
+    const auto unknown = verb.remaining();
+    return fmt::format("\"{}\" {}wants one of {}", words_of(verb),
+                       unknown.empty() ? "" : fmt::format("has no \"{}\"; it ", unknown.front()),
+                       names);
+}
+
+// Complains of a wrong command line.
+void complain_about(const CLI::App& verb, const CLI::ParseError& error) {
+    if (dynamic_cast<const CLI::ValidationError*>(&error) != nullptr) {
+        complain("{}", escape(error.what()));  // in the verb's own words
+        return;
+    }
+    complain("{}", escape(fault_text(verb, error)));
+    complain("\"{} --help\" tells more", words_of(verb));
 }
 
 }  // namespace
 
 CLI::App* add_verb(CLI::App& parent, const char* name, const char* summary, const char* notes) {
     CLI::App* verb = parent.add_subcommand(name, summary);
-    verb->footer(std::string(notes) + EXIT_CODES);
+    verb->footer(notes + (*notes == '\n' ? 1 : 0) + std::string(EXIT_CODES));
     return verb;
 }
 
@@ -57,10 +83,7 @@ int run_ctl(int argc, char** argv) {
     } catch (const CLI::Success& help) {
         return app.exit(help);
     } catch (const CLI::ParseError& error) {
-        complain("{}", error.what());
-        if (dynamic_cast<const CLI::ValidationError*>(&error) == nullptr) {
-            complain("\"{} --help\" tells more", chosen_words(app));
-        }
+        complain_about(chosen_verb(app), error);
         return EXIT_WRONG_USE;
     } catch (const std::exception& error) {
         complain("{}", error.what());

@@ -25,6 +25,6 @@ void add_fetch(CLI::App& app, int& status);
 void add_dhcpd_conf(CLI::App& app, int& status);
 void add_service(CLI::App& app, int& status);
 
-// A subcommand of `parent` whose help ends with `notes` (indented lines such as examples) and, for
-// a verb, the exit codes.
+// A subcommand of `parent` whose help ends with `notes`, less a newline before them, and the exit
+// codes.
 CLI::App* add_verb(CLI::App& parent, const char* name, const char* summary, const char* notes);

@@ -108,6 +108,7 @@ def test_changes_of_a_store(couple, ctl):
         ["list-add", "server_list", "10.0.0.1,10.0.0.2"],
         ["bump", "disk"],
         ["put", "key"],
+        ["put", "key", "value", "--file", "cleint"],
     ):
         code, _, complaint = ctl(master, "store", *wrong)
         assert code == WRONG_USE and complaint, wrong
@@ -120,6 +121,20 @@ def test_changes_of_a_store(couple, ctl):
     assert ctl(slave, "store", "put", "dhcpcfg", "x", "--force")[0] == FINE
     assert ctl(slave, "store", "put", "ha", "disable")[0] == FINE
     assert slave.config.get("dhcpcfg") == b"x" and slave.config.get("ha") == b"disable"
+
+
+def test_a_wrong_word_is_named_beside_the_right_ones(couple, ctl):
+    for wrong, group, verbs in (
+        (["nonsense"], "quorsyncctl", "check, status, timeline, store, diff, fetch"),
+        (["store", "gett", "ha"], "quorsyncctl store", "get, dump, verify, put"),
+        (["service", "start", "boots"], "quorsyncctl service start", "boot, tftp, ravlo, dhcpd"),
+    ):
+        code, out, complaint = ctl(couple[0], *wrong)
+        assert (code, out) == (WRONG_USE, "")
+        word = wrong[group.count(" ")]
+        assert f'"{group}" has no "{word}"; it wants one of {verbs}' in complaint
+    code, _, complaint = ctl(couple[0], "store")
+    assert code == WRONG_USE and '"quorsyncctl store" wants one of get' in complaint
 
 
 def test_diff_tells_what_is_mirrored(couple, ctl):
