@@ -2,8 +2,8 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <map>
-#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -12,6 +12,8 @@
 
 // Repetitions within this time of each other belong together.
 inline constexpr std::chrono::seconds TOGETHER{60};
+
+inline constexpr long ENDLESS = 3;  // so often in a row is no accident
 
 inline long seconds_between(LogTime from, LogTime to) {
     return static_cast<long>((to - from).count());
@@ -46,9 +48,10 @@ struct Rule {
 };
 
 // Hands the message to the first rule that fits. False when none does.
-template <typename Story>
-bool apply_rules(Story& story, std::span<const Rule<Story>> rules, const LogMessage& message) {
-    const auto rule = std::find_if(rules.begin(), rules.end(), [&message](const Rule<Story>& one) {
+template <typename Story, std::size_t COUNT>
+bool apply_rules(Story& story, const std::array<Rule<Story>, COUNT>& rules,
+                 const LogMessage& message) {
+    const auto* rule = std::find_if(rules.begin(), rules.end(), [&message](const auto& one) {
         return message.text.starts_with(one.start);
     });
     if (rule == rules.end()) {

@@ -8,7 +8,6 @@
 namespace {
 
 constexpr std::size_t MAX_QUEUE = 1000;
-constexpr long ENDLESS = 3;  // so often in a row is no accident
 
 // How the failures of the request client and of the file transfer begin.
 constexpr std::array<std::string_view, 9> FETCH_FAILURES = {
@@ -17,19 +16,15 @@ constexpr std::array<std::string_view, 9> FETCH_FAILURES = {
 
 }  // namespace
 
-std::span<const Rule<FetchStory>> FetchStory::rules() {
+bool FetchStory::take(const LogMessage& message) {
     static constexpr std::array<Rule<FetchStory>, 4> RULES = {{
         {"serverip:", &FetchStory::on_server},
         {"Arg->op:", &FetchStory::on_begin},
         {"Client.GetServerFile nRet:", &FetchStory::on_failed},
         {"refresh_dhcp", &FetchStory::on_done},
     }};
-    return RULES;
-}
-
-bool FetchStory::take(const LogMessage& message) {
     // "refresh_dhcp open ... error ..." is a failure.
-    return !message.text.starts_with("refresh_dhcp ") && apply_rules(*this, rules(), message);
+    return !message.text.starts_with("refresh_dhcp ") && apply_rules(*this, RULES, message);
 }
 
 void FetchStory::restart() {

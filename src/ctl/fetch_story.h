@@ -3,7 +3,6 @@
 
 #include <deque>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 
@@ -23,8 +22,6 @@ public:
     void restart();
 
 private:
-    static std::span<const Rule<FetchStory>> rules();
-
     void on_server(LogTime time, std::string_view server);
     void on_begin(LogTime time, std::string_view);
     void on_failed(LogTime time, std::string_view result);

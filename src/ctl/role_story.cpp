@@ -2,7 +2,9 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
+#include <utility>
 
 #include "forecast.h"
 #include "text.h"
@@ -25,56 +27,46 @@ std::string span_text(const TimelineEvent& event) {
 
 }  // namespace
 
-std::span<const Rule<RoleStory>> RoleStory::rules() {
-    static constexpr std::array<Rule<RoleStory>, 12> RULES = {{
+bool RoleStory::take(const LogMessage& message) {
+    static constexpr std::array<Rule<RoleStory>, 7> RULES = {{
         {"bottle=", &RoleStory::on_bottle},
         {"ha :", &RoleStory::on_attempt},
-        {"server_list:", &RoleStory::on_listed},
-        {"get server address list failed", &RoleStory::on_no_list},
-        {"get myself IP address failed", &RoleStory::on_no_address},
-        {"get db_master faile", &RoleStory::on_no_master},
-        {"first_ip:", &RoleStory::on_compared},
         {"quorsyncd start,", &RoleStory::on_start},
         {"quorsyncd_role:", &RoleStory::on_role},
         {"become a master host", &RoleStory::on_take_over},
         {"restore to be a slave host", &RoleStory::on_step_down},
         {"slave exit line", &RoleStory::on_stop},
     }};
-    return RULES;
-}
-
-bool RoleStory::take(const LogMessage& message) {
-    return apply_rules(*this, rules(), message);
+    return apply_rules(*this, RULES, message) || take_step(message.text);
 }
 
 // --- Waiting for a role ------------------------------------------------------------------------
 
-// Each attempt begins with this line; where it stops tells the reason.
+// Each attempt begins with this line; how far it comes tells the reason.
 void RoleStory::on_attempt(LogTime time, std::string_view ha) {
     end_attempt();
     attempt_ = time;
     attempt_ha_ = ha;
-    waits_for(RoleReason::HA_NOT_ENABLED);
+    attempt_reason_ = RoleReason::HA_NOT_ENABLED;
 }
 
-void RoleStory::on_listed(LogTime /*time*/, std::string_view /*list*/) {
-    waits_for(RoleReason::SINGLE_SERVER);
-}
-
-void RoleStory::on_no_list(LogTime /*time*/, std::string_view /*rest*/) {
-    waits_for(RoleReason::NO_SERVER_LIST);
-}
-
-void RoleStory::on_no_address(LogTime /*time*/, std::string_view /*rest*/) {
-    waits_for(RoleReason::NO_LOCAL_ADDRESS);
-}
-
-void RoleStory::on_no_master(LogTime /*time*/, std::string_view /*rest*/) {
-    waits_for(RoleReason::NO_MASTER);
-}
-
-void RoleStory::on_compared(LogTime /*time*/, std::string_view /*addresses*/) {
-    waits_for(RoleReason::NOT_IN_PAIR);
+// False for a message that is no step of an attempt.
+bool RoleStory::take_step(std::string_view text) {
+    static constexpr std::array<std::pair<std::string_view, RoleReason>, 5> STEPS = {{
+        {"server_list:", RoleReason::SINGLE_SERVER},
+        {"get server address list failed", RoleReason::NO_SERVER_LIST},
+        {"get myself IP address failed", RoleReason::NO_LOCAL_ADDRESS},
+        {"get db_master faile", RoleReason::NO_MASTER},
+        {"first_ip:", RoleReason::NOT_IN_PAIR},
+    }};
+    const auto* step = std::find_if(STEPS.begin(), STEPS.end(), [text](const auto& each) {
+        return text.starts_with(each.first);
+    });
+    if (step == STEPS.end()) {
+        return false;
+    }
+    attempt_reason_ = step->second;
+    return true;
 }
 
 void RoleStory::end_attempt() {
@@ -127,8 +119,10 @@ std::string RoleStory::start_text() const {
 
 void RoleStory::on_stop(LogTime time, std::string_view /*rest*/) {
     events_.add(EventKind::STOP, time,
-                state_.acting ? "ends on request, as acting master: its boot services stay"
-                              : "ends on request");
+                state_.acting
+                    ? "stops its work on request, as acting master: its boot services stay"
+                    : "stops its work on request; its process stays");
+    state_.stop = time;
     state_.acting = false;
 }
 
@@ -140,7 +134,8 @@ void RoleStory::on_bottle(LogTime time, std::string_view values) {
     note_silence(time);
     state_.role = "slave";
     state_.bottle = leading_number(values);
-    state_.acting = leading_number(part_between(values, "status=", "")) == STATUS_OF_ACTING;
+    state_.acting =
+        !state_.stop && leading_number(part_between(values, "status=", "")) == STATUS_OF_ACTING;
     if (state_.bottle >= 2) {
         beat_before_answer_ = state_.beat ? state_.beat : state_.start;
         state_.answer = time;
@@ -163,6 +158,7 @@ void RoleStory::note_silence(LogTime time) {
 void RoleStory::on_take_over(LogTime time, std::string_view /*rest*/) {
     state_.acting = true;
     state_.take_over = time;
+    ++state_.turns;
     std::string text = "takes over";
     std::optional<long> from;
     std::optional<long> to;
@@ -213,6 +209,7 @@ void RoleStory::note_flapping(LogTime time) {
 void RoleStory::on_step_down(LogTime time, std::string_view /*rest*/) {
     state_.acting = false;
     state_.step_down = time;
+    ++state_.turns;
     TimelineEvent& event =
         events_.add(EventKind::STEP_DOWN, time, "steps down: the master answers again");
     if (state_.take_over && *state_.take_over <= time) {

@@ -3,7 +3,6 @@
 
 #include <deque>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 
@@ -21,14 +20,7 @@ public:
     void end_attempt();
 
 private:
-    static std::span<const Rule<RoleStory>> rules();
-
     void on_attempt(LogTime time, std::string_view ha);
-    void on_listed(LogTime time, std::string_view list);
-    void on_no_list(LogTime time, std::string_view);
-    void on_no_address(LogTime time, std::string_view);
-    void on_no_master(LogTime time, std::string_view);
-    void on_compared(LogTime time, std::string_view);
     void on_start(LogTime time, std::string_view addresses);
     void on_role(LogTime time, std::string_view role);
     void on_stop(LogTime time, std::string_view);
@@ -36,7 +28,7 @@ private:
     void on_take_over(LogTime time, std::string_view);
     void on_step_down(LogTime time, std::string_view);
 
-    void waits_for(RoleReason reason) { attempt_reason_ = reason; }
+    bool take_step(std::string_view text);
     std::string start_text() const;
     void note_silence(LogTime time);
     void note_flapping(LogTime time);
@@ -45,7 +37,7 @@ private:
     LogState& state_;
 
     std::optional<LogTime> attempt_;
-    RoleReason attempt_reason_ = RoleReason::DECIDED;
+    RoleReason attempt_reason_ = RoleReason::DECIDED;  // what it waits for if it ends here
     std::string attempt_ha_;
 
     std::optional<std::size_t> start_event_;  // whose role is not known yet

@@ -126,6 +126,9 @@ std::string_view kind_name(EventKind kind) {
 }
 
 SyncVerdict judge_sync(const LogState& state, LogTime now) {
+    if (state.stop) {
+        return {InSync::CANNOT_TELL, "the slave has stopped its work"};
+    }
     if (state.role == "master") {
         return judge_beats(state, state.beat_back, now, "slave");
     }

@@ -51,7 +51,8 @@ struct LogState {
     std::optional<LogTime> first_message;
     std::optional<LogTime> last_message;
     std::optional<LogTime> start;
-    std::string role;  // "master" or "slave", empty as long as the log names none
+    std::optional<LogTime> stop;  // a slave obeyed SIGTERM: its process stays and does nothing
+    std::string role;             // "master" or "slave", empty as long as the log names none
     std::string master_ip;
     std::string slave_ip;
     std::string waiting;  // for a role, and why
@@ -63,6 +64,7 @@ struct LogState {
     bool acting = false;  // it has taken over
     std::optional<LogTime> take_over;
     std::optional<LogTime> step_down;
+    long turns = 0;  // take-overs and step-downs
 
     // On a master: the heartbeat that it answered last.
     std::optional<LogTime> beat_back;

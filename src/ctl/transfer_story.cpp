@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "console.h"
 #include "keys.h"
 #include "peer_message.h"
 #include "text.h"
@@ -13,14 +14,8 @@ namespace {
 constexpr std::size_t CONFIG_SET = DATA_KIND_CONFIG;
 constexpr std::size_t CLIENT_SET = DATA_KIND_CLIENT;
 
-constexpr long ENDLESS = 3;  // so often in a row is no accident
-
 const char* set_name(std::size_t set) {
     return set == CONFIG_SET ? "config set" : "client set";
-}
-
-std::string counted_records(long records) {
-    return fmt::format("{} record{}", records, records == 1 ? "" : "s");
 }
 
 std::string rate_text(long records, long seconds) {
@@ -45,7 +40,7 @@ bool is_pushed_setting(std::string_view record) {
 
 }  // namespace
 
-std::span<const Rule<TransferStory>> TransferStory::rules() {
+bool TransferStory::take(const LogMessage& message) {
     static constexpr std::array<Rule<TransferStory>, 6> RULES = {{
         {"data ", &TransferStory::on_record},
         {" send data: ", &TransferStory::on_sent},
@@ -54,26 +49,20 @@ std::span<const Rule<TransferStory>> TransferStory::rules() {
         {"func:data_sync_trigger line", &TransferStory::on_versions},
         {"db:", &TransferStory::on_push},
     }};
-    return RULES;
-}
-
-std::span<const Rule<TransferStory>> TransferStory::failures() {
-    static constexpr std::array<Rule<TransferStory>, 5> RULES = {{
-        {"send data error:", &TransferStory::on_unsent},
-        {"record too long, not sent", &TransferStory::on_too_long},
-        {"sendto error:", &TransferStory::on_unanswered},
-        {"config_db_version not stored", &TransferStory::on_unstored_config},
-        {"client_db_version not stored", &TransferStory::on_unstored_client},
-    }};
-    return RULES;
-}
-
-bool TransferStory::take(const LogMessage& message) {
-    return apply_rules(*this, rules(), message);
+    return apply_rules(*this, RULES, message);
 }
 
 void TransferStory::overhear(const LogMessage& failure) {
-    (void)apply_rules(*this, failures(), failure);
+    static constexpr std::array<Rule<TransferStory>, 7> RULES = {{
+        {"send data error:", &TransferStory::on_unsent},
+        {"record too long, not sent", &TransferStory::on_too_long},
+        {"sendto error:", &TransferStory::on_not_compared},
+        {"own version stamps cannot be read", &TransferStory::on_not_compared},
+        {"master_client_version == NULL", &TransferStory::on_not_compared},
+        {"config_db_version not stored: ", &TransferStory::on_unstored_config},
+        {"client_db_version not stored: ", &TransferStory::on_unstored_client},
+    }};
+    (void)apply_rules(*this, RULES, failure);
 }
 
 void TransferStory::restart() {
@@ -124,20 +113,20 @@ void TransferStory::on_record(LogTime time, std::string_view record) {
     transfers_[set].last = time;
 }
 
-void TransferStory::on_unstored_config(LogTime /*time*/, std::string_view /*rest*/) {
-    unstored(CONFIG_SET);
+void TransferStory::on_unstored_config(LogTime /*time*/, std::string_view reason) {
+    unstored(CONFIG_SET, reason);
 }
 
-void TransferStory::on_unstored_client(LogTime /*time*/, std::string_view /*rest*/) {
-    unstored(CLIENT_SET);
+void TransferStory::on_unstored_client(LogTime /*time*/, std::string_view reason) {
+    unstored(CLIENT_SET, reason);
 }
 
 // What was told as whole was not.
-void TransferStory::unstored(std::size_t set) {
+void TransferStory::unstored(std::size_t set, std::string_view reason) {
     Transfer& transfer = transfers_[set];
     if (transfer.event && transfer.whole_times > 0) {
         --transfer.whole_times;
-        events_.at(*transfer.event).text += ", but not all of it could be stored";
+        events_.at(*transfer.event).text += fmt::format(", but its stamp not stored: {}", reason);
     }
 }
 
@@ -152,7 +141,8 @@ void TransferStory::on_beat_back(LogTime time, std::string_view answer) {
     ++state_.quiet_beats;
 }
 
-void TransferStory::on_unanswered(LogTime /*time*/, std::string_view /*rest*/) {
+// A heartbeat whose answer did not reach the slave, or which the slave could do nothing with.
+void TransferStory::on_not_compared(LogTime /*time*/, std::string_view /*rest*/) {
     state_.quiet_beats = 0;
 }
 
@@ -202,6 +192,7 @@ void TransferStory::begin(EventKind kind, std::size_t set, LogTime time) {
     transfer.open = true;
     transfer.begin = transfer.last = time;
     transfer.stamp.clear();
+    transfer.turn = state_.turns;
     transfer.records = transfer.unsent = 0;
     state_.quiet_beats = 0;
     note_open();
@@ -226,10 +217,12 @@ void TransferStory::tell(std::size_t set, bool whole) {
     transfer.open = false;
     note_open();
     const bool again = transfer.event && transfer.event_stamp == transfer.stamp &&
+                       transfer.event_turn == transfer.turn &&
                        transfer.begin - events_.at(*transfer.event).until <= TOGETHER;
     if (!again) {
         transfer.event = events_.size();
         transfer.event_stamp = transfer.stamp;
+        transfer.event_turn = transfer.turn;
         transfer.times = transfer.whole_times = 0;
         events_.add(kind_, transfer.begin, {});
     }
@@ -248,7 +241,7 @@ std::string TransferStory::text_of_one(std::size_t set, bool whole) const {
     const Transfer& transfer = transfers_[set];
     std::string text =
         fmt::format("{} {}: {}", set_name(set), kind_ == EventKind::SYNC ? "received" : "sent",
-                    counted_records(transfer.records));
+                    counted(static_cast<std::size_t>(std::max(transfer.records, 0L)), "record"));
     text += whole
                 ? " " + rate_text(transfer.records, seconds_between(transfer.begin, transfer.last))
                 : ", never came to its end";

@@ -3,7 +3,6 @@
 
 #include <array>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 
@@ -32,17 +31,16 @@ private:
         LogTime begin{};
         LogTime last{};
         std::string stamp;
+        long turn = 0;  // the LogState::turns at its begin
         long records = 0;
         long unsent = 0;
 
         std::optional<std::size_t> event;
         std::string event_stamp;
+        long event_turn = 0;
         long times = 0;
         long whole_times = 0;
     };
-
-    static std::span<const Rule<TransferStory>> rules();
-    static std::span<const Rule<TransferStory>> failures();
 
     void on_record(LogTime time, std::string_view record);
     void on_trigger(LogTime time, std::string_view set);
@@ -52,14 +50,14 @@ private:
     void on_beat_back(LogTime time, std::string_view answer);
     void on_unsent(LogTime time, std::string_view);
     void on_too_long(LogTime time, std::string_view);
-    void on_unanswered(LogTime time, std::string_view);
-    void on_unstored_config(LogTime time, std::string_view);
-    void on_unstored_client(LogTime time, std::string_view);
+    void on_not_compared(LogTime time, std::string_view);
+    void on_unstored_config(LogTime time, std::string_view reason);
+    void on_unstored_client(LogTime time, std::string_view reason);
 
     void begin(EventKind kind, std::size_t set, LogTime time);
     void end(std::size_t set, LogTime time, std::string_view stamp);
     void tell(std::size_t set, bool whole);
-    void unstored(std::size_t set);
+    void unstored(std::size_t set, std::string_view reason);
     std::string text_of_one(std::size_t set, bool whole) const;
     std::string text_of_many(std::size_t set) const;
     void note_open();

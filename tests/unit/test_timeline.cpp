@@ -97,8 +97,9 @@ TEST(Timeline, MeasuresTakeOverFromTheLastAnswer) {
                     "03:00:10 take-over: takes over 6 to 8 s after the master's last answer",
                     "03:00:14 step-down: steps down: the master answers again, after 4 s "
                     "as acting master",
-                    "03:00:20 stop: ends on request"));
+                    "03:00:20 stop: stops its work on request; its process stays"));
     EXPECT_FALSE(timeline.state().acting);
+    EXPECT_TRUE(timeline.state().stop);
 }
 
 TEST(Timeline, TellsOtherTakeOversAndWhatTheyLeaveBehind) {
@@ -153,6 +154,13 @@ TEST(Timeline, CountsTheRecordsOfASync) {
     add_sync(lines, 0, "one", 10, true);
     add_sync(lines, 10, "two", 3, false);
     add_sync(lines, 12, "two", 6, true);
+    // The way back from a take-over begins anew.
+    lines.push_back("00:00:20 INFO :become a master host");
+    lines.push_back("00:00:22 INFO :restore to be a slave host");
+    add_sync(lines, 24, "two", 9, true);
+    lines.push_back(
+        "00:00:26 ERROR :client_db_version not stored: the previous client list was "
+        "put back");
     lines.push_back("01:00:00 INFO :data 1: dhcpcfg=x");
     lines.push_back("01:00:00 INFO :data 1: dbver=three");
     lines.push_back("01:00:00 ERROR :config_db_version not stored: a record could not be stored");
@@ -161,8 +169,12 @@ TEST(Timeline, CountsTheRecordsOfASync) {
         ElementsAre("00:00:00 sync: client set received: 10 records in 2 s, 5/s, stamp one",
                     "00:00:10 sync x2: client set received: 6 records in 2 s, 3/s, stamp two, "
                     "attempt 2",
+                    HasSubstr("take-over: takes over"), HasSubstr("step-down: "),
+                    "00:00:24 sync: client set received: 9 records in 2 s, 4/s, stamp two, but "
+                    "its stamp not stored: the previous client list was put back",
+                    HasSubstr("00:00:26 trouble: client_db_version not stored"),
                     "01:00:00 sync: config set received: 1 record in less than a second, stamp "
-                    "three, but not all of it could be stored",
+                    "three, but its stamp not stored: a record could not be stored",
                     testing::StartsWith("01:00:00 trouble: config_db_version not stored")));
 }
 
@@ -250,6 +262,9 @@ TEST(Timeline, JudgesWhetherThePairIsInSync) {
     const std::string second = beat("03:00:08", 2, 71);
     const std::string trigger = "03:00:08 INFO :start_data_syncd CLIENT";
     const std::string stamp = "03:00:08 INFO :data 2: dbver=x";
+    const std::string unread =
+        "03:00:08 ERROR :own version stamps cannot be read, nothing asked for";
+    const std::string stop = "03:00:09 INFO :slave exit line292";
     const std::string back = "03:00:08 DEBUG :beat back to A :1#2";
     EXPECT_EQ(verdict({}), InSync::CANNOT_TELL);
     EXPECT_EQ(verdict({first}), InSync::CANNOT_TELL);
@@ -258,6 +273,8 @@ TEST(Timeline, JudgesWhetherThePairIsInSync) {
     EXPECT_EQ(verdict({first, second, trigger, stamp}), InSync::CANNOT_TELL);
     EXPECT_EQ(verdict({first, second, beat("03:00:08", -5, 75)}), InSync::CANNOT_TELL);
     EXPECT_EQ(verdict({beat("02:59:00", 2, 71), beat("02:59:02", 2, 71)}), InSync::CANNOT_TELL);
+    EXPECT_EQ(verdict({first, unread, second, unread}), InSync::CANNOT_TELL);
+    EXPECT_EQ(verdict({first, second, stop}), InSync::CANNOT_TELL);
     EXPECT_EQ(verdict({back, back}), InSync::YES);
     EXPECT_EQ(verdict({back, back, "03:00:08 DEBUG :db:2"}), InSync::NO);
     EXPECT_EQ(verdict({back, back, "03:00:08 ERROR :sendto error:x"}), InSync::CANNOT_TELL);
