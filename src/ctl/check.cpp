@@ -68,10 +68,10 @@ void print_findings_as_json(const Findings& findings) {
     json_object* list = json_object_new_array();
     for (const Finding& finding : findings.all()) {
         json_object* entry = json_object_new_object();
-        json_object_object_add(entry, "name", json_text(finding.name));
-        json_object_object_add(entry, "mark", json_text(look_of(finding.mark).json));
-        json_object_object_add(entry, "text", json_text(finding.text));
-        json_object_object_add(entry, "remedy", json_text(finding.remedy));
+        put_text(entry, "name", finding.name);
+        put_text(entry, "mark", look_of(finding.mark).json);
+        put_text(entry, "text", finding.text);
+        put_text(entry, "remedy", finding.remedy);
         json_object_array_add(list, entry);
     }
     json_object_object_add(object.get(), "findings", list);

@@ -3,18 +3,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
+#include <ctime>
 #include <fstream>
 #include <optional>
 
 #include "console.h"
 #include "findings.h"
-#include "forecast.h"
 #include "keys.h"
 #include "session.h"
 #include "store.h"
@@ -23,7 +21,6 @@
 
 namespace {
 
-constexpr const char* STORE_DIRECTORY = "/etc/quoradmind";
 constexpr std::uint32_t HASH_MAGIC = 0x061561;
 constexpr std::uint32_t OLDEST_FORMAT = 8;
 constexpr std::uint32_t NEWEST_FORMAT = 9;
@@ -50,6 +47,9 @@ std::optional<MetaPage> read_meta_page(const std::string& path) {
 std::string remedy_for(const std::string& path) {
     if (path == CLIENT_DB) {
         return "on a slave it comes anew with the next client set, on a master take a backup";
+    }
+    if (path == PREVIOUS_CLIENT_DB) {
+        return "remove it: a take-over before the end of the push serves the part that has come";
     }
     return path == CONFIG_DB ? "put a backup in its place"
                              : "remove it: a copy of a peer is fetched again";
@@ -146,10 +146,21 @@ void check_records(const char* path, std::string_view name, Findings& findings) 
 
 // --- The directory -----------------------------------------------------------------------------
 
-bool is_peer_copy(const std::string& name) {
-    constexpr std::string_view END = ".db";
-    return name.ends_with(END) &&
-           is_dotted_address(std::string_view(name).substr(0, name.size() - END.size()));
+// What a slave keeps from the begin of a push of the clients to its end.
+void check_previous_clients(const std::string& path, const std::string& name, Findings& findings) {
+    struct stat kept {};
+    if (stat(path.c_str(), &kept) == 0 && check_file(path, findings)) {
+        const std::time_t age = std::time(nullptr) - kept.st_ctime;  // since it got this name
+        findings.warning(
+            name,
+            fmt::format("the clients from before a push that began {} ago and has not come to its "
+                        "end; a take-over puts them back",
+                        age_text(age)),
+            fmt::format(
+                "if it stays, \"quorsyncctl timeline\" tells what breaks the pushes off; on "
+                "a master remove {}",
+                path));
+    }
 }
 
 void check_leftover(const std::string& path, const std::string& name, Findings& findings) {
@@ -163,17 +174,6 @@ void check_leftover(const std::string& path, const std::string& name, Findings& 
     } else if (name.ends_with(".db.new")) {
         findings.warning(name, "left by a killed replacement", fmt::format("remove {}", path));
     }
-}
-
-// The files in the directory, sorted by name.
-std::vector<std::string> names_in(const char* directory) {
-    std::vector<std::string> names;
-    std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
-        names.push_back(entry.path().filename().string());
-    }
-    std::sort(names.begin(), names.end());
-    return names;
 }
 
 }  // namespace
@@ -195,10 +195,12 @@ bool check_files(Findings& findings) {
     if (access(DISK_DB, F_OK) == 0) {
         (void)check_file(DISK_DB, findings);
     }
-    for (const std::string& name : names_in(STORE_DIRECTORY)) {
+    for (const std::string& name : names_in_store_directory()) {
         const std::string path = fmt::format("{}/{}", STORE_DIRECTORY, name);
-        if (is_peer_copy(name)) {
+        if (!peer_of_copy(name).empty()) {
             (void)check_file(path, findings);
+        } else if (path == PREVIOUS_CLIENT_DB) {
+            check_previous_clients(path, name, findings);
         } else {
             check_leftover(path, name, findings);
         }

@@ -1,8 +1,6 @@
 // The part of `check` about settings and roles.
 #include <fmt/format.h>
 
-#include <algorithm>
-
 #include "findings.h"
 #include "forecast.h"
 #include "keys.h"
@@ -58,9 +56,8 @@ std::string check_address(const PairSettings& settings, Findings& findings) {
                          "bring one up; interfaces of other names do not count");
         return local;
     }
-    const std::string listed = "," + settings.server_list + ",";
     for (const std::string_view address : split(local, ',')) {
-        if (listed.find(fmt::format(",{},", address)) != std::string::npos) {
+        if (list_has(settings.server_list, address)) {
             findings.good("address", fmt::format("{} is local and listed", address));
             return local;
         }
@@ -78,11 +75,8 @@ void check_roles(const PairSettings& settings, const std::string& local, Finding
         findings.problem("role", fmt::format("this host: {}", own.text),
                          "until that changes the daemon tries again every 5 s, without a word");
     }
-    const auto mine = split(local, ',');
     for (const Forecast& other : forecast_pair(settings)) {
-        const bool own_address =
-            std::find(mine.begin(), mine.end(), std::string_view(other.addresses)) != mine.end();
-        if (own_address || !is_dotted_address(other.addresses)) {
+        if (list_has(local, other.addresses) || !is_dotted_address(other.addresses)) {
             continue;
         }
         const std::string text = fmt::format("{}: {}", other.addresses, other.text);

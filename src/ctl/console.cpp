@@ -87,6 +87,17 @@ std::string counted(std::size_t count, std::string_view noun) {
     return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
 }
 
+std::string age_text(long seconds) {
+    if (seconds < 120) {
+        return fmt::format("{} s", std::max(seconds, 0L));
+    }
+    if (seconds < 7200) {
+        return fmt::format("{} min", seconds / 60);
+    }
+    return seconds < 172800 ? fmt::format("{} h", seconds / 3600)
+                            : fmt::format("{} days", seconds / 86400);
+}
+
 std::string bytes_text(std::uint64_t bytes) {
     constexpr std::array<const char*, 4> UNITS = {"KiB", "MiB", "GiB", "TiB"};
     if (bytes < 1024) {
@@ -124,6 +135,10 @@ void Table::print(std::size_t indent) const {
 json_object* json_text(std::string_view text) {
     const std::string shown = is_utf8(text) ? std::string(text) : escape(text);
     return json_object_new_string_len(shown.data(), static_cast<int>(shown.size()));
+}
+
+void put_text(json_object* object, const char* name, std::string_view text) {
+    json_object_object_add(object, name, json_text(text));
 }
 
 void print_json(const Json& object) {

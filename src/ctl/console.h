@@ -39,6 +39,9 @@ std::string escape(std::string_view text);
 // "7 records", "1 record".
 std::string counted(std::size_t count, std::string_view noun);
 
+// "119 s", "2 min", "3 h", "2 days"; a negative age, of a clock that was set, is none.
+std::string age_text(long seconds);
+
 // "512 B", "2.0 KiB", "117.2 MiB".
 std::string bytes_text(std::uint64_t bytes);
 
@@ -68,6 +71,7 @@ using Json = std::unique_ptr<json_object, PutJsonObject>;
 
 // A text as it is when it is UTF-8, else escape()d: not every byte may stand in JSON.
 json_object* json_text(std::string_view text);
+void put_text(json_object* object, const char* name, std::string_view text);
 
 // Prints the object on standard output, indented.
 void print_json(const Json& object);

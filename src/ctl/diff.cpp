@@ -124,8 +124,8 @@ json_object* json_value(const std::optional<std::string>& value) {
 
 void print_as_json(const Options& options, const std::vector<Difference>& differences) {
     const Json object(json_object_new_object());
-    json_object_object_add(object.get(), "a", json_text(options.left));
-    json_object_object_add(object.get(), "b", json_text(options.right));
+    put_text(object.get(), "a", options.left);
+    put_text(object.get(), "b", options.right);
     json_object* keys = json_object_new_array();
     json_object_object_add(object.get(), "keys", keys);
     for (const Difference& difference : differences) {
@@ -133,13 +133,13 @@ void print_as_json(const Options& options, const std::vector<Difference>& differ
             continue;
         }
         json_object* entry = json_object_new_object();
-        json_object_object_add(entry, "key", json_text(difference.key));
-        json_object_object_add(entry, "state", json_text(state_name(difference)));
-        json_object_object_add(entry, "travels", json_text(travel_name(difference.travel)));
+        put_text(entry, "key", difference.key);
+        put_text(entry, "state", state_name(difference));
+        put_text(entry, "travels", travel_name(difference.travel));
         json_object_object_add(entry, "a", json_value(difference.left));
         json_object_object_add(entry, "b", json_value(difference.right));
         if (!difference.misfit.empty()) {
-            json_object_object_add(entry, "misfit", json_text(difference.misfit));
+            put_text(entry, "misfit", difference.misfit);
         }
         json_object_array_add(keys, entry);
     }
@@ -180,7 +180,7 @@ void add_diff(CLI::App& app, int& status) {
         "the stamps are mirrored: where one of them differs, the exit code is 1.\n"
         "Examples:\n"
         "  quorsyncctl diff config /etc/quoradmind/192.168.0.2.db\n"
-        "  quorsyncctl diff client /mnt/backup/client.db --json\n");
+        "  quorsyncctl diff client /mnt/backup/client.db --json");
     const auto options = std::make_shared<Options>();
     verb->add_option("A.db", options->left, "config, client, disk or a path")->required();
     verb->add_option("B.db", options->right, "config, client, disk or a path")->required();

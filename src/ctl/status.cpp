@@ -2,9 +2,7 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <ctime>
-#include <filesystem>
 #include <map>
 #include <memory>
 #include <optional>
@@ -20,6 +18,7 @@
 #include "process_state.h"
 #include "session.h"
 #include "store.h"
+#include "store_files.h"
 #include "verbs.h"
 
 namespace {
@@ -27,7 +26,7 @@ namespace {
 constexpr const char* NOTES = R"(
 Roles, daemon, stamps, heartbeats, take-overs and whether the pair is in sync, as far as this host
 can tell: from its files, its processes and the logs of today and yesterday. Exit code 1 when the
-daemon does not run or has no role, when this host has taken over, or when it is not in sync.
+daemon does not run, has no role or was stopped, when two run, when this host has taken over, or when it is not in sync.
 
 Examples:
   quorsyncctl status
@@ -63,22 +62,17 @@ LogTime log_time_of(std::time_t time) {
 
 std::vector<PeerCopy> peer_copies() {
     std::vector<PeerCopy> copies;
-    std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator("/etc/quoradmind", error)) {
-        const std::string path = entry.path();
-        const std::string address = entry.path().stem();
+    for (const std::string& name : names_in_store_directory()) {
+        const std::string path = fmt::format("{}/{}", STORE_DIRECTORY, name);
+        const std::string address = peer_of_copy(name);
         struct stat file {};
-        if (entry.path().extension() != ".db" || !is_dotted_address(address) ||
-            stat(path.c_str(), &file) != 0) {
+        if (address.empty() || stat(path.c_str(), &file) != 0) {
             continue;
         }
         const OwnedText dsver(db_get(path.c_str(), KEY_DSVER));
         copies.push_back({address, dsver ? std::optional<std::string>(dsver.get()) : std::nullopt,
                           static_cast<long>(std::time(nullptr) - file.st_mtime)});
     }
-    std::sort(copies.begin(), copies.end(), [](const PeerCopy& left, const PeerCopy& right) {
-        return left.address < right.address;
-    });
     return copies;
 }
 
@@ -99,6 +93,10 @@ bool read_settings(Status& status) {
 std::string role_by_log(const LogState& state) {
     if (!state.waiting.empty()) {
         return "none: waits, " + state.waiting;
+    }
+    if (state.stop) {
+        return fmt::format("none: stopped its work on request at {}; kill -9 ends the process",
+                           format_log_time(*state.stop));
     }
     if (state.acting) {
         return "acting master since " + (state.take_over ? format_log_time(*state.take_over)
@@ -147,7 +145,8 @@ int exit_code_of(const Status& status) {
         return EXIT_CANNOT_TELL;
     }
     const bool no_role = status.forecast.decision.reason != RoleReason::DECIDED;
-    if (status.daemons.empty() || no_role || state.acting || status.sync.verdict == InSync::NO) {
+    if (status.daemons.size() != 1 || no_role || state.stop || state.acting ||
+        status.sync.verdict == InSync::NO) {
         return EXIT_PROBLEM;
     }
     return status.sync.verdict == InSync::YES ? EXIT_FINE : EXIT_CANNOT_TELL;
@@ -155,23 +154,12 @@ int exit_code_of(const Status& status) {
 
 // --- For people --------------------------------------------------------------------------------
 
-std::string age_text(long seconds) {
-    if (seconds < 120) {
-        return fmt::format("{} s", seconds);
-    }
-    if (seconds < 7200) {
-        return fmt::format("{} min", seconds / 60);
-    }
-    return seconds < 172800 ? fmt::format("{} h", seconds / 3600)
-                            : fmt::format("{} days", seconds / 86400);
-}
-
 std::string ago(std::optional<LogTime> time) {
     if (!time) {
         return "none in the logs of today and yesterday";
     }
     const auto seconds = static_cast<long>((log_time_now() - *time).count());
-    return fmt::format("{}, {} ago", format_log_time(*time), age_text(std::max(seconds, 0L)));
+    return fmt::format("{}, {} ago", format_log_time(*time), age_text(seconds));
 }
 
 std::string processes_text(const std::vector<ProcessInfo>& processes) {
@@ -215,6 +203,7 @@ void add_beats(const LogState& state, Table& table) {
 void print_status(const Status& status) {
     const LogState& state = status.log.timeline.state();
     const bool decided = status.forecast.decision.reason == RoleReason::DECIDED;
+    const bool unusual = state.acting || state.stop;
     Table table;
     table.add(
         {{"addresses"}, {status.forecast.addresses.empty() ? "none" : status.forecast.addresses}});
@@ -223,8 +212,7 @@ void print_status(const Status& status) {
     table.add({{"daemon"},
                {processes_text(status.daemons),
                 status.daemons.size() == 1 ? Colour::PLAIN : Colour::RED}});
-    table.add(
-        {{"role by log"}, {escape(status.role), state.acting ? Colour::YELLOW : Colour::PLAIN}});
+    table.add({{"role by log"}, {escape(status.role), unusual ? Colour::YELLOW : Colour::PLAIN}});
     table.add({{"boot services"},
                {fmt::format("{}; marker 'dhcp' {}", processes_text(status.services),
                             setting(status, KEY_DHCP))}});
@@ -246,10 +234,6 @@ void print_status(const Status& status) {
 
 // --- For programs ------------------------------------------------------------------------------
 
-void put(json_object* object, const char* name, std::string_view text) {
-    json_object_object_add(object, name, json_text(text));
-}
-
 void put_time(json_object* object, const char* name, std::optional<LogTime> time) {
     json_object_object_add(object, name, time ? json_text(format_log_time(*time)) : nullptr);
 }
@@ -258,7 +242,7 @@ json_object* json_of(const std::vector<ProcessInfo>& processes) {
     json_object* list = json_object_new_array();
     for (const ProcessInfo& process : processes) {
         json_object* entry = json_object_new_object();
-        put(entry, "name", process.name);
+        put_text(entry, "name", process.name);
         json_object_object_add(entry, "pid", json_object_new_int(process.pid));
         put_time(entry, "since", log_time_of(process.since));
         json_object_array_add(list, entry);
@@ -270,7 +254,7 @@ json_object* json_of(const std::vector<PeerCopy>& copies) {
     json_object* list = json_object_new_array();
     for (const PeerCopy& copy : copies) {
         json_object* entry = json_object_new_object();
-        put(entry, "address", copy.address);
+        put_text(entry, "address", copy.address);
         json_object_object_add(entry, "dsver", copy.dsver ? json_text(*copy.dsver) : nullptr);
         json_object_object_add(entry, "age", json_object_new_int64(copy.age));
         json_object_array_add(list, entry);
@@ -280,16 +264,17 @@ json_object* json_of(const std::vector<PeerCopy>& copies) {
 
 json_object* json_of(const SyncVerdict& sync) {
     json_object* object = json_object_new_object();
-    put(object, "verdict", verdict_word(sync.verdict));
-    put(object, "reason", sync.reason);
+    put_text(object, "verdict", verdict_word(sync.verdict));
+    put_text(object, "reason", sync.reason);
     return object;
 }
 
 json_object* json_of_log(const LogState& state, const std::string& role) {
     json_object* object = json_object_new_object();
-    put(object, "role", state.acting ? "acting master" : state.role);
-    put(object, "text", role);
+    put_text(object, "role", state.stop ? "none" : state.acting ? "acting master" : state.role);
+    put_text(object, "text", role);
     put_time(object, "start", state.start);
+    put_time(object, "stop", state.stop);
     put_time(object, "heartbeat", state.role == "master" ? state.beat_back : state.beat);
     put_time(object, "answer", state.answer);
     put_time(object, "take_over", state.take_over);
@@ -302,15 +287,18 @@ void print_status_as_json(const Status& status) {
     const Json object(json_object_new_object());
     json_object* forecast = json_object_new_object();
     const int role = status.forecast.decision.role;
-    put(forecast, "role", role == ROLE_MASTER ? "master" : role == ROLE_SLAVE ? "slave" : "none");
-    put(forecast, "text", status.forecast.text);
-    put(object.get(), "addresses", status.forecast.addresses);
+    put_text(forecast, "role",
+             role == ROLE_MASTER  ? "master"
+             : role == ROLE_SLAVE ? "slave"
+                                  : "none");
+    put_text(forecast, "text", status.forecast.text);
+    put_text(object.get(), "addresses", status.forecast.addresses);
     json_object_object_add(object.get(), "forecast", forecast);
     json_object_object_add(object.get(), "daemon", json_of(status.daemons));
     json_object_object_add(object.get(), "boot_services", json_of(status.services));
     json_object* settings = json_object_new_object();
     for (const auto& [key, value] : status.settings) {
-        put(settings, key.c_str(), value);
+        put_text(settings, key.c_str(), value);
     }
     json_object_object_add(object.get(), "settings", settings);
     json_object_object_add(object.get(), "log",

@@ -5,9 +5,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <vector>
+#include <filesystem>
 
 #include "console.h"
+#include "forecast.h"
 #include "keys.h"
 #include "peer_message.h"
 #include "session.h"
@@ -26,6 +27,23 @@ void complain_about(const std::string& path) {
 }
 
 }  // namespace
+
+std::vector<std::string> names_in_store_directory() {
+    std::vector<std::string> names;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(STORE_DIRECTORY, error)) {
+        names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::string peer_of_copy(std::string_view name) {
+    constexpr std::string_view END = ".db";
+    const std::string_view address =
+        name.substr(0, name.size() - std::min(name.size(), END.size()));
+    return name.ends_with(END) && is_dotted_address(address) ? std::string(address) : "";
+}
 
 std::string store_path(const std::string& name) {
     return name == "config"   ? CONFIG_DB

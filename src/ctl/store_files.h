@@ -6,8 +6,18 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "store.h"
+
+inline constexpr const char* STORE_DIRECTORY = "/etc/quoradmind";
+
+// The names in it, sorted; none when it cannot be read.
+std::vector<std::string> names_in_store_directory();
+
+// The address that a copy of a peer's config.db has for its name, "10.77.0.2.db"; empty for any
+// other name.
+std::string peer_of_copy(std::string_view name);
 
 // "config", "client" and "disk" are the daemon's own files; anything else is a path.
 std::string store_path(const std::string& name);

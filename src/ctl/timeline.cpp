@@ -72,14 +72,14 @@ json_object* json_of(const TimelineEvent& event) {
             json_object_object_add(object, name, json_object_new_int64(*number));
         }
     };
-    json_object_object_add(object, "time", json_text(format_log_time(event.time)));
-    json_object_object_add(object, "until", json_text(format_log_time(event.until)));
-    json_object_object_add(object, "kind", json_text(kind_name(event.kind)));
+    put_text(object, "time", format_log_time(event.time));
+    put_text(object, "until", format_log_time(event.until));
+    put_text(object, "kind", kind_name(event.kind));
     add_number("count", event.count);
     add_number("seconds_from", event.seconds_from);
     add_number("seconds_to", event.seconds_to);
     add_number("records", event.records);
-    json_object_object_add(object, "text", json_text(event.text));
+    put_text(object, "text", event.text);
     return object;
 }
 

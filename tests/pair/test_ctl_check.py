@@ -2,6 +2,7 @@
 
 import json
 import re
+from signal import SIGTERM
 
 import pytest
 from lab import realistic_clients, wait_until
@@ -92,6 +93,12 @@ def test_database_files_that_are_not_well(host, faults, ctl):
     assert code == PROBLEM and "2 of 3 records fit no message" in found["clients"]
     assert '"LONG" too long' in found["clients"] and '"dbver"' in found["clients"]
     stores = host.root / "etc/quoradmind"
+    previous = stores / "client.db.previous"
+    previous.write_bytes((stores / "client.db").read_bytes())
+    assert "has not come to its end" in faults(host)[1][previous.name]
+    previous.write_bytes(b"")
+    assert "too short" in faults(host)[1][previous.name]
+    previous.unlink()
     for name in ("__db.client.db", "client.db.damaged"):
         (stores / name).touch()
     (stores / "10.77.0.2.db").write_bytes(b"no database, but longer than the page's head")
@@ -187,6 +194,11 @@ def test_a_pair_tells_its_story(pair_factory, ctl):
     _, out, _ = ctl(master, "timeline")
     assert re.search(r"push +client set sent: 50 records", out)
     assert str(slave.address) in ctl(master, "status")[1]
+    pair.slave_daemon.signal(SIGTERM)
+    slave.wait_log("slave exit", LIMIT)
+    code, out, _ = ctl(slave, "status")
+    assert code == PROBLEM and "stopped its work on request" in out and "in sync" in out
+    assert not re.search("in sync +yes", out)
     pair.slave_daemon.kill()
     code, out, _ = ctl(slave, "status")
     assert code == PROBLEM and "the daemon does not run" in out
