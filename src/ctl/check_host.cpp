@@ -83,9 +83,12 @@ void check_pipe(Findings& findings) {
 void check_log_directory(Findings& findings) {
     struct statvfs space {};
     if (access(LOG_DIRECTORY, W_OK) != 0 || statvfs(LOG_DIRECTORY, &space) != 0) {
-        const int cause = errno;
-        findings.problem(LOG_DIRECTORY, fmt::format("cannot be written: {}", strerror(cause)),
-                         cause == EACCES ? "run this as root" : "the daemon's messages are lost");
+        const std::string text = fmt::format("cannot be written: {}", strerror(errno));
+        if (geteuid() != 0) {
+            findings.unknown(LOG_DIRECTORY, text, "run this as root");
+        } else {
+            findings.problem(LOG_DIRECTORY, text, "the daemon's messages are lost: mount it anew");
+        }
         return;
     }
     const std::uint64_t bytes = std::uint64_t(space.f_bavail) * space.f_frsize;

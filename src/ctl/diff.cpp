@@ -1,6 +1,7 @@
 // quorsyncctl diff: two database files key by key, so that a master sees itself beside the copy of
 // its slave's file.
 #include <algorithm>
+#include <array>
 #include <map>
 #include <memory>
 #include <optional>
@@ -146,15 +147,27 @@ void print_as_json(const Options& options, const std::vector<Difference>& differ
     print_json(object);
 }
 
+// Whether both files hold boot clients.
+bool hold_clients(const Options& options) {
+    const std::array paths = {store_path(options.left), store_path(options.right)};
+    if (options.set != "auto") {
+        return options.set == "client";
+    }
+    const bool any = std::any_of(paths.begin(), paths.end(), holds_clients);
+    if (any && std::any_of(paths.begin(), paths.end(), holds_settings)) {
+        throw CLI::ValidationError(
+            "B.db", "one file holds clients, the other settings; --set tells what both hold");
+    }
+    return any;
+}
+
 int diff(const Options& options) {
+    const bool clients = hold_clients(options);
     const auto left = read_records(store_path(options.left));
     const auto right = read_records(store_path(options.right));
     if (!left || !right) {
         return EXIT_CANNOT_TELL;
     }
-    const bool clients = options.set == "auto" ? holds_clients(store_path(options.left)) ||
-                                                     holds_clients(store_path(options.right))
-                                               : options.set == "client";
     const auto differences = compare_all(*left, *right, clients);
     const auto is_fault = [](const Difference& each) {
         return each.mirrored() && !each.equal();

@@ -19,6 +19,7 @@
 #include "PK_Request_Client.h"
 #include "console.h"
 #include "forecast.h"
+#include "log_reader.h"
 #include "session.h"
 #include "syncd/copy_in_place.h"
 #include "text.h"
@@ -99,7 +100,7 @@ std::string failure_text(const Options& options, int result, const Announced& an
                            bytes_text(announced.length));
     }
     return fmt::format("{} from {}: {}; its file service listens on TCP port {}", options.remote,
-                       options.address, last_logged_error(), FILE_SERVICE_PORT);
+                       options.address, without_origin(last_logged_error()), FILE_SERVICE_PORT);
 }
 
 int receive(const Options& options, const std::string& beside, Announced& announced) {

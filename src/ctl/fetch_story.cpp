@@ -55,7 +55,7 @@ bool FetchStory::take_failure(const LogMessage& failure) {
                                                  return failure.text.starts_with(start);
                                              });
     if (ours && failure_.empty()) {
-        failure_ = failure.text.substr(0, failure.text.find(" --"));
+        failure_ = without_origin(failure.text);
     }
     return ours;
 }

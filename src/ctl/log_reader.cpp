@@ -176,6 +176,11 @@ struct CloseDirectory {
 
 }  // namespace
 
+std::string_view without_origin(std::string_view text) {
+    text = text.substr(0, text.find(" --"));
+    return text.substr(0, text.find("---"));
+}
+
 std::optional<LogMessage> parse_log_line(std::string_view line) {
     // Only the rest of a message with a newline inside has one that begins later in the line.
     for (std::size_t at = line.starts_with(LINE_START) ? 0 : line.find(LINE_START);

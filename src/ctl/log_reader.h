@@ -23,6 +23,9 @@ struct LogMessage {
 };
 using MessageVisitor = std::function<void(const LogMessage&)>;
 
+// A message without its origin in the sources, which tells an operator nothing.
+std::string_view without_origin(std::string_view text);
+
 // The message that begins in `line` (without its newline), if there is one.
 std::optional<LogMessage> parse_log_line(std::string_view line);
 

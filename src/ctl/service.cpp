@@ -1,6 +1,10 @@
 // quorsyncctl service: the boot services of this host by hand.
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
+#include <cerrno>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -19,16 +23,19 @@ struct Service {
     const char* summary;
     ServiceResult (*start)();
     ServiceResult (*stop)();
+    const char* program;         // that starts it
     std::string_view processes;  // that show whether it runs, joined by ","
 };
 
 constexpr std::array SERVICES = {
-    Service{"boot", "the wrapper quordhcpd and the boot loader stagd", start_boot_services,
-            stop_boot_services, "quordhcpd,stagd"},
-    Service{"tftp", "the TFTP server", start_tftp_service, stop_tftp_service, "in.tftpd"},
-    Service{"ravlo", "the init script ravlo", start_ravlo_service, stop_ravlo_service, ""},
-    Service{"dhcpd", "the system's own DHCP server", start_system_dhcpd, stop_system_dhcpd,
-            "dhcpd"},
+    Service{"boot", "The wrapper quordhcpd and the boot loader stagd.", start_boot_services,
+            stop_boot_services, "/usr/local/bin/quordhcpd", "quordhcpd,stagd"},
+    Service{"tftp", "The TFTP server.", start_tftp_service, stop_tftp_service, "/usr/sbin/in.tftpd",
+            "in.tftpd"},
+    Service{"ravlo", "The init script ravlo.", start_ravlo_service, stop_ravlo_service,
+            "/etc/init.d/ravlo", ""},
+    Service{"dhcpd", "The system's own DHCP server.", start_system_dhcpd, stop_system_dhcpd,
+            "/usr/sbin/dhcpd", "dhcpd"},
 };
 
 struct Options {
@@ -45,13 +52,26 @@ std::string_view wrong_process(const Service& service, bool running) {
     return wrong == processes.end() ? std::string_view() : *wrong;
 }
 
+// Complains where not: without it nothing happens, and nobody says so.
+bool program_is_there(const Service& service) {
+    if (access(service.program, X_OK) == 0) {
+        return true;
+    }
+    complain("{}: {}: {}; install what provides it", service.name, service.program,
+             std::strerror(errno));
+    return false;
+}
+
 int start(const Service& service, const Options& options) {
     const bool moves = service.start == start_boot_services;
     if (moves && !options.force && stands_by_a_living_master()) {
         throw CLI::ValidationError(
             service.name,
-            "this host is the slave of a master that answers, and both would serve the clients; "
-            "--force starts them all the same");
+            "this host is the slave and has not taken over: beside its master, both would serve "
+            "the clients; --force starts them all the same");
+    }
+    if (!program_is_there(service)) {
+        return EXIT_PROBLEM;
     }
     begin_changes();
     const ServiceResult result = [&] {
@@ -63,7 +83,7 @@ int start(const Service& service, const Options& options) {
     if (!result.success) {
         complain("{} was not started: {}", service.name, result.text);
     } else if (!missing.empty()) {
-        complain("{}: {} does not run; is it installed?", service.name, missing);
+        complain("{}: {} does not run; see its own log", service.name, missing);
     } else {
         say("{}: started", service.name);
     }
@@ -74,6 +94,10 @@ int stop(const Service& service, const Options& options) {
     if (options.if_slave && !is_slave_by_forecast()) {
         say("{}: left alone, this host is not the slave", service.name);
         return EXIT_FINE;
+    }
+    const bool by_script = service.processes.empty();
+    if (by_script && !program_is_there(service)) {
+        return EXIT_PROBLEM;
     }
     begin_changes();
     {

@@ -38,6 +38,10 @@ std::string shown(const std::string& text) {
 }
 
 int absent(const Options& options) {
+    if (access(options.path().c_str(), F_OK) != 0) {
+        complain_about_file(options.path());
+        return EXIT_PROBLEM;
+    }
     complain("{} has no key \"{}\"; \"quorsyncctl store dump --file {}\" shows what it has",
              options.path(), escape(options.key), options.file);
     return EXIT_PROBLEM;
@@ -85,7 +89,7 @@ int verify(const Options& options) {
         return EXIT_PROBLEM;
     }
     if (!store || !store->usable()) {
-        complain("{} cannot be examined: {}", options.path(), last_logged_error());
+        complain_about_file(options.path());
         return EXIT_CANNOT_TELL;
     }
     say("{} is sound", options.path());

@@ -14,20 +14,6 @@
 #include "session.h"
 #include "store_walk.h"
 
-namespace {
-
-void complain_about(const std::string& path) {
-    if (access(path.c_str(), R_OK) != 0) {
-        complain("{}: {}; \"config\", \"client\", \"disk\" or a path name a file", path,
-                 std::strerror(errno));
-    } else {
-        complain("{} cannot be used: {}; \"quorsyncctl store verify --file {}\" examines it", path,
-                 last_logged_error(), path);
-    }
-}
-
-}  // namespace
-
 std::vector<std::string> names_in_store_directory() {
     std::vector<std::string> names;
     std::error_code error;
@@ -52,11 +38,23 @@ std::string store_path(const std::string& name) {
                               : name;
 }
 
+void complain_about_file(const std::string& path) {
+    if (access(path.c_str(), F_OK) != 0) {
+        complain("{}: {}; \"config\", \"client\", \"disk\" or a path name a file", path,
+                 std::strerror(errno));
+    } else if (geteuid() != 0) {
+        complain("{}; run this as root", last_logged_error());
+    } else {
+        complain("{}; \"quorsyncctl store verify --file {}\" examines it", last_logged_error(),
+                 path);
+    }
+}
+
 std::unique_ptr<Store> open_store(const std::string& path) {
     std::unique_ptr<Store> store = db_open(path.c_str());
     if (!store || !store->usable()) {
         store.reset();  // unlocked before anybody reads about it
-        complain_about(path);
+        complain_about_file(path);
     }
     return store;
 }
@@ -71,7 +69,7 @@ std::optional<std::map<std::string, std::string>> read_records(const std::string
         }
     }
     if (walk.failed()) {
-        complain_about(path);
+        complain_about_file(path);
         return std::nullopt;
     }
     return records;
@@ -79,6 +77,11 @@ std::optional<std::map<std::string, std::string>> read_records(const std::string
 
 bool holds_clients(const std::string& path) {
     return path.substr(path.rfind('/') + 1) == "client.db";
+}
+
+bool holds_settings(const std::string& path) {
+    const std::string name = path.substr(path.rfind('/') + 1);
+    return name == "config.db" || !peer_of_copy(name).empty();
 }
 
 Travel travel_of(bool client_record, std::string_view key) {

@@ -22,6 +22,9 @@ std::string peer_of_copy(std::string_view name);
 // "config", "client" and "disk" are the daemon's own files; anything else is a path.
 std::string store_path(const std::string& name);
 
+// Complains of a file that is missing or cannot be used, with what helps.
+void complain_about_file(const std::string& path);
+
 // Opens the file; null after a complaint that says what is wrong with it and what helps.
 std::unique_ptr<Store> open_store(const std::string& path);
 
@@ -29,8 +32,9 @@ std::unique_ptr<Store> open_store(const std::string& path);
 // of it is read.
 std::optional<std::map<std::string, std::string>> read_records(const std::string& path);
 
-// Whether a file of that name holds boot clients, all of which are mirrored.
+// Whether a file of that name holds boot clients, all of which are mirrored, or settings.
 bool holds_clients(const std::string& path);
+bool holds_settings(const std::string& path);
 
 // How a record travels from the master to its slave.
 enum class Travel {

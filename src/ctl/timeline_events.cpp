@@ -23,12 +23,19 @@ constexpr long QUIET_BEATS = 2;
 
 constexpr std::size_t MAX_ALIKE = 5;  // further ones of a kind are told as one
 
-// Failures that the daemon logs at LOG_INFO.
-constexpr std::array<std::string_view, 12> QUIET_FAILURES = {
-    "Bind error:",        "Udp server socket error:", "failed to initialize semaphore",
-    "semaphore_p failed", "semaphore_v failed",       "set value failed",
-    "Failed to delete",   "dhcpd start result:",      "dhcpd stop:",
-    "stagd stop:",        "create socket failed",     "error func:"};
+// Failures that the daemon logs at LOG_INFO. Not "dhcpd stop:", which the tool logs whenever it
+// restarts the system's DHCP server; after a failure of the daemon "stagd stop:" follows it.
+constexpr std::array<std::string_view, 11> QUIET_FAILURES = {"Bind error:",
+                                                             "Udp server socket error:",
+                                                             "failed to initialize semaphore",
+                                                             "semaphore_p failed",
+                                                             "semaphore_v failed",
+                                                             "set value failed",
+                                                             "Failed to delete",
+                                                             "dhcpd start result:",
+                                                             "stagd stop:",
+                                                             "create socket failed",
+                                                             "error func:"};
 
 // What some failures mean to the pair.
 struct Meaning {
@@ -62,12 +69,6 @@ bool is_failure(const LogMessage& message) {
                                                     [&message](std::string_view start) {
                                                         return message.text.starts_with(start);
                                                     });
-}
-
-// Without the source line at its end, which tells an operator nothing.
-std::string_view without_origin(std::string_view text) {
-    text = text.substr(0, text.find(" --"));
-    return text.substr(0, text.find("---"));
 }
 
 // The failures of a log: each text once, and of many alike only the first ones.

@@ -159,6 +159,8 @@ def test_diff_tells_what_is_mirrored(couple, ctl):
     assert keys["config_db_version"]["state"] == "differs"
     code, _, complaint = ctl(master, "diff", "config", "/no/such.db")
     assert code == CANNOT_TELL and "/no/such.db" in complaint
+    code, _, complaint = ctl(master, "diff", "config", "client")
+    assert code == WRONG_USE and "holds clients" in complaint
 
 
 @pytest.mark.sanitizer
@@ -183,7 +185,7 @@ def test_fetch_replaces_a_file_when_all_of_it_has_come(lab_room, ctl):
         code, _, complaint = fetch("/tmp/file")
         assert code == PROBLEM and "293.0 KiB" in complaint
     code, _, complaint = fetch("/tmp/file")
-    assert code == PROBLEM and "Connection refused" in complaint
+    assert code == PROBLEM and "Connection refused; its file service listens" in complaint
     assert target.read_bytes() == data
     assert ctl(here, "fetch", "there", "/tmp/file", "/tmp/fetched")[0] == WRONG_USE
     assert list((here.root / "var/log").iterdir()) == []
@@ -248,3 +250,6 @@ def test_services_by_hand(pair, ctl):
     code, _, complaint = ctl(pair.master, "service", "start", "boot")
     assert code == PROBLEM and "stagd does not run" in complaint
     assert ctl(pair.master, "service", "stop", "tftp")[0] == FINE
+    for verb in ("start", "stop"):
+        code, _, complaint = ctl(pair.master, "service", verb, "ravlo")
+        assert code == PROBLEM and "/etc/init.d/ravlo: No such file" in complaint
