@@ -1,9 +1,13 @@
 // quorsyncctl dhcpd-conf: the system DHCP server's configuration.
 #include "dhcpd_conf.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <charconv>
+#include <cstring>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -138,11 +142,6 @@ int check_settings() {
     return EXIT_FINE;
 }
 
-int failed() {
-    complain("{}: {}", DHCPD_CONF, last_logged_error());
-    return EXIT_PROBLEM;
-}
-
 int write_anew(const Options& options) {
     if (const int status = check_settings(); status != EXIT_FINE) {
         return status;
@@ -156,24 +155,43 @@ int write_anew(const Options& options) {
     }
     begin_changes();
     if (write_dhcpd_conf() != 0) {
-        return failed();
+        complain("{}; is its file system full or read-only?", last_logged_error());
+        return EXIT_PROBLEM;
     }
     say("{} is written; the server reads it when it is stopped and started", DHCPD_CONF);
     return EXIT_FINE;
 }
 
+// By the last message that the library logged.
+std::string failure_text(const std::string& message) {
+    return message.starts_with("dhcpd start result:")
+               ? fmt::format(
+                     "{} has the entry, but dhcpd reports a failure; \"dhcpd -t\" examines it",
+                     DHCPD_CONF)
+               : message + "; is its file system full or read-only?";
+}
+
 int put_host(const Options& options) {
     const Mac mac = parse_mac(options.mac);
     check_client(options);
+    if (access(DHCPD_CONF, R_OK | W_OK) != 0) {
+        complain("{}: {}; \"quorsyncctl dhcpd-conf write\" makes it", DHCPD_CONF,
+                 std::strerror(errno));
+        return EXIT_PROBLEM;
+    }
     begin_changes();
     const auto dying = processes_named("dhcpd");
+    std::string last_message;
+    listen_to_log([&last_message](int, const std::string& message) { last_message = message; });
     const int result = [&] {
         const DetachedPrograms detached;
         return update_dhcp_host(options.name.c_str(), options.pxe.c_str(), mac.data(),
                                 options.address.c_str());
     }();
+    listen_to_log({});
     if (result != 0) {
-        return failed();
+        complain("{}", failure_text(last_message));
+        return EXIT_PROBLEM;
     }
     if (!comes_to_run("dhcpd", true, dying)) {
         complain("{} has the entry, but dhcpd does not run; is it installed?", DHCPD_CONF);

@@ -81,7 +81,8 @@ int start(const Service& service, const Options& options) {
     const std::string_view missing =
         result.success ? wrong_process(service, true) : std::string_view();
     if (!result.success) {
-        complain("{} was not started: {}", service.name, result.text);
+        complain("{}: {} reports a failure; see its own log, or {} if that exists", service.name,
+                 service.program, "/var/log/dhcpd_start.log");
     } else if (!missing.empty()) {
         complain("{}: {} does not run; see its own log", service.name, missing);
     } else {
@@ -105,7 +106,8 @@ int stop(const Service& service, const Options& options) {
         (void)service.stop();
     }
     if (const std::string_view left = wrong_process(service, false); !left.empty()) {
-        complain("{}: {} still runs", service.name, left);
+        complain("{}: {} still runs{}", service.name, left,
+                 geteuid() == 0 ? "; it cannot be killed now" : "; run this as root");
         return EXIT_PROBLEM;
     }
     say("{}: stopped", service.name);

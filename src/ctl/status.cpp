@@ -311,7 +311,7 @@ void print_status_as_json(const Status& status) {
 int show_status(const Options& options) {
     const Status status = gather(options);
     if (!status.config_readable) {
-        complain("{} cannot be read: {}", CONFIG_DB, last_logged_error());
+        complain("{}; \"quorsyncctl check\" tells what helps", last_logged_error());
     }
     if (!status.log_readable) {
         complain("{}", status.log.failure);

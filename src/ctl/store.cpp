@@ -211,8 +211,8 @@ int list_add(const Options& options) {
 int list_remove(const Options& options) {
     check_item(options);
     if (!list_has(present_list(options), options.value)) {
-        complain("{}: \"{}\" is not in the list \"{}\"", options.path(), escape(options.value),
-                 escape(options.key));
+        complain("{}: \"{}\" is not in the list \"{}\"; \"quorsyncctl store get\" shows it",
+                 options.path(), escape(options.value), escape(options.key));
         return EXIT_PROBLEM;
     }
     check_place(options);

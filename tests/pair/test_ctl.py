@@ -221,9 +221,16 @@ def test_dhcpd_conf_writes_only_what_is_sound(lab_room, ctl):
         assert code == WRONG_USE and complaint, changed
     assert ctl(host, "dhcpd-conf", "write")[0] == WRONG_USE  # PC-10 would be lost.
     assert conf.read_text() == written
+    server.write_text("#!/bin/sh\nexit 1\n")
+    code, _, complaint = ctl(host, "dhcpd-conf", "host", *client)
+    assert code == PROBLEM and "has the entry, but dhcpd reports a failure" in complaint
     server.unlink()
     code, _, complaint = ctl(host, "dhcpd-conf", "host", "PC-2", *client[1:])
     assert code == PROBLEM and "dhcpd does not run" in complaint
+    conf.unlink()
+    code, _, complaint = ctl(host, "dhcpd-conf", "host", *client)
+    assert code == PROBLEM and "/etc/dhcpd.conf: No such file" in complaint
+    assert not conf.exists()
 
 
 def running(host):
