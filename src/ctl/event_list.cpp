@@ -42,6 +42,7 @@ void EventList::forget_old(LogTime time) {
 
 std::vector<TimelineEvent> EventList::sorted() const {
     std::vector<TimelineEvent> events = events_;
+    std::erase_if(events, [](const TimelineEvent& event) { return event.count == 0; });
     std::stable_sort(events.begin(), events.end(),
                      [](const TimelineEvent& left, const TimelineEvent& right) {
                          return left.time < right.time;

@@ -13,7 +13,7 @@
 // Repetitions within this time of each other belong together.
 inline constexpr std::chrono::seconds TOGETHER{60};
 
-inline constexpr long ENDLESS = 3;  // so often in a row is no accident
+inline constexpr long ENDLESS = 3;  // so often in a row is no accident; twice may be
 
 inline long seconds_between(LogTime from, LogTime to) {
     return static_cast<long>((to - from).count());
@@ -29,6 +29,9 @@ public:
 
     std::size_t size() const { return events_.size(); }
     TimelineEvent& at(std::size_t index) { return events_[index]; }
+
+    // The event is told by another one; its index stays.
+    void withdraw(std::size_t index) { events_[index].count = 0; }
 
     // In order of time.
     std::vector<TimelineEvent> sorted() const;

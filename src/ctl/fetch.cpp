@@ -99,6 +99,13 @@ std::string failure_text(const Options& options, int result, const Announced& an
                            bytes_text(size_of(options.local + ".part")),
                            bytes_text(announced.length));
     }
+    if (result == -3 && announced.length == 0) {
+        return fmt::format("{} answers without the length of {}", options.address, options.remote);
+    }
+    if (result == -3) {
+        return fmt::format("{}.part cannot be written to its end; is its file system full?",
+                           options.local);
+    }
     return fmt::format("{} from {}: {}; its file service listens on TCP port {}", options.remote,
                        options.address, without_origin(last_logged_error()), FILE_SERVICE_PORT);
 }
@@ -115,6 +122,10 @@ int fetch(const Options& options) {
     }
     if (std::filesystem::is_directory(options.local)) {
         throw CLI::ValidationError("LOCAL", "\"" + options.local + "\" is a directory");
+    }
+    const std::string directory = std::filesystem::absolute(options.local).parent_path();
+    if (access(directory.c_str(), W_OK) != 0) {
+        throw CLI::ValidationError("LOCAL", directory + ": " + std::strerror(errno));
     }
     const std::string beside = options.local + ".part";  // what is there stays until all has come
     Announced announced;

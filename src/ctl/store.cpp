@@ -211,7 +211,7 @@ int list_add(const Options& options) {
 int list_remove(const Options& options) {
     check_item(options);
     if (!list_has(present_list(options), options.value)) {
-        complain("{}: \"{}\" is not in the list \"{}\"; \"quorsyncctl store get\" shows it",
+        complain("{}: \"{}\" is not in the list \"{}\", which \"quorsyncctl store get\" shows",
                  options.path(), escape(options.value), escape(options.key));
         return EXIT_PROBLEM;
     }

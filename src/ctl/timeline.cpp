@@ -46,10 +46,9 @@ Colour colour_of(EventKind kind) {
     }
 }
 
-// Not of those whose text tells it.
+// Not where the text tells it.
 std::string repetition(const TimelineEvent& event) {
-    if (event.count == 1 || event.kind == EventKind::FLAPPING || event.kind == EventKind::SYNC ||
-        event.kind == EventKind::PUSH) {
+    if (event.count == 1 || event.kind == EventKind::FLAPPING) {
         return "";
     }
     return fmt::format(" ({} times until {})", event.count, format_log_time(event.until));

@@ -220,17 +220,23 @@ void TransferStory::tell(std::size_t set, bool whole) {
                        transfer.event_turn == transfer.turn &&
                        transfer.begin - events_.at(*transfer.event).until <= TOGETHER;
     if (!again) {
-        transfer.event = events_.size();
+        transfer.first_event = events_.size();
         transfer.event_stamp = transfer.stamp;
         transfer.event_turn = transfer.turn;
         transfer.times = transfer.whole_times = 0;
-        events_.add(kind_, transfer.begin, {});
     }
     ++transfer.times;
     transfer.whole_times += whole ? 1 : 0;
+    if (transfer.times < ENDLESS) {
+        transfer.event = events_.size();
+        events_.add(kind_, transfer.begin, {});
+    } else if (transfer.times == ENDLESS) {
+        events_.withdraw(*transfer.event);  // one tells of all from now on
+        transfer.event = transfer.first_event;
+    }
     TimelineEvent& event = events_.at(*transfer.event);
     event.kind = transfer.times < ENDLESS ? kind_ : EventKind::RESYNC;
-    event.count = transfer.times;
+    event.count = transfer.times < ENDLESS ? 1 : transfer.times;
     event.until = transfer.last;
     event.records = transfer.records;
     event.seconds_from = event.seconds_to = seconds_between(transfer.begin, transfer.last);

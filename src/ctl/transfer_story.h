@@ -25,7 +25,7 @@ public:
     void tell_open_ones();
 
 private:
-    // A set on its way, and the event that tells of it and of those before it with the same stamp.
+    // A set on its way, and the events that tell of it and of those before it with the same stamp.
     struct Transfer {
         bool open = false;
         LogTime begin{};
@@ -35,7 +35,8 @@ private:
         long records = 0;
         long unsent = 0;
 
-        std::optional<std::size_t> event;
+        std::size_t first_event = 0;
+        std::optional<std::size_t> event;  // the last one
         std::string event_stamp;
         long event_turn = 0;
         long times = 0;

@@ -187,7 +187,8 @@ def test_fetch_replaces_a_file_when_all_of_it_has_come(lab_room, ctl):
     code, _, complaint = fetch("/tmp/file")
     assert code == PROBLEM and "Connection refused; its file service listens" in complaint
     assert target.read_bytes() == data
-    assert ctl(here, "fetch", "there", "/tmp/file", "/tmp/fetched")[0] == WRONG_USE
+    for peer, local in (("there", "/tmp/fetched"), (there.address, "/no/such/fetched")):
+        assert ctl(here, "fetch", peer, "/tmp/file", local)[0] == WRONG_USE
     assert list((here.root / "var/log").iterdir()) == []
 
 

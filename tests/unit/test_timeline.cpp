@@ -167,7 +167,9 @@ TEST(Timeline, CountsTheRecordsOfASync) {
     EXPECT_THAT(
         told(lines),
         ElementsAre("00:00:00 sync: client set received: 10 records in 2 s, 5/s, stamp one",
-                    "00:00:10 sync x2: client set received: 6 records in 2 s, 3/s, stamp two, "
+                    "00:00:10 sync: client set received: 3 records, never came to its end, stamp "
+                    "two",
+                    "00:00:12 sync: client set received: 6 records in 2 s, 3/s, stamp two, "
                     "attempt 2",
                     HasSubstr("take-over: takes over"), HasSubstr("step-down: "),
                     "00:00:24 sync: client set received: 9 records in 2 s, 4/s, stamp two, but "
