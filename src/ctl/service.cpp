@@ -67,8 +67,8 @@ int start(const Service& service, const Options& options) {
     if (moves && !options.force && stands_by_a_living_master()) {
         throw CLI::ValidationError(
             service.name,
-            "this host is the slave and has not taken over: beside its master, both would serve "
-            "the clients; --force starts them all the same");
+            "this host is the slave: beside its master, both would serve the clients; --force "
+            "starts them all the same");
     }
     if (!program_is_there(service)) {
         return EXIT_PROBLEM;
