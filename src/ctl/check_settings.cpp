@@ -1,12 +1,16 @@
 // The part of `check` about settings and roles.
 #include <fmt/format.h>
 
+#include <array>
+#include <utility>
+
 #include "findings.h"
 #include "forecast.h"
 #include "keys.h"
 #include "local_addresses.h"
 #include "owned.h"
 #include "process_state.h"
+#include "store.h"
 #include "text.h"
 
 namespace {
@@ -88,6 +92,18 @@ void check_roles(const PairSettings& settings, const std::string& local, Finding
     }
 }
 
+// A master without a stamp answers "null", always the same.
+void check_stamps(Findings& findings) {
+    constexpr std::array<std::pair<const char*, const char*>, 2> SETS = {
+        {{KEY_CONFIG_VERSION, "config"}, {KEY_CLIENT_VERSION, "client"}}};
+    for (const auto& [key, set] : SETS) {
+        if (!OwnedText(db_get(CONFIG_DB, key))) {
+            findings.warning(key, "is missing: a slave fetches the set once and no change of it",
+                             fmt::format("\"quorsyncctl store bump {}\" makes one", set));
+        }
+    }
+}
+
 }  // namespace
 
 void check_settings(Findings& findings) {
@@ -95,5 +111,9 @@ void check_settings(Findings& findings) {
     check_ha(settings, findings);
     check_server_list(settings, findings);
     check_master(settings, findings);
-    check_roles(settings, check_address(settings, findings), findings);
+    const std::string local = check_address(settings, findings);
+    check_roles(settings, local, findings);
+    if (forecast_role(settings, local).decision.role == ROLE_MASTER) {
+        check_stamps(findings);
+    }
 }

@@ -75,10 +75,12 @@ def test_settings_that_keep_a_pair_from_work(host, faults):
             assert found[name].startswith("problem: ") and text in found[name]
         host.config.delete(key)
         host.config.fill(host.good)
+    assert "no change of it" in faults(host)[1]["config_db_version"]
     host.config.fill({"master": "10.77.0.2", "server_list": "10.77.0.2,10.77.0.3,10.77.0.1"})
     code, found = faults(host)
     assert code == PROBLEM and "this host: no role, waits for ever" in found["role"]
     assert "the master is 10.77.0.2, the slave 10.77.0.3" in found["role"]
+    assert "config_db_version" not in found
     host.config.fill(host.good)
     host.shell("ip link set eth0 down")
     code, found = faults(host)
