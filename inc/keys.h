@@ -40,6 +40,10 @@ inline constexpr const char* KEY_IP_END = "ip_end";      // last address of the 
 inline constexpr const char* KEY_DOMAIN_NAME = "domain_name";  // of the site's network
 inline constexpr const char* KEY_BOOT_FILE = "boot_file";      // network boot loader's path
 
+// Settings that only the site's other tools read.
+inline constexpr const char* KEY_DATA_SERVER = "dataserver";
+inline constexpr const char* KEY_CLIENT_WINSERVER = "client_winserver";
+
 inline constexpr const char* DEFAULT_DOMAIN_NAME = "localdomain";  // where the key is absent
 inline constexpr const char* DEFAULT_BOOT_FILE = "pxelinux.0";
 
