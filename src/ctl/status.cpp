@@ -124,6 +124,9 @@ Status gather(const Options& options) {
     status.config_readable = read_settings(status);
     status.forecast =
         forecast_role(read_pair_settings(), std::string(text_of(OwnedText(local_ip_list()))));
+    if (!status.config_readable) {
+        status.forecast.text = fmt::format("cannot tell: {} cannot be read", CONFIG_DB);
+    }
     status.daemons = processes_named(PROGRAM_NAME);
     for (const char* name : {"quordhcpd", "stagd"}) {
         const auto found = processes_named(name);
@@ -183,7 +186,9 @@ Colour verdict_colour(InSync verdict) {
 
 std::string setting(const Status& status, const char* key) {
     const auto found = status.settings.find(key);
-    return found == status.settings.end() ? "absent" : escape(found->second);
+    return found != status.settings.end() ? escape(found->second)
+           : status.config_readable       ? "absent"
+                                          : "unreadable";
 }
 
 void add_beats(const LogState& state, Table& table) {
