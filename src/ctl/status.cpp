@@ -26,7 +26,8 @@ namespace {
 constexpr const char* NOTES = R"(
 Roles, daemon, stamps, heartbeats, take-overs and whether the pair is in sync, as far as this host
 can tell: from its files, its processes and the logs of today and yesterday. Exit code 1 when the
-daemon does not run, has no role or was stopped, when two run, when this host has taken over, or when it is not in sync.
+daemon does not run, has no role or was asked to end, when two run, when this host has taken over,
+or when it is not in sync.
 
 Examples:
   quorsyncctl status
