@@ -353,8 +353,10 @@ def measure_fetch(build: Path, quick: bool) -> list[Goal]:
     return [Goal(row.text, row.value, row.good) for row in rows if row.good is not None]
 
 
-def find_limit(bench: Bench) -> None:
+def find_limit(bench: Bench, busy: int) -> None:
     """Larger and larger stores until the slave takes over meanwhile."""
+    for _ in range(busy):
+        bench.slave.popen(["/bin/sh", "-c", "while :; do :; done"])
     patience = time.monotonic() + LIMIT_PATIENCE
     clients = LIMIT_STEP
     while time.monotonic() < patience:
@@ -374,7 +376,7 @@ def run(bench: Bench, arguments: argparse.Namespace) -> list[Goal]:
         bench.pair.wait_equal()
         progress("a pair is at rest on the lab")
         if arguments.limit:
-            find_limit(bench)
+            find_limit(bench, arguments.busy)
             return []
         return measure(bench, QUICK if arguments.quick else DEFAULT)
     except (LabError, WaitTimeout):
@@ -386,6 +388,7 @@ def main() -> int:
     parser = argparse.ArgumentParser(prog="./run bench", description=__doc__)
     parser.add_argument("--quick", action="store_true", help="up to 100,000 clients, few rounds")
     parser.add_argument("--limit", action="store_true", help="only find where a slave takes over")
+    parser.add_argument("--busy", type=int, default=0, help="with so many busy loops beside it")
     parser.add_argument("--build", type=Path, default=RELEASE, help="programs (%(default)s)")
     arguments = parser.parse_args()
     try:
