@@ -72,6 +72,8 @@ class BadDay:
     def assert_healed(self):
         pair, slave = self.pair, self.pair.slave
         assert pair.master_daemon.alive and pair.slave_daemon.alive
+        # Without any help of another stamp; then with it.
+        pair.wait_equal(MARGIN)
         self._change("after")
         pair.wait_equal(MARGIN)
         wait_until(lambda: self.turns()[-1:] != [PROMOTED], LIMIT, "the way back")
