@@ -37,7 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         expect(records <= size, "a walk ends");
     }
     (void)db_store(CLIENT_DB, "key", "value");
-    const OwnedText value(db_get(CLIENT_DB, "key"));  // a key in the wrong bucket is only not found
+    const OwnedText value(db_get(CLIENT_DB, "key"));  // of some damage nobody knows
     (void)db_del(CLIENT_DB, "key");
     expect(db_replace_empty(CLIENT_DB), "any file can be emptied");
     expect(db_store(CLIENT_DB, "key", "value"), "an emptied file takes records");
