@@ -28,6 +28,12 @@ STEPS = {
 START, STOP = "wWbB", "wb"
 
 
+def steps(host):
+    calls = [call for call in host.calls() if call.name != "evpost_ex"]
+    return "".join(STEPS[call.argv[-2:] if call.name == "killall" else call.argv]
+                   for call in calls)
+
+
 class BadDay:
     """A pair and its fault. `takes_over` is None where chance decides."""
 
@@ -81,18 +87,13 @@ class BadDay:
         assert turns == [PROMOTED, RESTORED] * (len(turns) // 2)
         # In the order of the roles, not one too many, and none is left; so are never both active.
         wanted = (START + STOP) * (len(turns) // 2)
-        wait_until(lambda: len(self.steps()) >= len(wanted), LIMIT, "the last stop")
-        assert self.steps() == wanted
+        wait_until(lambda: len(steps(slave)) >= len(wanted), LIMIT, "the last stop")
+        assert steps(slave) == wanted
         for name in ("quordhcpd", "stagd"):
             wait_until(lambda name=name: not slave.service_running(name), LIMIT, "their end")
         wait_until(lambda: slave.config.get("dhcp") is None, LIMIT, "the mark to go")
-        assert not pair.master.calls()
+        assert not steps(pair.master)
         assert self.takes_over in (None, bool(turns)), turns
-
-    def steps(self):
-        calls = [call for call in self.pair.slave.calls() if call.name != "evpost_ex"]
-        return "".join(STEPS[call.argv[-2:] if call.name == "killall" else call.argv]
-                       for call in calls)
 
     def assert_copy(self):
         """The master gets the slave's settings again."""
