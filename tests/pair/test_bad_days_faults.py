@@ -151,15 +151,15 @@ LINE = [
     ("no beats", 10, faults.cut("out"), None),
     ("no heartbeats", 5, faults.cut("in"), None),
     ("no heartbeats", 10, faults.cut("in"), None),
-    ("every tenth frame lost", 15, faults.cut(share=0.1), None),
-    ("every third frame lost", 15, faults.cut(share=0.33), None),
-    ("slave stopped", 10, faults.stopped("slave"), False),
+    ("every tenth frame lost", 10, faults.cut(share=0.1), None),
+    ("every third frame lost", 10, faults.cut(share=0.33), None),
+    ("slave stopped", 9, faults.stopped("slave"), False),
     ("master stopped", 4, faults.stopped("master"), None),
-    ("master stopped", 12, faults.stopped("master"), None),
-    ("both stopped", 10, faults.stopped("slave", "master"), False),
+    ("master stopped", 10, faults.stopped("master"), None),
+    ("both stopped", 9, faults.stopped("slave", "master"), False),
 ]
 DISK = [
-    (f"{side}: {folder} {kind.__name__}", 8, kind(side, folder), None)
+    (f"{side}: {folder} {kind.__name__}", 6, kind(side, folder), None)
     for side, folder in (
         ("slave", "/etc/quoradmind"),
         ("master", "/etc/quoradmind"),
