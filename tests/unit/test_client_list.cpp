@@ -19,6 +19,9 @@ protected:
         put(CONFIG_DB, KEY_CLIENT_VERSION, "v1");
         ASSERT_TRUE(clear_client_db());
     }
+    // Whether a list was put back is remembered until the next one begins.
+    void TearDown() override { EXPECT_TRUE(clear_client_db()); }
+
     // A push of one record and, if it gets that far, its stamp.
     static void push(const char* stamp) {
         RecordSink sink;
