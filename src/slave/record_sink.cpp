@@ -25,6 +25,9 @@ bool may_be_stored(const char* key, bool set_failed) {
 RecordSink::~RecordSink() {
     close_batch();
     note_end_of_push();
+    if (clients_stored_) {
+        (void)malloc_trim(0);  // the cache was many small pieces
+    }
 }
 
 void RecordSink::apply_data_record(const DataRecord& record) {
@@ -98,6 +101,5 @@ void RecordSink::close_batch() {
             clients_failed_ = true;
         }
         clients_.reset();
-        (void)malloc_trim(0);  // the cache was many small pieces
     }
 }
