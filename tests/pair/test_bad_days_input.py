@@ -1,0 +1,52 @@
+"""Whatever a stranger sends: both daemons live, and the next honest heartbeat is answered."""
+
+import random
+import time
+from socket import SOCK_DGRAM
+
+import lab
+import pytest
+from peer import ALL, CLIENT, CONFIG, LIMIT, PORT, SIZE, beat_back, heartbeat, record, request
+
+# Addresses that nobody has are asked for files, one after the other, for 20 seconds each: none here.
+HONEST = [
+    heartbeat("", "20260101000000"),
+    heartbeat("..", "20260101000000"),
+    request(ALL),
+    request(CONFIG),
+    beat_back("one#two"),
+    record(CLIENT, "key", "value"),
+    record(CONFIG, "dbver", "stamp"),
+]
+
+
+def garbage(dice):
+    """Bytes of any number, or a message of which some bytes are others."""
+    if dice.random() < 0.2:
+        return dice.randbytes(dice.randrange(2 * SIZE))
+    data = bytearray(dice.choice(HONEST))
+    for _ in range(dice.randrange(1, 6)):
+        data[dice.choice((dice.randrange(16), dice.randrange(SIZE)))] = dice.randrange(256)
+    return bytes(data[: dice.choice((SIZE, SIZE, dice.randrange(SIZE)))])
+
+
+@pytest.mark.sanitizer
+def test_a_stranger_sends_anything(pair_factory, seed, rounds):
+    pair = pair_factory(clients=lab.realistic_clients(5))
+    stranger = pair.lab.add_host("stranger")
+    pair.start()
+    pair.wait_equal(LIMIT)
+    dice = random.Random(seed)
+    with stranger.open_socket(SOCK_DGRAM) as outlet:
+        for number in range(800 * rounds):
+            outlet.sendto(garbage(dice), (pair.master.address, PORT))
+            if number % 50 == 0:
+                time.sleep(0.02)  # What does not fit the master's queue would be lost.
+                with stranger.open_socket() as stream:
+                    stream.settimeout(LIMIT)
+                    stream.connect((pair.slave.address, PORT))
+                    stream.sendall(b"".join(garbage(dice) for _ in range(dice.randrange(9))))
+    for key in ("config_db_version", "client_db_version"):
+        pair.master.config.put(key, "the last")
+    pair.wait_equal(LIMIT)
+    assert pair.master_daemon.alive and pair.slave_daemon.alive
