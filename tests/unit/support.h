@@ -87,7 +87,9 @@ inline bool eventually(const std::function<bool()>& condition) {
 // Each test starts with empty configuration, log and program directories.
 class WithFiles : public testing::Test {
 protected:
-    void SetUp() override {
+    void SetUp() override { remove_files(); }
+
+    static void remove_files() {
         for (const char* place :
              {"/etc/quoradmind", "/etc/quorsyncd", "/var/log", "/usr/local/bin"}) {
             for (const auto& entry : std::filesystem::directory_iterator(place)) {

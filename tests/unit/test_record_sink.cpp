@@ -6,8 +6,6 @@
 
 namespace {
 
-using testing::HasSubstr;
-
 class Sink : public WithFiles {
 protected:
     static void apply(RecordSink& sink, std::uint32_t kind, std::string_view key,

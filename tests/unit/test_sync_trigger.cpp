@@ -79,7 +79,7 @@ TEST_F(SyncTrigger, AsksForWhatDiffers) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        WithFiles::SetUp();
+        remove_files();
         own(KEY_CONFIG_VERSION, row.config);
         own(KEY_CLIENT_VERSION, row.client);
         put(CLIENT_DB, "client1", "value");
