@@ -24,6 +24,11 @@ def cut(direction: str = "both", share: float = 1.0) -> Fault:
     return fault
 
 
+def slow(shortest: float, longest: float) -> Fault:
+    """Every frame of the master takes its own time, in seconds, and some overtake others."""
+    return lambda pair: pair.master.slow_line(shortest, longest)
+
+
 def stopped(*sides: str) -> Fault:
     """The daemons of "master" and "slave" stand still; their peers can still connect to them."""
 

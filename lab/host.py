@@ -6,6 +6,7 @@ import re
 import socket
 import subprocess
 from collections.abc import Mapping, Sequence
+from contextlib import AbstractContextManager
 from pathlib import Path
 from typing import Protocol, TypeVar
 
@@ -288,6 +289,10 @@ class Host:
         inward = Fault(other, self._port, share, all_frames)
         faults = {"both": [outward, inward], "out": [outward], "in": [inward]}
         self._switch.add_faults(faults[direction])
+
+    def slow_line(self, shortest: float, longest: float) -> AbstractContextManager[None]:
+        """Meanwhile, what comes in and goes out takes between so many seconds, each frame its own."""
+        return self._switch.slow(self._port, shortest, longest)
 
     def heal(self) -> None:
         """End every cut of this host's line."""

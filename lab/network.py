@@ -1,14 +1,18 @@
 """The switch between the hosts, and the faults of its lines."""
 
+import os
 import subprocess
 import threading
-from collections.abc import Sequence
+from collections.abc import Iterator, Sequence
+from contextlib import contextmanager
 from dataclasses import dataclass
+from pathlib import Path
 
-from .namespaces import Namespaces
+from .namespaces import PYTHON, Namespaces, Process
 from .wait import LabError
 
 TABLE = "table bridge faults"
+SLOW_LINE = Path(__file__).resolve().parent / "slow_line.py"
 
 
 @dataclass(frozen=True)
@@ -51,7 +55,7 @@ class Switch:
 
     def wait_ready(self) -> None:
         self._inside.wait_ready()
-        self._run("/usr/sbin/ip", "-batch", "-", text="link add br0 type bridge\nlink set br0 up\n")
+        self._ip("link add br0 type bridge", "link set br0 up")
 
     def _run(self, *argv: str, text: str) -> None:
         """Run a tool of the machine in the switch's network namespace."""
@@ -67,11 +71,30 @@ class Switch:
 
     def plug(self, port: str, host: Namespaces) -> None:
         """Lay a line from a new port to the host's eth0; no end is ever in another namespace."""
-        text = (
-            f"link add {port} type veth peer name eth0 netns {host.pid}\n"
-            f"link set {port} master br0 up\n"
+        self._ip(
+            f"link add {port} type veth peer name eth0 netns {host.pid}",
+            f"link set {port} master br0 up",
         )
-        self._run("/usr/sbin/ip", "-batch", "-", text=text)
+
+    @contextmanager
+    def slow(self, port: str, shortest: float, longest: float) -> Iterator[None]:
+        """Meanwhile, frames to and from the port take between so many seconds."""
+        here, there = f"{port}s", f"{port}r"
+        self._ip(
+            f"link add {here} type veth peer name {there}",
+            f"link set {here} master br0 up",
+            f"link set {there} up",
+            f"link set {port} nomaster",
+        )
+        with open(os.devnull, "r+b") as null:
+            program = [PYTHON, "-IS", str(SLOW_LINE), port, there, str(shortest), str(longest)]
+            line = self._inside.spawn(Process, program, [null.fileno()] * 3)
+        yield
+        line.kill()
+        self._ip(f"link del {here}", f"link set {port} master br0")
+
+    def _ip(self, *commands: str) -> None:
+        self._run("/usr/sbin/ip", "-batch", "-", text="\n".join([*commands, ""]))
 
     def add_faults(self, faults: Sequence[Fault]) -> None:
         with self._lock:

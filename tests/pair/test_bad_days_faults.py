@@ -136,6 +136,7 @@ def random_trial(dice):
     name, fault = dice.choice((
         (f"line cut {way}", faults.cut(way)),
         (f"frames lost {way} {share}", faults.cut(way, share)),
+        (f"frames up to {share} s late", faults.slow(0, share)),
         (f"{side} stopped", faults.stopped(side)),
         (f"{side}: {folder} {kind.__name__}", kind(side, folder)),
     ))
@@ -153,6 +154,8 @@ LINE = [
     ("no heartbeats", 10, faults.cut("in"), None),
     ("every tenth frame lost", 10, faults.cut(share=0.1), None),
     ("every third frame lost", 10, faults.cut(share=0.33), None),
+    ("frames late", 9, faults.slow(0.02, 0.1), False),
+    ("frames late and out of order", 9, faults.slow(0.0, 0.6), None),
     ("slave stopped", 9, faults.stopped("slave"), False),
     ("master stopped", 4, faults.stopped("master"), None),
     ("master stopped", 10, faults.stopped("master"), None),
