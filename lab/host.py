@@ -291,7 +291,7 @@ class Host:
         self._switch.add_faults(faults[direction])
 
     def slow_line(self, shortest: float, longest: float) -> AbstractContextManager[None]:
-        """Meanwhile, what comes in and goes out takes between so many seconds, each frame its own."""
+        """Meanwhile, each frame in or out takes its own time, between so many seconds."""
         return self._switch.slow(self._port, shortest, longest)
 
     def heal(self) -> None:

@@ -62,8 +62,8 @@ class Victims:
         return died
 
     def assert_whole(self):
-        pair = self.pair
-        if pair.slave.config.get("client_db_version") == pair.master.config.get("client_db_version"):
+        pair, stamp = self.pair, "client_db_version"
+        if pair.slave.config.get(stamp) == pair.master.config.get(stamp):
             assert not pair.master.client.difference(pair.slave.client)
         assert self.copy.verify()
 
@@ -89,7 +89,7 @@ def test_killed_at_any_moment(pair_factory, seed, rounds):
 
 
 def test_records_are_flushed_before_their_stamp_is_written(pair_factory):
-    """As strace sees it: no power failure can leave a stamp, or a name, ahead of what it stands for."""
+    """As strace sees it: no power failure leaves a stamp, or a name, ahead of what it stands for."""
     trace, folder = "/lab/out/trace", "/etc/quoradmind/"
     calls = "pwrite64,write,fsync,fdatasync,rename"
     pair = pair_factory(

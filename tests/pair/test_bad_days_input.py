@@ -6,9 +6,10 @@ from socket import SOCK_DGRAM
 
 import lab
 import pytest
+from lab import wait_until
 from peer import ALL, CLIENT, CONFIG, LIMIT, PORT, SIZE, beat_back, heartbeat, record, request
 
-# Addresses that nobody has are asked for files, one after the other, for 20 seconds each: none here.
+# No address that nobody has: each would be asked for its file for 20 seconds.
 HONEST = [
     heartbeat("", "20260101000000"),
     heartbeat("..", "20260101000000"),
@@ -37,15 +38,22 @@ def test_a_stranger_sends_anything(pair_factory, seed, rounds):
     pair.start()
     pair.wait_equal(LIMIT)
     dice = random.Random(seed)
+
+    def tell(data):
+        with stranger.open_socket() as stream:
+            stream.settimeout(LIMIT)
+            stream.connect((pair.slave.address, PORT))
+            stream.sendall(data)
+
     with stranger.open_socket(SOCK_DGRAM) as outlet:
         for number in range(800 * rounds):
             outlet.sendto(garbage(dice), (pair.master.address, PORT))
             if number % 50 == 0:
                 time.sleep(0.02)  # What does not fit the master's queue would be lost.
-                with stranger.open_socket() as stream:
-                    stream.settimeout(LIMIT)
-                    stream.connect((pair.slave.address, PORT))
-                    stream.sendall(b"".join(garbage(dice) for _ in range(dice.randrange(9))))
+                tell(b"".join(garbage(dice) for _ in range(dice.randrange(9))))
+    # Connections are served in their order: none of the stranger's may follow the last push.
+    tell(record(CONFIG, "the end", "of it"))
+    wait_until(lambda: pair.slave.config.get("the end"), LIMIT, "the end of the strange streams")
     for key in ("config_db_version", "client_db_version"):
         pair.master.config.put(key, "the last")
     pair.wait_equal(LIMIT)
