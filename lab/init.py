@@ -251,7 +251,10 @@ class Init:
                 return
             if ended is None:
                 return
-            name = name_of(ended.si_pid)
+            try:
+                name = name_of(ended.si_pid)
+            except OSError:
+                name = ""  # Without files of its own, as in the switch, /proc is another one.
             pid, status = os.waitpid(ended.si_pid, 0)
             if pid in self.watched:
                 with self.watched.pop(pid) as answer:
