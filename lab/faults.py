@@ -44,47 +44,42 @@ def stopped(*sides: str) -> Fault:
     return fault
 
 
-def full(side: str, folder: str) -> Fault:
-    """No room is left in the file system that the folder lies on."""
-    path = shlex.quote(folder)
+def by_shell(side: str, break_it: str, mend_it: str) -> Fault:
+    """What a shell of the host does, and then undoes."""
 
     @contextmanager
     def fault(pair: Pair) -> Iterator[None]:
         host: Host = getattr(pair, side)
-        host.shell(
-            f"mkdir /lab/kept && find {path} -maxdepth 1 -type f -exec mv -t /lab/kept {{}} +"
-            f" && mount -t tmpfs -o size={SMALL} small {path} && mv /lab/kept/* {path}"
-            f"; rm -r /lab/kept; ! cat /dev/zero 2>&1 >{path}/filler | grep -v 'No space left'"
-        )
+        host.shell(break_it)
         yield
-        host.shell(f"mount -o remount,size={LARGE} {path} && rm {path}/filler")
+        host.shell(mend_it)
 
     return fault
+
+
+def full(side: str, folder: str) -> Fault:
+    """No room is left in the file system that the folder lies on."""
+    path = shlex.quote(folder)
+    return by_shell(
+        side,
+        f"mkdir /lab/kept && find {path} -maxdepth 1 -type f -exec mv -t /lab/kept {{}} +"
+        f" && mount -t tmpfs -o size={SMALL} small {path} && mv /lab/kept/* {path}"
+        f"; rm -r /lab/kept; ! cat /dev/zero 2>&1 >{path}/filler | grep -v 'No space left'",
+        f"mount -o remount,size={LARGE} {path} && rm {path}/filler",
+    )
 
 
 def read_only(side: str, folder: str) -> Fault:
     """As the kernel leaves a file system on which it has met an error."""
     path = shlex.quote(folder)
-
-    @contextmanager
-    def fault(pair: Pair) -> Iterator[None]:
-        host: Host = getattr(pair, side)
-        host.shell(f"mount --bind {path} {path} && mount -o remount,bind,ro {path}")
-        yield
-        host.shell(f"mount -o remount,bind,rw {path}")
-
-    return fault
+    return by_shell(
+        side,
+        f"mount --bind {path} {path} && mount -o remount,bind,ro {path}",
+        f"mount -o remount,bind,rw {path}",
+    )
 
 
 def missing(side: str, folder: str) -> Fault:
     """The folder has another name."""
     path = shlex.quote(folder)
-
-    @contextmanager
-    def fault(pair: Pair) -> Iterator[None]:
-        host: Host = getattr(pair, side)
-        host.shell(f"mv {path} {path}.away")
-        yield
-        host.shell(f"rm -rf {path}; mv {path}.away {path}")
-
-    return fault
+    return by_shell(side, f"mv {path} {path}.away", f"rm -rf {path}; mv {path}.away {path}")

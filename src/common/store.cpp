@@ -37,15 +37,8 @@ std::string_view text_in(const DBT& dbt) {
 // Creates the missing file and locks it.
 int create_file(StoreLock& lock) {
     remove_leftover_creation(lock.path());
-    DB* db = create_handle(0);
-    if (db == nullptr) {
-        return ENOMEM;
-    }
-    const int opened =
-        db->open(db, nullptr, lock.path().c_str(), nullptr, DB_HASH, DB_CREATE, FILE_MODE);
-    const int closed = db->close(db, 0);
-    if (opened != 0 || closed != 0) {
-        return opened != 0 ? opened : closed;
+    if (const int failed = create_database(lock.path(), FILE_MODE); failed != 0) {
+        return failed;
     }
     lock.relock();
     return lock.exists() ? 0 : ENOENT;
@@ -76,6 +69,16 @@ DB* create_handle(std::uint32_t cache_bytes) {
         (void)db->set_cachesize(db, 0, cache_bytes, 1);  // a smaller cache is only slower
     }
     return db;
+}
+
+int create_database(const std::string& path, int mode) {
+    DB* db = create_handle(0);
+    if (db == nullptr) {
+        return ENOMEM;
+    }
+    const int opened = db->open(db, nullptr, path.c_str(), nullptr, DB_HASH, DB_CREATE, mode);
+    const int closed = db->close(db, 0);
+    return opened != 0 ? opened : closed;
 }
 
 int ensure_file(StoreLock& lock) {

@@ -26,14 +26,7 @@ void remove_remains(const std::string& fresh) {
 // Creates the empty database `fresh`. 0 or the library's error code; then nothing is left of it.
 int create_empty(const std::string& fresh, mode_t mode) {
     remove_remains(fresh);
-    DB* db = create_handle(0);
-    if (db == nullptr) {
-        return ENOMEM;
-    }
-    const int opened = db->open(db, nullptr, fresh.c_str(), nullptr, DB_HASH, DB_CREATE,
-                                static_cast<int>(mode & 0777U));
-    const int closed = db->close(db, 0);
-    const int result = opened != 0 ? opened : closed;
+    const int result = create_database(fresh, static_cast<int>(mode & 0777U));
     if (result != 0) {
         remove_remains(fresh);
     }
