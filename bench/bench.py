@@ -14,7 +14,7 @@ from dataclasses import dataclass, field
 from pathlib import Path
 
 import fetch_bench
-from lab import Host, LabError, Pair, Process, WaitTimeout, wait_until
+from lab import Host, LabError, Pair, Process, WaitTimeout, tracing, wait_until
 
 RELEASE = Path(__file__).resolve().parent.parent / "build/release"
 FLOOR_PORT = "14233"
@@ -25,6 +25,8 @@ DSVER = "20260101000000"
 VALUE_SIZE = 200
 REST_SECONDS = 3.0  # longer than a heartbeat's period
 LIMIT_STEP = 200_000
+SLOW_LOG_STEP = 1_000
+DAILY_LOG = "/var/log/quorsyncd_%Y_%m_%d.log"
 LIMIT_PATIENCE = 3600.0
 
 # Gives a program one connection as its standard input, without standing in the way of the bytes.
@@ -89,11 +91,13 @@ def client(number: int, note: str = "") -> tuple[str, str]:
 class Bench:
     """A pair at rest, a third host that asks, and the programs of this directory."""
 
-    def __init__(self, build: Path) -> None:
+    def __init__(self, build: Path, wrapper: tuple[str, ...] = ()) -> None:
         self.build = build
         self.generation = 0
         self.clients = 0
-        self.pair = Pair(build / "quorsyncd", slave_config={"dsver": DSVER}, disk=True)
+        self.pair = Pair(
+            build / "quorsyncd", slave_config={"dsver": DSVER}, disk=True, wrapper=wrapper
+        )
         self.master, self.slave = self.pair.master, self.pair.slave
         self.asker = self.pair.lab.add_host("asker")
         # The master holds the others' data-set stamps: no beat makes it fetch a file.
@@ -353,21 +357,28 @@ def measure_fetch(build: Path, quick: bool) -> list[Goal]:
     return [Goal(row.text, row.value, row.good) for row in rows if row.good is not None]
 
 
-def find_limit(bench: Bench, busy: int) -> None:
+def slow_log(arguments: argparse.Namespace) -> tuple[str, ...]:
+    """The wrapper of daemons whose daily log lies on a disk as slow as asked for."""
+    if not arguments.log_ms:
+        return ()
+    return tracing.slow_writes(time.strftime(DAILY_LOG), arguments.log_ms)
+
+
+def find_limit(bench: Bench, busy: int, step: int) -> None:
     """Larger and larger stores until the slave takes over meanwhile."""
     for _ in range(busy):
         bench.slave.popen(["/bin/sh", "-c", "while :; do :; done"])
     patience = time.monotonic() + LIMIT_PATIENCE
-    clients = LIMIT_STEP
+    clients = step
     while time.monotonic() < patience:
         bench.fill(clients)
         seconds, took_over = bench.resync(LIMIT_PATIENCE)
         progress(f"{clients:,} clients: {seconds:.1f} s, {'' if took_over else 'no '}take-over")
         if took_over:
-            print(f"\nThe slave takes over somewhere from {clients - LIMIT_STEP:,} clients on.")
+            print(f"\nThe slave takes over somewhere from {clients - step:,} clients on.")
             return
-        clients += LIMIT_STEP
-    print(f"\nNo take-over up to {clients - LIMIT_STEP:,} clients; patience ended.")
+        clients += step
+    print(f"\nNo take-over up to {clients - step:,} clients; patience ended.")
 
 
 def run(bench: Bench, arguments: argparse.Namespace) -> list[Goal]:
@@ -376,7 +387,7 @@ def run(bench: Bench, arguments: argparse.Namespace) -> list[Goal]:
         bench.pair.wait_equal()
         progress("a pair is at rest on the lab")
         if arguments.limit:
-            find_limit(bench, arguments.busy)
+            find_limit(bench, arguments.busy, SLOW_LOG_STEP if arguments.log_ms else LIMIT_STEP)
             return []
         return measure(bench, QUICK if arguments.quick else DEFAULT)
     except (LabError, WaitTimeout):
@@ -389,10 +400,13 @@ def main() -> int:
     parser.add_argument("--quick", action="store_true", help="up to 100,000 clients, few rounds")
     parser.add_argument("--limit", action="store_true", help="only find where a slave takes over")
     parser.add_argument("--busy", type=int, default=0, help="with so many busy loops beside it")
+    parser.add_argument(
+        "--log-ms", type=float, default=0.0, help="every line of the daily log takes so much more"
+    )
     parser.add_argument("--build", type=Path, default=RELEASE, help="programs (%(default)s)")
     arguments = parser.parse_args()
     try:
-        bench = Bench(arguments.build)
+        bench = Bench(arguments.build, slow_log(arguments))
         with bench.pair:
             goals = run(bench, arguments)
         if goals:

@@ -1,4 +1,4 @@
-"""Daemons under strace: what they did, in order, and a kill at a chosen system call."""
+"""Daemons under strace: what they did, in order, a kill at a chosen system call, slow writes."""
 
 import re
 from dataclasses import dataclass
@@ -36,3 +36,10 @@ def killed_at(calls: str, number: int) -> tuple[str, ...]:
     """A daemon's wrapper that kills it at the n-th of these calls that one thread makes."""
     kill = f"inject={calls}:signal=KILL:when={number}"
     return (*STRACE, "-o", "/dev/null", "-e", f"trace={calls}", "-e", kill)
+
+
+def slow_writes(file: str, milliseconds: float) -> tuple[str, ...]:
+    """A daemon's wrapper under which every write to the file takes so much longer."""
+    slow = f"inject=write:delay_exit={round(1000 * milliseconds)}"
+    options = ("--seccomp-bpf", "-o", "/dev/null", "-P", file, "-e", "trace=write", "-e", slow)
+    return (*STRACE, *options)

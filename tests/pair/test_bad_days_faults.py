@@ -17,6 +17,7 @@ TURN = re.compile(f"{PROMOTED}|{RESTORED}")
 CLIENTS = lab.realistic_clients(20)
 MARGIN = 60.0
 FOLDERS = ("/etc/quoradmind", "/var/log", "/tmp")
+FOLDER_FAULTS = (faults.full, faults.read_only, faults.missing, faults.forbidden)
 
 # A start of the services, and their stop, as the calls of the slave show them.
 STEPS = {
@@ -111,7 +112,12 @@ class BadDay:
         return " ".join(told) if len(told) > 1 else f"{told[0]} no take-over"
 
 
-def live_through(days):
+def live_through(pair_factory, clients, trials):
+    def day(name, seconds, fault, takes_over):
+        pair = pair_factory(clients=clients, wrapper=faults.BOUND_BY_MODES)
+        return BadDay(pair, name, seconds, fault, takes_over)
+
+    days = [day(*trial) for trial in trials]
     with ExitStack() as stack:
         for day in days:
             stack.callback(day._undo.close)
@@ -132,7 +138,7 @@ def live_through(days):
 def random_trial(dice):
     side, folder = dice.choice(("master", "slave")), dice.choice(FOLDERS)
     way, share = dice.choice(("in", "out", "both")), round(dice.uniform(0.05, 0.6), 2)
-    kind = dice.choice((faults.full, faults.read_only, faults.missing))
+    kind = dice.choice(FOLDER_FAULTS)
     name, fault = dice.choice((
         (f"line cut {way}", faults.cut(way)),
         (f"frames lost {way} {share}", faults.cut(way, share)),
@@ -141,7 +147,6 @@ def random_trial(dice):
         (f"{side}: {folder} {kind.__name__}", kind(side, folder)),
     ))
     return name, dice.uniform(0.5, 45), fault, None
-
 
 
 LINE = [
@@ -169,14 +174,14 @@ DISK = [
         ("slave", "/var/log"),
         ("master", "/tmp"),
     )
-    for kind in (faults.full, faults.read_only, faults.missing)
+    for kind in FOLDER_FAULTS
 ]
 
 
-@pytest.mark.parametrize("trials", [LINE[:7], LINE[7:], DISK[:6], DISK[6:]],
+@pytest.mark.parametrize("trials", [LINE[:7], LINE[7:], DISK[:8], DISK[8:]],
                          ids=["line", "loss and standstill", "disk", "log and scratch"])
 def test_a_pair_heals(pair_factory, trials):
-    live_through([BadDay(pair_factory(clients=CLIENTS), *trial) for trial in trials])
+    live_through(pair_factory, CLIENTS, trials)
 
 
 @pytest.mark.soak
@@ -184,4 +189,4 @@ def test_pairs_heal_from_anything(pair_factory, seed, soak_round):
     """Larger lists, so that pushes are under way when something breaks or heals."""
     dice, clients = random.Random(f"{seed} {soak_round}"), lab.realistic_clients(3000)
     trials = [random_trial(dice) for _ in range(6)]
-    live_through([BadDay(pair_factory(clients=clients), *trial) for trial in trials])
+    live_through(pair_factory, clients, trials)
