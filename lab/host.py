@@ -302,6 +302,14 @@ class Host:
         """An IPv4 socket in this host's network, for a peer played by the caller."""
         return self._inside.open_socket(kind)
 
+    def udp_queue(self, port: int) -> tuple[int, int]:
+        """Of the socket bound to a UDP port: the bytes that wait, the datagrams it has lost."""
+        table = Path(f"/proc/{self._inside.pid}/net/udp").read_text().splitlines()
+        for fields in map(str.split, table):
+            if fields[1].endswith(f":{port:04X}"):
+                return int(fields[4].partition(":")[2], 16), int(fields[-1])
+        raise LabError(f"{self.name}: nothing is bound to UDP port {port}")
+
     # Stores and logs
 
     def store(self, name: str) -> Store:
