@@ -8,7 +8,7 @@ from .host import Host
 from .pair import Pair
 
 Fault = Callable[[Pair], AbstractContextManager[None]]
-SMALL = "200k"
+SPARE = 200  # KiB
 LARGE = "50m"
 
 # A daemon's wrapper that makes file modes hold for it: root usually passes over them.
@@ -66,8 +66,9 @@ def full(side: str, folder: str) -> Fault:
     return by_shell(
         side,
         f"mkdir /lab/kept && find {path} -maxdepth 1 -type f -exec mv -t /lab/kept {{}} +"
-        f" && mount -t tmpfs -o size={SMALL} small {path} && mv /lab/kept/* {path}"
-        f"; rm -r /lab/kept; ! cat /dev/zero 2>&1 >{path}/filler | grep -v 'No space left'",
+        f" && size=$(($(du -sk /lab/kept | cut -f1) + {SPARE}))k"
+        f" && mount -t tmpfs -o size=$size small {path} && cp -a /lab/kept/. {path}"
+        f" && rm -r /lab/kept && ! cat /dev/zero 2>&1 >{path}/filler | grep -v 'No space left'",
         f"mount -o remount,size={LARGE} {path} && rm {path}/filler",
     )
 

@@ -1,6 +1,5 @@
 // Putting an empty database in the place of another one, whole at every moment.
 #include <db.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,6 +8,7 @@
 #include <cstring>
 #include <string>
 
+#include "flush.h"
 #include "log.h"
 #include "store.h"
 #include "store_check.h"
@@ -58,14 +58,6 @@ void copy_mode_and_owner(const std::string& target, const struct stat& model) {
     (void)!chown(target.c_str(), model.st_uid, model.st_gid);
 }
 
-void sync_directory_of(const std::string& path) {
-    const OwnedFd directory(
-        open(path.substr(0, path.rfind('/') + 1).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (directory.valid()) {
-        (void)fsync(directory.get());
-    }
-}
-
 // A second name, not a rename: the path itself must never be without a file.
 void keep_damaged(const StoreLock& lock) {
     const std::string kept = lock.path() + ".damaged";
@@ -78,6 +70,7 @@ void keep_damaged(const StoreLock& lock) {
     }
 }
 
+// A list that cannot be kept is given up: one that is never renewed would be worse.
 void keep_previous(const StoreLock& lock, const char* previous) {
     if (has_records(lock) && link(lock.path().c_str(), previous) != 0 && errno != EEXIST) {
         write_log(LOG_ERROR, "%s cannot be kept as %s:%s", lock.path().c_str(), previous,
@@ -112,6 +105,6 @@ bool db_replace_empty(const char* path, const char* previous) {
         remove_remains(fresh);
         return false;
     }
-    sync_directory_of(path);
+    flush_directory_of(path);
     return true;
 }

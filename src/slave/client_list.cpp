@@ -13,6 +13,7 @@
 #include <string_view>
 #include <thread>
 
+#include "flush.h"
 #include "keys.h"
 #include "log.h"
 #include "process_state.h"
@@ -77,8 +78,11 @@ void complete_client_list(const char* stamp) {
                   KEY_CLIENT_VERSION);
         return;
     }
-    // In this order: a kill in between must not leave a list that is older than the stamp.
-    (void)unlink(PREVIOUS_CLIENT_DB);
+    // In this order, also on disk: a kill or a power failure in between must not leave a list that
+    // is older than the stamp.
+    if (unlink(PREVIOUS_CLIENT_DB) == 0) {
+        flush_directory_of(PREVIOUS_CLIENT_DB);
+    }
     (void)db_put(CONFIG_DB, KEY_CLIENT_VERSION, stamp);
 }
 

@@ -1,6 +1,5 @@
 #include "copy_in_place.h"
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -8,16 +7,11 @@
 #include <cstring>
 #include <filesystem>
 
+#include "flush.h"
 #include "log.h"
-#include "owned.h"
 #include "store_lock.h"
 
 namespace {
-
-bool flush_file(const std::string& path) {
-    const OwnedFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    return fd.valid() && fsync(fd.get()) == 0;
-}
 
 // Locked: a reader that finds no copy creates an empty one, which must not come after ours.
 bool rename_over(const std::string& source, const std::string& target) {

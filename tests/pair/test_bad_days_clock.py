@@ -37,18 +37,19 @@ def test_a_clock_that_is_set(pair_factory):
     set_clocks(pair, 0)
     pair.start()
     slave.wait_log(re.compile("^bottle=[23]"), LIMIT)
+    marks, start = [host.log_mark() for host in (pair.master, slave)], time.monotonic()
     for days, stamp in ((1, "forward"), (-1, "back"), (0, "right")):
-        mark, begin, today = slave.log_mark(), time.monotonic(), date.today()
-        mark_of_master = pair.master.log_mark()
+        mark, today = slave.log_mark(), date.today()
         set_clocks(pair, days)
         pair.master.config.put("client_db_version", stamp)
         wait_until(lambda mark=mark: len(slave.find_log(BEAT, mark)) >= 4, LIMIT, "4 beats")
-        beats, periods = slave.find_log(BEAT, mark), (time.monotonic() - begin) / PERIOD
-        answers = pair.master.find_log("beat back to", mark_of_master)
-        assert len(beats) <= periods + 1 and abs(len(beats) - len(answers)) <= 1
+        beats = slave.find_log(BEAT, mark)
         assert all(ANSWERED.search(beat.text) for beat in beats)
         wanted = {today + days * DAY, date.today() + days * DAY}  # It may be midnight.
         assert {line.time.date() for line in beats[1:]} <= wanted
         pair.wait_equal(LIMIT)
+    answers = pair.master.find_log("beat back to", marks[0])
+    beats, periods = slave.find_log(BEAT, marks[1]), (time.monotonic() - start) / PERIOD
+    assert len(beats) <= periods + 1 and abs(len(beats) - len(answers)) <= 1
     assert len(list(slave.root.glob("var/log/quorsyncd_*.log"))) >= 3
     assert not slave.events() and pair.master_daemon.alive

@@ -2,6 +2,8 @@
 
 import itertools
 import random
+import signal
+from pathlib import Path
 
 import lab
 import pytest
@@ -17,6 +19,7 @@ DEADLY = {
                "openat": 2500, "sendto": 2000},
 }
 PROMOTED = "become a master host"
+FOLDER, DOWNLOAD = "/etc/quoradmind", "/tmp/SyncDbFile.db"
 
 
 class Victims:
@@ -56,6 +59,8 @@ class Victims:
         pair.wrapper = ()
         wait_until(lambda: not daemon.alive or self.settled(), LIMIT, "the kill")
         died = not daemon.alive
+        # Strace ends by the signal that ends its daemon, which is never to end by any other.
+        assert daemon.poll() in (None, -signal.SIGKILL), daemon.output_text()
         host.kill_daemons(pair.executable)
         self.assert_whole()
         getattr(pair, f"start_{side}")()
@@ -88,35 +93,64 @@ def test_killed_at_any_moment(pair_factory, seed, rounds):
     assert died
 
 
-def test_records_are_flushed_before_their_stamp_is_written(pair_factory):
-    """As strace sees it: no power failure leaves a stamp, or a name, ahead of what it stands for."""
-    trace, folder = "/lab/out/trace", "/etc/quoradmind/"
-    calls = "pwrite64,write,fsync,fdatasync,rename"
-    pair = pair_factory(
-        clients=lab.realistic_clients(2000), slave_clients=lab.realistic_clients(10, seed=2)
-    )
-    slave = pair.slave
-    pair.start_master()
-    pair.wrapper = tracing.recording(trace, calls)
-    pair.start_slave()
-    pair.wait_equal(LIMIT)
-    unflushed, stamps, names = {}, 0, 0
-    for step in tracing.recorded(slave, trace):
-        place = step.paths[-1] if step.paths else ""
-        if not place.startswith(folder):
-            continue
-        if step.call in ("write", "pwrite64"):
-            if place.endswith("/config.db"):
-                stamps += 1
-                assert not unflushed.get(folder + "client.db"), "records behind their stamp"
-            unflushed[place] = unflushed.get(place, 0) + 1
+class Disk:
+    """What a power failure could take back, as the traced calls of a daemon follow each other."""
+
+    def __init__(self):
+        self.unflushed, self.names = set(), []
+
+    def follow(self, step):
+        if step.call in ("write", "pwrite64", "sendfile"):
+            self.write(step.paths[0])
         elif step.call in ("fsync", "fdatasync"):
-            unflushed.pop(place, None)
+            self.unflushed.discard(step.paths[0])
         else:
-            names += 1
-            assert not unflushed.get(step.paths[0]), "a name for what is not on disk"
-    assert stamps and names and not unflushed
-    slave.kill_daemons(pair.executable)
+            assert step.call == "unlink" or step.paths[0] not in self.unflushed, step
+            self.names.append(step.paths)
+            self.unflushed.add(FOLDER)
+
+    def write(self, path):
+        if path == f"{FOLDER}/config.db":
+            assert f"{FOLDER}/client.db" not in self.unflushed, "records behind their stamp"
+            assert FOLDER not in self.unflushed, "a list or its end behind its stamp"
+        self.unflushed.add(path)
+        self.last_written = path
+
+
+def follow_disk(host, trace):
+    disk = Disk()
+    for step in tracing.recorded(host, trace):
+        if any(path.startswith((FOLDER, DOWNLOAD)) for path in step.paths):
+            disk.follow(step)
+    return disk
+
+
+def test_what_a_power_failure_leaves_is_whole(pair_factory):
+    """As strace sees it: no stamp and no name gets to the disk ahead of what it stands for."""
+    trace = "/lab/out/trace"
+    calls = "pwrite64,write,sendfile,fsync,fdatasync,rename,unlink"
+    pair = pair_factory(
+        clients=lab.realistic_clients(2000),
+        slave_clients=lab.realistic_clients(10, seed=2),
+        wrapper=tracing.recording(trace, calls),
+    )
+    copy = pair.master.store(f"{pair.slave.address}.db")
+    pair.start()
+    pair.wait_equal(LIMIT)
+    with FileService(pair.slave):
+        # Where a download can be renamed to its place, and where it has to be copied.
+        for stamp, where in (("1", "true"), ("2", f"mount -t tmpfs none {Path(DOWNLOAD).parent}")):
+            pair.master.shell(where)
+            pair.slave.config.put("dsver", stamp)
+            wait_until(lambda stamp=stamp: copy.get("dsver") == stamp.encode(), LIMIT, "a copy")
+    disk = follow_disk(pair.slave, trace)
+    assert disk.last_written == f"{FOLDER}/config.db" and not disk.unflushed
+    assert (f"{FOLDER}/client.db.new", f"{FOLDER}/client.db") in disk.names
+    assert (f"{FOLDER}/client.db.previous",) in disk.names
+    names = follow_disk(pair.master, trace).names
+    assert (DOWNLOAD, copy.path) in names and (f"{copy.path}.new", copy.path) in names
+    for host in (pair.master, pair.slave):
+        host.kill_daemons(pair.executable)
 
 
 @pytest.mark.parametrize("orders", [0, 1])

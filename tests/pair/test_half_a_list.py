@@ -1,5 +1,6 @@
 """A push that breaks off, or takes long: the slave takes over with one whole list or the other."""
 
+import shutil
 import time
 
 import lab
@@ -8,6 +9,19 @@ from lab import wait_until
 from peer import CLIENT, LIMIT, FakeMaster, beat_back, record
 
 PREVIOUS = "etc/quoradmind/client.db.previous"
+AT_START = "/lab/at_start.db"
+# Stands before the DHCP wrapper and keeps the list that this one starts over.
+KEEP_LIST = f"""#!/bin/sh
+cp /etc/quoradmind/client.db {AT_START}
+exec /lab/quordhcpd "$@"
+"""
+
+
+def keep_list_at_start(slave):
+    wrapper = slave.root / "usr/local/bin/quordhcpd"
+    shutil.move(wrapper, slave.root / "lab/quordhcpd")
+    wrapper.write_text(KEEP_LIST)
+    wrapper.chmod(0o755)
 
 
 def break_off_a_push(pair):
@@ -31,6 +45,7 @@ def break_off_a_push(pair):
 def test_a_broken_push_costs_no_client(pair_factory, restarted):
     pair = pair_factory(clients=lab.realistic_clients(300))
     slave = pair.slave
+    keep_list_at_start(slave)
     pair.start()
     pair.wait_equal(LIMIT)
     pair.master.client.fill(lab.realistic_clients(50000, seed=2))
@@ -42,7 +57,7 @@ def test_a_broken_push_costs_no_client(pair_factory, restarted):
     line = slave.wait_log(f"client list put back: {len(old)} records, instead of ", LIMIT, mark)
     assert line.level == "ERROR"
     wait_until(lambda: slave.service_running("stagd"), LIMIT, "the services")
-    assert slave.client.items() == old
+    assert slave.store(AT_START).items() == slave.client.items() == old
     assert slave.config.get("client_db_version") == stamp
     pair.start_master()
     pair.wait_equal(LIMIT)
