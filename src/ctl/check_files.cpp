@@ -154,12 +154,9 @@ void check_previous_clients(const std::string& path, const std::string& name, Fi
         findings.warning(
             name,
             fmt::format("the clients from before a push that began {} ago and has not come to its "
-                        "end; a take-over puts them back",
+                        "end; a take-over puts them back, and so does a start as the master",
                         age_text(age)),
-            fmt::format(
-                "if it stays, \"quorsyncctl timeline\" tells what breaks the pushes off; on "
-                "a master remove {}",
-                path));
+            "if it stays, \"quorsyncctl timeline\" tells what breaks the pushes off");
     }
 }
 

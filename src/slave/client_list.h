@@ -2,8 +2,8 @@
 //
 // A push begins with an empty list. If the master died before its end, the slave would take over
 // with a part of the list, or with none, and the machines of a whole site could not boot. So the
-// old list is kept as client.db.previous until the new one is complete, which its stamp says, and a
-// take-over before that goes back to it.
+// old list is kept as client.db.previous until the new one is complete, which its stamp says. A
+// take-over before that goes back to it, and so does a slave that is started anew as the master.
 //
 // Any thread; the receiver fills the list, the supervisor goes back.
 #pragma once

@@ -13,6 +13,7 @@
 #include "master.h"
 #include "process_state.h"
 #include "role.h"
+#include "slave/client_list.h"
 #include "store.h"
 #include "supervisor.h"
 
@@ -96,6 +97,9 @@ int run_daemon() {
     ensure_dsver();
     if (role == ROLE_MASTER) {
         write_log(LOG_INFO, "quorsyncd_role:master");
+        // Left of a push to the slave that this host was. The list of a master changes by other
+        // means, and a later life as slave would put the kept one over it.
+        put_back_client_list();
         start_master();
         idle();
     }

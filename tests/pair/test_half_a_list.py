@@ -85,3 +85,19 @@ def test_a_push_longer_than_the_slaves_patience_is_not_thrown_away(pair_factory)
     assert slave.config.get("client_db_version") == b"2"
     assert slave.client.items() == sent | {b"more": b"new"}
     assert not slave.find_log("put back")
+
+
+def test_a_slave_made_the_master_serves_no_part_of_a_list(pair_factory):
+    pair = pair_factory(slave_config={"client_db_version": "1"}, slave_clients={"old": "1"})
+    slave = pair.slave
+    pair.start_slave()
+    with FakeMaster(pair.master, slave) as master:
+        master.tell(beat_back("#2"))
+        wait_until(lambda: (slave.root / PREVIOUS).exists(), LIMIT, "an emptied list")
+        pair.slave_daemon.kill()
+    slave.config.put("master", slave.address)
+    pair.start_slave()
+    slave.wait_log("start master process", LIMIT)
+    assert slave.client.items() == {b"old": b"1"}
+    # Kept on, it would replace what the new master's list has become by then.
+    assert not (slave.root / PREVIOUS).exists()
