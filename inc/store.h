@@ -145,6 +145,7 @@ const char* store_error_text(int code);
 char* ip_to_string(std::uint32_t address);
 
 // --- Comma lists: items joined by "," without blanks; see store_lists.cpp ----------------------
+// Each reads and writes in one go. A list that cannot be read is left as it is.
 
 // The 1-based position of `item` in the list under `key`, or -1. An absent or empty list becomes
 // the one item (and -1 is returned).

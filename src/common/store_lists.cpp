@@ -1,5 +1,7 @@
 // Comma lists and whole-file scans. The daemon itself calls none of them: they belong to the store
 // layer that it shares with the site's other tools.
+#include <db.h>
+
 #include <algorithm>
 #include <array>
 #include <optional>
@@ -17,13 +19,21 @@ constexpr std::size_t MAX_LIST = 4095;  // what the other tools' buffers hold
 constexpr std::size_t MAX_KEY = 127;
 constexpr std::size_t MAX_VALUE = 1023;
 
-// The list under `key`, or nothing when it is absent or empty.
-std::optional<std::string> read_list(const char* path, const char* key) {
-    const OwnedText value(db_get(path, key));
-    if (text_of(value).empty()) {
+// The list under `key` of a file that stays open for its change, empty when there is none. Nothing
+// when it cannot be read: taken for an empty one, it would lose all its items.
+std::optional<std::string> read_list(const std::unique_ptr<Store>& store, const char* key) {
+    std::string list;
+    const int result = store ? store->get(key, list) : DB_NOTFOUND;
+    if (!store || (result != 0 && result != DB_NOTFOUND)) {
         return std::nullopt;
     }
-    return std::string(text_of(value));
+    return list.substr(0, list.find('\0'));
+}
+
+void put_list(Store& store, const char* key, std::string_view list) {
+    if (const int result = store.put(key, list); result != 0) {
+        write_log(LOG_ERROR, "DB->put %s", store_error_text(result));
+    }
 }
 
 std::string join(const std::vector<std::string_view>& items) {
@@ -43,9 +53,13 @@ std::string cut(std::string_view text, std::size_t limit) {
 }  // namespace
 
 int db_list_index(const char* path, const char* key, const char* item) {
-    const auto list = read_list(path, key);
+    const std::unique_ptr<Store> store = db_open(path);
+    const auto list = read_list(store, key);
     if (!list) {
-        (void)db_put(path, key, item);
+        return -1;
+    }
+    if (list->empty()) {
+        put_list(*store, key, item);
         return -1;
     }
     const auto items = split(*list, ',');
@@ -54,32 +68,32 @@ int db_list_index(const char* path, const char* key, const char* item) {
 }
 
 void db_list_remove(const char* path, const char* key, const char* item) {
-    const auto list = read_list(path, key);
-    if (!list) {
+    const std::unique_ptr<Store> store = db_open(path);
+    const auto list = read_list(store, key);
+    if (!list || list->empty()) {
         return;
     }
     if (*list == item) {
-        (void)db_del(path, key);
+        (void)store->del(key);
         return;
     }
     auto items = split(*list, ',');
     std::erase(items, item);
     const std::string shorter = join(items);
     if (shorter.size() <= MAX_LIST) {
-        (void)db_put(path, key, shorter.c_str());
+        put_list(*store, key, shorter);
     }
 }
 
 void db_list_add(const char* path, const char* key, const char* item) {
-    const auto list = read_list(path, key);
-    if (!list) {
-        (void)db_put(path, key, item);
+    const std::unique_ptr<Store> store = db_open(path);
+    const auto list = read_list(store, key);
+    if (!list || list_has(*list, item)) {
         return;
     }
-    const auto items = split(*list, ',');
-    const std::string longer = *list + "," + item;
-    if (std::find(items.begin(), items.end(), item) == items.end() && longer.size() <= MAX_LIST) {
-        (void)db_put(path, key, longer.c_str());
+    const std::string longer = list->empty() ? item : *list + "," + item;
+    if (longer.size() <= MAX_LIST) {
+        put_list(*store, key, longer);
     }
 }
 

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "console.h"
@@ -185,18 +186,39 @@ void check_item(const Options& options) {
     }
 }
 
-std::string present_list(const Options& options) {
-    return std::string(text_of(OwnedText(db_get(options.path().c_str(), options.key.c_str()))));
+// The list as it is, empty where the key or the file is missing; nothing after a complaint.
+std::optional<std::string> present_list(const Options& options) {
+    if (access(options.path().c_str(), F_OK) != 0) {
+        return "";
+    }
+    const std::unique_ptr<Store> store = open_store(options.path());
+    std::string list;
+    const int result = store ? store->get(options.key, list) : EINVAL;
+    if (result != 0 && result != DB_NOTFOUND) {
+        return std::nullopt;
+    }
+    return list.substr(0, list.find('\0'));
+}
+
+// What is left to say after a change that should have led to the list with or without the item.
+int finish_list(const Options& options, bool with_item, const char* what) {
+    const auto list = present_list(options);
+    return list && list_has(*list, options.value) == with_item
+               ? changed(options, what)
+               : failed(options, last_logged_error());
 }
 
 int list_add(const Options& options) {
     check_item(options);
-    const std::string list = present_list(options);
-    if (list_has(list, options.value)) {
+    const auto list = present_list(options);
+    if (!list) {
+        return EXIT_CANNOT_TELL;
+    }
+    if (list_has(*list, options.value)) {
         say("{}: already in the list", escape(options.value));
         return EXIT_FINE;
     }
-    const std::string longer = list.empty() ? options.value : list + "," + options.value;
+    const std::string longer = list->empty() ? options.value : *list + "," + options.value;
     if (longer.size() > MAX_LIST) {
         throw CLI::ValidationError(options.key, "a list ends at 4095 characters");
     }
@@ -204,13 +226,16 @@ int list_add(const Options& options) {
     check_place(options);
     begin_changes();
     db_list_add(options.path().c_str(), options.key.c_str(), options.value.c_str());
-    return list_has(present_list(options), options.value) ? changed(options, "list-add")
-                                                          : failed(options, last_logged_error());
+    return finish_list(options, true, "list-add");
 }
 
 int list_remove(const Options& options) {
     check_item(options);
-    if (!list_has(present_list(options), options.value)) {
+    const auto list = present_list(options);
+    if (!list) {
+        return EXIT_CANNOT_TELL;
+    }
+    if (!list_has(*list, options.value)) {
         complain("{}: \"{}\" is not in the list \"{}\", which \"quorsyncctl store get\" shows",
                  options.path(), escape(options.value), escape(options.key));
         return EXIT_PROBLEM;
@@ -218,8 +243,7 @@ int list_remove(const Options& options) {
     check_place(options);
     begin_changes();
     db_list_remove(options.path().c_str(), options.key.c_str(), options.value.c_str());
-    return list_has(present_list(options), options.value) ? failed(options, last_logged_error())
-                                                          : changed(options, "list-remove");
+    return finish_list(options, false, "list-remove");
 }
 
 // Reads and writes in one go, so that no two can come to the same stamp.

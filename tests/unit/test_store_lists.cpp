@@ -63,6 +63,22 @@ TEST_F(Lists, ChangeByWholeItems) {
     }
 }
 
+// Whatever keeps a reader from the file for a while: the list is never taken for an empty one.
+TEST_F(Lists, LoseNothingToOtherChanges) {
+    std::vector<std::thread> adders;
+    for (int adder = 0; adder < 4; ++adder) {
+        adders.emplace_back([adder] {
+            for (int n = 0; n < 25; ++n) {
+                db_list_add(CONFIG_DB, "list", std::to_string(adder * 25 + n).c_str());
+            }
+        });
+    }
+    for (std::thread& adder : adders) {
+        adder.join();
+    }
+    EXPECT_EQ(split(stored(CONFIG_DB, "list"), ',').size(), 100U);
+}
+
 TEST_F(Lists, ANumberedValueTakesTheLargestNumber) {
     put(CONFIG_DB, "a", "7#one");
     put(CONFIG_DB, "b", "12#two");
