@@ -99,7 +99,8 @@ void TransferStory::on_versions(LogTime /*time*/, std::string_view versions) {
 // "2: key=value"
 void TransferStory::on_record(LogTime time, std::string_view record) {
     const auto set = static_cast<std::size_t>(leading_number(record.substr(0, 1)));
-    if (!record.substr(1).starts_with(": ") || set == 0 || set >= transfers_.size()) {
+    // A full disk cuts lines off anywhere: there may be nothing behind "data ".
+    if (set == 0 || set >= transfers_.size() || !record.substr(1).starts_with(": ")) {
         return;
     }
     if (!transfers_[set].open) {

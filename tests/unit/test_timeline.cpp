@@ -161,6 +161,7 @@ TEST(Timeline, CountsTheRecordsOfASync) {
     lines.push_back(
         "00:00:26 ERROR :client_db_version not stored: the previous client list was "
         "put back");
+    lines.push_back("00:59:00 INFO :data ");  // cut off by a full disk
     lines.push_back("01:00:00 INFO :data 1: dhcpcfg=x");
     lines.push_back("01:00:00 INFO :data 1: dbver=three");
     lines.push_back("01:00:00 ERROR :config_db_version not stored: a record could not be stored");
