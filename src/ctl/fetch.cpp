@@ -120,8 +120,10 @@ int fetch(const Options& options) {
     if (!is_dotted_address(options.address)) {
         throw CLI::ValidationError("ADDRESS", "\"" + options.address + "\" is no dotted address");
     }
-    if (std::filesystem::is_directory(options.local)) {
-        throw CLI::ValidationError("LOCAL", "\"" + options.local + "\" is a directory");
+    // It is replaced and not written to: a device would be gone.
+    if (std::filesystem::exists(options.local) &&
+        !std::filesystem::is_regular_file(options.local)) {
+        throw CLI::ValidationError("LOCAL", "\"" + options.local + "\" is no ordinary file");
     }
     const std::string directory = std::filesystem::absolute(options.local).parent_path();
     if (access(directory.c_str(), W_OK) != 0) {

@@ -187,7 +187,9 @@ def test_fetch_replaces_a_file_when_all_of_it_has_come(lab_room, ctl):
     code, _, complaint = fetch("/tmp/file")
     assert code == PROBLEM and "Connection refused; its file service listens" in complaint
     assert target.read_bytes() == data
-    for peer, local in (("there", "/tmp/fetched"), (there.address, "/no/such/fetched")):
+    here.shell("mknod /tmp/null c 1 3")
+    address = there.address
+    for peer, local in (("there", "/tmp/fetched"), (address, "/no/f"), (address, "/tmp/null")):
         assert ctl(here, "fetch", peer, "/tmp/file", local)[0] == WRONG_USE
     assert list((here.root / "var/log").iterdir()) == []
 
