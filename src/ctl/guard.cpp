@@ -20,20 +20,35 @@ using namespace std::chrono_literals;
 constexpr auto LIMIT = 3s;  // for a killed process to go, and for a started one to be seen
 constexpr auto STEP = 20ms;
 
+int role_by_forecast() {
+    const std::string addresses(text_of(OwnedText(local_ip_list())));
+    return forecast_role(read_pair_settings(), addresses).decision.role;
+}
+
+LogState state_by_log() {
+    LogStory story;
+    (void)read_logs(LOG_DIRECTORY, parse_since("yesterday", log_time_now()), story);
+    return story.timeline.state();
+}
+
 }  // namespace
 
 bool is_slave_by_forecast() {
-    const std::string addresses(text_of(OwnedText(local_ip_list())));
-    return forecast_role(read_pair_settings(), addresses).decision.role == ROLE_SLAVE;
+    return role_by_forecast() == ROLE_SLAVE;
+}
+
+bool has_left_over_services() {
+    const int forecast = role_by_forecast();
+    if (forecast == ROLE_SLAVE || forecast == ROLE_MASTER) {
+        return forecast == ROLE_SLAVE;
+    }
+    const LogState state = state_by_log();
+    return state.acting || state.services_left;
 }
 
 bool stands_by_a_living_master() {
-    if (!is_slave_by_forecast() || processes_named(PROGRAM_NAME).empty()) {
-        return false;
-    }
-    LogStory story;
-    (void)read_logs(LOG_DIRECTORY, parse_since("yesterday", log_time_now()), story);
-    return !story.timeline.state().acting;
+    return is_slave_by_forecast() && !processes_named(PROGRAM_NAME).empty() &&
+           !state_by_log().acting;
 }
 
 bool comes_to_run(std::string_view name, bool running, const std::vector<ProcessInfo>& dying) {

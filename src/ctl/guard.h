@@ -9,7 +9,12 @@
 // Whether the daemon of this host would be, or is, the slave of its pair.
 bool is_slave_by_forecast();
 
-// Whether it is, and its daemon runs and has not taken the boot services over.
+// Whether boot services that run here before its daemon starts are those of a take-over: it is the
+// slave, or it cannot have a role now, as without its address, and its daemon has ended in the
+// place of the master.
+bool has_left_over_services();
+
+// Whether it is the slave, and its daemon runs and has not taken the boot services over.
 bool stands_by_a_living_master();
 
 // Waits a little until a process of that name runs, or until none does; whether it came to that.

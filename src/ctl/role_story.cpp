@@ -123,6 +123,7 @@ void RoleStory::on_stop(LogTime time, std::string_view /*rest*/) {
                     ? "stops its work on request, as acting master: its boot services stay"
                     : "stops its work on request; its process stays");
     state_.stop = time;
+    state_.services_left = state_.acting;
     state_.acting = false;
 }
 

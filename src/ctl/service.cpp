@@ -92,7 +92,7 @@ int start(const Service& service, const Options& options) {
 }
 
 int stop(const Service& service, const Options& options) {
-    if (options.if_slave && !is_slave_by_forecast()) {
+    if (options.if_slave && !has_left_over_services()) {
         say("{}: left alone, this host is not the slave", service.name);
         return EXIT_FINE;
     }

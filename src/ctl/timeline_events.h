@@ -61,7 +61,8 @@ struct LogState {
     std::optional<LogTime> beat;
     std::optional<LogTime> answer;  // the beat before which the master last answered
     int bottle = 0;
-    bool acting = false;  // it has taken over
+    bool acting = false;         // it has taken over
+    bool services_left = false;  // it had when it stopped
     std::optional<LogTime> take_over;
     std::optional<LogTime> step_down;
     long turns = 0;  // take-overs and step-downs

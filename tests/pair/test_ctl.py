@@ -2,9 +2,11 @@
 
 import json
 import os
+import signal
 from pathlib import Path
 
 import pytest
+from lab import wait_until
 from lab.file_service import FileService
 
 FINE, PROBLEM, WRONG_USE, CANNOT_TELL = range(4)
@@ -238,6 +240,20 @@ def test_dhcpd_conf_writes_only_what_is_sound(lab_room, ctl):
 
 def running(host):
     return [name for name in ("quordhcpd", "stagd") if host.service_running(name)]
+
+
+@pytest.mark.parametrize("end", ["TERM", "KILL"])
+def test_left_over_services_end_without_an_address_too(pair, ctl, end):
+    """A slave whose own interface failed takes over, and its daemon is started anew meanwhile."""
+    slave = pair.slave
+    slave.shell("ip link set eth0 down")
+    wait_until(lambda: running(slave) == ["quordhcpd", "stagd"], 30, "a take-over")
+    if end == "TERM":
+        pair.slave_daemon.signal(signal.SIGTERM)
+        slave.wait_log("slave exit", 30)
+    pair.slave_daemon.kill()
+    assert ctl(slave, "service", "stop", "boot", "--if-slave") == (FINE, "boot: stopped\n", "")
+    assert not running(slave)
 
 
 @pytest.mark.sanitizer
