@@ -10,6 +10,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <thread>
 
@@ -27,6 +28,11 @@ using namespace std::chrono_literals;
 std::mutex completion;
 
 std::atomic<bool> put_back = false;
+
+// Pushes that are still to come: each time the list was emptied, the master was asked for one. And
+// the stamp with which the list was complete since. Both guarded by `completion`.
+int pushes_due = 0;
+std::optional<std::string> complete_with;
 
 std::atomic<int> works_in_hand = 0;
 
@@ -63,8 +69,17 @@ std::optional<std::size_t> count_records(const char* path) {
 bool clear_client_db() {
     const std::lock_guard lock(completion);
     const bool empty = db_replace_empty(CLIENT_DB, PREVIOUS_CLIENT_DB);
-    put_back = put_back && !empty;
+    if (empty) {
+        put_back = false;
+        complete_with.reset();
+        ++pushes_due;
+    }
     return empty;
+}
+
+bool replace_damaged_client_db() {
+    const std::lock_guard lock(completion);
+    return !put_back && db_replace_empty(CLIENT_DB);
 }
 
 bool client_list_put_back() {
@@ -78,6 +93,16 @@ void complete_client_list(const char* stamp) {
                   KEY_CLIENT_VERSION);
         return;
     }
+    const bool due = pushes_due > 0;
+    pushes_due -= due ? 1 : 0;
+    if (due && complete_with.value_or(stamp) != stamp) {
+        // The clients were changed between two pushes of one emptied list: what the second no
+        // longer has is still here. The next beat back empties it again.
+        write_log(LOG_ERROR, "%s not stored: %s has records of %s, too", KEY_CLIENT_VERSION,
+                  CLIENT_DB, complete_with->c_str());
+        return;
+    }
+    complete_with = stamp;
     // In this order, also on disk: a kill or a power failure in between must not leave a list that
     // is older than the stamp.
     if (unlink(PREVIOUS_CLIENT_DB) == 0) {

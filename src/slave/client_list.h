@@ -13,12 +13,18 @@
 // client.db is empty now; the store has logged why not.
 bool clear_client_db();
 
+// Empties a damaged client.db, which is kept as client.db.damaged. False when the old list has been
+// put in its place, or when that fails; the store has logged why.
+bool replace_damaged_client_db();
+
 // Whether a take-over has put the old list back and no clear_client_db followed: then a push that
 // is still under way must not add to it. Ask while client.db is open and thus locked.
 bool client_list_put_back();
 
 // Drops the kept list and stores the stamp of the new one, whose records are all on disk. Refused,
-// with a line at LOG_ERROR, when the old list was put back meanwhile.
+// with a line at LOG_ERROR, when the old list was put back meanwhile. Refused, too, when this is the
+// second of several pushes that were asked for before the first one came, and has another stamp:
+// then records of both are in the list.
 void complete_client_list(const char* stamp);
 
 // Puts a kept list back in the place of an unfinished one, and says so in one line at LOG_ERROR

@@ -84,7 +84,7 @@ bool RecordSink::open_batch() {
         // Everything in it comes from the master anyway; what this connection brought is lost.
         clients_.reset();
         clients_failed_ = clients_failed_ || clients_stored_;
-        (void)db_replace_empty(CLIENT_DB);
+        (void)replace_damaged_client_db();
         clients_ = db_open(CLIENT_DB, BATCH_CACHE);
     }
     if (clients_ && (!clients_->usable() || client_list_put_back())) {

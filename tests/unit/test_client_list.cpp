@@ -62,6 +62,22 @@ TEST_F(ClientList, IsPutBackWhenAPushBreaksOff) {
     EXPECT_FALSE(kept());
 }
 
+// Each of several answers at once made a request, and the clients change while they are served.
+TEST_F(ClientList, HasRecordsOfOneSetOnly) {
+    for (int answers = 0; answers < 4; ++answers) {
+        EXPECT_TRUE(clear_client_db());
+    }
+    push("v2");
+    push("v2");
+    EXPECT_EQ(stored(CONFIG_DB, KEY_CLIENT_VERSION), "v2");
+    push("v3");
+    EXPECT_EQ(stored(CONFIG_DB, KEY_CLIENT_VERSION), "v2");
+    EXPECT_THAT(logged(), HasSubstr("client_db_version not stored"));
+    EXPECT_TRUE(clear_client_db());
+    push("v3");
+    EXPECT_EQ(stored(CONFIG_DB, KEY_CLIENT_VERSION), "v3");
+}
+
 TEST_F(ClientList, IsNotPutBackWhileItGrows) {
     std::thread supervisor;
     {
