@@ -152,22 +152,22 @@ def random_trial(dice):
 LINE = [
     ("line cut", 1, faults.cut(), False),
     ("line cut", 5, faults.cut(), None),
-    ("line cut", 10, faults.cut(), None),
+    ("line cut", 12, faults.cut(), True),
     ("no beats", 5, faults.cut("out"), None),
-    ("no beats", 10, faults.cut("out"), None),
+    ("no beats", 12, faults.cut("out"), True),
     ("no heartbeats", 5, faults.cut("in"), None),
-    ("no heartbeats", 10, faults.cut("in"), None),
+    ("no heartbeats", 12, faults.cut("in"), True),
     ("every tenth frame lost", 10, faults.cut(share=0.1), None),
     ("every third frame lost", 10, faults.cut(share=0.33), None),
     ("frames late", 9, faults.slow(0.02, 0.1), False),
     ("frames late and out of order", 9, faults.slow(0.0, 0.6), None),
     ("slave stopped", 9, faults.stopped("slave"), False),
     ("master stopped", 4, faults.stopped("master"), None),
-    ("master stopped", 10, faults.stopped("master"), None),
+    ("master stopped", 12, faults.stopped("master"), True),
     ("both stopped", 9, faults.stopped("slave", "master"), False),
 ]
 DISK = [
-    (f"{side}: {folder} {kind.__name__}", 6, kind(side, folder), None)
+    (f"{side}: {folder} {kind.__name__}", 13, kind(side, folder), False)
     for side, folder in (
         ("slave", "/etc/quoradmind"),
         ("master", "/etc/quoradmind"),
