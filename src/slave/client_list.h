@@ -22,9 +22,9 @@ bool replace_damaged_client_db();
 bool client_list_put_back();
 
 // Drops the kept list and stores the stamp of the new one, whose records are all on disk. Refused,
-// with a line at LOG_ERROR, when the old list was put back meanwhile. Refused, too, when this is the
-// second of several pushes that were asked for before the first one came, and has another stamp:
-// then records of both are in the list.
+// with a line at LOG_ERROR, when the old list was put back meanwhile. Refused, too, when this is
+// the second of several pushes that were asked for before the first one came, and has another
+// stamp: then records of both are in the list.
 void complete_client_list(const char* stamp);
 
 // Puts a kept list back in the place of an unfinished one, and says so in one line at LOG_ERROR
