@@ -3,6 +3,7 @@
 import os
 import re
 import secrets
+import signal
 import sys
 from contextlib import ExitStack
 from pathlib import Path
@@ -15,6 +16,7 @@ sys.path.insert(0, str(ROOT))
 import lab  # noqa: E402
 
 ABSENT = "10.77.0.250"
+LOOKED_FOR_LEAKS = "looked for leaks"
 LABS = pytest.StashKey[list]()
 SANITIZER_REPORT = re.compile(r"(Address|Thread|Leak|UndefinedBehavior)Sanitizer|runtime error:")
 
@@ -103,9 +105,17 @@ def ctl(daemon_path, daemon_env):
     return run
 
 
+def look_for_leaks(daemon):
+    """Have it look, where it was built to; what it finds is a report."""
+    if daemon.alive and int(daemon.status_field("SigCgt"), 16) >> (signal.SIGUSR2 - 1) & 1:
+        daemon.signal(signal.SIGUSR2)
+        lab.wait_until(lambda: LOOKED_FOR_LEAKS in daemon.output_text(), 60, "its look for leaks")
+
+
 def assert_no_sanitizer_report(room):
     for host in getattr(room, "lab", room).hosts:
         for daemon in host.daemons:
+            look_for_leaks(daemon)
             text = daemon.output_text()
             assert not SANITIZER_REPORT.search(text), f"{host.name}:\n{text[-20000:]}"
 
