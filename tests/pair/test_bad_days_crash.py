@@ -53,6 +53,7 @@ class Victims:
         when = int(most ** self.dice.random())
         print(f"{self.number + 1}: {side} killed at {calls} {when}")
         host.kill_daemons(pair.executable)
+        before = self.stamp_of_slave()
         self.change()
         pair.wrapper = tracing.killed_at(calls, when)
         daemon = getattr(pair, f"start_{side}")()
@@ -63,6 +64,7 @@ class Victims:
         assert daemon.poll() in (None, -signal.SIGKILL), daemon.output_text()
         host.kill_daemons(pair.executable)
         self.assert_whole()
+        assert self.copy.get("dsver") in (before, self.stamp_of_slave())
         getattr(pair, f"start_{side}")()
         return died
 
