@@ -20,6 +20,7 @@ from .wait import LabError, wait_until
 DETACH_SECONDS = 20.0
 EVIDENCE_LINES = 60
 COMM_LENGTH = 15
+TCP_LISTEN = "0A"  # where /proc/net/tcp shows connections as if they were bytes
 KILLALL = "/usr/bin/killall"
 
 
@@ -302,13 +303,22 @@ class Host:
         """An IPv4 socket in this host's network, for a peer played by the caller."""
         return self._inside.open_socket(kind)
 
+    def _sockets(self, protocol: str, port: int) -> list[list[str]]:
+        """The kernel's rows of sockets with this local port."""
+        table = Path(f"/proc/{self._inside.pid}/net/{protocol}").read_text().splitlines()
+        rows = [line.split() for line in table]
+        return [row for row in rows if row[1].endswith(f":{port:04X}")]
+
     def udp_queue(self, port: int) -> tuple[int, int]:
         """Of the socket bound to a UDP port: the bytes that wait, the datagrams it has lost."""
-        table = Path(f"/proc/{self._inside.pid}/net/udp").read_text().splitlines()
-        for fields in map(str.split, table):
-            if fields[1].endswith(f":{port:04X}"):
-                return int(fields[4].partition(":")[2], 16), int(fields[-1])
+        for row in self._sockets("udp", port):
+            return int(row[4].partition(":")[2], 16), int(row[-1])
         raise LabError(f"{self.name}: nothing is bound to UDP port {port}")
+
+    def tcp_waiting(self, port: int) -> int:
+        """The bytes that wait to be read from the connections to a TCP port."""
+        rows = [row for row in self._sockets("tcp", port) if row[3] != TCP_LISTEN]
+        return sum(int(row[4].partition(":")[2], 16) for row in rows)
 
     # Stores and logs
 
