@@ -17,7 +17,7 @@ void look_for_leaks(int /*signal_number*/) {
     errno = saved_errno;
 }
 
-const int installed = [] {
+const int installed = []() noexcept {
     struct sigaction action {};
     action.sa_handler = look_for_leaks;
     action.sa_flags = SA_RESTART;

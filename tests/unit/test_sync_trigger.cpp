@@ -120,7 +120,7 @@ TEST_F(SyncTrigger, GoesBackToTheListOfAnEqualStamp) {
     put(CLIENT_DB, "client1", "value");
     DataRecord answer{};
     for (const char* stamps : {"v1#v2", "v1#v1"}) {
-        std::strcpy(answer.value, stamps);
+        std::snprintf(answer.value, sizeof answer.value, "%s", stamps);
         data_sync_trigger(-1, answer);
     }
     EXPECT_EQ(requested(), Kinds{DATA_KIND_CLIENT});
