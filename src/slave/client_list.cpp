@@ -10,7 +10,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <string>
 #include <string_view>
 #include <thread>
 
@@ -29,10 +28,10 @@ std::mutex completion;
 
 std::atomic<bool> put_back = false;
 
-// Pushes that are still to come: each time the list was emptied, the master was asked for one. And
-// the stamp with which the list was complete since. Both guarded by `completion`.
+// At most so many pushes are still to come: each time the list was emptied, the master was asked
+// for one. And whether one of them has come to its end since. Both guarded by `completion`.
 int pushes_due = 0;
-std::optional<std::string> complete_with;
+bool complete = false;
 
 std::atomic<int> works_in_hand = 0;
 
@@ -64,17 +63,34 @@ std::optional<std::size_t> count_records(const char* path) {
     return cursor.failed() ? std::nullopt : std::optional(count);
 }
 
+// Whether the list is empty now; `completion` is held.
+bool empty_list() {
+    const bool empty = db_replace_empty(CLIENT_DB, PREVIOUS_CLIENT_DB);
+    put_back = put_back && !empty;
+    complete = complete && !empty;
+    return empty;
+}
+
 }  // namespace
 
 bool clear_client_db() {
     const std::lock_guard lock(completion);
-    const bool empty = db_replace_empty(CLIENT_DB, PREVIOUS_CLIENT_DB);
-    if (empty) {
-        put_back = false;
-        complete_with.reset();
-        ++pushes_due;
-    }
+    const bool empty = empty_list();
+    pushes_due += empty ? 1 : 0;
     return empty;
+}
+
+bool begin_client_push() {
+    const std::lock_guard lock(completion);
+    return pushes_due == 0 || !complete || empty_list();
+}
+
+void note_equal_client_lists() {
+    {
+        const std::lock_guard lock(completion);
+        pushes_due = 0;
+    }
+    put_back_client_list();
 }
 
 bool replace_damaged_client_db() {
@@ -93,16 +109,8 @@ void complete_client_list(const char* stamp) {
                   KEY_CLIENT_VERSION);
         return;
     }
-    const bool due = pushes_due > 0;
-    pushes_due -= due ? 1 : 0;
-    if (due && complete_with.value_or(stamp) != stamp) {
-        // The clients were changed between two pushes of one emptied list: what the second no
-        // longer has is still here. The next beat back empties it again.
-        write_log(LOG_ERROR, "%s not stored: %s has records of %s, too", KEY_CLIENT_VERSION,
-                  CLIENT_DB, complete_with->c_str());
-        return;
-    }
-    complete_with = stamp;
+    pushes_due -= pushes_due > 0 ? 1 : 0;
+    complete = true;
     // In this order, also on disk: a kill or a power failure in between must not leave a list that
     // is older than the stamp.
     if (unlink(PREVIOUS_CLIENT_DB) == 0) {

@@ -5,7 +5,7 @@
 // old list is kept as client.db.previous until the new one is complete, which its stamp says. A
 // take-over before that goes back to it, and so does a slave that is started anew as the master.
 //
-// Any thread; the receiver fills the list, the supervisor goes back.
+// Any thread; the receiver fills the list, supervisor and receiver go back.
 #pragma once
 
 // Empties client.db, so that the records that follow rebuild it from scratch. The list it held is
@@ -21,10 +21,18 @@ bool replace_damaged_client_db();
 // is still under way must not add to it. Ask while client.db is open and thus locked.
 bool client_list_put_back();
 
+// A connection brings its first record of the list. Several answers of a master that stood still
+// may each have asked for a push: then one that follows another starts on an empty list, too, since
+// clients may have been removed between them. False when it could not be emptied; the store has
+// logged why, and the push must not end with its stamp.
+bool begin_client_push();
+
+// The master's stamp is the own one: no push is due any more, and a list that was kept for an
+// unfinished one belongs to this stamp and is put back.
+void note_equal_client_lists();
+
 // Drops the kept list and stores the stamp of the new one, whose records are all on disk. Refused,
-// with a line at LOG_ERROR, when the old list was put back meanwhile. Refused, too, when this is
-// the second of several pushes that were asked for before the first one came, and has another
-// stamp: then records of both are in the list.
+// with a line at LOG_ERROR, when the old list was put back meanwhile.
 void complete_client_list(const char* stamp);
 
 // Puts a kept list back in the place of an unfinished one, and says so in one line at LOG_ERROR

@@ -47,6 +47,10 @@ void RecordSink::apply_data_record(const DataRecord& record) {
 
 void RecordSink::apply_client(const std::string& key, const std::string& value) {
     const ClientListWork work;
+    if (!push_begun_) {
+        push_begun_ = true;
+        clients_failed_ = !begin_client_push();
+    }
     if (key != DBVER_KEY) {
         put_client(key, value);
         return;

@@ -40,6 +40,7 @@ private:
     bool open_batch();
 
     std::unique_ptr<Store> clients_;
+    bool push_begun_ = false;  // of clients
     bool config_failed_ = false;
     bool clients_failed_ = false;
     bool clients_stored_ = false;  // any, on this connection

@@ -57,7 +57,7 @@ void data_sync_trigger(int connection, const DataRecord& answer) {
                   "data_sync_trigger", 105, client->c_str(), masters.client.c_str());
         start_data_sync(connection, master_ip, DATA_KIND_CLIENT);
     } else {
-        put_back_client_list();  // a master that is back at the old stamp pushes nothing
+        note_equal_client_lists();  // a master that is back at the old stamp pushes nothing
     }
 }
 
