@@ -20,9 +20,9 @@ using namespace std::chrono_literals;
 constexpr auto LIMIT = 3s;  // for a killed process to go, and for a started one to be seen
 constexpr auto STEP = 20ms;
 
-int role_by_forecast() {
+RoleDecision decision_by_forecast() {
     const std::string addresses(text_of(OwnedText(local_ip_list())));
-    return forecast_role(read_pair_settings(), addresses).decision.role;
+    return forecast_role(read_pair_settings(), addresses).decision;
 }
 
 LogState state_by_log() {
@@ -34,13 +34,15 @@ LogState state_by_log() {
 }  // namespace
 
 bool is_slave_by_forecast() {
-    return role_by_forecast() == ROLE_SLAVE;
+    return decision_by_forecast().role == ROLE_SLAVE;
 }
 
 bool has_left_over_services() {
-    const int forecast = role_by_forecast();
-    if (forecast == ROLE_SLAVE || forecast == ROLE_MASTER) {
-        return forecast == ROLE_SLAVE;
+    const RoleDecision forecast = decision_by_forecast();
+    const bool address_missing = forecast.reason == RoleReason::NO_LOCAL_ADDRESS ||
+                                 forecast.reason == RoleReason::NOT_IN_PAIR;
+    if (!address_missing) {
+        return forecast.role == ROLE_SLAVE;
     }
     const LogState state = state_by_log();
     return state.acting || state.services_left;

@@ -10,8 +10,7 @@
 bool is_slave_by_forecast();
 
 // Whether boot services that run here before its daemon starts are those of a take-over: it is the
-// slave, or it cannot have a role now, as without its address, and its daemon has ended in the
-// place of the master.
+// slave, or its address in the pair is missing and its daemon has ended in the place of the master.
 bool has_left_over_services();
 
 // Whether it is the slave, and its daemon runs and has not taken the boot services over.
