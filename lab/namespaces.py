@@ -157,7 +157,9 @@ class Process:
 
     def rss(self) -> int:
         """Resident memory in bytes."""
-        return int(self.status_field("VmRSS").split()[0]) * 1024
+        # Exact, unlike what "status" shows, which lags behind by some pages of each thread.
+        rows = Path(f"/proc/{self.outer_pid}/smaps_rollup").read_text().splitlines()
+        return next(int(row.split()[1]) * 1024 for row in rows if row.startswith("Rss:"))
 
     def descriptors(self) -> dict[int, str]:
         """Open descriptors with what they lead to, as paths inside the host."""
