@@ -13,7 +13,7 @@ from typing import Protocol, TypeVar
 from .logs import LogLine, LogMark, Logs, parse
 from .namespaces import Namespaces, Process
 from .network import Fault, Switch
-from .services import Call, Event, Stubs
+from .services import SERVICES, Call, Event, Stubs
 from .store import MACHINE, Store, StoreWorker
 from .wait import LabError, wait_until
 
@@ -258,6 +258,10 @@ class Host:
 
     def service_running(self, name: str) -> bool:
         return bool(self.service_pids(name))
+
+    def running_services(self) -> list[str]:
+        """The boot services that run, in the order in which they are started."""
+        return [name for name in SERVICES if self.service_running(name)]
 
     def record_stops(self) -> None:
         """From now on `calls` also has every killall, in its place between the starts."""

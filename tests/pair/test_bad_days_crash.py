@@ -155,10 +155,6 @@ def test_what_a_power_failure_leaves_is_whole(pair_factory):
         host.kill_daemons(pair.executable)
 
 
-def served_by(host):
-    return [name for name in ("quordhcpd", "stagd") if host.service_running(name)]
-
-
 @pytest.mark.parametrize("orders", [0, 1])
 def test_every_order_of_ending_and_starting(pair_factory, ctl, orders):
     """Right roles and bound ports; the services of a life that ended promoted are stopped first."""
@@ -177,11 +173,11 @@ def test_every_order_of_ending_and_starting(pair_factory, ctl, orders):
         for side in starts:
             host, mark = getattr(pair, side), getattr(pair, side).log_mark()
             ctl(host, "service", "stop", "boot", "--if-slave")
-            assert not served_by(host)
+            assert not host.running_services()
             getattr(pair, f"start_{side}")()
             host.wait_log(f"quorsyncd_role:{side}", LIMIT, mark)
         pair.master.config.put("client_db_version", f"{ends} {starts}")
     pair.wait_equal(LIMIT)
     # A slow start of the master may have cost a take-over, whose end follows the equal stores.
-    wait_until(lambda: not served_by(pair.slave), LIMIT, "the end of the services")
+    wait_until(lambda: not pair.slave.running_services(), LIMIT, "the end of the services")
     wait_until(lambda: pair.slave.config.get("dhcp") is None, LIMIT, "the mark to go")

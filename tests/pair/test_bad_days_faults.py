@@ -90,8 +90,7 @@ class BadDay:
         wanted = (START + STOP) * (len(turns) // 2)
         wait_until(lambda: len(steps(slave)) >= len(wanted), LIMIT, "the last stop")
         assert steps(slave) == wanted
-        for name in ("quordhcpd", "stagd"):
-            wait_until(lambda name=name: not slave.service_running(name), LIMIT, "their end")
+        wait_until(lambda: not slave.running_services(), LIMIT, "their end")
         wait_until(lambda: slave.config.get("dhcp") is None, LIMIT, "the mark to go")
         assert not steps(pair.master)
         assert self.takes_over in (None, len(turns) > self.turns_before), turns

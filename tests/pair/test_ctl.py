@@ -238,39 +238,37 @@ def test_dhcpd_conf_writes_only_what_is_sound(lab_room, ctl):
     assert not conf.exists()
 
 
-def running(host):
-    return [name for name in ("quordhcpd", "stagd") if host.service_running(name)]
-
-
 @pytest.mark.parametrize("end", ["TERM", "KILL"])
 def test_left_over_services_end_without_an_address_too(pair, ctl, end):
     """A slave whose own interface failed takes over, and its daemon is started anew meanwhile."""
     slave = pair.slave
     slave.shell("ip link set eth0 down")
-    wait_until(lambda: running(slave) == ["quordhcpd", "stagd"], 30, "a take-over")
+    wait_until(lambda: slave.running_services() == ["quordhcpd", "stagd"], 30, "a take-over")
     if end == "TERM":
         pair.slave_daemon.signal(signal.SIGTERM)
         slave.wait_log("slave exit", 30)
     pair.slave_daemon.kill()
     assert ctl(slave, "service", "stop", "boot", "--if-slave") == (FINE, "boot: stopped\n", "")
-    assert not running(slave)
+    assert not slave.running_services()
 
 
 @pytest.mark.sanitizer
 def test_services_by_hand(pair, ctl):
     code, _, complaint = ctl(pair.slave, "service", "start", "boot")
-    assert code == WRONG_USE and "--force" in complaint and not running(pair.slave)
+    assert code == WRONG_USE and "--force" in complaint and not pair.slave.running_services()
     for host, more in ((pair.slave, ["--force"]), (pair.master, [])):
         assert ctl(host, "service", "start", "boot", *more) == (FINE, "boot: started\n", "")
-        assert running(host) == ["quordhcpd", "stagd"] and host.config.get("dhcp") == b"on"
+        assert host.running_services() == ["quordhcpd", "stagd"]
+        assert host.config.get("dhcp") == b"on"
         # They keep nothing of the operator's terminal or pipe open.
         assert set(host.calls("stagd")[-1].descriptors.values()) == {"/dev/null"}
     # As a unit does before it starts the daemon: a slave's are left over, a master's are wanted.
     assert ctl(pair.slave, "service", "stop", "boot", "--if-slave")[0] == FINE
     assert ctl(pair.master, "service", "stop", "boot", "--if-slave")[0] == FINE
-    assert not running(pair.slave) and pair.slave.config.get("dhcp") is None
-    assert running(pair.master) == ["quordhcpd", "stagd"]
-    assert ctl(pair.master, "service", "stop", "boot")[0] == FINE and not running(pair.master)
+    assert not pair.slave.running_services() and pair.slave.config.get("dhcp") is None
+    assert pair.master.running_services() == ["quordhcpd", "stagd"]
+    assert ctl(pair.master, "service", "stop", "boot")[0] == FINE
+    assert not pair.master.running_services()
 
     pair.master.stubs.remove("stagd")
     code, _, complaint = ctl(pair.master, "service", "start", "boot")

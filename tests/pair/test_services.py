@@ -110,8 +110,7 @@ def test_step_down_ends_both_services(lonely_slaves, run_daemon):
 
         def all_given_back():
             master.tell(beat_back("#"))  # Again and again: it must not take over once more.
-            running = [name for name in ("quordhcpd", "stagd") if slave.service_running(name)]
-            return slave.config.get("dhcp") is None and not running
+            return slave.config.get("dhcp") is None and not slave.running_services()
 
         wait_until(all_given_back, LIMIT, "the end of both services", interval=0.5)
     assert len(slave.find_log(RESTORED)) == 1

@@ -27,7 +27,7 @@ def before_start(ctl):
 
 
 def both_run(host):
-    return host.service_running("quordhcpd") and host.service_running("stagd")
+    return host.running_services() == ["quordhcpd", "stagd"]
 
 
 def test_a_start_ends_what_a_killed_acting_master_left(lonely_slaves, run_daemon, before_start):
@@ -37,7 +37,7 @@ def test_a_start_ends_what_a_killed_acting_master_left(lonely_slaves, run_daemon
     daemon.kill()
     assert both_run(slave)
     before_start(slave)
-    assert not slave.service_running("quordhcpd") and not slave.service_running("stagd")
+    assert not slave.running_services()
 
 
 def test_a_start_leaves_the_services_of_a_master(pair_factory, ctl, before_start):
