@@ -10,10 +10,11 @@
 // Nothing is filtered by level.
 #pragma once
 
-inline constexpr int LOG_DEBUG = 0;
-inline constexpr int LOG_INFO = 1;
-inline constexpr int LOG_ERROR = 2;
-inline constexpr int LOG_FATAL = 3;
+#include <array>
+#include <string_view>
+#include <type_traits>
+
+#include "messages.h"
 
 // Identity of the program in every line and file name.
 inline constexpr const char* PROGRAM_NAME = "quorsyncd";
@@ -33,6 +34,50 @@ int set_log_settings(LogSettings& settings, const char* dir, int level);
 // added when the message holds none. Any level but 0 to 3 is written as "OTHER ". Always returns 0;
 // what cannot be written is dropped silently. Any thread; errno is kept.
 int write_log(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// The type of an argument in takes_arguments(); there is none for what no message takes.
+template <typename Argument>
+inline constexpr char ARGUMENT_TYPE = '?';
+template <>
+inline constexpr char ARGUMENT_TYPE<int> = 'd';
+template <>
+inline constexpr char ARGUMENT_TYPE<unsigned> = 'u';
+template <>
+inline constexpr char ARGUMENT_TYPE<long> = 'l';
+template <>
+inline constexpr char ARGUMENT_TYPE<std::size_t> = 'z';
+template <>
+inline constexpr char ARGUMENT_TYPE<const char*> = 's';
+template <>
+inline constexpr char ARGUMENT_TYPE<char*> = 's';
+
+// A message that takes arguments of these types; any other does not compile.
+template <char... TYPES>
+class CheckedMessage {
+public:
+    consteval CheckedMessage(const Message& message) : message_(message) {
+        constexpr std::array<char, sizeof...(TYPES)> types{TYPES...};
+        if (!takes_arguments(message.format, {types.data(), types.size()})) {
+            throw "the arguments do not fit the format of the message";
+        }
+    }
+    const Message& get() const { return message_; }
+
+private:
+    const Message& message_;
+};
+template <typename... Arguments>
+using MessageFor = CheckedMessage<ARGUMENT_TYPE<Arguments>...>;
+
+// Unchecked; for log_message only.
+void log_arguments(const Message* message, ...);
+
+// Logs one of the messages with its arguments, as write_log does: log_message(msg::TOOK_OVER). Any
+// thread; errno is kept.
+template <typename... Arguments>
+void log_message(std::type_identity_t<MessageFor<Arguments...>> message, Arguments... arguments) {
+    log_arguments(&message.get(), arguments...);
+}
 
 // The part of write_log that serves standard output and the daily file. Always returns 0.
 int write_log_file(const LogSettings& settings, int level, const char* message);

@@ -4,4 +4,4 @@
 install_packages format
 mode=(-i)
 [ "${1-}" = --check ] && mode=(--dry-run --Werror)
-sources '*.cpp' '*.h' | xargs -0 -r clang-format --style=file "${mode[@]}"
+sources '*.cpp' '*.h' '*.def' | xargs -0 -r clang-format --style=file "${mode[@]}"

@@ -29,15 +29,14 @@ int PK_Socket::CreateSocket(std::uint32_t nSocketType) {
     } else if (nSocketType == SOCKET_LOCAL) {
         family = AF_UNIX;
     } else if (nSocketType != SOCKET_TCP) {
-        write_log(LOG_ERROR, "nSocketType:%d --%s---%s--%d", static_cast<int>(nSocketType), ORIGIN,
-                  "CreateSocket", __LINE__);
+        log_message(msg::UNKNOWN_SOCKET_KIND, static_cast<int>(nSocketType), ORIGIN, "CreateSocket",
+                    __LINE__);
         return -1;
     }
     fd_.reset(socket(family, type | SOCK_CLOEXEC, 0));
     if (!fd_.valid()) {
         const int cause = errno;
-        write_log(LOG_ERROR, "socket error:%d --%s---%s--%d", cause, ORIGIN, "CreateSocket",
-                  __LINE__);
+        log_message(msg::NO_SERVICE_SOCKET, cause, ORIGIN, "CreateSocket", __LINE__);
         return cause;
     }
     return 0;

@@ -162,22 +162,22 @@ public:
     int Start() {
         mQueue = new (std::nothrow) Queue(NODES_PER_BLOCK);
         if (mQueue == nullptr) {
-            write_log(LOG_ERROR, "new PKMemQueue %s -%s %s-- %d", strerror(errno),
-                      PK_SYNC_SERVER_ORIGIN, "Start", __LINE__);
+            log_message(msg::NO_JOB_QUEUE, strerror(errno), PK_SYNC_SERVER_ORIGIN, "Start",
+                        __LINE__);
             return -11;
         }
         has_semaphore_ = sem_init(&semaphore_, 0, 0) == 0;
         if (!has_semaphore_) {
-            write_log(LOG_ERROR, "new sem_init %s -%s %s-- %d", strerror(errno),
-                      PK_SYNC_SERVER_ORIGIN, "Start", __LINE__);
+            log_message(msg::NO_JOB_SEMAPHORE, strerror(errno), PK_SYNC_SERVER_ORIGIN, "Start",
+                        __LINE__);
             return -12;
         }
         const TermSignalBlocked blocked;  // SIGTERM belongs to the main thread
         const int result = pthread_create(&thread_, nullptr, &PK_SyncServer::work, this);
         if (result != 0) {
             thread_ = 0;
-            write_log(LOG_ERROR, "pthread_create :%d:%s --%s--%d", result, strerror(errno),
-                      PK_SYNC_SERVER_ORIGIN, __LINE__);
+            log_message(msg::NO_JOB_THREAD, result, strerror(errno), PK_SYNC_SERVER_ORIGIN,
+                        __LINE__);
             return -2;
         }
         return 0;
@@ -187,25 +187,24 @@ public:
     // is null or no node is to be had. The argument of a refused job stays with the caller.
     int AddSyncWork(T arg, SyncFunc lpSyncFunc) {
         if (mQueue == nullptr) {
-            write_log(LOG_ERROR, "mQueue == NULL %s---%s---%d", PK_SYNC_SERVER_ORIGIN,
-                      "AddSyncWork", __LINE__);
+            log_message(msg::JOB_SERVER_NOT_RUNNING, PK_SYNC_SERVER_ORIGIN, "AddSyncWork",
+                        __LINE__);
             return -1;
         }
         int nNowSem = 0;
         if (sem_getvalue(&semaphore_, &nNowSem) == 0 && nNowSem > MAX_WAITING) {
-            write_log(LOG_ERROR, "nNowSem:%d > 8192 %s---%s---%d", nNowSem, PK_SYNC_SERVER_ORIGIN,
-                      "AddSyncWork", __LINE__);
+            log_message(msg::JOB_QUEUE_FULL, nNowSem, PK_SYNC_SERVER_ORIGIN, "AddSyncWork",
+                        __LINE__);
             return -4;
         }
         if (lpSyncFunc == nullptr) {
-            write_log(LOG_ERROR, "lpSyncFunc == NULL %s---%s---%d", PK_SYNC_SERVER_ORIGIN,
-                      "AddSyncWork", __LINE__);
+            log_message(msg::JOB_WITHOUT_FUNCTION, PK_SYNC_SERVER_ORIGIN, "AddSyncWork", __LINE__);
             return -2;
         }
         typename Queue::QueueNode* node = mQueue->Mem_New();
         if (node == nullptr) {
-            write_log(LOG_ERROR, "mQueue->Mem_New %s -%s %s-- %d", strerror(errno),
-                      PK_SYNC_SERVER_ORIGIN, "AddSyncWork", __LINE__);
+            log_message(msg::NO_MEMORY_FOR_JOB, strerror(errno), PK_SYNC_SERVER_ORIGIN,
+                        "AddSyncWork", __LINE__);
             return -2;
         }
         node->element = {arg, lpSyncFunc};

@@ -29,12 +29,11 @@ int PK_File::open_with(const char* path, int flags, unsigned mode, const char* f
     }
     fd_ = open(path, O_RDWR | O_CLOEXEC | flags, mode);
     if (fd_ < 0) {
-        write_log(LOG_ERROR, "open (%s) error:%s --%s--%d", path, strerror(errno), function,
-                  __LINE__);
+        log_message(msg::FILE_NOT_OPENED, path, strerror(errno), function, __LINE__);
         return -1;
     }
     if ((flags & O_CREAT) != 0) {
-        write_log(LOG_INFO, "open (%s) ok ", path);
+        log_message(msg::FILE_CREATED, path);
     }
     return 0;
 }
@@ -47,8 +46,7 @@ int PK_File::find_size(const char* path, const char* function) {
     } else {
         struct stat status {};
         if (fstat(fd_, &status) != 0) {
-            write_log(LOG_ERROR, "fstat (%s) error:%s --%s--%d", path, strerror(errno), function,
-                      __LINE__);
+            log_message(msg::NO_FILE_SIZE, path, strerror(errno), function, __LINE__);
             return -2;
         }
         kind_ = KIND_FILE;
@@ -57,7 +55,7 @@ int PK_File::find_size(const char* path, const char* function) {
     size_ = static_cast<std::int64_t>(bytes >> SECTOR_SHIFT);
     path_.fill('\0');
     std::memcpy(path_.data(), path, strnlen(path, path_.size()));
-    write_log(LOG_INFO, "%s (%s) ok SizeSec:%ld", function, path, static_cast<long>(size_));
+    log_message(msg::FILE_SIZE, function, path, static_cast<long>(size_));
     return 0;
 }
 
@@ -73,8 +71,7 @@ int PK_File::OpenRwAlwaysSetSize(const char* path, std::int64_t sectors) {
     }
     if (sectors > 0) {
         if (ftruncate(fd_, bytes_of(sectors)) != 0) {
-            write_log(LOG_ERROR, "ftruncate (%s) error:%s --%s--%d", path, strerror(errno),
-                      FUNCTION, __LINE__);
+            log_message(msg::FILE_SIZE_NOT_SET, path, strerror(errno), FUNCTION, __LINE__);
         } else {
             size_ = sectors;
         }
@@ -103,8 +100,8 @@ int PK_File::Close() {
 
 bool PK_File::is_open(const char* operation) const {
     if (fd_ < 1) {  // descriptor 0 counts as not open
-        write_log(LOG_INFO, "%s (%.*s) nFilefd:%d", operation, static_cast<int>(path_.size()),
-                  path_.data(), fd_);
+        log_message(msg::FILE_NOT_OPEN, operation, static_cast<int>(path_.size()), path_.data(),
+                    fd_);
         return false;
     }
     return true;
@@ -141,8 +138,8 @@ std::int64_t PK_File::GetSize() {
     }
     struct stat status {};
     if (fstat(fd_, &status) != 0) {
-        write_log(LOG_ERROR, "fstat (%.*s) error:%s --%s--%d", static_cast<int>(path_.size()),
-                  path_.data(), strerror(errno), "GetSize", __LINE__);
+        log_message(msg::NO_OPEN_FILE_SIZE, static_cast<int>(path_.size()), path_.data(),
+                    strerror(errno), "GetSize", __LINE__);
         return -2;
     }
     return status.st_size;

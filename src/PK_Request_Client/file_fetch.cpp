@@ -51,12 +51,12 @@ std::optional<std::int64_t> length_in(json_object* reply) {
 std::int32_t recv_announced_file(PK_Request_Client& client, const char* reply, const char* path) {
     const OwnedJson parsed(json_tokener_parse(reply));
     if (!parsed) {
-        write_log(LOG_ERROR, "FILE_MGR json_tokener_parse:%s   --%s--%d", reply, ORIGIN, __LINE__);
+        log_message(msg::REPLY_NOT_JSON, reply, ORIGIN, __LINE__);
         return -3;
     }
     const auto length = length_in(parsed.get());
     if (!length) {
-        write_log(LOG_ERROR, "FILE_MGR length not found:%s   --%s--%d", reply, ORIGIN, __LINE__);
+        log_message(msg::REPLY_WITHOUT_LENGTH, reply, ORIGIN, __LINE__);
         return -3;
     }
     return recv_file(client, *length, path);
@@ -79,8 +79,7 @@ std::int32_t GetServerFile(PK_Request_Client& client, const char* szServerIp,
         return -1;
     }
     if (nErrCode != 0) {
-        write_log(LOG_ERROR, "FILE_MGR nErrCode:%d szServerIp:%s szServerFilePath %s --%s--%d",
-                  nErrCode, szServerIp, szServerFilePath, ORIGIN, __LINE__);
+        log_message(msg::SERVICE_REFUSED, nErrCode, szServerIp, szServerFilePath, ORIGIN, __LINE__);
         return -2;
     }
     return recv_announced_file(client, reply.data(), szLocalPath);
@@ -89,8 +88,7 @@ std::int32_t GetServerFile(PK_Request_Client& client, const char* szServerIp,
 std::int32_t recv_file(PK_Request_Client& client, std::int64_t length, const char* szPath) {
     PK_File file;
     if (file.OpenRwEmpty(szPath) != 0) {
-        write_log(LOG_ERROR, "File.OpenRwAlwaysSetSize szPath:%s --%s--%d", szPath, ORIGIN,
-                  __LINE__);
+        log_message(msg::DOWNLOAD_NOT_OPENED, szPath, ORIGIN, __LINE__);
         return -1;
     }
     std::array<char, CHUNK_SIZE> buffer;
@@ -98,14 +96,13 @@ std::int32_t recv_file(PK_Request_Client& client, std::int64_t length, const cha
         const auto chunk = static_cast<std::int32_t>(std::min(length - offset, CHUNK_SIZE));
         const int received = client.RecvAll(buffer.data(), chunk);
         if (received != chunk) {
-            write_log(LOG_ERROR, "recv_file recv error %d != %d  %d  %s--%s-- %d", received, chunk,
-                      errno, ORIGIN, "recv_file", __LINE__);
+            log_message(msg::DOWNLOAD_CUT, received, chunk, errno, ORIGIN, "recv_file", __LINE__);
             return -4;
         }
         const ssize_t written = file.Write(buffer.data(), static_cast<std::size_t>(chunk), offset);
         if (written != chunk) {
-            write_log(LOG_ERROR, " recv_file WriteFile error %d != %d %d  %s--%s-- %d",
-                      static_cast<int>(written), chunk, errno, ORIGIN, "recv_file", __LINE__);
+            log_message(msg::DOWNLOAD_NOT_WRITTEN, static_cast<int>(written), chunk, errno, ORIGIN,
+                        "recv_file", __LINE__);
             return -3;
         }
         offset += chunk;

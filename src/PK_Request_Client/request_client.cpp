@@ -33,14 +33,11 @@ static_assert(sizeof(ResponseHeader) == 20);
 int PK_Request_Client::Hpc_RequestPro_NoClose(const char* szIP, std::uint32_t dwBusinessId,
                                               const char* szCommand, char* szRetMsg,
                                               std::int32_t nRetSize, std::int32_t* nErrCode) {
-    write_log(LOG_INFO,
-              "PK_Request_Client::Hpc_RequestPro szIP:%s dwBusinessId:0x%08X szCommand:%s", szIP,
-              dwBusinessId, szCommand);
+    log_message(msg::SERVICE_REQUEST, szIP, dwBusinessId, szCommand);
     *nErrCode = NO_ANSWER_YET;
     const int connected = socket_.Connect(szIP, static_cast<std::uint16_t>(port_), timeout_);
     if (connected != 0) {
-        write_log(LOG_ERROR, "Connect error %s ---%s---%s---%d", strerror(connected), ORIGIN,
-                  FUNCTION, __LINE__);
+        log_message(msg::SERVICE_NOT_CONNECTED, strerror(connected), ORIGIN, FUNCTION, __LINE__);
         return REQUEST_NO_CONNECTION;
     }
     try {
@@ -63,8 +60,7 @@ int PK_Request_Client::Hpc_RequestPro(const char* szIP, std::uint32_t dwBusiness
 bool PK_Request_Client::send_part(const void* data, std::int32_t size) {
     const int sent = socket_.SendAll(data, size);
     if (sent != size) {
-        write_log(LOG_ERROR, "Send Ret:%d Err:%d---%s---%s---%d", sent, errno, ORIGIN, FUNCTION,
-                  __LINE__);
+        log_message(msg::REQUEST_NOT_SENT, sent, errno, ORIGIN, FUNCTION, __LINE__);
     }
     return sent == size;
 }
@@ -84,8 +80,8 @@ int PK_Request_Client::recv_reply(char* szRetMsg, std::int32_t nRetSize, std::in
     const auto header_size = static_cast<std::int32_t>(sizeof header);
     int received = socket_.RecvAll(&header, header_size);
     if (received != header_size) {
-        write_log(LOG_ERROR, "Recv Ret:%d size:%d Err:%d---%s---%s---%d", received, header_size,
-                  errno, ORIGIN, FUNCTION, __LINE__);
+        log_message(msg::REPLY_HEADER_CUT, received, header_size, errno, ORIGIN, FUNCTION,
+                    __LINE__);
         return REQUEST_BROKEN;
     }
     if (header.nErrCode != 0 || header.dwResponedDataSize < 1) {
@@ -93,22 +89,22 @@ int PK_Request_Client::recv_reply(char* szRetMsg, std::int32_t nRetSize, std::in
         return 0;
     }
     if (header.dwResponedDataSize >= nRetSize) {
-        write_log(LOG_ERROR, "cRecvData.dwResponedDataSize:%d >= %d ---%s---%s--%d",
-                  header.dwResponedDataSize, nRetSize, ORIGIN, FUNCTION, __LINE__);
+        log_message(msg::REPLY_TOO_LONG, header.dwResponedDataSize, nRetSize, ORIGIN, FUNCTION,
+                    __LINE__);
         return REQUEST_BROKEN;
     }
     std::string body(static_cast<std::size_t>(header.dwResponedDataSize), '\0');
     received = socket_.RecvAll(body.data(), header.dwResponedDataSize);
     if (received != header.dwResponedDataSize) {
         // The labels do not match the order of the values; other tools read it as it is.
-        write_log(LOG_ERROR, "Rcev Ret:%d size:%d Err:%d---%s---%s---%d", received, errno,
-                  header.dwResponedDataSize, ORIGIN, FUNCTION, __LINE__);
+        log_message(msg::REPLY_BODY_CUT, received, errno, header.dwResponedDataSize, ORIGIN,
+                    FUNCTION, __LINE__);
         return REQUEST_BROKEN;
     }
     const std::string reply = decode_body(body);  // shorter than the body, thus than the buffer
     std::memset(szRetMsg, 0, static_cast<std::size_t>(nRetSize));
     std::memcpy(szRetMsg, reply.data(), reply.size());
     *nErrCode = 0;
-    write_log(LOG_INFO, "PK_Request_Client::Hpc_RequestPro szRetMsg %s", szRetMsg);
+    log_message(msg::SERVICE_REPLY, szRetMsg);
     return 0;
 }

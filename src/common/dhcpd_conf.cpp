@@ -30,7 +30,7 @@ bool close_written(OwnedFile& file) {
     const bool failed = std::ferror(file.get()) != 0;
     const bool arrived = std::fclose(file.release()) == 0 && !failed;
     if (!arrived) {
-        write_log(LOG_ERROR, "write %s failed", DHCPD_CONF);
+        log_message(msg::DHCPD_CONF_NOT_WRITTEN, DHCPD_CONF);
     }
     return arrived;
 }
@@ -133,7 +133,7 @@ void copy_file(std::FILE* source, std::FILE* target) {
 OwnedFile open_logged(const char* mode) {
     OwnedFile file(std::fopen(DHCPD_CONF, mode));
     if (!file) {
-        write_log(LOG_INFO, "read %s failed.", DHCPD_CONF);
+        log_message(msg::DHCPD_CONF_UNREADABLE, DHCPD_CONF);
     }
     return file;
 }
@@ -141,7 +141,7 @@ OwnedFile open_logged(const char* mode) {
 OwnedFile open_temporary() {
     OwnedFile file(std::tmpfile());
     if (!file) {
-        write_log(LOG_INFO, "write temp file failed.");
+        log_message(msg::NO_TEMPORARY_FILE);
         return file;
     }
     (void)fcntl(fileno(file.get()), F_SETFD, FD_CLOEXEC);
@@ -151,11 +151,11 @@ OwnedFile open_temporary() {
 // Whether what was read and kept so far is whole: only then may it replace the file.
 bool kept_whole(std::FILE* source, std::FILE* kept) {
     if (std::fflush(kept) != 0 || std::ferror(kept) != 0) {
-        write_log(LOG_INFO, "write temp file failed.");
+        log_message(msg::NO_TEMPORARY_FILE);
         return false;
     }
     if (std::ferror(source) != 0) {
-        write_log(LOG_INFO, "read %s failed.", DHCPD_CONF);
+        log_message(msg::DHCPD_CONF_UNREADABLE, DHCPD_CONF);
         return false;
     }
     return true;
@@ -191,7 +191,7 @@ bool put_entry(std::string_view host_name, std::string_view entry) {
 int write_dhcpd_conf() {
     OwnedFile conf(std::fopen(DHCPD_CONF, "we"));
     if (!conf) {
-        write_log(LOG_ERROR, "open %s failed", DHCPD_CONF);
+        log_message(msg::DHCPD_CONF_NOT_OPENED, DHCPD_CONF);
         return -1;
     }
     const NetworkSettings settings = read_settings();
@@ -199,7 +199,7 @@ int write_dhcpd_conf() {
         return -1;
     }
     const std::string subnet = subnet_text(settings);
-    write_log(LOG_INFO, "to write %s", DHCPD_CONF);
+    log_message(msg::DHCPD_CONF_WRITTEN, DHCPD_CONF);
     write_text(conf.get(), HEAD);
     write_text(conf.get(), subnet);
     write_text(conf.get(), PLACEHOLDER);

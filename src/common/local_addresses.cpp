@@ -35,7 +35,7 @@ std::string interface_name(const std::string& line) {
 bool visit_addresses(const std::function<bool(const char*)>& visit) {
     std::ifstream table(INTERFACE_TABLE);
     if (!table) {
-        write_log(LOG_ERROR, "%s open failed.", INTERFACE_TABLE);
+        log_message(msg::NO_INTERFACE_TABLE, INTERFACE_TABLE);
         return false;
     }
     std::string line;
@@ -57,7 +57,7 @@ bool visit_addresses(const std::function<bool(const char*)>& visit) {
 char* interface_ipv4(const char* name) {
     const OwnedFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!fd.valid()) {
-        write_log(LOG_INFO, "create socket failed.");
+        log_message(msg::NO_SOCKET_FOR_ADDRESS);
         return nullptr;
     }
     ifreq request{};

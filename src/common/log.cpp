@@ -104,6 +104,20 @@ void append_to_daily_file(const LogSettings& settings, const StampedLine& line) 
     }
 }
 
+void log_formatted(int level, const char* format, va_list arguments) {
+    const int saved_errno = errno;
+    std::array<char, MESSAGE_SIZE> message;
+    message.front() = '\0';
+    (void)std::vsnprintf(message.data(), message.size(), format, arguments);
+    if (const LogSink sink = log_sink; sink != nullptr) {
+        sink(level, message.data());
+    } else {
+        debug_log().printDebug(message.data());
+        write_log_file(log_settings, level, message.data());
+    }
+    errno = saved_errno;
+}
+
 }  // namespace
 
 int set_log_settings(LogSettings& settings, const char* dir, int level) {
@@ -137,21 +151,18 @@ void set_log_sink(LogSink sink) {
 }
 
 int write_log(int level, const char* format, ...) {
-    const int saved_errno = errno;
-    std::array<char, MESSAGE_SIZE> message;
-    message.front() = '\0';
     va_list arguments;
     va_start(arguments, format);
-    (void)std::vsnprintf(message.data(), message.size(), format, arguments);
+    log_formatted(level, format, arguments);
     va_end(arguments);
-    if (const LogSink sink = log_sink; sink != nullptr) {
-        sink(level, message.data());
-    } else {
-        debug_log().printDebug(message.data());
-        write_log_file(log_settings, level, message.data());
-    }
-    errno = saved_errno;
     return 0;
+}
+
+void log_arguments(const Message* message, ...) {
+    va_list arguments;
+    va_start(arguments, message);
+    log_formatted(message->level, message->format, arguments);
+    va_end(arguments);
 }
 
 void close_logs() {

@@ -53,7 +53,7 @@ void install_signal_handler(int signal_number, void (*handler)(int), int flags) 
     action.sa_flags = flags;
     sigemptyset(&action.sa_mask);
     if (sigaction(signal_number, &action, nullptr) != 0) {
-        write_log(LOG_ERROR, "sigaction: %s", strerror(errno));
+        log_message(msg::NO_SIGNAL_HANDLER, strerror(errno));
         end_process(1);
     }
 }

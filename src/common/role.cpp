@@ -84,19 +84,19 @@ RoleReason missing_input(const RoleInputs& inputs) {
 // missing.
 void read_inputs(RoleInputs& inputs) {
     inputs.ha = text_of(OwnedText(db_get(CONFIG_DB, KEY_HA)));
-    write_log(LOG_DEBUG, "ha :%s", inputs.ha.c_str());
+    log_message(msg::HA_SETTING, inputs.ha.c_str());
     if (missing_input(inputs) == RoleReason::HA_NOT_ENABLED) {
         return;
     }
     inputs.numbered_list = text_of(OwnedText(numbered_server_list()));
-    write_log(LOG_DEBUG, "server_list:%s\n", inputs.numbered_list.c_str());
+    log_message(msg::SERVER_LIST, inputs.numbered_list.c_str());
     if (missing_input(inputs) == RoleReason::NO_SERVER_LIST) {
-        write_log(LOG_INFO, "get server address list failed");
+        log_message(msg::NO_SERVER_LIST);
         return;
     }
     inputs.my_addresses = text_of(OwnedText(local_ip_list()));
     if (missing_input(inputs) == RoleReason::NO_LOCAL_ADDRESS) {
-        write_log(LOG_INFO, "get myself IP address failed");
+        log_message(msg::NO_LOCAL_ADDRESS);
         return;
     }
     if (missing_input(inputs) == RoleReason::SINGLE_SERVER) {
@@ -104,7 +104,7 @@ void read_inputs(RoleInputs& inputs) {
     }
     inputs.master = text_of(OwnedText(db_get(CONFIG_DB, KEY_MASTER)));
     if (missing_input(inputs) == RoleReason::NO_MASTER) {
-        write_log(LOG_ERROR, "get db_master faile.");
+        log_message(msg::NO_MASTER_SETTING);
     }
 }
 
@@ -158,8 +158,8 @@ int determine_role() {
             continue;
         }
         const RoleDecision decision = decide_role(inputs);
-        write_log(LOG_DEBUG, "first_ip:%s,next_ip:%s,my_ip:%s,db_master:%s", decision.first.c_str(),
-                  decision.next.c_str(), inputs.my_addresses.c_str(), inputs.master.c_str());
+        log_message(msg::ROLE_SETTINGS, decision.first.c_str(), decision.next.c_str(),
+                    inputs.my_addresses.c_str(), inputs.master.c_str());
         copy_address(master_ip, inputs.master);
         if (decision.reason == RoleReason::DECIDED) {
             copy_address(slave_ip, decision.slave_ip);

@@ -70,21 +70,21 @@ ServiceResult start_in_foreground(const ForegroundStart& start) {
     }
     if (WIFEXITED(status) && WEXITSTATUS(status) != 0) {
         const char* cause = strerror(errno);
-        write_log(LOG_INFO, "dhcpd start result:%s", cause);
+        log_message(msg::BOOT_SERVICES_NOT_STARTED, cause);
         return {false, cause};
     }
     return success();
 }
 
-ServiceResult run_logged(const char* command, const char* name) {
+ServiceResult run_logged(const char* command, MessageFor<const char*> message) {
     (void)run_shell(command);
-    write_log(LOG_INFO, "%s:%s", name, strerror(errno));
+    log_message(message, strerror(errno));
     return success();
 }
 
-void stop_logged(const char* command, const char* name) {
+void stop_logged(const char* command, MessageFor<const char*> message) {
     if (run_shell(command) < 0) {
-        write_log(LOG_INFO, "%s:%s", name, strerror(errno));
+        log_message(message, strerror(errno));
     }
 }
 
@@ -92,8 +92,8 @@ void stop_logged(const char* command, const char* name) {
 
 ServiceResult stop_boot_services() {
     (void)db_del(CONFIG_DB, KEY_DHCP);
-    stop_logged(STOP_WRAPPER, "dhcpd stop");
-    stop_logged(STOP_BOOT_LOADER, "stagd stop");
+    stop_logged(STOP_WRAPPER, msg::DHCPD_STOP);
+    stop_logged(STOP_BOOT_LOADER, msg::STAGD_NOT_STOPPED);
     return success();
 }
 
@@ -108,10 +108,10 @@ ServiceResult start_boot_services() {
 }
 
 void refresh_dhcp() {
-    write_log(LOG_DEBUG, "refresh_dhcp");
+    log_message(msg::DHCP_RELOAD);
     const OwnedFd pipe(open(RELOAD_PIPE, O_WRONLY | O_NONBLOCK | O_CLOEXEC));
     if (!pipe.valid()) {
-        write_log(LOG_ERROR, "refresh_dhcp open %s error %s", RELOAD_PIPE, strerror(errno));
+        log_message(msg::DHCP_NOT_RELOADED, RELOAD_PIPE, strerror(errno));
         return;
     }
     ReloadRecord record{};
@@ -119,28 +119,28 @@ void refresh_dhcp() {
     (void)std::snprintf(record.seconds, sizeof record.seconds, "%ld",
                         static_cast<long>(std::time(nullptr)));
     if (write_to_pipe(pipe.get(), &record, sizeof record) != sizeof record) {
-        write_log(LOG_ERROR, "refresh_dhcp open %s error %s", RELOAD_PIPE, strerror(errno));
+        log_message(msg::DHCP_NOT_RELOADED, RELOAD_PIPE, strerror(errno));
     }
 }
 
 ServiceResult stop_tftp_service() {
-    return run_logged("/usr/bin/killall -9 in.tftpd", "tftpd stop");
+    return run_logged("/usr/bin/killall -9 in.tftpd", msg::TFTPD_STOP);
 }
 
 ServiceResult start_tftp_service() {
-    return run_logged("/usr/sbin/in.tftpd -l -u root -s /tftpboot", "tftpd start");
+    return run_logged("/usr/sbin/in.tftpd -l -u root -s /tftpboot", msg::TFTPD_START);
 }
 
 ServiceResult stop_ravlo_service() {
-    return run_logged("/etc/init.d/ravlo stop", "ravlo stop");
+    return run_logged("/etc/init.d/ravlo stop", msg::RAVLO_STOP);
 }
 
 ServiceResult start_ravlo_service() {
-    return run_logged("/etc/init.d/ravlo start", "ravlo start");
+    return run_logged("/etc/init.d/ravlo start", msg::RAVLO_START);
 }
 
 ServiceResult stop_system_dhcpd() {
-    return run_logged("/usr/bin/killall dhcpd", "dhcpd stop");
+    return run_logged("/usr/bin/killall dhcpd", msg::DHCPD_STOP);
 }
 
 ServiceResult start_system_dhcpd() {

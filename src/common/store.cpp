@@ -95,12 +95,12 @@ std::unique_ptr<Store> db_open(const char* path, std::uint32_t cache_bytes) {
     StoreLock lock(path);
     DB* db = create_handle(cache_bytes);
     if (db == nullptr) {
-        write_log(LOG_ERROR, "db_create %s\n", db_strerror(1));  // never the real code, as ever
+        log_message(msg::NO_STORE_HANDLE, db_strerror(1));  // never the real code, as ever
         return nullptr;
     }
     const int result = open_file(lock, db);
     if (result != 0) {
-        write_log(LOG_ERROR, "DB->open %s %s", db_strerror(result), path);
+        log_message(msg::STORE_NOT_OPENED, db_strerror(result), path);
     }
     return std::unique_ptr<Store>(new Store(std::move(lock), db, result));
 }
@@ -251,7 +251,7 @@ PutResult put_and_close(const char* path, const char* key, const char* value) {
     }
     const int put = store->put(key, value);
     if (put != 0) {
-        write_log(LOG_ERROR, "DB->put %s", db_strerror(put));
+        log_message(msg::RECORD_NOT_STORED, db_strerror(put));
     }
     return {put, store->close()};
 }

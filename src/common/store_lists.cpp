@@ -32,7 +32,7 @@ std::optional<std::string> read_list(const std::unique_ptr<Store>& store, const 
 
 void put_list(Store& store, const char* key, std::string_view list) {
     if (const int result = store.put(key, list); result != 0) {
-        write_log(LOG_ERROR, "DB->put %s", store_error_text(result));
+        log_message(msg::RECORD_NOT_STORED, store_error_text(result));
     }
 }
 
@@ -129,6 +129,6 @@ void db_dump(const char* path) {
     std::string_view key;
     std::string_view value;
     while (cursor.next(key, value)) {
-        write_log(LOG_INFO, "%s = %s\n", cut(key, MAX_KEY).c_str(), cut(value, MAX_VALUE).c_str());
+        log_message(msg::STORE_RECORD, cut(key, MAX_KEY).c_str(), cut(value, MAX_VALUE).c_str());
     }
 }

@@ -63,18 +63,16 @@ void keep_damaged(const StoreLock& lock) {
     const std::string kept = lock.path() + ".damaged";
     (void)unlink(kept.c_str());
     if (link(lock.path().c_str(), kept.c_str()) == 0) {
-        write_log(LOG_ERROR, "%s is damaged, kept as %s", lock.path().c_str(), kept.c_str());
+        log_message(msg::DAMAGED_STORE_KEPT, lock.path().c_str(), kept.c_str());
     } else {
-        write_log(LOG_ERROR, "%s is damaged, cannot be kept as %s:%s", lock.path().c_str(),
-                  kept.c_str(), strerror(errno));
+        log_message(msg::DAMAGED_STORE_LOST, lock.path().c_str(), kept.c_str(), strerror(errno));
     }
 }
 
 // A list that cannot be kept is given up: one that is never renewed would be worse.
 void keep_previous(const StoreLock& lock, const char* previous) {
     if (has_records(lock) && link(lock.path().c_str(), previous) != 0 && errno != EEXIST) {
-        write_log(LOG_ERROR, "%s cannot be kept as %s:%s", lock.path().c_str(), previous,
-                  strerror(errno));
+        log_message(msg::PREVIOUS_LIST_NOT_KEPT, lock.path().c_str(), previous, strerror(errno));
     }
 }
 
@@ -91,7 +89,7 @@ bool db_replace_empty(const char* path, const char* previous) {
     (void)fstat(lock.fd(), &old);
     const std::string fresh = lock.path() + ".new";
     if (const int result = create_empty(fresh, old.st_mode); result != 0) {
-        write_log(LOG_ERROR, "%s cannot be emptied:%s", path, db_strerror(result));
+        log_message(msg::STORE_NOT_EMPTIED, path, db_strerror(result));
         return false;
     }
     copy_mode_and_owner(fresh, old);
@@ -101,7 +99,7 @@ bool db_replace_empty(const char* path, const char* previous) {
         keep_previous(lock, previous);
     }
     if (rename(fresh.c_str(), path) != 0) {
-        write_log(LOG_ERROR, "%s cannot be emptied:%s", path, strerror(errno));
+        log_message(msg::STORE_NOT_EMPTIED, path, strerror(errno));
         remove_remains(fresh);
         return false;
     }

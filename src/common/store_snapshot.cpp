@@ -94,7 +94,7 @@ std::unique_ptr<Store> db_open_snapshot(const char* path) {
     Snapshot snapshot = take_sound_snapshot(path);
     DB* db = create_handle(0);
     if (db == nullptr) {
-        write_log(LOG_ERROR, "db_create %s\n", db_strerror(1));
+        log_message(msg::NO_STORE_HANDLE, db_strerror(1));
         return nullptr;
     }
     int result = snapshot.result;
@@ -103,7 +103,7 @@ std::unique_ptr<Store> db_open_snapshot(const char* path) {
             db->open(db, nullptr, name_of(snapshot.file).c_str(), nullptr, DB_HASH, DB_RDONLY, 0);
     }
     if (result != 0) {
-        write_log(LOG_ERROR, "DB->open %s %s", db_strerror(result), path);
+        log_message(msg::STORE_NOT_OPENED, db_strerror(result), path);
     }
     return std::unique_ptr<Store>(new Store(std::move(snapshot.file), db, result));
 }

@@ -105,8 +105,7 @@ bool client_list_put_back() {
 void complete_client_list(const char* stamp) {
     const std::lock_guard lock(completion);
     if (put_back) {
-        write_log(LOG_ERROR, "%s not stored: the previous client list was put back",
-                  KEY_CLIENT_VERSION);
+        log_message(msg::STAMP_AFTER_PUTTING_BACK, KEY_CLIENT_VERSION);
         return;
     }
     pushes_due -= pushes_due > 0 ? 1 : 0;
@@ -127,19 +126,18 @@ void put_back_client_list() {
     const auto kept = count_records(PREVIOUS_CLIENT_DB);
     const auto unfinished = count_records(CLIENT_DB);
     if (!kept) {
-        write_log(LOG_ERROR, "%s cannot be read, not put back", PREVIOUS_CLIENT_DB);
+        log_message(msg::KEPT_LIST_UNREADABLE, PREVIOUS_CLIENT_DB);
         return;
     }
     const StoreLock client_db(CLIENT_DB);  // waits for the end of an open batch
     if (rename(PREVIOUS_CLIENT_DB, CLIENT_DB) != 0) {
-        write_log(LOG_ERROR, "%s cannot be put back:%s", PREVIOUS_CLIENT_DB, strerror(errno));
+        log_message(msg::KEPT_LIST_NOT_RENAMED, PREVIOUS_CLIENT_DB, strerror(errno));
         return;
     }
     put_back = true;
     // A kill right after the list was kept leaves two names of one file, which no rename ends.
     (void)unlink(PREVIOUS_CLIENT_DB);
-    write_log(LOG_ERROR, "client list put back: %zu records, instead of %zu of an unfinished push",
-              *kept, unfinished.value_or(0));
+    log_message(msg::LIST_PUT_BACK, *kept, unfinished.value_or(0));
 }
 
 ClientListWork::ClientListWork() {

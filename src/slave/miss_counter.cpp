@@ -31,7 +31,7 @@ int operate(short operation) {
 bool hold_counter() {
     while (semaphore_p() == 0) {
         usleep(RETRY_MICROSECONDS);
-        write_log(LOG_INFO, "semaphore_p failed.");
+        log_message(msg::SEMAPHORE_TRIED_AGAIN);
         if (slave_exit_requested == 1) {
             return false;
         }
@@ -55,7 +55,7 @@ void init_semaphore() {
     // A missing path gives the key -1, under which the semaphore works as well.
     semaphore_id = semget(ftok(SEMAPHORE_KEY_PATH, KEY_PROJECT), 1, IPC_CREAT | 0666);
     if (semaphore_set_initial() == 0) {
-        write_log(LOG_INFO, "failed to initialize semaphore");
+        log_message(msg::NO_SEMAPHORE);
         end_process(1);
     }
     bottle = db_get_int(CONFIG_DB, KEY_BEAT_OUT, DEFAULT_BEAT_OUT);
@@ -65,7 +65,7 @@ void init_semaphore() {
 
 int semaphore_p() {
     if (operate(-1) != 0) {
-        write_log(LOG_INFO, "semaphore_p failed\n");
+        log_message(msg::SEMAPHORE_NOT_TAKEN);
         return 0;
     }
     return 1;
@@ -73,7 +73,7 @@ int semaphore_p() {
 
 int semaphore_v() {
     if (operate(+1) != 0) {
-        write_log(LOG_INFO, "semaphore_v failed");
+        log_message(msg::SEMAPHORE_NOT_RELEASED);
         return 0;
     }
     return 1;
@@ -85,7 +85,7 @@ int semaphore_set_initial() {
         void* unused;  // the width that the system call expects
     } argument{1};
     if (semctl(semaphore_id, 0, SETVAL, argument) < 0) {
-        write_log(LOG_INFO, "set value failed.");
+        log_message(msg::SEMAPHORE_NOT_SET);
         return 0;
     }
     return 1;
@@ -99,7 +99,7 @@ void semaphore_delete() {
 
 void report_semaphore_delete() {
     if (delete_failed) {
-        write_log(LOG_INFO, "Failed to delete semaphore\n");
+        log_message(msg::SEMAPHORE_NOT_DELETED);
     }
 }
 

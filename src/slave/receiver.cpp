@@ -30,9 +30,9 @@ constexpr int CONNECTION_TIMEOUT = 20;  // seconds
 // A sender at work is back within this time; then the batch of records stays open.
 constexpr int BATCH_GAP_MILLISECONDS = 50;
 
-// Logs `text` with its origin, gives operators' tools a moment, and ends the process.
-[[noreturn]] void end_deaf(const char* text, int line) {
-    write_log(LOG_ERROR, "%s error:%s --%s--%d", text, strerror(errno), "slave_thread", line);
+// Logs why nobody can connect, gives operators' tools a moment, and ends the process.
+[[noreturn]] void end_deaf(MessageFor<const char*, const char*, int> message, int line) {
+    log_message(message, strerror(errno), "slave_thread", line);
     sleep(DEAF_SECONDS);
     end_process(DEAF_STATUS);
 }
@@ -72,7 +72,7 @@ void serve_connection(int connection) {
     MessageStream stream(connection);
     const PeerMessage* message = stream.next();
     if (message == nullptr) {
-        write_log(LOG_ERROR, "recvfrom() error:%s\n", strerror(errno));
+        log_message(msg::NOTHING_RECEIVED, strerror(errno));
         return;
     }
     for (; message != nullptr; message = stream.next()) {
@@ -95,7 +95,7 @@ void* slave_thread(void* /*argument*/) {
     const int cause = errno;
     if (!listener.valid() || cause != 0 || TcpLocalPort(listener.get()) != PEER_PORT) {
         errno = cause;
-        end_deaf("TcpBuildListen", 237);
+        end_deaf(msg::CANNOT_LISTEN, 237);
     }
     while (slave_exit_requested != 1) {
         wait_for_connection(listener.get());
@@ -104,12 +104,12 @@ void* slave_thread(void* /*argument*/) {
         }
         const int connection = TcpSvAccept(listener.get(), CONNECTION_TIMEOUT);
         if (connection < 0) {
-            end_deaf("TcpSvAccept()", 250);
+            end_deaf(msg::CANNOT_ACCEPT, 250);
         }
         set_connection_options(connection);
         serve_connection(connection);
         (void)TcpClose(connection);
     }
-    write_log(LOG_INFO, "slave exit line%d\n", 292);
+    log_message(msg::SLAVE_STOPPED, 292);
     return nullptr;
 }

@@ -15,7 +15,7 @@ constexpr std::uint32_t BATCH_CACHE = 256U << 20U;
 
 bool may_be_stored(const char* key, bool set_failed) {
     if (set_failed) {
-        write_log(LOG_ERROR, "%s not stored: a record of its set could not be stored", key);
+        log_message(msg::STAMP_OF_BROKEN_SET, key);
     }
     return !set_failed;
 }
@@ -33,8 +33,7 @@ RecordSink::~RecordSink() {
 void RecordSink::apply_data_record(const DataRecord& record) {
     const std::string key(field_text(record.key));
     const std::string value(field_text(record.value));
-    write_log(LOG_INFO, "data %d: %s=%s", static_cast<int>(record.kind), key.c_str(),
-              value.c_str());
+    log_message(msg::RECORD_RECEIVED, static_cast<int>(record.kind), key.c_str(), value.c_str());
     if (record.kind == DATA_KIND_CLIENT) {
         apply_client(key, value);
     } else {
@@ -76,7 +75,7 @@ void RecordSink::put_client(const std::string& key, const std::string& value) {
         return;
     }
     if (const int result = clients_->put(key, value); result != 0) {
-        write_log(LOG_ERROR, "DB->put %s", store_error_text(result));
+        log_message(msg::RECORD_NOT_STORED, store_error_text(result));
         clients_failed_ = true;
     }
     clients_stored_ = true;
@@ -101,7 +100,7 @@ void RecordSink::close_batch() {
     if (clients_) {
         const ClientListWork work;
         if (const int result = clients_->close(); result != 0) {
-            write_log(LOG_ERROR, "%s cannot be flushed:%s", CLIENT_DB, store_error_text(result));
+            log_message(msg::STORE_NOT_FLUSHED, CLIENT_DB, store_error_text(result));
             clients_failed_ = true;
         }
         clients_.reset();

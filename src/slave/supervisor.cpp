@@ -51,7 +51,7 @@ OwnedText own_dsver() {
 void one_period(int fd) {
     send_heartbeat(fd, master_ip);
     count_missed_beat();
-    write_log(LOG_DEBUG, "bottle=%d, status=%d", bottle.load(), status.load());
+    log_message(msg::BEAT_COUNTED, bottle.load(), status.load());
     switch (next_action(status, bottle)) {
         case SlaveAction::PROMOTE:
             become_master();
@@ -69,7 +69,7 @@ void one_period(int fd) {
 void send_heartbeat(int fd, const char* master_address) {
     // Only a check: the datagram goes to what inet_addr makes of the text.
     if (!resolve_ipv4(master_address)) {
-        write_log(LOG_ERROR, "gethostname %s error:%s\n", master_address, strerror(errno));
+        log_message(msg::NO_MASTER_ADDRESS_TO_BEAT, master_address, strerror(errno));
         return;
     }
     char serverip[sizeof HeartbeatBody::serverip] = {};
@@ -82,14 +82,14 @@ void send_heartbeat(int fd, const char* master_address) {
     master.sin_port = htons(PEER_PORT);
     if (sendto(fd, &message, sizeof message, MSG_NOSIGNAL,
                reinterpret_cast<const sockaddr*>(&master), sizeof master) < 0) {
-        write_log(LOG_ERROR, "send data error %s:%d:%s\n", "src/slave", 290, strerror(errno));
+        log_message(msg::HEARTBEAT_NOT_SENT, "src/slave", 290, strerror(errno));
     }
 }
 
 void become_master() {
     status = STATUS_PROMOTED;
     (void)post_event(EVENT_NOTICE, EVENT_TOOK_OVER, errno, nullptr);
-    write_log(LOG_INFO, "become a master host");
+    log_message(msg::TOOK_OVER);
     role = ROLE_ACTING_MASTER;
     await_end_of_push();
     put_back_client_list();
@@ -99,7 +99,7 @@ void become_master() {
 void restore_slave() {
     status = STATUS_STANDBY;
     (void)post_event(EVENT_NOTICE, EVENT_STEPPED_DOWN, errno, nullptr);
-    write_log(LOG_INFO, "restore to be a slave host");
+    log_message(msg::STEPPED_DOWN);
     role = ROLE_SLAVE;
     (void)stop_boot_services();
 }
@@ -113,11 +113,11 @@ void run_slave() {
     init_semaphore();
     slave_exit_requested = 0;
     install_signal_handler(SIGTERM, on_sigterm, 0);
-    write_log(LOG_INFO, "start slave process");
+    log_message(msg::SLAVE_STARTS);
     const std::optional<pthread_t> receiver = start_receiver();
     OwnedFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!fd.valid()) {
-        write_log(LOG_INFO, "Udp server socket error:%s\n", strerror(errno));
+        log_message(msg::NO_UDP_SOCKET, strerror(errno));
         return;
     }
     while (slave_exit_requested != 1) {

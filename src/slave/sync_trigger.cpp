@@ -36,25 +36,25 @@ void data_sync_trigger(int connection, const DataRecord& answer) {
     if (!config || !client) {
         // The stamp of what would come could not be stored, and the clients would be emptied again
         // at every beat back.
-        write_log(LOG_ERROR, "own version stamps cannot be read, nothing asked for");
+        log_message(msg::NO_OWN_STAMPS);
         return;
     }
     if (!masters.has_separator) {
-        write_log(LOG_ERROR, "master_client_version == NULL !!");
+        log_message(msg::ANSWER_WITHOUT_STAMPS);
     }
     if (masters.config != *config) {
-        write_log(LOG_INFO, "start_data_syncd CONFIG");
-        write_log(LOG_INFO, "func:%s line%d config_version:%s,master_config_version:%s\n",
-                  "data_sync_trigger", 97, config->c_str(), masters.config.c_str());
+        log_message(msg::CONFIG_DIFFERS);
+        log_message(msg::CONFIG_STAMPS, "data_sync_trigger", 97, config->c_str(),
+                    masters.config.c_str());
         start_data_sync(connection, master_ip, DATA_KIND_CONFIG);
     }
     if (masters.client != *client) {
-        write_log(LOG_INFO, "start_data_syncd CLIENT");
+        log_message(msg::CLIENTS_DIFFER);
         if (!clear_client_db()) {
             return;  // a push on top of the old records would leave those that are no more
         }
-        write_log(LOG_INFO, "func:%s line%d client_version:%s, master_client_version:%s\n",
-                  "data_sync_trigger", 105, client->c_str(), masters.client.c_str());
+        log_message(msg::CLIENT_STAMPS, "data_sync_trigger", 105, client->c_str(),
+                    masters.client.c_str());
         start_data_sync(connection, master_ip, DATA_KIND_CLIENT);
     } else {
         note_equal_client_lists();  // a master that is back at the old stamp pushes nothing
@@ -63,24 +63,24 @@ void data_sync_trigger(int connection, const DataRecord& answer) {
 
 void start_data_sync(int /*connection*/, const char* master_address, std::uint32_t kind) {
     const PeerMessage message = make_data_request(kind);
-    write_log(LOG_INFO, "func:%s line%d\n", "start_data_sync", 323);
+    log_message(msg::REQUEST_AHEAD, "start_data_sync", 323);
     const auto address = resolve_ipv4(master_address);
     if (!address) {
-        write_log(LOG_ERROR, "gethostname %s  error:%s\n", master_address, strerror(errno));
+        log_message(msg::NO_MASTER_ADDRESS_TO_ASK, master_address, strerror(errno));
         return;
     }
     const OwnedFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!fd.valid()) {
-        write_log(LOG_INFO, "Udp server socket error:%s\n", strerror(errno));
+        log_message(msg::NO_UDP_SOCKET, strerror(errno));
         return;
     }
     sockaddr_in master{};
     master.sin_family = AF_INET;
     master.sin_addr.s_addr = *address;
     master.sin_port = htons(PEER_PORT);
-    write_log(LOG_INFO, "request data(%d) from %s", static_cast<int>(kind), master_address);
+    log_message(msg::DATA_REQUESTED, static_cast<int>(kind), master_address);
     if (sendto(fd.get(), &message, sizeof message, MSG_NOSIGNAL,
                reinterpret_cast<const sockaddr*>(&master), sizeof master) < 0) {
-        write_log(LOG_INFO, "error func:%s line%d\n", "start_data_sync", 343);
+        log_message(msg::DATA_NOT_REQUESTED, "start_data_sync", 343);
     }
 }

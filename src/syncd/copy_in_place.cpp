@@ -42,7 +42,7 @@ bool put_copy_in_place(const std::string& download, const std::string& target) {
         (void)unlink(download.c_str());
         return true;
     }
-    write_log(LOG_ERROR, "%s cannot be put in place:%s", target.c_str(), strerror(errno));
+    log_message(msg::COPY_NOT_PUT_IN_PLACE, target.c_str(), strerror(errno));
     (void)unlink(beside.c_str());
     return false;
 }

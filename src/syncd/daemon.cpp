@@ -93,10 +93,10 @@ int run_daemon() {
     std::memset(master_ip, 0, sizeof master_ip);
     std::memset(slave_ip, 0, sizeof slave_ip);
     role = determine_role();
-    write_log(LOG_INFO, "quorsyncd start,master_ip:%s,slave_ip:%s", master_ip, slave_ip);
+    log_message(msg::STARTED, master_ip, slave_ip);
     ensure_dsver();
     if (role == ROLE_MASTER) {
-        write_log(LOG_INFO, "quorsyncd_role:master");
+        log_message(msg::ROLE_IS_MASTER);
         // Left of a push to the slave that this host was. The list of a master changes by other
         // means, and a later life as slave would put the kept one over it.
         put_back_client_list();
@@ -104,12 +104,12 @@ int run_daemon() {
         idle();
     }
     if (role == ROLE_SLAVE) {
-        write_log(LOG_INFO, "quorsyncd_role:slave");
+        log_message(msg::ROLE_IS_SLAVE);
         (void)db_del(CONFIG_DB, KEY_DHCP);
         run_slave();
         idle();
     }
     (void)post_event(EVENT_ERROR, EVENT_ROLE_FAILED, errno, nullptr);
-    write_log(LOG_ERROR, "INIT ROLE FAILED.");
+    log_message(msg::NO_ROLE);
     return -1;
 }

@@ -42,11 +42,11 @@ int bind_peer_port(int fd) {
 OwnedFd open_peer_socket() {
     OwnedFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!fd.valid()) {
-        write_log(LOG_INFO, "Udp server socket error:%s\n", strerror(errno));
+        log_message(msg::NO_UDP_SOCKET, strerror(errno));
         end_process(1);
     }
     if (bind_peer_port(fd.get()) != 0) {
-        write_log(LOG_INFO, "Bind error:%s\n", strerror(errno));
+        log_message(msg::NO_UDP_PORT, strerror(errno));
         end_process(1);
     }
     return fd;
@@ -55,12 +55,11 @@ OwnedFd open_peer_socket() {
 bool start_work_server() {
     m_SyncServer.reset(new (std::nothrow) PK_SyncServer<PSYNCQUEUEARG>);
     if (!m_SyncServer) {
-        write_log(LOG_ERROR, "new PK_SyncServer<PSYNCQUEUEARG>:%s --%s--%d", strerror(errno),
-                  ORIGIN, __LINE__);
+        log_message(msg::NO_JOB_SERVER, strerror(errno), ORIGIN, __LINE__);
         return false;
     }
     if (m_SyncServer->Start() != 0) {
-        write_log(LOG_ERROR, "m_SyncServer->Start --%s--%d", ORIGIN, __LINE__);
+        log_message(msg::JOB_SERVER_NOT_STARTED, ORIGIN, __LINE__);
         (void)m_SyncServer->Stop();
         m_SyncServer.reset();
         return false;
@@ -77,15 +76,14 @@ void answer(const PeerMessage& message, const sockaddr_in& sender) {
     if (connection <= 0) {
         const char* cause = strerror(errno);
         const OwnedText ip(ip_to_string(sender.sin_addr.s_addr));
-        write_log(LOG_ERROR, "TcpConnectSv error:%s ip:%s --%s--%d", cause, ip.get(),
-                  "start_master", __LINE__);
+        log_message(msg::NO_SOCKET_TO_SLAVE, cause, ip.get(), "start_master", __LINE__);
     }
     if (message.type == MSG_DATA_REQUEST) {
         push_master_data(connection, sender, message.record);
     } else if (message.type == MSG_HEARTBEAT) {
         send_beat_back(connection, sender);
     } else {
-        write_log(LOG_ERROR, "unknow udp package.");
+        log_message(msg::UNKNOWN_DATAGRAM);
     }
     (void)TcpClose(connection);
 }
@@ -99,7 +97,7 @@ void serve(int fd) {
         std::memset(&message, 0, sizeof message);
         if (recvfrom(fd, &message, sizeof message, 0, reinterpret_cast<sockaddr*>(&sender),
                      &length) < 0) {
-            write_log(LOG_ERROR, "recvfrom() error:%s\n", strerror(errno));
+            log_message(msg::NOTHING_RECEIVED, strerror(errno));
             return;
         }
         answer(message, sender);
@@ -113,15 +111,15 @@ void send_beat_back(int connection, const sockaddr_in& sender) {
                                                current_stamp(KEY_CLIENT_VERSION).value_or("null"));
     const OwnedText ip(ip_to_string(sender.sin_addr.s_addr));
     if (ip) {
-        write_log(LOG_DEBUG, "beat back to %s :%s", ip.get(), message.record.value);
+        log_message(msg::BEAT_BACK, ip.get(), message.record.value);
     }
     if (TcpSendAll(connection, &message, sizeof message) != 0) {
-        write_log(LOG_ERROR, "sendto error:%s\n", strerror(errno));
+        log_message(msg::BEAT_BACK_NOT_SENT, strerror(errno));
     }
 }
 
 void start_master() {
-    write_log(LOG_INFO, "start master process......");
+    log_message(msg::MASTER_STARTS);
     OwnedFd fd = open_peer_socket();
     slave_exit_requested = 0;
     if (!start_work_server()) {

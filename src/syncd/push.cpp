@@ -53,7 +53,7 @@ public:
             TcpSendAll(connection_, messages_.data(), messages_.size() * sizeof(PeerMessage)) == 0;
         const int cause = errno;
         for (std::size_t n = 0; !sent && n < messages_.size(); ++n) {
-            write_log(LOG_ERROR, "send data error:%s\n", strerror(cause));
+            log_message(msg::RECORD_NOT_SENT, strerror(cause));
         }
         messages_.clear();
         errno = cause;
@@ -71,21 +71,20 @@ void push_record(Outbox& outbox, const DataSet& set, const StoredRecord& record)
     // Other tools may have stored the terminating zero byte with the text.
     const std::string_view key = record.key.c_str();
     const std::string_view value = record.value.c_str();
-    write_log(LOG_DEBUG, " send data: %s = %s\n", key.data(), value.data());
+    log_message(msg::RECORD_SENT, key.data(), value.data());
     if (!is_pushed(set, key)) {
         return;
     }
     if (!fits_data_record(key, value)) {
         // A cut record would be a wrong one on the slave.
-        write_log(LOG_ERROR, "record too long, not sent: %s (key %zu bytes, value %zu bytes)",
-                  key.data(), key.size(), value.size());
+        log_message(msg::RECORD_TOO_LONG, key.data(), key.size(), value.size());
         return;
     }
     outbox.add(make_data_record(set.kind, key, value));
 }
 
 void push_stamp(Outbox& outbox, const DataSet& set, const std::string& stamp) {
-    write_log(LOG_DEBUG, " send data: %s = %s\n", DBVER_KEY, stamp.c_str());
+    log_message(msg::RECORD_SENT, DBVER_KEY, stamp.c_str());
     outbox.add(make_data_record(set.kind, DBVER_KEY, stamp));
     if (!outbox.send() && set.kind == DATA_KIND_CLIENT) {
         (void)post_event(EVENT_ERROR, EVENT_SEND_FAILED, errno, nullptr);
@@ -96,7 +95,7 @@ void push_stamp(Outbox& outbox, const DataSet& set, const std::string& stamp) {
 void push_records(int connection, const DataSet& set) {
     const std::optional<std::string> stamp = current_stamp(set.stamp_key);
     if (!stamp) {
-        write_log(LOG_ERROR, "%s cannot be read, %s not sent", set.stamp_key, set.path);
+        log_message(msg::PUSH_WITHOUT_STAMP, set.stamp_key, set.path);
         return;
     }
     RecordWalk walk(set.path);
@@ -109,7 +108,7 @@ void push_records(int connection, const DataSet& set) {
     }
     if (walk.failed()) {
         // Without its stamp the slave asks again at the next heartbeat.
-        write_log(LOG_ERROR, "%s cannot be read to its end, not sent", set.path);
+        log_message(msg::PUSH_BROKEN_OFF, set.path);
         return;
     }
     push_stamp(outbox, set, std::string(comparable_stamp(*stamp)));
@@ -118,7 +117,7 @@ void push_records(int connection, const DataSet& set) {
 }  // namespace
 
 void push_data_set(int connection, std::uint32_t kind) {
-    write_log(LOG_DEBUG, "db:%d", static_cast<int>(kind));
+    log_message(msg::PUSH_BEGINS, static_cast<int>(kind));
     if (kind == DATA_KIND_CONFIG) {
         push_records(connection, CONFIG_SET);
     } else if (kind == DATA_KIND_CLIENT) {
@@ -129,16 +128,16 @@ void push_data_set(int connection, std::uint32_t kind) {
 }
 
 void push_master_data(int connection, const sockaddr_in& /*sender*/, const DataRecord& request) {
-    write_log(LOG_DEBUG, "send master's data to slave, data.db:%d", static_cast<int>(request.kind));
+    log_message(msg::PUSH_REQUESTED, static_cast<int>(request.kind));
     if (request.kind == DATA_KIND_ALL) {
-        write_log(LOG_DEBUG, "send all data");
+        log_message(msg::PUSH_OF_ALL);
         push_data_set(connection, DATA_KIND_CONFIG);
         push_data_set(connection, DATA_KIND_CLIENT);
     } else if (request.kind == DATA_KIND_CONFIG) {
-        write_log(LOG_DEBUG, "send config data");
+        log_message(msg::PUSH_OF_CONFIG);
         push_data_set(connection, DATA_KIND_CONFIG);
     } else if (request.kind == DATA_KIND_CLIENT) {
-        write_log(LOG_DEBUG, "send client data");
+        log_message(msg::PUSH_OF_CLIENTS);
         push_data_set(connection, DATA_KIND_CLIENT);
     }
 }

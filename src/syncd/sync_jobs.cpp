@@ -39,12 +39,12 @@ bool names_a_server(const std::string& serverip) {
 void check_server_dsver(const HeartbeatBody& heartbeat) {
     const std::string serverip(field_text(heartbeat.serverip));
     const std::string dsver(field_text(heartbeat.dsver));
-    write_log(LOG_DEBUG, "serverip:%s dsver:%s", serverip.c_str(), dsver.c_str());
+    log_message(msg::HEARTBEAT_RECEIVED, serverip.c_str(), dsver.c_str());
     if (dsver.empty()) {
         return;
     }
     if (!names_a_server(serverip)) {
-        write_log(LOG_ERROR, "serverip %s is no address, ignored", serverip.c_str());
+        log_message(msg::HEARTBEAT_WITHOUT_ADDRESS, serverip.c_str());
         return;
     }
     const OwnedText stored(db_get(copy_path(serverip).c_str(), KEY_DSVER));
@@ -62,7 +62,7 @@ void add_to_sync_config_db(const char* server) {
     if (!arg) {
         return;
     }
-    write_log(LOG_INFO, "serverip:%s --%s--%d", server, "add_to_sync_config_db", __LINE__);
+    log_message(msg::FETCH_QUEUED, server, "add_to_sync_config_db", __LINE__);
     arg->op = SYNC_OP_GET_DB;
     std::memcpy(arg->server, server, strnlen(server, sizeof arg->server));
     if (m_SyncServer && m_SyncServer->AddSyncWork(arg.get(), SyncQueueProcessor) == 0) {
@@ -75,8 +75,7 @@ int SyncQueueProcessor(PSYNCQUEUEARG arg) {
     if (arg == nullptr) {
         return 0;
     }
-    write_log(LOG_INFO, "Arg->op:%d --%s--%d", static_cast<int>(arg->op), "SyncQueueProcessor",
-              __LINE__);
+    log_message(msg::JOB_BEGINS, static_cast<int>(arg->op), "SyncQueueProcessor", __LINE__);
     const std::string server(field_text(arg->server));
     if (arg->op != SYNC_OP_GET_DB || server.empty()) {
         return 0;
@@ -85,7 +84,7 @@ int SyncQueueProcessor(PSYNCQUEUEARG arg) {
     PK_Request_Client client;
     const int result = GetServerFile(client, server.c_str(), CONFIG_DB, DOWNLOAD);
     if (result != 0) {
-        write_log(LOG_ERROR, "Client.GetServerFile nRet:%d --%s--%d", result, ORIGIN, __LINE__);
+        log_message(msg::FETCH_FAILED, result, ORIGIN, __LINE__);
         return result;
     }
     (void)client.Close();

@@ -57,6 +57,26 @@ TEST_F(Log, EveryLineFindsItsFileAnew) {
     EXPECT_THAT(logged(), MatchesRegex("[^\n]*:two\n[^\n]*:three\n"));
 }
 
+// The compiler refuses a message whose arguments do not fit; here it says what it would refuse.
+TEST_F(Log, AMessageTakesItsArgumentsAndNoOthers) {
+    static_assert(takes_arguments("a", ""));
+    static_assert(takes_arguments("%s:%d%ld %zu %.*s 0x%08X.", "sdlzdsu"));
+    const struct {
+        const char* format;
+        const char* types;
+    } wrong[] = {{"a", "s"},   {"%s", ""},    {"%s", "d"},  {"%d", "l"}, {"%s%d", "ds"},
+                 {"%s", "ss"}, {"%.*s", "s"}, {"%zu", "l"}, {"%x", "u"}, {"%s", "?"}};
+    for (const auto& row : wrong) {
+        EXPECT_FALSE(takes_arguments(row.format, row.types)) << row.format << " " << row.types;
+    }
+    CaptureStdout();
+    errno = EPIPE;
+    log_message(msg::LIST_PUT_BACK, std::size_t{7}, std::size_t{2});
+    EXPECT_EQ(errno, EPIPE);
+    EXPECT_THAT(GetCapturedStdout(), EndsWith(" ERROR :client list put back: 7 records, instead of "
+                                              "2 of an unfinished push\n"));
+}
+
 TEST_F(Log, AMissingDirectoryIsHarmless) {
     LogSettings settings;
     EXPECT_EQ(set_log_settings(settings, "/var/log/none/", 4), 0);
