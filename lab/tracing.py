@@ -33,7 +33,7 @@ def recorded(host: Host, file: str) -> list[Step]:
 
 
 def killed_at(calls: str, number: int) -> tuple[str, ...]:
-    """A daemon's wrapper that kills it at the n-th of these calls that one thread makes."""
+    """A daemon's wrapper that kills it where a thread makes one of these calls the n-th time."""
     kill = f"inject={calls}:signal=KILL:when={number}"
     return (*STRACE, "-o", "/dev/null", "-e", f"trace={calls}", "-e", kill)
 
@@ -42,4 +42,12 @@ def slow_writes(file: str, milliseconds: float) -> tuple[str, ...]:
     """A daemon's wrapper under which every write to the file takes so much longer."""
     slow = f"inject=write:delay_exit={round(1000 * milliseconds)}"
     options = ("--seccomp-bpf", "-o", "/dev/null", "-P", file, "-e", "trace=write", "-e", slow)
+    return (*STRACE, *options)
+
+
+def slow_names(file: str, milliseconds: float) -> tuple[str, ...]:
+    """A daemon's wrapper under which giving or taking the file its name takes so much longer."""
+    calls = "link,linkat,rename,renameat,renameat2,unlink,unlinkat"
+    slow = f"inject={calls}:delay_exit={round(1000 * milliseconds)}"
+    options = ("--seccomp-bpf", "-o", "/dev/null", "-P", file, "-e", f"trace={calls}", "-e", slow)
     return (*STRACE, *options)

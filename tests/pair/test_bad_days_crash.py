@@ -3,13 +3,14 @@
 import itertools
 import random
 import signal
+from collections import Counter
 from pathlib import Path
 
 import lab
 import pytest
 from lab import tracing, wait_until
 from lab.file_service import FileService
-from peer import LIMIT
+from peer import CLIENT, DISK, LIMIT, FakeMaster, beat_back, record
 
 # What a daemon does when it changes something, and about how often for one change.
 DEADLY = {
@@ -93,6 +94,62 @@ def test_killed_at_any_moment(pair_factory, seed, rounds):
             victims.assert_converges()
     print(f"{rounds} kills, {died} of them in the middle of something")
     assert died
+
+
+STEPS = "link,linkat,rename,renameat,renameat2,unlink,unlinkat,fsync,fdatasync,sync_file_range"
+OLD, NEW = {b"old": b"1"}, {b"new": b"1", b"newer": b"1"}
+BEHIND = record(DISK, "behind", "it")
+
+
+class Receiver:
+    """A slave that gets one whole push, each time from the same start."""
+
+    def __init__(self, pair, master):
+        self.pair, self.slave, self.master = pair, pair.slave, master
+        self.slave.config.put("client_db_version", "1")
+        self.slave.client.fill(OLD)
+        stores = (self.slave.config, self.slave.client)
+        self._start = [(each.outer_path, each.outer_path.read_bytes()) for each in stores]
+
+    def push(self, wrapper):
+        """Whether the daemon outlived it. The set follows the answer that asks for it."""
+        self.slave.shell(f"rm -f {FOLDER}/client.db*")
+        for path, content in self._start:
+            path.write_bytes(content)
+        records = [record(CLIENT, key, value) for key, value in NEW.items()]
+        return self._serve(wrapper, beat_back("#2"), *records, record(CLIENT, "dbver", "2"))
+
+    def start_again(self):
+        """With a master whose stamp is that of the new list."""
+        assert self._serve((), beat_back("#2"))
+
+    def _serve(self, wrapper, *messages):
+        mark = self.slave.log_mark()
+        self.pair.wrapper = wrapper
+        daemon = self.pair.start_slave()
+        self.master.tell(*messages, BEHIND)
+        wait_until(lambda: not daemon.alive or self.slave.find_log("data 3: behind", mark), LIMIT)
+        alive = daemon.alive
+        self.slave.kill_daemons(self.pair.executable)
+        return alive
+
+
+def test_killed_at_every_step_of_a_push(pair_factory):
+    """Where the stamp of the new list is stored, no start goes back to the old one."""
+    pair = pair_factory(slave_config={"dsver": "1"})
+    trace, stamps = "/lab/out/trace", []
+    with FakeMaster(pair.master, pair.slave) as master:
+        receiver = Receiver(pair, master)
+        assert receiver.push(tracing.recording(trace, STEPS))
+        steps = Counter(step.call for step in tracing.recorded(pair.slave, trace))
+        for call, times in steps.items():
+            for number in range(1, times + 1):
+                assert not receiver.push(tracing.killed_at(call, number)), f"{call} {number}"
+                stamps.append(pair.slave.config.get("client_db_version"))
+                receiver.start_again()
+                if stamps[-1] == b"2":
+                    assert pair.slave.client.items() == NEW, f"killed at {call} {number}"
+    assert set(stamps) == {b"1", b"2"}, "no kill on one side of the stamp"
 
 
 class Disk:

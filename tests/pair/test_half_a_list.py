@@ -5,7 +5,7 @@ import time
 
 import lab
 import pytest
-from lab import wait_until
+from lab import tracing, wait_until
 from peer import CLIENT, LIMIT, FakeMaster, beat_back, record
 
 PREVIOUS = "etc/quoradmind/client.db.previous"
@@ -85,6 +85,28 @@ def test_a_push_longer_than_the_slaves_patience_is_not_thrown_away(pair_factory)
     assert slave.config.get("client_db_version") == b"2"
     assert slave.client.items() == sent | {b"more": b"new"}
     assert not slave.find_log("put back")
+
+
+def test_records_that_come_while_the_old_list_is_put_back_are_not_mixed_into_it(pair_factory):
+    """A master that pauses in its push goes on at just that moment."""
+    wrapper = tracing.slow_names("/etc/quoradmind/client.db.previous", 4000)
+    options = {"slave_config": {"client_db_version": "1"}, "slave_clients": {"old": "1"}}
+    pair = pair_factory(wrapper=wrapper, **options)
+    slave = pair.slave
+    pair.start_slave()
+    with FakeMaster(pair.master, slave) as master:
+        link = master.connect()
+        link.sendall(beat_back("#2") + record(CLIENT, "first", "new"))
+        wait_until((slave.root / PREVIOUS).exists, LIMIT, "an emptied list")
+        slave.wait_log("become a master host", LIMIT)
+        wait_until(lambda: not (slave.root / PREVIOUS).exists(), LIMIT, "the old list in place")
+        link.sendall(record(CLIENT, "more", "new") + record(CLIENT, "dbver", "2"))
+        link.close()
+        slave.wait_log("client list put back: 1 records, instead of 1 ", LIMIT)
+        slave.wait_log("client_db_version not stored", LIMIT)
+    assert slave.client.items() == {b"old": b"1"}
+    assert slave.config.get("client_db_version") == b"1"
+    slave.kill_daemons(pair.executable)
 
 
 def test_a_slave_made_the_master_serves_no_part_of_a_list(pair_factory):

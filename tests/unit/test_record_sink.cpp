@@ -85,6 +85,19 @@ TEST_F(Sink, WithholdsTheStampOfASetOfWhichAPartWasLost) {
     EXPECT_EQ(stored(CONFIG_DB, KEY_CLIENT_VERSION), "(absent)");
 }
 
+// The settings that follow find the file sound again.
+TEST_F(Sink, WithholdsTheStampBehindASettingThatWasLost) {
+    write_file(CONFIG_DB, std::string(8192, 'x'));
+    RecordSink sink;
+    apply(sink, DATA_KIND_CONFIG, "dhcpcfg", "lost");
+    std::filesystem::remove(CONFIG_DB);
+    apply(sink, DATA_KIND_CONFIG, "default_writeback", "stored");
+    apply(sink, DATA_KIND_CONFIG, "dbver", "v1");
+    EXPECT_EQ(stored(CONFIG_DB, "default_writeback"), "stored");
+    EXPECT_EQ(stored(CONFIG_DB, KEY_CONFIG_VERSION), "(absent)");
+    EXPECT_EQ(count_of(logged(), "ERROR :config_db_version not stored: "), 1U);
+}
+
 TEST_F(Sink, ReplacesADamagedClientFileButNotADamagedConfiguration) {
     const std::string damaged(8192, 'x');
     write_file(CLIENT_DB, damaged);
