@@ -3,8 +3,10 @@
 import re
 import time
 from datetime import date, timedelta
+from pathlib import Path
 
 import lab
+import pytest
 from lab import wait_until
 from peer import LIMIT
 
@@ -32,6 +34,8 @@ def set_clocks(pair, days):
 
 
 def test_a_clock_that_is_set(pair_factory):
+    if not any(Path("/usr/lib").glob("*/faketime/libfaketimeMT.so.1")):
+        pytest.fail("libfaketime is missing: apt-get install faketime")
     pair = pair_factory(clients=lab.realistic_clients(20), wrapper=SHIFTED)
     slave = pair.slave
     set_clocks(pair, 0)
