@@ -6,6 +6,7 @@ from signal import SIGTERM
 
 import pytest
 from lab import realistic_clients, wait_until
+from lab.faults import BOUND_BY_MODES
 from peer import LIMIT
 
 FINE, PROBLEM, WRONG_USE, CANNOT_TELL = range(4)
@@ -118,6 +119,14 @@ def test_database_files_that_are_not_well(host, faults, ctl):
     assert code == FINE and not out and "PROBLEM: config.db" in complaint
     code, out, _ = ctl(host, "status")
     assert code == CANNOT_TELL and "config.db cannot be read" in out and "'ha'" not in out
+
+
+def test_what_cannot_be_read_is_not_fine(host, daemon_path):
+    host.shell("chmod 0 /etc/quoradmind")
+    tool = host.expose(daemon_path.parent / "quorsyncctl")
+    done = host.run([*BOUND_BY_MODES, tool, "check", "--json"])
+    marks = {each["mark"] for each in json.loads(done.stdout)["findings"]}
+    assert (done.returncode, marks) == (CANNOT_TELL, {"ok", "unknown"})
 
 
 @pytest.mark.sanitizer

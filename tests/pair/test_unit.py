@@ -40,11 +40,15 @@ def test_a_start_ends_what_a_killed_acting_master_left(lonely_slaves, run_daemon
     assert not slave.running_services()
 
 
-def test_a_start_leaves_the_services_of_a_master(pair_factory, ctl, before_start):
-    master = pair_factory().master
-    assert ctl(master, "service", "start", "boot")[0] == 0
-    before_start(master)
-    assert both_run(master)
+@pytest.mark.parametrize("ha", ["enable", "off"])
+def test_a_start_leaves_the_services_of_other_hosts(pair_factory, ctl, before_start, ha):
+    """Of a master, and where the pair is switched off: the site serves from such a host."""
+    pair = pair_factory(master_config={"ha": ha}, slave_config={"ha": ha})
+    hosts = (pair.master, pair.slave) if ha == "off" else (pair.master,)
+    for host in hosts:
+        assert ctl(host, "service", "start", "boot")[0] == 0
+        before_start(host)
+        assert both_run(host)
 
 
 def end(host, daemon):

@@ -86,6 +86,17 @@ TEST_F(DhcpdConf, EntriesAreAppendedAndReplaced) {
     EXPECT_EQ(contents(DHCPD_CONF), golden("dhcpd_replaced.conf"));
 }
 
+TEST_F(DhcpdConf, AnEntryTakesThePlaceOfOneBlock) {
+    const auto entry = [](const std::string& name, const std::string& address) {
+        return "\thost " + name + " {\n\thardware ethernet 00:1e:00:00:00:02;\n\tfixed-address " +
+               address + ";\n\toption PXE.info \"\";\n\t}\n";
+    };
+    const std::string other = entry("PC-10", "192.168.1.30");
+    write_file(DHCPD_CONF, "subnet {\n" + entry("PC-1", "192.168.1.21") + other + "}\n");
+    EXPECT_EQ(update_dhcp_host("PC-1", "", MAC_B, "192.168.1.31"), 0);
+    EXPECT_EQ(contents(DHCPD_CONF), "subnet {\n" + entry("PC-1", "192.168.1.31") + other + "}");
+}
+
 // Long lines stay whole, and only a line that begins with a brace ends the block.
 TEST_F(DhcpdConf, LinesOfAnyLengthAndFilesOfOthers) {
     const std::string line = "\t# " + std::string(508, '-') + "} PC-A's neighbour\n";

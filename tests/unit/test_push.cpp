@@ -74,6 +74,32 @@ TEST_F(Push, SendsTheRequestedSetsInTheFilesOwnOrder) {
     EXPECT_THAT(pushed(5), IsEmpty());
 }
 
+// Otherwise a record that is changed meanwhile would never arrive.
+TEST_F(Push, ClosesASetWithTheStampFromBeforeIt) {
+    put_both_sets();
+    const int length = 4096;
+    {
+        const auto store = db_open(CLIENT_DB);
+        for (int n = 0; n < 300; ++n) {
+            ASSERT_EQ(store->put("more" + std::to_string(n), "value"), 0);
+        }
+    }
+    auto [near, far] = stream();
+    ASSERT_EQ(setsockopt(near.get(), SOL_SOCKET, SO_SNDBUF, &length, sizeof length), 0);
+    std::thread pusher([&near_end = near] {
+        push_master_data(near_end.get(), {}, make_data_request(DATA_KIND_CLIENT).record);
+        near_end.reset();
+    });
+    PeerMessage message;
+    EXPECT_EQ(TcpRecvExact(far.get(), &message, sizeof message), 0);
+    put(CONFIG_DB, KEY_CLIENT_VERSION, "v3");  // the rest of the set waits for its reader
+    put(CLIENT_DB, "more0", "changed");
+    while (TcpRecvExact(far.get(), &message, sizeof message) == 0) {}
+    pusher.join();
+    EXPECT_EQ(field_text(message.record.key), DBVER_KEY);
+    EXPECT_EQ(field_text(message.record.value), "v2");
+}
+
 TEST_F(Push, ClosesASetWithItsStampWhole) {
     EXPECT_THAT(pushed(DATA_KIND_ALL), ElementsAre("1 dbver=null", "2 dbver=null"));
     put(CONFIG_DB, KEY_CONFIG_VERSION, "");

@@ -109,4 +109,17 @@ TEST_F(Spawn, AnEventIsOneCallOfItsTool) {
               first + "quorsyncd,2,720000,22,0,720010,0," + std::string(127, 'm') + ",\n");
 }
 
+TEST_F(Spawn, AnEventToolThatHangsHoldsNobodyUp) {
+    EXPECT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+    write_program("/usr/local/bin/evpost_ex",
+                  "for n in $(seq 300); do"
+                  " if [ -e "s +
+                      SEEN + " ]; then echo posted >" + EVENTS +
+                      "; exit; fi;"
+                      " sleep 0.1; done");
+    EXPECT_EQ(post_event(EVENT_NOTICE, EVENT_TOOK_OVER, 0, nullptr), 0);
+    write_file(SEEN, "");
+    EXPECT_EQ(events(), "posted\n");
+}
+
 }  // namespace

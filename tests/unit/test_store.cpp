@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -23,6 +24,9 @@ using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
 constexpr const char* LEFTOVER = "/etc/quoradmind/__db.config.db";
+
+// What a test does where its own thread sleeps next.
+thread_local std::function<void()> at_pause;
 
 class StoreTest : public WithFiles {};
 
@@ -65,6 +69,18 @@ TEST_F(StoreTest, AnEmptyValueIsNotAnAbsentOne) {
     EXPECT_EQ(db_del(CONFIG_DB, "empty"), 0);
     EXPECT_EQ(stored(CONFIG_DB, "empty"), "(absent)");
     EXPECT_EQ(logged(), "");
+}
+
+// A reader beside a writer that takes no lock may miss a key that is there.
+TEST_F(StoreTest, AMissingKeyIsLookedForOnceMore) {
+    put(CONFIG_DB, "other", "value");
+    std::string value;
+    at_pause = [] {
+        put(CONFIG_DB, "stamp", "v1");
+    };
+    EXPECT_EQ(db_read_settled(CONFIG_DB, "stamp", value), StoreRead::FOUND);
+    EXPECT_EQ(value, "v1");
+    EXPECT_FALSE(at_pause);
 }
 
 TEST_F(StoreTest, ANumberBelowOneCountsAsAbsent) {
@@ -179,6 +195,22 @@ TEST_F(StoreTest, ADamagedFileIsRefusedUntilItIsReplacedAndKeptAsideThen) {
         expect_replaced(bytes);
         EXPECT_EQ(GetCapturedStderr(), "");
     }
+}
+
+TEST_F(StoreTest, ASoundFileThatIsDamagedInPlaceIsRefused) {
+    fill(CLIENT_DB, 500);
+    EXPECT_TRUE(eventually([] {
+        EXPECT_TRUE(db_open(CLIENT_DB)->usable());
+        return verdict_known(StoreLock(CLIENT_DB));
+    }));
+    // Of all that the system says about the file, only the time of its last change differs.
+    const struct stat before = status_of(CLIENT_DB);
+    const std::string damaged = contents(CLIENT_DB).replace(8192 + 25, 1, "\x0f");
+    overwrite(CLIENT_DB, damaged);
+    const timespec times[] = {before.st_atim, before.st_mtim};
+    ASSERT_EQ(utimensat(AT_FDCWD, CLIENT_DB, times, 0), 0);
+    ASSERT_EQ(status_of(CLIENT_DB).st_size, before.st_size);
+    expect_refused(damaged);
 }
 
 TEST_F(StoreTest, ASoundFileIsReplacedWithoutATrace) {
@@ -350,3 +382,11 @@ TEST_F(StoreTest, AWalkSeesNothingOfWhatIsWrittenMeanwhile) {
 }
 
 }  // namespace
+
+// In the place of the C library's own: the pauses in the code under test end in a system call.
+extern "C" int nanosleep(const timespec* length, timespec* rest) {
+    if (at_pause) {
+        std::exchange(at_pause, nullptr)();
+    }
+    return static_cast<int>(syscall(SYS_nanosleep, length, rest));
+}

@@ -81,13 +81,17 @@ TEST(Tcp, AConnectionThatWasNotMadeFailsAtEverySendAtOnce) {
     const std::uint16_t port = TcpLocalPort(listener.get());
     std::vector<OwnedFd> waiting;
     for (const char* how : {"refused", "timed out"}) {
-        const OwnedFd fd(TcpConnectSv(LOOPBACK, port, 1));
+        OwnedFd fd(TcpConnectSv(LOOPBACK, port, 1));
         ASSERT_TRUE(fd.valid()) << how;
         for (int attempt = 0; attempt < 3; ++attempt) {
             errno = 0;
             EXPECT_EQ(TcpSendAll(fd.get(), "message", 7), -1) << how;  // and no SIGPIPE
             EXPECT_EQ(errno, EPIPE) << how;  // another one would say that it has waited
         }
+        // A master makes one of these for each beat of a slave that it cannot reach.
+        const int number = fd.release();
+        EXPECT_EQ(TcpClose(number), 0) << how;
+        EXPECT_EQ(fcntl(number, F_GETFD), -1) << how;
         ASSERT_EQ(listen(listener.get(), 0), 0);  // takes one connection, and no answer after it
         waiting.emplace_back(TcpConnectSv(LOOPBACK, port, 1));
     }

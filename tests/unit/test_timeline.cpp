@@ -196,6 +196,26 @@ TEST(Timeline, CallsEndlessReSyncByItsName) {
                             "again, though it came to its end each time, stamp same"));
 }
 
+TEST(Timeline, TellsConfigSetsThatNeverEnd) {
+    const auto asked = [](int start) {
+        return std::vector<std::string>{clock_text(start) + " INFO :start_data_syncd CONFIG",
+                                        clock_text(start) + " INFO :data 1: dhcpcfg=x"};
+    };
+    const std::string one = "00:00:00 sync: config set received: 1 record, never came to its end";
+    EXPECT_THAT(told(asked(0)), ElementsAre(one));
+    std::vector<std::string> lines = asked(0);
+    lines.push_back("00:00:01 INFO :quorsyncd start,master_ip:A,slave_ip:B");
+    EXPECT_THAT(told(lines), ElementsAre(one, HasSubstr("00:00:01 start: ")));
+    lines.clear();
+    for (int n = 0; n < 5; ++n) {
+        const auto more = asked(2 * n);
+        lines.insert(lines.end(), more.begin(), more.end());
+    }
+    EXPECT_THAT(told(lines),
+                ElementsAre("00:00:00 re-sync x5: endless re-sync: config set asked for again and "
+                            "again, and never to its end, stamp unknown"));
+}
+
 TEST(Timeline, TellsWhatAMasterSends) {
     EXPECT_THAT(
         told({"02:00:00 DEBUG :send client data", "02:00:00 DEBUG :db:1",
