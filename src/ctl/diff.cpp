@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "console.h"
+#include "rows.h"
 #include "store_files.h"
 #include "verbs.h"
 
@@ -28,11 +29,11 @@ struct Difference {
     std::string key;
     std::optional<std::string> left;
     std::optional<std::string> right;
-    Travel travel;
+    Replication replication;
     std::string misfit;  // why a message cannot carry one of them
 
     bool equal() const { return left == right; }
-    bool mirrored() const { return travel == Travel::PUSHED || travel == Travel::STAMP; }
+    bool mirrored() const { return is_mirrored(replication); }
 };
 
 std::optional<std::string> value_of(const Records& records, const std::string& key) {
@@ -43,10 +44,10 @@ std::optional<std::string> value_of(const Records& records, const std::string& k
 Difference compare(const Records& left, const Records& right, const std::string& key,
                    bool clients) {
     Difference difference{
-        key, value_of(left, key), value_of(right, key), travel_of(clients, key), {}};
+        key, value_of(left, key), value_of(right, key), replication_of(clients, key), {}};
     for (const auto& side : {difference.left, difference.right}) {
         if (side && difference.misfit.empty()) {
-            difference.misfit = why_it_does_not_fit(difference.travel, key, *side);
+            difference.misfit = message_fault(difference.replication, key, *side);
         }
     }
     return difference;
@@ -62,15 +63,15 @@ std::vector<Difference> compare_all(const Records& left, const Records& right, b
     return all;
 }
 
-const char* travel_name(Travel travel) {
-    switch (travel) {
-        case Travel::PUSHED:
+const char* name_of(Replication replication) {
+    switch (replication) {
+        case Replication::PUSHED:
             return "pushed";
-        case Travel::STAMP:
+        case Replication::STAMP:
             return "stamp";
-        case Travel::DSVER:
+        case Replication::DSVER:
             return "dsver";
-        case Travel::NOT:
+        case Replication::NONE:
             break;
     }
     return "not pushed";
@@ -96,55 +97,50 @@ Cell value_cell(const std::optional<std::string>& value) {
 // What is equal on both sides is no news, unless it says how the pair stands or cannot travel.
 bool is_shown(const Difference& difference) {
     return !difference.equal() || !difference.misfit.empty() ||
-           difference.travel == Travel::STAMP || difference.travel == Travel::DSVER;
+           difference.replication == Replication::STAMP ||
+           difference.replication == Replication::DSVER;
 }
 
 Colour colour_of(const Difference& difference) {
     return difference.equal() ? Colour::GREEN : difference.mirrored() ? Colour::RED : Colour::DIM;
 }
 
-void print_table(const Options& options, const std::vector<Difference>& differences) {
-    say("A {}\nB {}", options.left, options.right);
-    Table table;
+Row row_of(const Difference& difference) {
+    const char* state = state_name(difference);
+    const char* travels = name_of(difference.replication);
+    Row row{{{state, colour_of(difference)},
+             {travels},
+             {escape(difference.key)},
+             value_cell(difference.left),
+             value_cell(difference.right),
+             {difference.misfit, Colour::YELLOW}},
+            {{"key", difference.key},
+             {"state", state},
+             {"travels", travels},
+             {"a", difference.left},
+             {"b", difference.right}}};
+    if (!difference.misfit.empty()) {
+        row.members.push_back({"misfit", difference.misfit});
+    }
+    return row;
+}
+
+void print(const Options& options, const std::vector<Difference>& differences, std::size_t faults) {
+    Rows rows;
     for (const Difference& difference : differences) {
         if (is_shown(difference)) {
-            table.add({{state_name(difference), colour_of(difference)},
-                       {travel_name(difference.travel)},
-                       {escape(difference.key)},
-                       value_cell(difference.left),
-                       value_cell(difference.right),
-                       {difference.misfit, Colour::YELLOW}});
+            rows.push_back(row_of(difference));
         }
     }
-    table.print();
-}
-
-json_object* json_value(const std::optional<std::string>& value) {
-    return value ? json_text(*value) : nullptr;
-}
-
-void print_as_json(const Options& options, const std::vector<Difference>& differences) {
-    const Json object(json_object_new_object());
-    put_text(object.get(), "a", options.left);
-    put_text(object.get(), "b", options.right);
-    json_object* keys = json_object_new_array();
-    json_object_object_add(object.get(), "keys", keys);
-    for (const Difference& difference : differences) {
-        if (!is_shown(difference)) {
-            continue;
-        }
-        json_object* entry = json_object_new_object();
-        put_text(entry, "key", difference.key);
-        put_text(entry, "state", state_name(difference));
-        put_text(entry, "travels", travel_name(difference.travel));
-        json_object_object_add(entry, "a", json_value(difference.left));
-        json_object_object_add(entry, "b", json_value(difference.right));
-        if (!difference.misfit.empty()) {
-            put_text(entry, "misfit", difference.misfit);
-        }
-        json_object_array_add(keys, entry);
+    if (options.json) {
+        JsonValue::object({{"a", options.left}, {"b", options.right}, {"keys", list_of(rows)}})
+            .print();
+        return;
     }
-    print_json(object);
+    say("A {}\nB {}", options.left, options.right);
+    print_table(rows);
+    say("{}", faults == 0 ? paint(Colour::GREEN, "The mirrored data are equal.")
+                          : paint(Colour::RED, counted(faults, "mirrored key") + " differ."));
 }
 
 // Whether both files hold boot clients.
@@ -174,13 +170,7 @@ int diff(const Options& options) {
     };
     const auto faults =
         static_cast<std::size_t>(std::count_if(differences.begin(), differences.end(), is_fault));
-    if (options.json) {
-        print_as_json(options, differences);
-    } else {
-        print_table(options, differences);
-        say("{}", faults == 0 ? paint(Colour::GREEN, "The mirrored data are equal.")
-                              : paint(Colour::RED, counted(faults, "mirrored key") + " differ."));
-    }
+    print(options, differences, faults);
     return faults == 0 ? EXIT_FINE : EXIT_PROBLEM;
 }
 

@@ -17,8 +17,8 @@
 #include <thread>
 
 #include "PK_Request_Client.h"
+#include "configured_role.h"
 #include "console.h"
-#include "forecast.h"
 #include "log_reader.h"
 #include "session.h"
 #include "syncd/copy_in_place.h"

@@ -8,16 +8,22 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <chrono>
 #include <fstream>
 #include <functional>
 #include <iterator>
 #include <memory>
 #include <set>
 #include <sstream>
+#include <thread>
 
 namespace {
 
+using namespace std::chrono_literals;
+
 constexpr const char* TCP_LISTENING = "0A";
+constexpr auto CHANGE_LIMIT = 3s;  // for a killed process to go, and for a started one to be seen
+constexpr auto CHANGE_STEP = 20ms;
 
 struct CloseDirectory {
     void operator()(DIR* directory) const { (void)closedir(directory); }
@@ -193,4 +199,24 @@ std::optional<int> semaphore_id_of(key_t key) {
         }
     }
     return std::nullopt;
+}
+
+bool comes_to_run(std::string_view name, bool running, const std::vector<ProcessInfo>& dying) {
+    const auto deadline = std::chrono::steady_clock::now() + CHANGE_LIMIT;
+    const auto counts = [&dying](const ProcessInfo& process) {
+        return std::none_of(dying.begin(), dying.end(), [&process](const ProcessInfo& other) {
+            return other.pid == process.pid;
+        });
+    };
+    const auto runs = [&] {
+        const auto found = processes_named(name);
+        return std::any_of(found.begin(), found.end(), counts);
+    };
+    while (runs() != running) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(CHANGE_STEP);
+    }
+    return true;
 }

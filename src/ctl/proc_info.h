@@ -36,3 +36,7 @@ std::vector<ProcessInfo> pipe_readers(const std::string& path);
 
 // The id of the System V semaphore with this key, if there is one.
 std::optional<int> semaphore_id_of(key_t key);
+
+// Waits a little until a process of that name runs, or until none does; whether it came to that.
+// Those of `dying` were told to end and count as gone.
+bool comes_to_run(std::string_view name, bool running, const std::vector<ProcessInfo>& dying = {});

@@ -6,7 +6,7 @@
 #include <array>
 #include <utility>
 
-#include "forecast.h"
+#include "configured_role.h"
 #include "text.h"
 
 namespace {

@@ -9,8 +9,12 @@
 #include <string>
 #include <string_view>
 
+#include "configured_role.h"
 #include "console.h"
-#include "guard.h"
+#include "log.h"
+#include "log_story.h"
+#include "proc_info.h"
+#include "process_state.h"
 #include "services.h"
 #include "session.h"
 #include "text.h"
@@ -43,6 +47,31 @@ struct Options {
     bool if_slave = false;
 };
 
+LogState state_by_log() {
+    LogStory story;
+    (void)read_logs(LOG_DIRECTORY, parse_since("yesterday", log_time_now()), story);
+    return story.timeline.state();
+}
+
+// Whether boot services that run here before the daemon starts are those of a take-over: the host
+// is the slave, or its address in the pair is missing and its daemon has ended as acting master.
+bool has_left_over_services() {
+    const RoleDecision decision = own_configured_role().decision;
+    const bool address_missing = decision.reason == RoleReason::NO_LOCAL_ADDRESS ||
+                                 decision.reason == RoleReason::NOT_IN_PAIR;
+    if (!address_missing) {
+        return decision.role == ROLE_SLAVE;
+    }
+    const LogState state = state_by_log();
+    return state.acting || state.services_left;
+}
+
+// Whether it is the slave, and its daemon runs and has not taken the boot services over.
+bool stands_by_for_the_master() {
+    return is_configured_slave() && !processes_named(PROGRAM_NAME).empty() &&
+           !state_by_log().acting;
+}
+
 // The first process of the service that is not as wanted after a while, or an empty text.
 std::string_view wrong_process(const Service& service, bool running) {
     const auto processes = split(service.processes, ',');
@@ -64,7 +93,7 @@ bool program_is_there(const Service& service) {
 
 int start(const Service& service, const Options& options) {
     const bool moves = service.start == start_boot_services;
-    if (moves && !options.force && stands_by_a_living_master()) {
+    if (moves && !options.force && stands_by_for_the_master()) {
         throw CLI::ValidationError(
             service.name,
             "this host is the slave: beside its master, both would serve the clients; --force "

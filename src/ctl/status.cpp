@@ -7,15 +7,15 @@
 #include <memory>
 #include <optional>
 
+#include "configured_role.h"
 #include "console.h"
-#include "forecast.h"
 #include "keys.h"
-#include "local_addresses.h"
 #include "log.h"
 #include "log_story.h"
 #include "owned.h"
 #include "proc_info.h"
 #include "process_state.h"
+#include "rows.h"
 #include "session.h"
 #include "store.h"
 #include "store_files.h"
@@ -46,7 +46,7 @@ struct PeerCopy {
 
 struct Status {
     bool config_readable = false;
-    Forecast forecast;
+    ConfiguredRole configured;
     std::vector<ProcessInfo> daemons;
     std::vector<ProcessInfo> services;
     std::map<std::string, std::string> settings;  // those that are there
@@ -123,10 +123,9 @@ SyncVerdict verdict_of(const Status& status) {
 Status gather(const Options& options) {
     Status status;
     status.config_readable = read_settings(status);
-    status.forecast =
-        forecast_role(read_pair_settings(), std::string(text_of(OwnedText(local_ip_list()))));
+    status.configured = own_configured_role();
     if (!status.config_readable) {
-        status.forecast.text = fmt::format("cannot tell: {} cannot be read", CONFIG_DB);
+        status.configured.text = fmt::format("cannot tell: {} cannot be read", CONFIG_DB);
     }
     status.daemons = processes_named(PROGRAM_NAME);
     for (const char* name : {"quordhcpd", "stagd"}) {
@@ -148,7 +147,7 @@ int exit_code_of(const Status& status) {
     if (!status.config_readable) {
         return EXIT_CANNOT_TELL;
     }
-    const bool no_role = status.forecast.decision.reason != RoleReason::DECIDED;
+    const bool no_role = status.configured.decision.reason != RoleReason::DECIDED;
     if (status.daemons.size() != 1 || no_role || state.stop || state.acting ||
         status.sync.verdict == InSync::NO) {
         return EXIT_PROBLEM;
@@ -156,7 +155,7 @@ int exit_code_of(const Status& status) {
     return status.sync.verdict == InSync::YES ? EXIT_FINE : EXIT_CANNOT_TELL;
 }
 
-// --- For people --------------------------------------------------------------------------------
+// --- What is shown -----------------------------------------------------------------------------
 
 std::string ago(std::optional<LogTime> time) {
     if (!time) {
@@ -164,6 +163,10 @@ std::string ago(std::optional<LogTime> time) {
     }
     const auto seconds = static_cast<long>((log_time_now() - *time).count());
     return fmt::format("{}, {} ago", format_log_time(*time), age_text(seconds));
+}
+
+JsonValue json_time(std::optional<LogTime> time) {
+    return time ? JsonValue(format_log_time(*time)) : JsonValue();
 }
 
 std::string processes_text(const std::vector<ProcessInfo>& processes) {
@@ -175,14 +178,12 @@ std::string processes_text(const std::vector<ProcessInfo>& processes) {
     return text.empty() ? "none runs" : text;
 }
 
-const char* verdict_word(InSync verdict) {
-    return verdict == InSync::YES ? "yes" : verdict == InSync::NO ? "no" : "cannot tell";
-}
-
-Colour verdict_colour(InSync verdict) {
-    return verdict == InSync::YES  ? Colour::GREEN
-           : verdict == InSync::NO ? Colour::RED
-                                   : Colour::YELLOW;
+JsonValue json_of(const std::vector<ProcessInfo>& processes) {
+    return json_list(processes, [](const ProcessInfo& process) {
+        return JsonValue::object({{"name", process.name},
+                                  {"pid", process.pid},
+                                  {"since", json_time(log_time_of(process.since))}});
+    });
 }
 
 std::string setting(const Status& status, const char* key) {
@@ -192,126 +193,120 @@ std::string setting(const Status& status, const char* key) {
                                           : "unreadable";
 }
 
-void add_beats(const LogState& state, Table& table) {
-    if (state.role == "master") {
-        table.add(
-            {{"last heartbeat"},
-             {state.beat_back ? fmt::format("of {}: {}", state.beat_back_to, ago(state.beat_back))
-                              : ago({})}});
-        return;
-    }
-    table.add({{"last heartbeat"}, {ago(state.beat)}});
-    table.add({{"last answer"}, {ago(state.answer)}});
-    table.add({{"last take-over"}, {ago(state.take_over)}});
-    table.add({{"last step-down"}, {ago(state.step_down)}});
-}
-
-void print_status(const Status& status) {
-    const LogState& state = status.log.timeline.state();
-    const bool decided = status.forecast.decision.reason == RoleReason::DECIDED;
-    const bool unusual = state.acting || state.stop;
-    Table table;
-    table.add(
-        {{"addresses"}, {status.forecast.addresses.empty() ? "none" : status.forecast.addresses}});
-    table.add(
-        {{"forecast"}, {escape(status.forecast.text), decided ? Colour::PLAIN : Colour::RED}});
-    table.add({{"daemon"},
-               {processes_text(status.daemons),
-                status.daemons.size() == 1 ? Colour::PLAIN : Colour::RED}});
-    table.add({{"role by log"}, {escape(status.role), unusual ? Colour::YELLOW : Colour::PLAIN}});
-    table.add({{"boot services"},
-               {fmt::format("{}; marker 'dhcp' {}", processes_text(status.services),
-                            setting(status, KEY_DHCP))}});
-    table.add({{"stamps"},
-               {fmt::format("config {}, client {}, dsver {}", setting(status, KEY_CONFIG_VERSION),
-                            setting(status, KEY_CLIENT_VERSION), setting(status, KEY_DSVER))}});
-    add_beats(state, table);
-    table.add({{"last data set"}, {ago(state.last_transfer)}});
-    for (const PeerCopy& copy : status.copies) {
-        table.add({{"copy of " + copy.address},
-                   {fmt::format("dsver {}, {} old", escape(copy.dsver.value_or("absent")),
-                                age_text(copy.age))}});
-    }
-    table.add({{"in sync"},
-               {fmt::format("{}: {}", verdict_word(status.sync.verdict), status.sync.reason),
-                verdict_colour(status.sync.verdict)}});
-    table.print();
-}
-
-// --- For programs ------------------------------------------------------------------------------
-
-void put_time(json_object* object, const char* name, std::optional<LogTime> time) {
-    json_object_object_add(object, name, time ? json_text(format_log_time(*time)) : nullptr);
-}
-
-json_object* json_of(const std::vector<ProcessInfo>& processes) {
-    json_object* list = json_object_new_array();
-    for (const ProcessInfo& process : processes) {
-        json_object* entry = json_object_new_object();
-        put_text(entry, "name", process.name);
-        json_object_object_add(entry, "pid", json_object_new_int(process.pid));
-        put_time(entry, "since", log_time_of(process.since));
-        json_object_array_add(list, entry);
-    }
-    return list;
-}
-
-json_object* json_of(const std::vector<PeerCopy>& copies) {
-    json_object* list = json_object_new_array();
-    for (const PeerCopy& copy : copies) {
-        json_object* entry = json_object_new_object();
-        put_text(entry, "address", copy.address);
-        json_object_object_add(entry, "dsver", copy.dsver ? json_text(*copy.dsver) : nullptr);
-        json_object_object_add(entry, "age", json_object_new_int64(copy.age));
-        json_object_array_add(list, entry);
-    }
-    return list;
-}
-
-json_object* json_of(const SyncVerdict& sync) {
-    json_object* object = json_object_new_object();
-    put_text(object, "verdict", verdict_word(sync.verdict));
-    put_text(object, "reason", sync.reason);
-    return object;
-}
-
-json_object* json_of_log(const LogState& state, const std::string& role) {
-    json_object* object = json_object_new_object();
-    put_text(object, "role", state.stop ? "none" : state.acting ? "acting master" : state.role);
-    put_text(object, "text", role);
-    put_time(object, "start", state.start);
-    put_time(object, "stop", state.stop);
-    put_time(object, "heartbeat", state.role == "master" ? state.beat_back : state.beat);
-    put_time(object, "answer", state.answer);
-    put_time(object, "take_over", state.take_over);
-    put_time(object, "step_down", state.step_down);
-    put_time(object, "last_data_set", state.last_transfer);
-    return object;
-}
-
-void print_status_as_json(const Status& status) {
-    const Json object(json_object_new_object());
-    json_object* forecast = json_object_new_object();
-    const int role = status.forecast.decision.role;
-    put_text(forecast, "role",
-             role == ROLE_MASTER  ? "master"
-             : role == ROLE_SLAVE ? "slave"
-                                  : "none");
-    put_text(forecast, "text", status.forecast.text);
-    put_text(object.get(), "addresses", status.forecast.addresses);
-    json_object_object_add(object.get(), "forecast", forecast);
-    json_object_object_add(object.get(), "daemon", json_of(status.daemons));
-    json_object_object_add(object.get(), "boot_services", json_of(status.services));
-    json_object* settings = json_object_new_object();
+JsonValue json_of_settings(const Status& status) {
+    JsonValue settings = JsonValue::object();
     for (const auto& [key, value] : status.settings) {
-        put_text(settings, key.c_str(), value);
+        settings.add({key, value});
     }
-    json_object_object_add(object.get(), "settings", settings);
-    json_object_object_add(object.get(), "log",
-                           json_of_log(status.log.timeline.state(), status.role));
-    json_object_object_add(object.get(), "copies", json_of(status.copies));
-    json_object_object_add(object.get(), "in_sync", json_of(status.sync));
-    print_json(object);
+    return settings;
+}
+
+JsonValue json_of_log(const Status& status) {
+    const LogState& state = status.log.timeline.state();
+    return JsonValue::object(
+        {{"role", state.stop     ? "none"
+                  : state.acting ? "acting master"
+                                 : state.role},
+         {"text", status.role},
+         {"start", json_time(state.start)},
+         {"stop", json_time(state.stop)},
+         {"heartbeat", json_time(state.role == "master" ? state.beat_back : state.beat)},
+         {"answer", json_time(state.answer)},
+         {"take_over", json_time(state.take_over)},
+         {"step_down", json_time(state.step_down)},
+         {"last_data_set", json_time(state.last_transfer)}});
+}
+
+void add_configured_role(const ConfiguredRole& configured, Rows& rows) {
+    const int role = configured.decision.role;
+    const Colour colour = role == 0 ? Colour::RED : Colour::PLAIN;
+    rows.push_back({{{"forecast"}, {escape(configured.text), colour}},
+                    {{"forecast", JsonValue::object({{"role", role == ROLE_MASTER  ? "master"
+                                                              : role == ROLE_SLAVE ? "slave"
+                                                                                   : "none"},
+                                                     {"text", configured.text}})}}});
+}
+
+void add_host(const Status& status, Rows& rows) {
+    const std::string& addresses = status.configured.addresses;
+    const LogState& state = status.log.timeline.state();
+    rows.push_back(
+        {{{"addresses"}, {addresses.empty() ? "none" : addresses}}, {{"addresses", addresses}}});
+    add_configured_role(status.configured, rows);
+    rows.push_back({{{"daemon"},
+                     {processes_text(status.daemons),
+                      status.daemons.size() == 1 ? Colour::PLAIN : Colour::RED}},
+                    {{"daemon", json_of(status.daemons)}}});
+    rows.push_back(
+        {{{"role by log"},
+          {escape(status.role), state.acting || state.stop ? Colour::YELLOW : Colour::PLAIN}},
+         {}});
+    rows.push_back({{{"boot services"},
+                     {fmt::format("{}; marker 'dhcp' {}", processes_text(status.services),
+                                  setting(status, KEY_DHCP))}},
+                    {{"boot_services", json_of(status.services)}}});
+    rows.push_back(
+        {{{"stamps"},
+          {fmt::format("config {}, client {}, dsver {}", setting(status, KEY_CONFIG_VERSION),
+                       setting(status, KEY_CLIENT_VERSION), setting(status, KEY_DSVER))}},
+         {{"settings", json_of_settings(status)}}});
+}
+
+void add_log(const Status& status, Rows& rows) {
+    const LogState& state = status.log.timeline.state();
+    const auto add = [&rows](const char* label, const std::string& text) {
+        rows.push_back({{{label}, {text}}, {}});
+    };
+    if (state.role == "master") {
+        add("last heartbeat",
+            state.beat_back ? fmt::format("of {}: {}", state.beat_back_to, ago(state.beat_back))
+                            : ago({}));
+    } else {
+        add("last heartbeat", ago(state.beat));
+        add("last answer", ago(state.answer));
+        add("last take-over", ago(state.take_over));
+        add("last step-down", ago(state.step_down));
+    }
+    rows.push_back(
+        {{{"last data set"}, {ago(state.last_transfer)}}, {{"log", json_of_log(status)}}});
+}
+
+void add_copies(const std::vector<PeerCopy>& copies, Rows& rows) {
+    for (const PeerCopy& copy : copies) {
+        rows.push_back({{{"copy of " + copy.address},
+                         {fmt::format("dsver {}, {} old", escape(copy.dsver.value_or("absent")),
+                                      age_text(copy.age))}},
+                        {}});
+    }
+}
+
+void add_sync(const Status& status, Rows& rows) {
+    struct Style {
+        const char* word;
+        Colour colour;
+    };
+    const InSync verdict = status.sync.verdict;
+    const Style style = verdict == InSync::YES  ? Style{"yes", Colour::GREEN}
+                        : verdict == InSync::NO ? Style{"no", Colour::RED}
+                                                : Style{"cannot tell", Colour::YELLOW};
+    const JsonValue copies = json_list(status.copies, [](const PeerCopy& copy) {
+        return JsonValue::object(
+            {{"address", copy.address}, {"dsver", copy.dsver}, {"age", copy.age}});
+    });
+    rows.push_back(
+        {{{"in sync"}, {fmt::format("{}: {}", style.word, status.sync.reason), style.colour}},
+         {{"copies", copies},
+          {"in_sync",
+           JsonValue::object({{"verdict", style.word}, {"reason", status.sync.reason}})}}});
+}
+
+Rows rows_of(const Status& status) {
+    Rows rows;
+    add_host(status, rows);
+    add_log(status, rows);
+    add_copies(status.copies, rows);
+    add_sync(status, rows);
+    return rows;
 }
 
 int show_status(const Options& options) {
@@ -322,10 +317,11 @@ int show_status(const Options& options) {
     if (!status.log_readable) {
         complain("{}", status.log.failure);
     }
+    const Rows rows = rows_of(status);
     if (options.json) {
-        print_status_as_json(status);
+        object_of(rows).print();
     } else {
-        print_status(status);
+        print_table(rows);
     }
     return exit_code_of(status);
 }

@@ -7,8 +7,8 @@
 #include <cstring>
 #include <filesystem>
 
+#include "configured_role.h"
 #include "console.h"
-#include "forecast.h"
 #include "keys.h"
 #include "peer_message.h"
 #include "session.h"
@@ -84,15 +84,19 @@ bool holds_settings(const std::string& path) {
     return name == "config.db" || !peer_of_copy(name).empty();
 }
 
-Travel travel_of(bool client_record, std::string_view key) {
+Replication replication_of(bool client_record, std::string_view key) {
     if (client_record || std::find(PUSH_CONFIG_KEYS.begin(), PUSH_CONFIG_KEYS.end(), key) !=
                              PUSH_CONFIG_KEYS.end()) {
-        return Travel::PUSHED;
+        return Replication::PUSHED;
     }
     if (key == KEY_CONFIG_VERSION || key == KEY_CLIENT_VERSION) {
-        return Travel::STAMP;
+        return Replication::STAMP;
     }
-    return key == KEY_DSVER ? Travel::DSVER : Travel::NOT;
+    return key == KEY_DSVER ? Replication::DSVER : Replication::NONE;
+}
+
+bool is_mirrored(Replication replication) {
+    return replication == Replication::PUSHED || replication == Replication::STAMP;
 }
 
 std::string next_stamp(const std::string& present, const std::string& now) {
@@ -105,21 +109,21 @@ std::string next_stamp(const std::string& present, const std::string& now) {
     return next.size() == now.size() ? next : now;
 }
 
-std::string why_it_does_not_fit(Travel travel, std::string_view key, std::string_view value) {
-    if (travel == Travel::PUSHED && !fits_data_record(key, value)) {
+std::string message_fault(Replication replication, std::string_view key, std::string_view value) {
+    if (replication == Replication::PUSHED && !fits_data_record(key, value)) {
         return fmt::format("too long for a message: key {} of 127 bytes, value {} of 1023",
                            key.size(), value.size());
     }
-    if (travel == Travel::PUSHED && key == DBVER_KEY) {
+    if (replication == Replication::PUSHED && key == DBVER_KEY) {
         return "a slave would take it for the stamp that ends the set";
     }
-    if (travel == Travel::STAMP && value.size() > MAX_STAMP) {
+    if (replication == Replication::STAMP && value.size() > MAX_STAMP) {
         return fmt::format("a stamp of {} bytes; only {} are compared", value.size(), MAX_STAMP);
     }
-    if (travel == Travel::STAMP && value.find('#') != std::string_view::npos) {
+    if (replication == Replication::STAMP && value.find('#') != std::string_view::npos) {
         return "a \"#\" separates the two stamps of a message";
     }
-    if (travel == Travel::DSVER && value.size() > sizeof HeartbeatBody::dsver) {
+    if (replication == Replication::DSVER && value.size() > sizeof HeartbeatBody::dsver) {
         return fmt::format("a heartbeat carries {} bytes of it", sizeof HeartbeatBody::dsver);
     }
     return {};

@@ -36,14 +36,17 @@ std::optional<std::map<std::string, std::string>> read_records(const std::string
 bool holds_clients(const std::string& path);
 bool holds_settings(const std::string& path);
 
-// How a record travels from the master to its slave.
-enum class Travel {
-    NOT,     // it stays on its server
+// How a record gets to the other server.
+enum class Replication {
+    NONE,    // it stays on its own
     PUSHED,  // as a data record
     STAMP,   // at the end of its data set
     DSVER,   // to the master, with every heartbeat
 };
-Travel travel_of(bool client_record, std::string_view key);
+Replication replication_of(bool client_record, std::string_view key);
+
+// Whether the slave has the record as the master has it.
+bool is_mirrored(Replication replication);
 
 // A version stamp to take the place of `present`: `now` (14 digits of local time), or the next
 // number when that would not be a later one. A slave fetches a set whose stamp is another than its
@@ -51,4 +54,4 @@ Travel travel_of(bool client_record, std::string_view key);
 std::string next_stamp(const std::string& present, const std::string& now);
 
 // Why a message cannot carry the record, or an empty text.
-std::string why_it_does_not_fit(Travel travel, std::string_view key, std::string_view value);
+std::string message_fault(Replication replication, std::string_view key, std::string_view value);

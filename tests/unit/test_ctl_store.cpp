@@ -16,20 +16,20 @@ TEST(NextStamp, IsAnotherThanAllBefore) {
     EXPECT_EQ(next_stamp("99999999999999", "20261116035226"), "20261116035226");
 }
 
-TEST(WhyItDoesNotFit, FollowsTheFieldsOfTheMessage) {
-    const auto fits = [](Travel travel, std::size_t key, std::size_t value) {
-        return why_it_does_not_fit(travel, std::string(key, 'k'), std::string(value, 'v')).empty();
+TEST(MessageFault, FollowsTheFieldsOfTheMessage) {
+    const auto fits = [](Replication replication, std::size_t key, std::size_t value) {
+        return message_fault(replication, std::string(key, 'k'), std::string(value, 'v')).empty();
     };
-    EXPECT_TRUE(fits(Travel::PUSHED, 127, 1023));
-    EXPECT_FALSE(fits(Travel::PUSHED, 128, 1));
-    EXPECT_FALSE(fits(Travel::PUSHED, 1, 1024));
-    EXPECT_TRUE(fits(Travel::NOT, 128, 1024));
-    EXPECT_TRUE(fits(Travel::STAMP, 1, 127));
-    EXPECT_FALSE(fits(Travel::STAMP, 1, 128));
-    EXPECT_TRUE(fits(Travel::DSVER, 1, 32));
-    EXPECT_FALSE(fits(Travel::DSVER, 1, 33));
-    EXPECT_NE(why_it_does_not_fit(Travel::STAMP, "config_db_version", "a#b"), "");
-    EXPECT_NE(why_it_does_not_fit(Travel::PUSHED, "dbver", "1"), "");
+    EXPECT_TRUE(fits(Replication::PUSHED, 127, 1023));
+    EXPECT_FALSE(fits(Replication::PUSHED, 128, 1));
+    EXPECT_FALSE(fits(Replication::PUSHED, 1, 1024));
+    EXPECT_TRUE(fits(Replication::NONE, 128, 1024));
+    EXPECT_TRUE(fits(Replication::STAMP, 1, 127));
+    EXPECT_FALSE(fits(Replication::STAMP, 1, 128));
+    EXPECT_TRUE(fits(Replication::DSVER, 1, 32));
+    EXPECT_FALSE(fits(Replication::DSVER, 1, 33));
+    EXPECT_NE(message_fault(Replication::STAMP, "config_db_version", "a#b"), "");
+    EXPECT_NE(message_fault(Replication::PUSHED, "dbver", "1"), "");
 }
 
 // A tool that looks on finds no file where there is none, and leaves it at that.

@@ -1,6 +1,4 @@
 // quorsyncctl dhcpd-conf: the system DHCP server's configuration.
-#include "dhcpd_conf.h"
-
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,11 +11,12 @@
 #include <string>
 #include <string_view>
 
+#include "configured_role.h"
 #include "console.h"
-#include "forecast.h"
-#include "guard.h"
+#include "dhcpd_conf.h"
 #include "keys.h"
 #include "owned.h"
+#include "proc_info.h"
 #include "session.h"
 #include "store.h"
 #include "verbs.h"

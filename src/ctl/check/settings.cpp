@@ -4,8 +4,8 @@
 #include <array>
 #include <utility>
 
+#include "ctl/configured_role.h"
 #include "findings.h"
-#include "forecast.h"
 #include "keys.h"
 #include "local_addresses.h"
 #include "owned.h"
@@ -72,14 +72,14 @@ std::string check_address(const PairSettings& settings, Findings& findings) {
 }
 
 void check_roles(const PairSettings& settings, const std::string& local, Findings& findings) {
-    const Forecast own = forecast_role(settings, local);
+    const ConfiguredRole own = configured_role(settings, local);
     if (own.decision.reason == RoleReason::DECIDED) {
         findings.good("role", fmt::format("this host: {}", own.text));
     } else {
         findings.problem("role", fmt::format("this host: {}", own.text),
                          "until that changes the daemon tries again every 5 s, without a word");
     }
-    for (const Forecast& other : forecast_pair(settings)) {
+    for (const ConfiguredRole& other : configured_roles(settings)) {
         if (list_has(local, other.addresses) || !is_dotted_address(other.addresses)) {
             continue;
         }
@@ -113,7 +113,7 @@ void check_settings(Findings& findings) {
     check_master(settings, findings);
     const std::string local = check_address(settings, findings);
     check_roles(settings, local, findings);
-    if (forecast_role(settings, local).decision.role == ROLE_MASTER) {
+    if (configured_role(settings, local).decision.role == ROLE_MASTER) {
         check_stamps(findings);
     }
 }

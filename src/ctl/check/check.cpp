@@ -3,11 +3,13 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 #include <memory>
 
-#include "console.h"
+#include "ctl/console.h"
+#include "ctl/rows.h"
+#include "ctl/verbs.h"
 #include "findings.h"
-#include "verbs.h"
 
 namespace {
 
@@ -25,57 +27,56 @@ struct Options {
     bool json = false;
 };
 
-struct Look {
+struct MarkStyle {
     const char* word;
     const char* json;
     Colour colour;
 };
 
-Look look_of(Mark mark) {
-    constexpr std::array<Look, 4> LOOKS = {{{"ok", "ok", Colour::GREEN},
-                                            {"warning", "warning", Colour::YELLOW},
-                                            {"PROBLEM", "problem", Colour::RED},
-                                            {"unknown", "unknown", Colour::YELLOW}}};
-    return LOOKS[static_cast<std::size_t>(mark)];
+MarkStyle style_of(Mark mark) {
+    constexpr std::array<MarkStyle, 4> STYLES = {{{"ok", "ok", Colour::GREEN},
+                                                  {"warning", "warning", Colour::YELLOW},
+                                                  {"PROBLEM", "problem", Colour::RED},
+                                                  {"unknown", "unknown", Colour::YELLOW}}};
+    return STYLES[static_cast<std::size_t>(mark)];
 }
 
-std::string text_of_finding(const Finding& finding) {
-    return finding.remedy.empty() ? finding.text
-                                  : fmt::format("{}; {}", finding.text, finding.remedy);
+// Text and remedy on one line.
+std::string line_of(const Finding& finding) {
+    return escape(finding.remedy.empty() ? finding.text
+                                         : fmt::format("{}; {}", finding.text, finding.remedy));
 }
 
-void print_table(const Findings& findings) {
-    Table table;
-    for (const Finding& finding : findings.all()) {
-        const Look look = look_of(finding.mark);
-        table.add({{look.word, look.colour}, {finding.name}, {escape(text_of_finding(finding))}});
-    }
-    table.print();
+Row row_of(const Finding& finding) {
+    const MarkStyle style = style_of(finding.mark);
+    return {{{style.word, style.colour}, {finding.name}, {line_of(finding)}},
+            {{"name", finding.name},
+             {"mark", style.json},
+             {"text", finding.text},
+             {"remedy", finding.remedy}}};
 }
 
 // For a unit: its journal shows the complaints, nothing else.
 void print_complaints(const Findings& findings) {
     for (const Finding& finding : findings.all()) {
         if (finding.mark != Mark::GOOD) {
-            complain("{}: {}: {}", look_of(finding.mark).word, finding.name,
-                     escape(text_of_finding(finding)));
+            complain("{}: {}: {}", style_of(finding.mark).word, finding.name, line_of(finding));
         }
     }
 }
 
-void print_findings_as_json(const Findings& findings) {
-    const Json object(json_object_new_object());
-    json_object* list = json_object_new_array();
-    for (const Finding& finding : findings.all()) {
-        json_object* entry = json_object_new_object();
-        put_text(entry, "name", finding.name);
-        put_text(entry, "mark", look_of(finding.mark).json);
-        put_text(entry, "text", finding.text);
-        put_text(entry, "remedy", finding.remedy);
-        json_object_array_add(list, entry);
+void print(const Findings& findings, const Options& options) {
+    if (options.warn && !options.json) {
+        print_complaints(findings);
+        return;
     }
-    json_object_object_add(object.get(), "findings", list);
-    print_json(object);
+    Rows rows;
+    std::transform(findings.all().begin(), findings.all().end(), std::back_inserter(rows), row_of);
+    if (options.json) {
+        JsonValue::object({{"findings", list_of(rows)}}).print();
+    } else {
+        print_table(rows);
+    }
 }
 
 int exit_code_of(const Findings& findings) {
@@ -92,13 +93,7 @@ int check(const Options& options) {
         check_settings(findings);
     }
     check_host(findings);
-    if (options.json) {
-        print_findings_as_json(findings);
-    } else if (options.warn) {
-        print_complaints(findings);
-    } else {
-        print_table(findings);
-    }
+    print(findings, options);
     return options.warn ? EXIT_FINE : exit_code_of(findings);
 }
 

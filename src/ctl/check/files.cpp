@@ -11,12 +11,12 @@
 #include <fstream>
 #include <optional>
 
-#include "console.h"
+#include "ctl/console.h"
+#include "ctl/session.h"
+#include "ctl/store_files.h"
 #include "findings.h"
 #include "keys.h"
-#include "session.h"
 #include "store.h"
-#include "store_files.h"
 #include "store_walk.h"
 
 namespace {
@@ -106,8 +106,8 @@ struct Misfits {
 };
 
 void judge_record(const StoredRecord& record, bool client, Misfits& misfits) {
-    const Travel travel = travel_of(client, record.key);
-    const std::string fault = why_it_does_not_fit(travel, record.key, record.value);
+    const std::string fault =
+        message_fault(replication_of(client, record.key), record.key, record.value);
     if (fault.empty()) {
         return;
     }

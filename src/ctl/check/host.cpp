@@ -9,13 +9,13 @@
 #include <cerrno>
 #include <cstring>
 
-#include "console.h"
+#include "ctl/console.h"
+#include "ctl/log_story.h"
+#include "ctl/proc_info.h"
 #include "findings.h"
 #include "keys.h"
 #include "log.h"
-#include "log_story.h"
 #include "peer_message.h"
-#include "proc_info.h"
 
 namespace {
 

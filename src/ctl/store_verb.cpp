@@ -1,6 +1,4 @@
 // quorsyncctl store: the configuration store in the daemon's own terms, under its lock.
-#include "store.h"
-
 #include <db.h>
 #include <unistd.h>
 
@@ -8,12 +6,14 @@
 #include <optional>
 #include <string>
 
+#include "configured_role.h"
 #include "console.h"
-#include "guard.h"
 #include "keys.h"
 #include "log.h"
 #include "process_state.h"
+#include "rows.h"
 #include "session.h"
+#include "store.h"
 #include "store_files.h"
 #include "text.h"
 #include "verbs.h"
@@ -64,18 +64,16 @@ int dump(const Options& options) {
     if (!records) {
         return EXIT_CANNOT_TELL;
     }
-    const Json object(json_object_new_object());
+    JsonValue object = JsonValue::object();
     for (const auto& [key, value] : *records) {
         if (options.json) {
-            json_object* text = json_text(key);
-            json_object_object_add(object.get(), json_object_get_string(text), json_text(value));
-            json_object_put(text);
+            object.add({key, value});
         } else {
             say("{}={}", escape(key), escape(value));
         }
     }
     if (options.json) {
-        print_json(object);
+        object.print();
     }
     return EXIT_FINE;
 }
@@ -97,18 +95,18 @@ int verify(const Options& options) {
     return EXIT_FINE;
 }
 
-// Whether the record is one that the master mirrors to this host's peer, or from it.
-bool is_mirrored(const std::string& path, const std::string& key) {
-    const Travel travel = travel_of(path == CLIENT_DB, key);
-    return (path == CLIENT_DB || path == CONFIG_DB) &&
-           (travel == Travel::PUSHED || travel == Travel::STAMP);
+// How the record gets to this host's peer, or from it.
+Replication pair_replication(const Options& options) {
+    const std::string path = options.path();
+    return path == CLIENT_DB || path == CONFIG_DB ? replication_of(path == CLIENT_DB, options.key)
+                                                  : Replication::NONE;
 }
 
 // Throws what the operator did wrong.
 void check_change(const Options& options, const std::string& value) {
     const std::string path = options.path();
     const std::string misfit =
-        why_it_does_not_fit(travel_of(holds_clients(path), options.key), options.key, value);
+        message_fault(replication_of(holds_clients(path), options.key), options.key, value);
     if (options.key.empty()) {
         throw CLI::ValidationError("KEY", "is empty");
     }
@@ -123,7 +121,7 @@ void check_change(const Options& options, const std::string& value) {
 }
 
 void check_place(const Options& options) {
-    if (!options.force && is_mirrored(options.path(), options.key) && is_slave_by_forecast()) {
+    if (!options.force && is_mirrored(pair_replication(options)) && is_configured_slave()) {
         throw CLI::ValidationError(
             options.key,
             "this host is the slave: change it on the master, which overwrites it here; "
@@ -135,8 +133,7 @@ void check_place(const Options& options) {
 int changed(const Options& options, const char* what) {
     write_log(LOG_INFO, "quorsyncctl: %s %s in %s", what, escape(options.key).c_str(),
               options.path().c_str());
-    if (is_mirrored(options.path(), options.key) &&
-        travel_of(options.path() == CLIENT_DB, options.key) == Travel::PUSHED) {
+    if (pair_replication(options) == Replication::PUSHED) {
         say("\"quorsyncctl store bump {}\" makes the slave fetch it",
             options.path() == CLIENT_DB ? "client" : "config");
     }

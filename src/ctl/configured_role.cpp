@@ -1,4 +1,4 @@
-#include "forecast.h"
+#include "configured_role.h"
 
 #include <arpa/inet.h>
 #include <fmt/format.h>
@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "keys.h"
+#include "local_addresses.h"
 #include "owned.h"
 #include "process_state.h"
 #include "store.h"
@@ -26,10 +27,13 @@ std::string decided_text(const PairSettings& settings, const RoleDecision& decis
                        decision.slave_ip == decision.first ? "first" : "second");
 }
 
-// Why neither role fits, by name of the two that have them.
-std::string left_out_text(const PairSettings& settings, const RoleDecision& decision) {
+// What keeps the host waiting, with the names of the two that have the roles.
+std::string waiting_reason(const PairSettings& settings, const RoleDecision& decision) {
+    if (decision.reason != RoleReason::NOT_IN_PAIR) {
+        return std::string(reason_text(decision.reason));
+    }
     const std::string_view master = without_star(settings.master);
-    return fmt::format("no role, waits for ever: the master is {}, the slave {}", master,
+    return fmt::format("the master is {}, the slave {}", master,
                        master == decision.first ? decision.next : decision.first);
 }
 
@@ -43,38 +47,39 @@ PairSettings read_pair_settings() {
             std::string(text_of(OwnedText(numbered_server_list()))), value(KEY_MASTER)};
 }
 
-Forecast forecast_role(const PairSettings& settings, const std::string& addresses) {
-    Forecast forecast{
-        addresses,
-        decide_role({settings.ha, settings.numbered_list, addresses, settings.master}),
-        {}};
-    const RoleDecision& decision = forecast.decision;
-    if (decision.reason == RoleReason::DECIDED) {
-        forecast.text = decided_text(settings, decision);
-    } else if (decision.reason == RoleReason::NOT_IN_PAIR) {
-        forecast.text = left_out_text(settings, decision);
-    } else {
-        forecast.text = fmt::format("no role, waits for ever: {}", reason_text(decision.reason));
-    }
-    return forecast;
+ConfiguredRole configured_role(const PairSettings& settings, const std::string& addresses) {
+    const RoleDecision decision =
+        decide_role({settings.ha, settings.numbered_list, addresses, settings.master});
+    return {addresses, decision,
+            decision.reason == RoleReason::DECIDED
+                ? decided_text(settings, decision)
+                : "no role, waits for ever: " + waiting_reason(settings, decision)};
 }
 
-std::vector<Forecast> forecast_pair(const PairSettings& settings) {
-    std::vector<Forecast> forecasts;
+std::vector<ConfiguredRole> configured_roles(const PairSettings& settings) {
+    std::vector<ConfiguredRole> roles;
     auto addresses = split(settings.server_list, ',');
     const std::string_view master = without_star(settings.master);
     if (!master.empty()) {
         addresses.push_back(master);
     }
     for (const std::string_view address : addresses) {
-        const bool known =
-            std::any_of(forecasts.begin(), forecasts.end(),
-                        [address](const Forecast& other) { return other.addresses == address; });
+        const bool known = std::any_of(roles.begin(), roles.end(), [address](const auto& other) {
+            return other.addresses == address;
+        });
         if (!known) {
-            forecasts.push_back(forecast_role(settings, std::string(address)));
+            roles.push_back(configured_role(settings, std::string(address)));
         }
     }
-    return forecasts;
+    return roles;
+}
+
+ConfiguredRole own_configured_role() {
+    return configured_role(read_pair_settings(), std::string(text_of(OwnedText(local_ip_list()))));
+}
+
+bool is_configured_slave() {
+    return own_configured_role().decision.role == ROLE_SLAVE;
 }
 
 std::string_view reason_text(RoleReason reason) {

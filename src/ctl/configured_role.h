@@ -1,5 +1,5 @@
-// Which role a host of the pair would take, and why, from settings alone: what the daemon decides
-// at its start without telling anybody. Pure functions, but for read_pair_settings().
+// The role of a host by its settings alone: what the daemon decides at its start without telling
+// anybody, and why. All but the operations on this host are pure functions.
 #pragma once
 
 #include <string>
@@ -19,17 +19,23 @@ struct PairSettings {
 // Those of this host's config.db.
 PairSettings read_pair_settings();
 
-struct Forecast {
+struct ConfiguredRole {
     std::string addresses;  // of the host, joined by ","
     RoleDecision decision;
     std::string text;  // "slave of 10.77.0.1: ...", or what it would wait for
 };
 
-// The forecast of the host with these addresses (joined by ",", may be empty).
-Forecast forecast_role(const PairSettings& settings, const std::string& addresses);
+// The role of the host with these addresses (joined by ",", may be empty).
+ConfiguredRole configured_role(const PairSettings& settings, const std::string& addresses);
 
 // The same for every listed server and for the master, in this order, each once.
-std::vector<Forecast> forecast_pair(const PairSettings& settings);
+std::vector<ConfiguredRole> configured_roles(const PairSettings& settings);
+
+// The role of this host, by its config.db and its interfaces.
+ConfiguredRole own_configured_role();
+
+// Whether the daemon of this host would be, or is, the slave of its pair.
+bool is_configured_slave();
 
 // What keeps a host waiting, in words.
 std::string_view reason_text(RoleReason reason);

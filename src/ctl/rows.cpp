@@ -1,0 +1,104 @@
+#include "rows.h"
+
+#include <algorithm>
+#include <clocale>
+#include <cwchar>
+
+namespace {
+
+bool is_utf8(std::string_view text) {
+    static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", locale_t{});
+    const locale_t before = uselocale(utf8);
+    std::mbstate_t state{};
+    while (!text.empty()) {
+        const std::size_t length = std::mbrtowc(nullptr, text.data(), text.size(), &state);
+        if (length == 0 || length > text.size()) {
+            break;  // a zero byte, or one of the two error values
+        }
+        text.remove_prefix(length);
+    }
+    (void)uselocale(before);
+    return text.empty();
+}
+
+// Not every byte may stand in JSON.
+std::string text_for_json(std::string_view text) {
+    return is_utf8(text) ? std::string(text) : escape(text);
+}
+
+std::vector<std::size_t> widths_of(const Rows& rows) {
+    std::vector<std::size_t> widths;
+    for (const Row& row : rows) {
+        widths.resize(std::max(widths.size(), row.cells.size()));
+        for (std::size_t n = 0; n < row.cells.size(); ++n) {
+            widths[n] = std::max(widths[n], row.cells[n].text.size());
+        }
+    }
+    return widths;
+}
+
+}  // namespace
+
+JsonValue::JsonValue(json_object* value)
+    : value_(value, [](json_object* object) { json_object_put(object); }) {}
+
+JsonValue::JsonValue(std::string_view text)
+    : JsonValue(json_object_new_string(text_for_json(text).c_str())) {}
+
+JsonValue::JsonValue(std::int64_t number) : JsonValue(json_object_new_int64(number)) {}
+
+JsonValue JsonValue::object(const std::vector<Member>& members) {
+    JsonValue object(json_object_new_object());
+    for (const Member& member : members) {
+        object.add(member);
+    }
+    return object;
+}
+
+void JsonValue::add(const Member& member) {
+    json_object_object_add(value_.get(), text_for_json(member.name).c_str(), member.value.shared());
+}
+
+JsonValue JsonValue::list() {
+    return JsonValue(json_object_new_array());
+}
+
+void JsonValue::append(const JsonValue& value) {
+    json_object_array_add(value_.get(), value.shared());
+}
+
+void JsonValue::print() const {
+    constexpr int FLAGS =
+        JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_SPACED | JSON_C_TO_STRING_NOSLASHESCAPE;
+    print_line(json_object_to_json_string_ext(value_.get(), FLAGS));
+}
+
+void print_table(const Rows& rows) {
+    const std::vector<std::size_t> widths = widths_of(rows);
+    for (const Row& row : rows) {
+        std::string line;
+        for (std::size_t n = 0; n < row.cells.size(); ++n) {
+            const Cell& cell = row.cells[n];
+            line += paint(cell.colour, cell.text);
+            if (n + 1 < row.cells.size()) {
+                line.append(widths[n] - cell.text.size() + 2, ' ');
+            }
+        }
+        line.erase(line.find_last_not_of(' ') + 1);  // of empty cells at the end
+        print_line(line);
+    }
+}
+
+JsonValue object_of(const Rows& rows) {
+    JsonValue object = JsonValue::object();
+    for (const Row& row : rows) {
+        for (const JsonValue::Member& member : row.members) {
+            object.add(member);
+        }
+    }
+    return object;
+}
+
+JsonValue list_of(const Rows& rows) {
+    return json_list(rows, [](const Row& row) { return JsonValue::object(row.members); });
+}
