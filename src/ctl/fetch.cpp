@@ -19,7 +19,7 @@
 #include "PK_Request_Client.h"
 #include "configured_role.h"
 #include "console.h"
-#include "log_reader.h"
+#include "history/log_reader.h"
 #include "session.h"
 #include "syncd/copy_in_place.h"
 #include "text.h"

@@ -11,8 +11,8 @@
 
 #include "configured_role.h"
 #include "console.h"
+#include "history/log_story.h"
 #include "log.h"
-#include "log_story.h"
 #include "proc_info.h"
 #include "process_state.h"
 #include "services.h"

@@ -9,9 +9,9 @@
 
 #include "configured_role.h"
 #include "console.h"
+#include "history/log_story.h"
 #include "keys.h"
 #include "log.h"
-#include "log_story.h"
 #include "owned.h"
 #include "proc_info.h"
 #include "process_state.h"

@@ -1,8 +1,8 @@
 #include <initializer_list>
 
-#include "ctl/log_reader.h"
-#include "ctl/log_story.h"
-#include "ctl/timeline_events.h"
+#include "ctl/history/log_reader.h"
+#include "ctl/history/log_story.h"
+#include "ctl/history/timeline.h"
 #include "support.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include <cstring>
 
 #include "ctl/console.h"
-#include "ctl/log_story.h"
+#include "ctl/history/log_story.h"
 #include "ctl/proc_info.h"
 #include "findings.h"
 #include "keys.h"

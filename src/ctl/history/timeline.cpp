@@ -1,4 +1,4 @@
-#include "timeline_events.h"
+#include "timeline.h"
 
 #include <fmt/format.h>
 
@@ -9,8 +9,8 @@
 #include "event_list.h"
 #include "fetch_story.h"
 #include "log.h"
-#include "role_story.h"
-#include "transfer_story.h"
+#include "role_events.h"
+#include "transfer_events.h"
 
 namespace {
 

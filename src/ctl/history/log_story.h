@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "timeline_events.h"
+#include "timeline.h"
 
 inline constexpr const char* LOG_DIRECTORY = "/var/log";
 

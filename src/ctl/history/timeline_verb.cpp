@@ -7,9 +7,9 @@
 #include <optional>
 #include <string>
 
-#include "console.h"
+#include "ctl/console.h"
+#include "ctl/verbs.h"
 #include "log_story.h"
-#include "verbs.h"
 
 namespace {
 

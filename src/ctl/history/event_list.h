@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "timeline_events.h"
+#include "timeline.h"
 
 // Repetitions within this time of each other belong together.
 inline constexpr std::chrono::seconds TOGETHER{60};

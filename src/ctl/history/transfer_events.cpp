@@ -1,10 +1,10 @@
-#include "transfer_story.h"
+#include "transfer_events.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
 
-#include "console.h"
+#include "ctl/console.h"
 #include "keys.h"
 #include "peer_message.h"
 #include "text.h"

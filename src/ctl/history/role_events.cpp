@@ -1,4 +1,4 @@
-#include "role_story.h"
+#include "role_events.h"
 
 #include <fmt/format.h>
 
@@ -6,7 +6,7 @@
 #include <array>
 #include <utility>
 
-#include "configured_role.h"
+#include "ctl/configured_role.h"
 #include "text.h"
 
 namespace {
