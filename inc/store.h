@@ -13,8 +13,8 @@
 // A thread must not open a file that it has open already, and must not keep one open while it
 // sends, forks or runs outside programs.
 //
-// A tool says how it uses the files by set_store_use() (store_lock.h): one that inspects creates
-// and changes nothing, whatever operation it calls.
+// A tool says how it uses the files by set_store_use(): one that inspects creates and changes
+// nothing, whatever operation it calls.
 //
 // A file is verified before use, since the library crashes or loops on files damaged inside; the
 // verdict is kept while the file stays the same. A damaged file is treated as one that cannot be
@@ -27,16 +27,31 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "owned.h"
-#include "store_lock.h"
 
 struct __db;
 struct __dbc;
+class StoreLock;
+
+// How this process uses the database files: the daemon's way, unless it says otherwise.
+enum class StoreUse {
+    SERVE,    // creates missing files; a lock that another process keeps is done without
+    INSPECT,  // creates and changes nothing, shares its locks; waits longer for one, then fails
+    EDIT,     // creates missing files; waits longer for a lock, then fails (EBUSY)
+};
+
+// For tools, which have no heartbeat to miss. Holds for every file that is opened from then on.
+void set_store_use(StoreUse use);
+StoreUse store_use();
+
+// --- Open files ----------------------------------------------------------------------------------
 
 // An open database file, locked until it is closed. Not shared between threads.
 class Store {
@@ -64,11 +79,11 @@ private:
     friend class StoreCursor;
     friend std::unique_ptr<Store> db_open(const char* path, std::uint32_t cache_bytes);
     friend std::unique_ptr<Store> db_open_snapshot(const char* path);
-    Store(StoreLock lock, __db* db, int open_result);
+    Store(std::unique_ptr<StoreLock> lock, __db* db, int open_result);
     Store(OwnedFd snapshot, __db* db, int open_result);
 
-    std::optional<StoreLock> lock_;  // a snapshot has none
-    OwnedFd snapshot_;               // the file itself, which has no name
+    std::unique_ptr<StoreLock> lock_;  // a snapshot has none
+    OwnedFd snapshot_;                 // the file itself, which has no name
     __db* db_;
     bool usable_;
     bool damaged_;
@@ -107,6 +122,33 @@ std::unique_ptr<Store> db_open(const char* path, std::uint32_t cache_bytes = 0);
 // put. Otherwise as db_open.
 std::unique_ptr<Store> db_open_snapshot(const char* path);
 
+struct StoredRecord {
+    std::string key;
+    std::string value;
+};
+
+// A walk over all records of a file for users that do something slow with each, such as sending it.
+// It reads a private copy of the file: nobody is kept from writing to the file meanwhile, and every
+// record of the moment at which the walk began comes exactly once.
+class RecordWalk {
+public:
+    // Copies the file, which is locked for that time only. Logs as db_open does. Not shared between
+    // threads.
+    explicit RecordWalk(const char* path);
+
+    // Reads the next records into `chunk`, replacing what it held: true with some, false at the end
+    // or when the file cannot be read; failed() tells which.
+    bool next_chunk(std::vector<StoredRecord>& chunk);
+
+    bool failed() const;
+
+private:
+    std::unique_ptr<Store> store_;
+    std::optional<StoreCursor> cursor_;
+};
+
+// --- Single values -------------------------------------------------------------------------------
+
 // The value of `key` as a new zero-terminated text that the caller frees (OwnedText), or null when
 // the key is absent or the file cannot be read.
 char* db_get(const char* path, const char* key);
@@ -131,6 +173,11 @@ int db_del(const char* path, const char* key);
 // The value of `key` as a decimal number, or `fallback` when it is absent, empty or below 1.
 int db_get_int(const char* path, const char* key, int fallback);
 
+// The library's text of one of its error codes; static.
+const char* store_error_text(int code);
+
+// --- Whole files ---------------------------------------------------------------------------------
+
 // Puts a fresh, empty file in the place of `path`, keeping mode and owner; a kill at any moment
 // leaves either the old or the new one. A sound file that has records is kept as `previous`, unless
 // that is null or there. A damaged one is kept as "<path>.damaged", and a line at LOG_ERROR names
@@ -138,14 +185,30 @@ int db_get_int(const char* path, const char* key, int fallback);
 // why not.
 bool db_replace_empty(const char* path, const char* previous = nullptr);
 
-// The library's text of one of its error codes; static.
-const char* store_error_text(int code);
+// Moves `download` over `target`. A kill or a power failure at any moment leaves either the old
+// file or the new one. False, with "%s cannot be put in place:%s" (LOG_ERROR), when the old file
+// had to stay.
+bool put_copy_in_place(const std::string& download, const std::string& target);
 
-// A new "%d.%d.%d.%d" text of an IPv4 address in network byte order; the caller frees it.
-char* ip_to_string(std::uint32_t address);
+// Renames the file `source` over `target` as soon as nobody has that one open: a reader that finds
+// no file creates an empty one, which must not come after `source`. `renamed` is called after a
+// success, before anybody can open the file. 0 or an errno; logs nothing.
+int db_rename_over(const std::string& source, const std::string& target,
+                   const std::function<void()>& renamed = nullptr);
 
-// --- Comma lists: items joined by "," without blanks; see store_lists.cpp ----------------------
-// Each reads and writes in one go. A list that cannot be read is left as it is.
+// What the first page of a file says about it.
+struct StoreFormat {
+    std::uint32_t magic;    // HASH_MAGIC for the hash method in this host's byte order
+    std::uint32_t version;  // of the method's format
+};
+inline constexpr std::uint32_t HASH_MAGIC = 0x061561;
+
+// Nothing when the file cannot be read or is too short for a page. Takes no lock; logs nothing.
+std::optional<StoreFormat> db_format(const char* path);
+
+// --- Comma lists: items joined by "," without blanks
+// ----------------------------------------------- Each reads and writes in one go. A list that
+// cannot be read is left as it is.
 
 // The 1-based position of `item` in the list under `key`, or -1. An absent or empty list becomes
 // the one item (and -1 is returned).

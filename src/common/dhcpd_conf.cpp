@@ -15,6 +15,7 @@
 #include "keys.h"
 #include "log.h"
 #include "owned.h"
+#include "resolve.h"
 #include "services.h"
 #include "store.h"
 

@@ -14,6 +14,7 @@
 #include "keys.h"
 #include "log.h"
 #include "owned.h"
+#include "resolve.h"
 #include "store.h"
 #include "text.h"
 

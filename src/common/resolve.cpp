@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <string>
 #include <vector>
 
 std::optional<std::uint32_t> resolve_ipv4(const char* host) {
@@ -21,4 +22,15 @@ std::optional<std::uint32_t> resolve_ipv4(const char* host) {
     std::uint32_t address = 0;
     std::memcpy(&address, found->h_addr_list[0], sizeof address);
     return address;
+}
+
+char* ip_to_string(std::uint32_t address) {
+    const auto octet = [address](unsigned n) {
+        return (address >> (8 * n)) & 0xFFU;
+    };
+    std::string text = std::to_string(octet(0));
+    for (unsigned n = 1; n < 4; ++n) {
+        text += '.' + std::to_string(octet(n));
+    }
+    return strdup(text.c_str());
 }

@@ -21,7 +21,7 @@
 #include "console.h"
 #include "history/log_reader.h"
 #include "session.h"
-#include "syncd/copy_in_place.h"
+#include "store.h"
 #include "text.h"
 #include "verbs.h"
 

@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "log.h"
-#include "store_lock.h"
+#include "store.h"
 
 namespace {
 

@@ -12,7 +12,6 @@
 #include "keys.h"
 #include "peer_message.h"
 #include "session.h"
-#include "store_walk.h"
 
 std::vector<std::string> names_in_store_directory() {
     std::vector<std::string> names;

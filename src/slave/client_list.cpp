@@ -13,10 +13,10 @@
 #include <string_view>
 #include <thread>
 
-#include "flush.h"
 #include "keys.h"
 #include "log.h"
 #include "process_state.h"
+#include "replace_file.h"
 #include "store.h"
 
 namespace {
@@ -113,7 +113,7 @@ void complete_client_list(const char* stamp) {
     // In this order, also on disk: a kill or a power failure in between must not leave a list that
     // is older than the stamp.
     if (unlink(PREVIOUS_CLIENT_DB) == 0) {
-        flush_directory_of(PREVIOUS_CLIENT_DB);
+        (void)flush_directory_of(PREVIOUS_CLIENT_DB);
     }
     (void)db_put(CONFIG_DB, KEY_CLIENT_VERSION, stamp);
 }
@@ -129,12 +129,12 @@ void put_back_client_list() {
         log_message(msg::KEPT_LIST_UNREADABLE, PREVIOUS_CLIENT_DB);
         return;
     }
-    const StoreLock client_db(CLIENT_DB);  // waits for the end of an open batch
-    if (rename(PREVIOUS_CLIENT_DB, CLIENT_DB) != 0) {
-        log_message(msg::KEPT_LIST_NOT_RENAMED, PREVIOUS_CLIENT_DB, strerror(errno));
+    // Waits for the end of an open batch; the next one sees what it has opened.
+    const int failed = db_rename_over(PREVIOUS_CLIENT_DB, CLIENT_DB, [] { put_back = true; });
+    if (failed != 0) {
+        log_message(msg::KEPT_LIST_NOT_RENAMED, PREVIOUS_CLIENT_DB, strerror(failed));
         return;
     }
-    put_back = true;
     // A kill right after the list was kept leaves two names of one file, which no rename ends.
     (void)unlink(PREVIOUS_CLIENT_DB);
     log_message(msg::LIST_PUT_BACK, *kept, unfinished.value_or(0));

@@ -12,6 +12,7 @@
 #include "peer_message.h"
 #include "process_state.h"
 #include "push.h"
+#include "resolve.h"
 #include "stamps.h"
 #include "store.h"
 #include "sync_jobs.h"

@@ -13,7 +13,6 @@
 #include "owned.h"
 #include "stamps.h"
 #include "store.h"
-#include "store_walk.h"
 #include "tcp.h"
 
 namespace {

@@ -9,7 +9,6 @@
 #include <string>
 
 #include "PK_Request_Client.h"
-#include "copy_in_place.h"
 #include "keys.h"
 #include "log.h"
 #include "owned.h"

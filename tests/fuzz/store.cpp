@@ -7,7 +7,6 @@
 #include "fuzz.h"
 #include "keys.h"
 #include "owned.h"
-#include "store_walk.h"
 
 // Nobody else writes here: the second look at a damaged file need not wait.
 extern "C" int nanosleep(const timespec* /*time*/, timespec* /*rest*/) {

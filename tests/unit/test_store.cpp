@@ -11,10 +11,10 @@
 #include <random>
 #include <set>
 
-#include "common/store_check.h"
+#include "common/store/check.h"
+#include "common/store/handle.h"
 #include "keys.h"
 #include "store.h"
-#include "store_walk.h"
 #include "support.h"
 
 namespace {

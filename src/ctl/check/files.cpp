@@ -17,32 +17,12 @@
 #include "findings.h"
 #include "keys.h"
 #include "store.h"
-#include "store_walk.h"
 
 namespace {
 
-constexpr std::uint32_t HASH_MAGIC = 0x061561;
 constexpr std::uint32_t OLDEST_FORMAT = 8;
 constexpr std::uint32_t NEWEST_FORMAT = 9;
 constexpr std::size_t NAMED_KEYS = 5;
-
-// Where a database's first page says what it is.
-struct MetaPage {
-    std::array<char, 12> position;  // in the log, in the file
-    std::uint32_t magic;
-    std::uint32_t version;
-};
-
-std::optional<MetaPage> read_meta_page(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::array<char, sizeof(MetaPage)> bytes{};
-    if (!file.read(bytes.data(), bytes.size())) {
-        return std::nullopt;
-    }
-    MetaPage page{};
-    std::memcpy(&page, bytes.data(), sizeof page);
-    return page;
-}
 
 std::string remedy_for(const std::string& path) {
     if (path == CLIENT_DB) {
@@ -57,7 +37,7 @@ std::string remedy_for(const std::string& path) {
 
 // What speaks against the file's format, empty if nothing does.
 std::string format_fault(const std::string& path) {
-    const auto page = read_meta_page(path);
+    const auto page = db_format(path.c_str());
     if (!page) {
         return "is too short for a database";
     }
@@ -86,7 +66,8 @@ bool check_file(const std::string& path, Findings& findings) {
     }
     const std::unique_ptr<Store> store = db_open(path.c_str());
     if (store && store->usable()) {
-        findings.good(name, fmt::format("verifies, hash format {}", read_meta_page(path)->version));
+        findings.good(name,
+                      fmt::format("verifies, hash format {}", db_format(path.c_str())->version));
         return true;
     }
     if (store && store->damaged()) {

@@ -4,34 +4,17 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <string>
 
-#include "flush.h"
+#include "common/store/check.h"
+#include "common/store/handle.h"
+#include "common/store/lock.h"
 #include "log.h"
+#include "replace_file.h"
 #include "store.h"
-#include "store_check.h"
-#include "store_handle.h"
 
 namespace {
-
-// What a creation of `fresh` leaves behind when it is killed or fails. Nobody else is at work on it
-// while the file that it is to replace is locked.
-void remove_remains(const std::string& fresh) {
-    (void)unlink(fresh.c_str());
-    (void)unlink(creation_of(fresh).c_str());
-}
-
-// Creates the empty database `fresh`. 0 or the library's error code; then nothing is left of it.
-int create_empty(const std::string& fresh, mode_t mode) {
-    remove_remains(fresh);
-    const int result = create_database(fresh, static_cast<int>(mode & 0777U));
-    if (result != 0) {
-        remove_remains(fresh);
-    }
-    return result;
-}
 
 // Whether the file, which is locked and sound, has any record.
 bool has_records(const StoreLock& lock) {
@@ -76,6 +59,27 @@ void keep_previous(const StoreLock& lock, const char* previous) {
     }
 }
 
+// Creates the empty database `fresh` with mode and owner of the locked file, and gives that file
+// its second name. 0 or the library's error code.
+int create_empty(const std::string& fresh, const StoreLock& lock, const char* previous) {
+    struct stat old {};
+    (void)fstat(lock.fd(), &old);
+    // Left by a process that was killed: the target is locked, nobody else is at work on it.
+    (void)unlink(creation_of(fresh).c_str());
+    if (const int result = create_database(fresh, static_cast<int>(old.st_mode & 0777U));
+        result != 0) {
+        (void)unlink(creation_of(fresh).c_str());
+        return result;
+    }
+    copy_mode_and_owner(fresh, old);
+    if (is_damage(verify_store(lock))) {
+        keep_damaged(lock);
+    } else if (previous != nullptr) {
+        keep_previous(lock, previous);
+    }
+    return 0;
+}
+
 }  // namespace
 
 bool db_replace_empty(const char* path, const char* previous) {
@@ -85,24 +89,12 @@ bool db_replace_empty(const char* path, const char* previous) {
         const std::unique_ptr<Store> created = db_open(path);
         return created && created->usable();
     }
-    struct stat old {};
-    (void)fstat(lock.fd(), &old);
-    const std::string fresh = lock.path() + ".new";
-    if (const int result = create_empty(fresh, old.st_mode); result != 0) {
-        log_message(msg::STORE_NOT_EMPTIED, path, db_strerror(result));
-        return false;
+    const auto fill = [&](const std::string& fresh) {
+        return create_empty(fresh, lock, previous);
+    };
+    const Replacement result = replace_file(lock.path(), fill);
+    if (!result.in_place) {
+        log_message(msg::STORE_NOT_EMPTIED, path, db_strerror(result.error));
     }
-    copy_mode_and_owner(fresh, old);
-    if (is_damage(verify_store(lock))) {
-        keep_damaged(lock);
-    } else if (previous != nullptr) {
-        keep_previous(lock, previous);
-    }
-    if (rename(fresh.c_str(), path) != 0) {
-        log_message(msg::STORE_NOT_EMPTIED, path, strerror(errno));
-        remove_remains(fresh);
-        return false;
-    }
-    flush_directory_of(path);
-    return true;
+    return result.in_place;
 }

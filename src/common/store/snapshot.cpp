@@ -11,10 +11,10 @@
 #include <string>
 #include <thread>
 
+#include "common/store/check.h"
+#include "common/store/handle.h"
 #include "log.h"
 #include "store.h"
-#include "store_check.h"
-#include "store_handle.h"
 
 namespace {
 
@@ -40,7 +40,7 @@ bool copy_contents(int from, int to) {
 }
 
 // A copy without a name, on the disk of the file or, where that is full or read only, in memory.
-// An invalid descriptor with errno when there is room in neither.
+// An invalid descriptor with errno when it fits in neither.
 OwnedFd copy_of(const StoreLock& lock) {
     const std::string directory = lock.path().substr(0, lock.path().rfind('/') + 1);
     OwnedFd copy(open(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));

@@ -1,4 +1,4 @@
-#include "store_lock.h"
+#include "common/store/lock.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

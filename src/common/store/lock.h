@@ -8,17 +8,7 @@
 #include <string>
 
 #include "owned.h"
-
-// How this process uses the database files: the daemon's way, unless it says otherwise.
-enum class StoreUse {
-    SERVE,    // creates missing files; a lock that another process keeps is done without
-    INSPECT,  // creates and changes nothing, shares its locks; waits longer for one, then fails
-    EDIT,     // creates missing files; waits longer for a lock, then fails (EBUSY)
-};
-
-// For tools, which have no heartbeat to miss. Holds for every file that is opened from then on.
-void set_store_use(StoreUse use);
-StoreUse store_use();
+#include "store.h"
 
 class StoreLock {
 public:
@@ -44,7 +34,7 @@ public:
     // Locks the file that is in place now, after the holder created or replaced it.
     void relock();
 
-    // Gives the lock up before the end of its life.
+    // Gives the lock up before its destructor does.
     void release();
 
 private:

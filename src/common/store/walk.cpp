@@ -1,4 +1,4 @@
-#include "store_walk.h"
+#include "store.h"
 
 namespace {
 

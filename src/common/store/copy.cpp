@@ -1,0 +1,46 @@
+// Finished files that take the place of a database file.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "common/store/lock.h"
+#include "log.h"
+#include "replace_file.h"
+#include "store.h"
+
+int db_rename_over(const std::string& source, const std::string& target,
+                   const std::function<void()>& renamed) {
+    const StoreLock lock(target.c_str());
+    const int result = rename_file(source, target);
+    if (result == 0 && renamed) {
+        renamed();
+    }
+    return result;
+}
+
+bool put_copy_in_place(const std::string& download, const std::string& target) {
+    // Only the rename waits for the lock: the flush would keep heartbeats from the file.
+    const auto rename = [](const std::string& from, const std::string& to) {
+        return db_rename_over(from, to);
+    };
+    Replacement result = move_in_place(download, target, rename);
+    // A rename does not reach across file systems; a copy beside the target can be renamed.
+    if (!result.in_place && result.error == EXDEV) {
+        const auto copy = [&download](const std::string& fresh) {
+            std::error_code failure;
+            std::filesystem::copy_file(download, fresh, failure);
+            return failure.value();
+        };
+        result = replace_file(target, copy, rename);
+        if (result.in_place) {
+            (void)unlink(download.c_str());
+        }
+    }
+    if (!result.in_place) {
+        log_message(msg::COPY_NOT_PUT_IN_PLACE, target.c_str(), strerror(result.error));
+    }
+    return result.in_place;
+}

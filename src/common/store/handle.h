@@ -1,0 +1,29 @@
+// Making Berkeley DB handles and files: the one place that sets what all of them share.
+#pragma once
+
+#include <db.h>
+
+#include <cstdint>
+#include <string>
+
+#include "common/store/lock.h"
+
+// A new handle that is silent on stderr, or null. `cache_bytes` 0 keeps the library's default
+// (256 KiB).
+DB* create_handle(std::uint32_t cache_bytes);
+
+// Creates the empty hash database `path` with that mode less the umask. 0 or the library's error
+// code.
+int create_database(const std::string& path, int mode);
+
+// Sees to it that the locked file exists, creating it unless this process only inspects. 0 or an
+// error code.
+int ensure_file(StoreLock& lock);
+
+// The temporary file, "__db.<name>" beside it, under which the library creates `path`.
+std::string creation_of(const std::string& path);
+
+// Removes what a killed creation of `path` left behind: the library would wait 100 seconds for it
+// at every further creation. One that is younger than some seconds may be another process at work:
+// it is waited for, until it goes or is old.
+void remove_leftover_creation(const std::string& path);

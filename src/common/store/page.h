@@ -1,0 +1,29 @@
+// The pages of a database file, as far as they have to be looked at before the library may.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+
+// The beginning of the first page.
+struct MetaPage {
+    std::uint32_t position[3];  // in the log, in the file
+    std::uint32_t magic;
+    std::uint32_t version;
+    std::uint32_t page_size;
+    std::uint8_t encryption;
+    std::uint8_t type;
+    std::uint8_t flags;
+    std::uint8_t unused;
+};
+static_assert(sizeof(MetaPage) == 28);
+
+// Nothing when the file is too short for a page or cannot be read.
+std::optional<MetaPage> read_meta_page(int fd);
+
+// Whether the library's verifier must not see the file, which has `size` bytes: it believes what a
+// file says it is. On pages of other kinds it divides by zero, frees memory twice and leaks, and it
+// opens a partitioned file's parts, up to 4 billion. A file in the other byte order, which no host
+// of a pair makes, counts as foreign, too.
+bool harms_the_verifier(int fd, off_t size);

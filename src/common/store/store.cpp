@@ -1,0 +1,148 @@
+#include "store.h"
+
+#include <db.h>
+
+#include <cerrno>
+
+#include "common/store/check.h"
+#include "common/store/handle.h"
+#include "common/store/lock.h"
+#include "log.h"
+
+namespace {
+
+DBT dbt_of(std::string_view text) {
+    DBT dbt{};
+    dbt.data = const_cast<char*>(text.data());  // the library only reads it
+    dbt.size = static_cast<u_int32_t>(text.size());
+    return dbt;
+}
+
+std::string_view text_in(const DBT& dbt) {
+    return {static_cast<const char*>(dbt.data), dbt.size};
+}
+
+int open_file(StoreLock& lock, DB* db) {
+    if (const int missing = ensure_file(lock); missing != 0) {
+        return missing;
+    }
+    if (const int damaged = verify_store(lock); damaged != 0) {
+        return damaged;
+    }
+    const std::uint32_t flags = store_use() == StoreUse::INSPECT ? DB_RDONLY : 0;
+    return db->open(db, nullptr, lock.path().c_str(), nullptr, DB_HASH, flags, 0);
+}
+
+}  // namespace
+
+std::unique_ptr<Store> db_open(const char* path, std::uint32_t cache_bytes) {
+    auto lock = std::make_unique<StoreLock>(path);
+    DB* db = create_handle(cache_bytes);
+    if (db == nullptr) {
+        log_message(msg::NO_STORE_HANDLE, db_strerror(1));  // never the real code, as ever
+        return nullptr;
+    }
+    const int result = open_file(*lock, db);
+    if (result != 0) {
+        log_message(msg::STORE_NOT_OPENED, db_strerror(result), path);
+    }
+    return std::unique_ptr<Store>(new Store(std::move(lock), db, result));
+}
+
+Store::Store(std::unique_ptr<StoreLock> lock, DB* db, int open_result)
+    : lock_(std::move(lock)),
+      db_(db),
+      usable_(open_result == 0),
+      damaged_(is_damage(open_result)) {}
+
+Store::Store(OwnedFd snapshot, DB* db, int open_result)
+    : snapshot_(std::move(snapshot)),
+      db_(db),
+      usable_(open_result == 0),
+      damaged_(is_damage(open_result)) {}
+
+Store::~Store() {
+    (void)close();
+}
+
+int Store::close() {
+    if (db_ == nullptr) {
+        return 0;
+    }
+    const int result = db_->close(db_, 0);
+    db_ = nullptr;
+    if (result == 0 && written_ && !put_failed_ && lock_) {
+        keep_verdict(*lock_);
+    }
+    usable_ = false;
+    lock_.reset();
+    snapshot_.reset();
+    return result;
+}
+
+int Store::get(std::string_view key, std::string& value) {
+    if (!usable_) {
+        return EINVAL;
+    }
+    DBT name = dbt_of(key);
+    DBT data{};
+    const int result = db_->get(db_, nullptr, &name, &data, 0);
+    if (result == 0) {
+        value = text_in(data);
+    }
+    return result;
+}
+
+int Store::put(std::string_view key, std::string_view value) {
+    if (!usable_) {
+        return EINVAL;
+    }
+    DBT name = dbt_of(key);
+    DBT data = dbt_of(value);
+    const int result = db_->put(db_, nullptr, &name, &data, 0);
+    written_ = written_ || result == 0;
+    put_failed_ = put_failed_ || result != 0;
+    return result;
+}
+
+int Store::del(std::string_view key) {
+    if (!usable_) {
+        return EINVAL;
+    }
+    DBT name = dbt_of(key);
+    const int result = db_->del(db_, nullptr, &name, 0);
+    written_ = written_ || result == 0;
+    return result;
+}
+
+StoreCursor::StoreCursor(Store& store) {
+    if (store.usable_ && store.db_->cursor(store.db_, nullptr, &cursor_, 0) != 0) {
+        cursor_ = nullptr;
+    }
+    failed_ = cursor_ == nullptr;
+}
+
+StoreCursor::~StoreCursor() {
+    if (cursor_ != nullptr) {
+        (void)cursor_->c_close(cursor_);
+    }
+}
+
+bool StoreCursor::next(std::string_view& key, std::string_view& value) {
+    DBT name{};
+    DBT data{};
+    const int result = cursor_ == nullptr ? EINVAL : cursor_->c_get(cursor_, &name, &data, DB_NEXT);
+    failed_ = result != 0 && result != DB_NOTFOUND;
+    if (result != 0) {
+        return false;
+    }
+    key = text_in(name);
+    value = text_in(data);
+    return true;
+}
+
+int StoreCursor::put_last(std::string_view key, std::string_view value) {
+    DBT name = dbt_of(key);
+    DBT data = dbt_of(value);
+    return cursor_ == nullptr ? EINVAL : cursor_->c_put(cursor_, &name, &data, DB_KEYLAST);
+}

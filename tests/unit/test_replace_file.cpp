@@ -1,0 +1,101 @@
+#include <cerrno>
+
+#include "keys.h"
+#include "replace_file.h"
+#include "support.h"
+
+namespace {
+
+class ReplaceFile : public WithFiles {
+protected:
+    void SetUp() override {
+        WithFiles::SetUp();
+        write_file(target_, "old");
+        write_file(fresh_, "left by a kill");
+    }
+    bool fresh_is_left() const { return std::filesystem::exists(fresh_); }
+
+    const std::string target_ = "/etc/quoradmind/target";
+    const std::string fresh_ = target_ + ".new";
+};
+
+int fill_half_and_fail(const std::string& fresh) {
+    write_file(fresh, "hal");
+    return ENOSPC;
+}
+
+int fill(const std::string& fresh) {
+    EXPECT_FALSE(std::filesystem::exists(fresh));
+    write_file(fresh, "new");
+    return 0;
+}
+
+TEST_F(ReplaceFile, TellsOldFromNewAndLeavesNothingElse) {
+    const Replacement unfilled = replace_file(target_, fill_half_and_fail);
+    EXPECT_FALSE(unfilled.in_place);
+    EXPECT_EQ(unfilled.error, ENOSPC);
+    EXPECT_EQ(contents(target_), "old");
+    EXPECT_FALSE(fresh_is_left());
+
+    const auto refuse = [](const std::string&, const std::string&) {
+        return EPERM;
+    };
+    const Replacement unnamed = replace_file(target_, fill, refuse);
+    EXPECT_FALSE(unnamed.in_place);
+    EXPECT_EQ(unnamed.error, EPERM);
+    EXPECT_EQ(contents(target_), "old");
+    EXPECT_FALSE(fresh_is_left());
+
+    const Replacement whole = replace_file(target_, fill);
+    EXPECT_TRUE(whole.in_place);
+    EXPECT_EQ(whole.error, 0);
+    EXPECT_EQ(contents(target_), "new");
+    EXPECT_FALSE(fresh_is_left());
+}
+
+TEST_F(ReplaceFile, TellsThatANameMayNotBeOnDisk) {
+    const auto rename_and_hide_directory = [](const std::string& from, const std::string& to) {
+        const int result = rename_file(from, to);
+        std::filesystem::rename("/etc/quoradmind", "/etc/hidden");
+        return result;
+    };
+    const Replacement result = replace_file(target_, fill, rename_and_hide_directory);
+    std::filesystem::rename("/etc/hidden", "/etc/quoradmind");
+    EXPECT_TRUE(result.in_place);
+    EXPECT_EQ(result.error, ENOENT);
+}
+
+TEST_F(ReplaceFile, AFileThatCannotBeMovedStays) {
+    const Replacement missing = move_in_place("/etc/quoradmind/none", target_);
+    EXPECT_EQ(missing.error, ENOENT);
+    std::filesystem::remove(target_);
+    std::filesystem::create_directory(target_);
+    const Replacement refused = move_in_place(fresh_, target_);
+    EXPECT_FALSE(refused.in_place);
+    EXPECT_EQ(refused.error, EISDIR);
+    EXPECT_EQ(contents(fresh_), "left by a kill");
+    std::filesystem::remove(target_);
+}
+
+// A reader must not see the new file before the caller has noted that it is there.
+TEST_F(ReplaceFile, NobodyOpensARenamedDatabaseBeforeItsCallerKnows) {
+    put(DISK_DB, "which", "new");
+    put(CLIENT_DB, "which", "old");
+    std::atomic<bool> read = false;
+    std::thread reader;
+    const auto note = [&] {
+        reader = std::thread([&] {
+            EXPECT_EQ(stored(CLIENT_DB, "which"), "new");
+            read = true;
+        });
+        std::this_thread::sleep_for(20ms);  // a fault shows in this time, a sound lock in any
+        EXPECT_FALSE(read);
+    };
+    EXPECT_EQ(db_rename_over(DISK_DB, CLIENT_DB, note), 0);
+    reader.join();
+    EXPECT_TRUE(read);
+    EXPECT_EQ(db_rename_over(DISK_DB, CLIENT_DB, [] { ADD_FAILURE() << "nothing renamed"; }),
+              ENOENT);
+}
+
+}  // namespace
