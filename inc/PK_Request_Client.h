@@ -8,7 +8,9 @@
 // below.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <optional>
 
 #include "PK_Socket.h"
 
@@ -20,12 +22,28 @@ inline constexpr int REQUEST_BROKEN =
 inline constexpr std::uint32_t FILE_SERVICE_PORT = 3223;
 inline constexpr std::uint32_t BUSINESS_GET_FILE = 0x8008;
 
+// What a peer may make a fetch cost, beside its time-outs.
+struct FetchLimits {
+    std::int64_t bytes = std::int64_t{64} << 20U;  // the longest file
+    std::chrono::milliseconds base{60'000};        // for an empty one, from request to end
+    std::chrono::milliseconds per_mib{1'000};      // more for each MiB that is announced
+
+    // From the request to the last byte of a file of that many bytes.
+    std::chrono::milliseconds time_for(std::int64_t length) const {
+        return base + per_mib * (length >> 20U);
+    }
+};
+
 class PK_Request_Client {
 public:
     void SetPort(std::uint32_t port) { port_ = port; }
 
     // Time-out of connecting and of every send and receive, in seconds.
     void SetTimeout(std::uint32_t seconds) { timeout_ = seconds; }
+
+    // Limits of a fetch; none for a file that a person wants, who can see how long it takes.
+    void SetFetchLimits(const std::optional<FetchLimits>& limits) { fetch_limits_ = limits; }
+    const std::optional<FetchLimits>& fetch_limits() const { return fetch_limits_; }
 
     // Sends `szCommand` to the service at `szIP` (dotted) and reads the reply into `szRetMsg` (a
     // buffer of `nRetSize` bytes; the text is terminated). 0, then `*nErrCode` is the peer's error
@@ -42,6 +60,9 @@ public:
                        char* szRetMsg, std::int32_t nRetSize, std::int32_t* nErrCode);
 
     // More of the open connection; as PK_Socket's operations.
+    void SetDeadline(std::optional<std::chrono::steady_clock::time_point> deadline) {
+        socket_.SetDeadline(deadline);
+    }
     int RecvAll(void* buffer, std::int32_t length) { return socket_.RecvAll(buffer, length); }
     int Close() { return socket_.Close(); }
 
@@ -53,18 +74,21 @@ private:
     PK_Socket socket_;
     std::uint32_t port_ = 3232;
     std::uint32_t timeout_ = 5;
+    std::optional<FetchLimits> fetch_limits_ = FetchLimits{};
 };
 
 // Fetches `szServerFilePath` of the server at `szServerIp` (dotted) into `szLocalPath`. 0; -77 when
 // a text is null; -1 when the request failed or the local file cannot be opened; -2 for an error of
-// the peer; -3 for a reply without a usable "length" or a short write; -4 for a short receive. What
-// arrived before a failure stays in the local file. The connection stays open. Logs "FILE_MGR ..."
-// (LOG_ERROR) beside the lines of the request and of recv_file.
+// the peer; -3 for a reply without a usable "length", one beyond the client's limits, or a short
+// write; -4 for a short receive, which the end of the time allowed is, too. What arrived before a
+// failure stays in the local file. The connection stays open. Logs "FILE_MGR ..." (LOG_ERROR)
+// beside the lines of the request and of recv_file.
 std::int32_t GetServerFile(PK_Request_Client& client, const char* szServerIp,
                            const char* szServerFilePath, const char* szLocalPath);
 
 // Receives `length` raw bytes of the client's connection into `szPath`, which then holds just what
-// arrived; a symbolic link in its place is refused. 0, -1, -3 or -4 as above. Logs
+// arrived. What is there but is no ordinary file of this user with one name is refused and left as
+// it is. 0, -1, -3 or -4 as above. Logs "%s is no ordinary file of our own, not written to",
 // "File.OpenRwAlwaysSetSize szPath:%s --%s--%d", "recv_file recv error ..." and " recv_file
 // WriteFile error ..." (LOG_ERROR).
 std::int32_t recv_file(PK_Request_Client& client, std::int64_t length, const char* szPath);

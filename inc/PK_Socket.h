@@ -4,7 +4,9 @@
 // close-on-exec. One thread at a time.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <optional>
 
 #include "owned.h"
 
@@ -30,6 +32,10 @@ public:
     // socket is held then. Does not log connect failures.
     int Connect(const char* ip, std::uint16_t port, std::uint32_t timeout);
 
+    // Every later receive ends at this moment at the latest, with errno ETIMEDOUT: a peer that
+    // sends a byte now and then never meets the time-out. Nothing lifts it.
+    void SetDeadline(std::optional<std::chrono::steady_clock::time_point> deadline);
+
     // Sends or receives the whole buffer: the number of bytes done, short on a time-out, an error
     // or the end of the stream; -1 without a socket. Do not log.
     int SendAll(const void* buffer, std::int32_t length);
@@ -42,5 +48,9 @@ public:
     int GetSocket() const { return fd_.get(); }
 
 private:
+    bool in_time();
+
     OwnedFd fd_;
+    std::uint32_t timeout_ = 0;  // seconds; 0 for none
+    std::optional<std::chrono::steady_clock::time_point> deadline_;
 };

@@ -79,9 +79,26 @@ int PK_File::OpenRwAlwaysSetSize(const char* path, std::int64_t sectors) {
     return find_size(path, FUNCTION);
 }
 
+// Looked at only when it is open: before, its name may still come to stand for another file.
+bool PK_File::is_ours_alone() const {
+    struct stat status {};
+    return fstat(fd_, &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid() &&
+           status.st_nlink == 1;
+}
+
 int PK_File::OpenRwEmpty(const char* path) {
     constexpr const char* FUNCTION = "OpenRwAlwaysSetSize";
-    if (open_with(path, O_CREAT | O_TRUNC | O_NOFOLLOW, ORDINARY_MODE, FUNCTION) != 0) {
+    if (open_with(path, O_CREAT | O_NOFOLLOW, ORDINARY_MODE, FUNCTION) != 0) {
+        return -1;
+    }
+    if (!is_ours_alone()) {
+        log_message(msg::FILE_NOT_OURS, path);
+        (void)Close();
+        return -1;
+    }
+    if (ftruncate(fd_, 0) != 0) {
+        log_message(msg::FILE_SIZE_NOT_SET, path, strerror(errno), FUNCTION, __LINE__);
+        (void)Close();
         return -1;
     }
     return find_size(path, FUNCTION);

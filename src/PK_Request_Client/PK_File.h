@@ -26,7 +26,9 @@ public:
     int OpenRwAlwaysSetSize(const char* path, std::int64_t sectors);
 
     // Opens an emptied file that only its new contents will fill: created with 0664 less the umask,
-    // and never through a symbolic link. Result and log lines of OpenRwAlwaysSetSize.
+    // and never through a symbolic link. What is there must be an ordinary file of this user with
+    // one name: another user could change what is written to his own. Result and log lines of
+    // OpenRwAlwaysSetSize, and "%s is no ordinary file of our own, not written to" (LOG_ERROR).
     int OpenRwEmpty(const char* path);
 
     // Closes and forgets path and size. 0, or -1 when no file is held.
@@ -60,6 +62,7 @@ private:
     int open_with(const char* path, int flags, unsigned mode, const char* function);
     int find_size(const char* path, const char* function);
     bool is_open(const char* operation) const;
+    bool is_ours_alone() const;
 
     int fd_ = -1;
     std::int64_t size_ = 0;

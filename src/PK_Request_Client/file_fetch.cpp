@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <optional>
@@ -48,7 +49,25 @@ std::optional<std::int64_t> length_in(json_object* reply) {
     return length;
 }
 
-std::int32_t recv_announced_file(PK_Request_Client& client, const char* reply, const char* path) {
+using Clock = std::chrono::steady_clock;
+
+// Whether a file of that length may come; then the connection gets its deadline.
+bool admit_length(PK_Request_Client& client, Clock::time_point asked, std::int64_t length) {
+    const auto& limits = client.fetch_limits();
+    if (!limits) {
+        return true;
+    }
+    if (length > limits->bytes) {
+        log_message(msg::LENGTH_TOO_LARGE, static_cast<long>(length),
+                    static_cast<long>(limits->bytes), ORIGIN, __LINE__);
+        return false;
+    }
+    client.SetDeadline(asked + limits->time_for(length));
+    return true;
+}
+
+std::int32_t recv_announced_file(PK_Request_Client& client, Clock::time_point asked,
+                                 const char* reply, const char* path) {
     const OwnedJson parsed(json_tokener_parse(reply));
     if (!parsed) {
         log_message(msg::REPLY_NOT_JSON, reply, ORIGIN, __LINE__);
@@ -59,7 +78,7 @@ std::int32_t recv_announced_file(PK_Request_Client& client, const char* reply, c
         log_message(msg::REPLY_WITHOUT_LENGTH, reply, ORIGIN, __LINE__);
         return -3;
     }
-    return recv_file(client, *length, path);
+    return admit_length(client, asked, *length) ? recv_file(client, *length, path) : -3;
 }
 
 }  // namespace
@@ -71,6 +90,10 @@ std::int32_t GetServerFile(PK_Request_Client& client, const char* szServerIp,
     }
     const OwnedJson request = make_request(szServerFilePath);
     client.SetPort(FILE_SERVICE_PORT);
+    const Clock::time_point asked = Clock::now();
+    if (client.fetch_limits()) {
+        client.SetDeadline(asked + client.fetch_limits()->time_for(0));
+    }
     std::array<char, REPLY_SIZE> reply{};  // zeroed: an answer may come without a body
     std::int32_t nErrCode = 0;
     if (client.Hpc_RequestPro_NoClose(szServerIp, BUSINESS_GET_FILE,
@@ -82,7 +105,7 @@ std::int32_t GetServerFile(PK_Request_Client& client, const char* szServerIp,
         log_message(msg::SERVICE_REFUSED, nErrCode, szServerIp, szServerFilePath, ORIGIN, __LINE__);
         return -2;
     }
-    return recv_announced_file(client, reply.data(), szLocalPath);
+    return recv_announced_file(client, asked, reply.data(), szLocalPath);
 }
 
 std::int32_t recv_file(PK_Request_Client& client, std::int64_t length, const char* szPath) {

@@ -112,6 +112,7 @@ std::string failure_text(const Options& options, int result, const Announced& an
 
 int receive(const Options& options, const std::string& beside, Announced& announced) {
     PK_Request_Client client;
+    client.SetFetchLimits(std::nullopt);  // whoever waits for it can see how it goes
     const Watch watch(options.remote, beside, announced);
     return GetServerFile(client, options.address.c_str(), options.remote.c_str(), beside.c_str());
 }

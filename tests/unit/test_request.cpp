@@ -1,8 +1,10 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 #include <array>
 #include <cerrno>
@@ -78,10 +80,11 @@ TEST(BodyCodec, AGroupOfAnotherShapeYieldsNothing) {
 // What a peer does with one connection.
 struct Script {
     std::string answer;
-    std::size_t piece = SIZE_MAX;  // sent in pieces of this size
-    bool hears = true;             // reads the request first
-    bool stays = false;            // does not close before the client does
-    std::uint32_t patience = 60;   // the client's time-out in seconds
+    std::size_t piece = SIZE_MAX;       // sent in pieces of this size
+    bool hears = true;                  // reads the request first
+    bool stays = false;                 // does not close before the client does
+    std::uint32_t patience = 60;        // the client's time-out in seconds
+    std::chrono::milliseconds pause{};  // before each piece
 };
 
 // A peer that follows a script, once.
@@ -130,7 +133,10 @@ private:
         const std::string& answer = script_.answer;
         for (std::size_t at = 0; at < answer.size(); at += std::min(script_.piece, answer.size())) {
             const std::size_t count = std::min(script_.piece, answer.size() - at);
-            (void)TcpSendSome(fd.get(), answer.data() + at, count);
+            std::this_thread::sleep_for(script_.pause);
+            if (TcpSendSome(fd.get(), answer.data() + at, count) != count) {
+                return;
+            }
         }
         char end = 0;
         if (script_.stays) {
@@ -244,6 +250,12 @@ const std::vector<Case> CASES = {
     {"length in a list", {length_answer("[5]")}, -3, NO_LENGTH, OLD},
     {"empty length", {length_answer("\"\"")}, -3, NO_LENGTH, OLD},
     {"no digits", {length_answer("\"abc\"")}, -3, NO_LENGTH, OLD},
+    {"one byte too long",
+     {length_answer("\"67108865\"") + NEW},
+     -3,
+     "FILE_MGR length too large:67108865 > 67108864   --" + OURS + "--",
+     OLD},
+    {"no end of length", {length_answer("\"4611686018427387904\"") + NEW}, -3, "too large:", OLD},
     {"negative length", {length_answer("\"-5\"") + NEW}, -3, NO_LENGTH, OLD},
 
     {"closes at once", {"", 1, false}, -1, "(Send|Recv) Ret:", OLD},
@@ -281,6 +293,68 @@ TEST_F(FileFetch, AgainstAPeerThatFollowsAScript) {
     }
 }
 
+TEST_F(FileFetch, LimitsGrowWithTheLengthAndCanBeLifted) {
+    const FetchLimits limits;
+    EXPECT_EQ(limits.time_for(0), 60s);
+    EXPECT_EQ(limits.time_for((1 << 20) - 1), 60s);
+    EXPECT_EQ(limits.time_for(limits.bytes), 124s);
+    for (const std::int64_t most : {4999, 5000}) {
+        client.SetFetchLimits(FetchLimits{.bytes = most});
+        const Peer peer({length_answer("5000") + NEW});
+        EXPECT_EQ(fetch(), most == 5000 ? 0 : -3);
+        client.Close();
+    }
+    client.SetFetchLimits(std::nullopt);
+    const Peer peer({length_answer("67108865") + NEW});
+    EXPECT_EQ(fetch(), -4);  // all that came
+    client.Close();
+    EXPECT_EQ(contents(TARGET), NEW.substr(0, 4096));
+}
+
+// One that sends a byte now and then, for minutes, and one that falls silent for as long.
+TEST_F(FileFetch, APeerCannotHoldItBeyondItsTime) {
+    const std::string whole = length_answer("5000") + NEW;
+    const Script drips{whole, 64, true, true, 20, 50ms};
+    const Script stalls{whole.substr(0, whole.size() - 1), 9000, true, true, 20};
+    for (const Script& script : {drips, stalls}) {
+        SetUp();
+        client.SetFetchLimits(FetchLimits{.base = 500ms});
+        const Peer peer(script);
+        EXPECT_LT(fetch(), 0);  // wherever that is on a slow machine
+        client.Close();
+        EXPECT_THAT(logged(),
+                    ContainsRegex("(Recv Ret:|Rcev Ret:|recv_file recv error ).*[ :]110"));
+    }
+}
+
+// Nobody else may have a way to what will be put in place.
+TEST_F(FileFetch, RefusesATargetThatIsNotOursAlone) {
+    const std::string other = "/etc/quoradmind/other";
+    const std::vector<std::function<void()>> targets = {
+        [] { ASSERT_EQ(mkfifo(TARGET, 0600), 0); },
+        [] { ASSERT_EQ(mknod(TARGET, S_IFCHR | 0666, makedev(1, 3)), 0); },
+        [&] {
+            write_file(other, OLD);
+            std::filesystem::create_hard_link(other, TARGET);
+        },
+        [] {
+            write_file(TARGET, OLD);
+            ASSERT_EQ(chown(TARGET, 65534, 65534), 0);
+        },
+    };
+    for (const auto& make : targets) {
+        SetUp();
+        make();
+        const Peer peer({length_answer("5000") + NEW});
+        EXPECT_EQ(fetch(), -1);
+        client.Close();
+        EXPECT_THAT(logged(), HasSubstr("ERROR :"s + TARGET + " is no ordinary file of our own"));
+        if (std::filesystem::is_regular_file(TARGET)) {
+            EXPECT_EQ(contents(TARGET), OLD);
+        }
+    }
+}
+
 TEST_F(FileFetch, WithoutAPeerOrATarget) {
     EXPECT_EQ(GetServerFile(client, nullptr, CONFIG_DB, TARGET), -77);
     EXPECT_EQ(GetServerFile(client, "127.0.0.1", nullptr, TARGET), -77);
@@ -302,10 +376,13 @@ TEST_F(FileFetch, WithoutAPeerOrATarget) {
     EXPECT_THAT(logged(),
                 HasSubstr("ERROR :File.OpenRwAlwaysSetSize szPath:"s + TARGET + " --" + OURS));
 
-    const Peer peer({length_answer("10") + NEW});
-    EXPECT_EQ(fetch("/dev/full"), -3);
+    std::filesystem::remove(TARGET);
+    ASSERT_EQ(mount("tmpfs", "/usr/local/bin", "tmpfs", 0, "size=4k"), 0);
+    const Peer peer({length_answer("5000") + NEW});
+    EXPECT_EQ(fetch("/usr/local/bin/target"), -3);
     client.Close();
-    EXPECT_THAT(logged(), HasSubstr("ERROR : recv_file WriteFile error -1 != 10 28  " + OURS +
+    EXPECT_EQ(umount("/usr/local/bin"), 0);
+    EXPECT_THAT(logged(), HasSubstr("ERROR : recv_file WriteFile error -1 != 904 28  " + OURS +
                                     "--recv_file-- "));
 }
 
