@@ -80,6 +80,9 @@ int daemon_main(int argc, char** /*argv*/) {
     fill_standard_descriptors();
     // Inherited as ignored, it would take away the exit statuses of the boot services.
     (void)signal(SIGCHLD, SIG_DFL);
+    // A reader of standard output that ends must not end the daemon. What it starts gets the usual
+    // disposition back (spawn.h).
+    (void)signal(SIGPIPE, SIG_IGN);
     if (argc == 2) {
         (void)run_daemon();
     }

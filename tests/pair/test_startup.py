@@ -44,6 +44,17 @@ def test_a_foreground_daemon_stays_where_it_is(pair):
         assert not (host.root / ERROR_FILE[1:]).exists()
 
 
+def test_a_reader_of_the_output_that_ends_leaves_the_daemon(pair_factory):
+    pair = pair_factory(wrapper=("/bin/bash", "-c", 'exec > >(head -n 1); exec "$@"', "bash"))
+    pair.start()
+    pair.slave.wait_log("bottle=2, status=71", LIMIT)
+    mark = pair.slave.log_mark()
+    wait_until(
+        lambda: len(pair.slave.find_log("bottle=2, status=71", mark)) > 1, LIMIT, "two more beats"
+    )
+    assert pair.master_daemon.alive and pair.slave_daemon.alive
+
+
 def test_a_taken_port_ends_a_daemon(pair_factory, run_daemon):
     """Attached and detached: a library's threads must not keep a detached one from ending."""
     pair = pair_factory()
