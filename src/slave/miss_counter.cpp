@@ -5,6 +5,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <condition_variable>
+#include <cstring>
+#include <mutex>
 
 #include "keys.h"
 #include "log.h"
@@ -28,12 +31,53 @@ int operate(short operation) {
     return semop(semaphore_id, &step, 1);
 }
 
+std::mutex renewal;  // one thread makes the semaphore anew, the other one finds it made
+
+std::mutex refill_lock;
+std::condition_variable refilled;
+
+int open_semaphore(int flags) {
+    // A missing path gives the key -1, under which the semaphore works as well.
+    return semget(ftok(SEMAPHORE_KEY_PATH, KEY_PROJECT), 1, flags | 0666);
+}
+
+// Whether there is a semaphore again in the place of `lost`, which somebody has removed.
+bool renew_semaphore(int lost) {
+    const std::lock_guard lock(renewal);
+    if (semaphore_id != lost) {
+        return true;
+    }
+    int fresh = open_semaphore(IPC_CREAT | IPC_EXCL);
+    const bool made = fresh >= 0;
+    if (!made && errno == EEXIST) {
+        fresh = open_semaphore(0);  // another process has made it, and sets its value
+    }
+    if (fresh < 0) {
+        log_message(msg::SEMAPHORE_NOT_RENEWED, strerror(errno));
+        return false;
+    }
+    semaphore_id = fresh;
+    if (made) {
+        (void)semaphore_set_initial();
+    }
+    log_message(msg::SEMAPHORE_RENEWED);
+    if (slave_exit_requested == 1) {
+        semaphore_delete();  // the signal handler came before it was there
+    }
+    return true;
+}
+
+// Whether the counter may be changed; not once the process is asked to stop.
 bool hold_counter() {
-    while (semaphore_p() == 0) {
+    for (int id = semaphore_id; semaphore_p() == 0; id = semaphore_id) {
+        const int cause = errno;
         usleep(RETRY_MICROSECONDS);
         log_message(msg::SEMAPHORE_TRIED_AGAIN);
         if (slave_exit_requested == 1) {
             return false;
+        }
+        if ((cause == EIDRM || cause == EINVAL) && !renew_semaphore(id)) {
+            return true;  // threads of this process do not need it: `bottle` is atomic
         }
     }
     return true;
@@ -52,8 +96,7 @@ SlaveAction next_action(int status_now, int bottle_now) {
 }
 
 void init_semaphore() {
-    // A missing path gives the key -1, under which the semaphore works as well.
-    semaphore_id = semget(ftok(SEMAPHORE_KEY_PATH, KEY_PROJECT), 1, IPC_CREAT | 0666);
+    semaphore_id = open_semaphore(IPC_CREAT);
     if (semaphore_set_initial() == 0) {
         log_message(msg::NO_SEMAPHORE);
         end_process(1);
@@ -115,5 +158,12 @@ void reset_bottle() {
     if (hold_counter()) {
         bottle = SLAVE_BEAT_RESET;
         (void)semaphore_v();
+        const std::lock_guard lock(refill_lock);  // a waiter is before its test or in its wait
+        refilled.notify_all();
     }
+}
+
+void await_refill(std::chrono::milliseconds longest) {
+    std::unique_lock lock(refill_lock);
+    (void)refilled.wait_for(lock, longest, [] { return bottle >= 0; });
 }

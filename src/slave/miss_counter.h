@@ -11,6 +11,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 
 inline constexpr int INITIAL_BOTTLE = 2;
 inline constexpr int SLAVE_BEAT_RESET = 3;
@@ -49,5 +50,10 @@ void count_missed_beat();
 
 // Refills the bottle. Receiver thread. Both try the semaphore until they have it, with
 // "semaphore_p failed." (LOG_INFO) after every failure, but give up once the process is asked to
-// stop: the semaphore is gone then, and every try would fail.
+// stop: the semaphore is gone then, and every try would fail. If it went for any other reason, it
+// is made anew ("semaphore was removed, made anew", LOG_ERROR). If that fails, too ("semaphore was
+// removed and cannot be made anew:%s", LOG_ERROR), the bottle is changed without it.
 void reset_bottle();
+
+// Waits until the bottle is no longer below zero, at most so long. Supervisor thread.
+void await_refill(std::chrono::milliseconds longest);

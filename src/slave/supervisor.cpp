@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <optional>
@@ -29,6 +30,10 @@ namespace {
 
 constexpr unsigned HEARTBEAT_PERIOD = 2;  // seconds
 
+// How long the beat that has just been sent may take to be answered, where that decides about a
+// take-over: a line that is whole again answers within milliseconds.
+constexpr std::chrono::milliseconds LAST_CHANCE{250};
+
 // The receiver thread, if it could be started.
 std::optional<pthread_t> start_receiver() {
     const TermSignalBlocked blocked;
@@ -48,11 +53,21 @@ OwnedText own_dsver() {
     return dsver;
 }
 
+// What this period leads to. No take-over once SIGTERM has come: nobody would end it.
+SlaveAction decide() {
+    const SlaveAction action = next_action(status, bottle);
+    if (action != SlaveAction::PROMOTE) {
+        return action;
+    }
+    await_refill(LAST_CHANCE);
+    return slave_exit_requested == 1 ? SlaveAction::NONE : next_action(status, bottle);
+}
+
 void one_period(int fd) {
     send_heartbeat(fd, master_ip);
     count_missed_beat();
     log_message(msg::BEAT_COUNTED, bottle.load(), status.load());
-    switch (next_action(status, bottle)) {
+    switch (decide()) {
         case SlaveAction::PROMOTE:
             become_master();
             break;
@@ -105,8 +120,8 @@ void restore_slave() {
 }
 
 void on_sigterm(int /*signal_number*/) {
+    slave_exit_requested = 1;  // first: a thread that finds no semaphore must not make it anew
     semaphore_delete();
-    slave_exit_requested = 1;
 }
 
 void run_slave() {

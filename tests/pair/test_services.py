@@ -117,6 +117,39 @@ def test_step_down_ends_both_services(lonely_slaves, run_daemon):
     assert "quordhcpd was called" in (slave.root / "var/log/dhcpd_start.log").read_text()
 
 
+def test_a_removed_semaphore_is_made_anew(pair):
+    slave = pair.slave
+    slave.wait_log("bottle=2, status=71", LIMIT)
+    mark = slave.log_mark()
+    slave.shell("ipcrm --all=sem")
+    slave.wait_log("semaphore was removed, made anew", LIMIT, mark)
+    assert len(semaphores(slave)) == 1
+    mark = slave.log_mark()
+    slave.wait_log("bottle=2, status=71", LIMIT, mark)
+    assert len(slave.find_log("semaphore")) < 8 and not slave.find_log(PROMOTED)
+
+
+def test_the_last_beat_may_still_be_answered(lonely_slaves, run_daemon):
+    """Three beats are lost, the fourth is answered as soon as it counts as missed."""
+    slave, other = lonely_slaves("slave", "other")
+    run_daemon(slave)
+    with FakeMaster(other, slave) as master:
+
+        def answered_in_time():
+            mark = slave.log_mark()
+            master.tell(beat_back("#"))
+            slave.wait_log(re.compile("bottle=[23], status=71"), LIMIT, mark)
+            link = master.connect()
+            slave.wait_log("bottle=-1, status=71", LIMIT, mark)
+            link.sendall(beat_back("#"))
+            slave.wait_log(re.compile(r"bottle=[23], status="), LIMIT, mark)
+            link.close()
+            return not slave.find_log(PROMOTED, mark)
+
+        # A machine that is busy may miss the quarter of a second, but not again and again.
+        wait_until(answered_in_time, 10 * LIMIT, "an answer that counts")
+
+
 def test_starts_that_do_not_go_well(lonely_slaves, run_daemon):
     failing, missing, hanging, old = hosts = lonely_slaves("failing", "missing", "hanging", "old")
     failing.stubs.configure("quordhcpd", status=1, detach=False)

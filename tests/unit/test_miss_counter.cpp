@@ -1,3 +1,5 @@
+#include <sys/ipc.h>
+#include <sys/sem.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -81,6 +83,49 @@ TEST_F(MissCounter, IsFreedByAProcessThatDiesHoldingIt) {
     EXPECT_EQ(bottle, SLAVE_BEAT_RESET);
 }
 
+// The semaphore under the counter's key, or -1.
+int semaphore_there() {
+    return semget(ftok(SEMAPHORE_KEY_PATH, 1), 1, 0);
+}
+
+TEST_F(MissCounter, MakesARemovedSemaphoreAnewForAllThreads) {
+    for (int round = 1; round <= 3; ++round) {
+        semaphore_delete();
+        std::thread receiver(reset_bottle);
+        count_missed_beat();
+        receiver.join();
+        EXPECT_THAT(bottle.load(), testing::AnyOf(SLAVE_BEAT_RESET, SLAVE_BEAT_RESET - 1));
+        EXPECT_EQ(count_of(logged(), "ERROR :semaphore was removed, made anew\n"),
+                  static_cast<std::size_t>(round));
+        EXPECT_EQ(semctl(semaphore_there(), 0, GETVAL), 1);  // nobody set it while it was held
+    }
+}
+
+TEST_F(MissCounter, UsesTheSemaphoreThatAnotherProcessHasMadeMeanwhile) {
+    semaphore_delete();
+    const int theirs = semget(ftok(SEMAPHORE_KEY_PATH, 1), 1, IPC_CREAT | 0666);
+    union {
+        int val;
+        void* unused;
+    } one{1};
+    ASSERT_EQ(semctl(theirs, 0, SETVAL, one), 0);
+    reset_bottle();
+    EXPECT_EQ(bottle, SLAVE_BEAT_RESET);
+    EXPECT_EQ(semaphore_there(), theirs);
+    EXPECT_EQ(semctl(theirs, 0, GETPID), getpid());  // the last to operate on it
+}
+
+TEST_F(MissCounter, WakesWhoeverWaitsForARefill) {
+    bottle = -1;
+    await_refill(1ms);
+    EXPECT_EQ(bottle, -1);
+    std::thread receiver(reset_bottle);
+    await_refill(1h);
+    receiver.join();
+    EXPECT_EQ(bottle, SLAVE_BEAT_RESET);
+    await_refill(1h);  // nothing to wait for
+}
+
 TEST_F(MissCounter, GivesUpOnceTheProcessIsAskedToStop) {
     slave_exit_requested = 1;
     semaphore_delete();
@@ -91,6 +136,7 @@ TEST_F(MissCounter, GivesUpOnceTheProcessIsAskedToStop) {
     EXPECT_EQ(bottle, INITIAL_BOTTLE);
     EXPECT_EQ(count_of(logged(), "INFO :semaphore_p failed\n"), 2U);
     EXPECT_EQ(count_of(logged(), "INFO :semaphore_p failed.\n"), 2U);
+    EXPECT_EQ(semaphore_there(), -1);
     errno = EPIPE;
     semaphore_delete();
     EXPECT_EQ(errno, EPIPE);
