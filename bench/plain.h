@@ -1,4 +1,4 @@
-// What the floor programs and their senders share: plain system calls without any care for faults.
+// What the baseline programs and their senders share: plain system calls without any care for faults.
 // Whatever fails ends the program with status 1 and the system's text.
 #pragma once
 

@@ -1,4 +1,4 @@
-// Feeds store_floor: reads all records of a database into finished messages, in the order in which
+// Feeds store_baseline: reads all records of a database into finished messages, in the order in which
 // the daemon's push walks them, and then does nothing but send them, one call for each.
 //
 //   record_sender ADDRESS PORT DATABASE

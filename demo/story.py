@@ -4,26 +4,15 @@ import re
 import time
 from collections.abc import Iterator
 from contextlib import contextmanager
-from enum import Enum
 
 from console import BOLD, DIM, GREEN, RED, YELLOW, Console
 from lab import Host, LabError, Pair
+from lab.outcome import Outcome, tally
 from lab.reload_pipe import ReloadPipe
 
 LIMIT = 30.0  # seconds a step waits for what it shows; a healthy pair needs far less
 MARGIN = " " * 10
-
-
-class Outcome(Enum):
-    """How a step ended: its word, and its colour."""
-
-    HELD = ("held", GREEN)
-    FAILED = ("FAILED", RED)
-    SKIPPED = ("skipped", YELLOW)
-
-    def __init__(self, word: str, colour: str) -> None:
-        self.word = word
-        self.colour = colour
+COLOURS = {Outcome.HELD: GREEN, Outcome.FAILED: RED, Outcome.SKIPPED: YELLOW}
 
 
 class NotTried(Exception):
@@ -127,7 +116,7 @@ class Story:
             step.stop_clock()
         after = "" if step.seconds is None else f" after {step.seconds:.1f} s"
         self.console.line(
-            f"{self._clock()}  {step.outcome.word}: {step.title}{after}", step.outcome.colour
+            f"{self._clock()}  {step.outcome.value}: {step.title}{after}", COLOURS[step.outcome]
         )
         if step.outcome is Outcome.FAILED:
             self._show_failure(step)
@@ -153,12 +142,12 @@ class Story:
         for number, step in enumerate(self.steps, 1):
             seconds = "-" if step.seconds is None else f"{step.seconds:.1f}"
             self.console.line(
-                f"{number:2}  {step.title:{wide}}  {step.outcome.word:7} {seconds:>8}  "
+                f"{number:2}  {step.title:{wide}}  {step.outcome.value:7} {seconds:>8}  "
                 f"{step.evidence}",
-                step.outcome.colour,
+                COLOURS[step.outcome],
             )
-        held = sum(step.outcome is Outcome.HELD for step in self.steps)
         self.console.line()
         self.console.line("Seconds count from the start, the change, the kill or the return.")
-        total = f"{held} of {len(self.steps)} steps held, {self._clock().strip()} in all."
+        held = tally((step.outcome for step in self.steps), "steps")
+        total = f"{held}, {self._clock().strip()} in all."
         self.console.line(total, BOLD)

@@ -1,7 +1,7 @@
-// The floor below a heartbeat's answer: receive a datagram, read three keys, write four log lines,
+// The baseline of a heartbeat's answer: receive a datagram, read three keys, write four log lines,
 // connect back, send one message, shut down, close.
 //
-//   beat_floor PORT DATABASE LOG COUNT
+//   beat_baseline PORT DATABASE LOG COUNT
 //
 // Ends after COUNT datagrams.
 #include <string>

@@ -1,6 +1,6 @@
-// The floor below the fetch of a file: receive 4096 bytes, write them.
+// The baseline of a fetch: receive 4096 bytes, write them.
 //
-//   fetch_floor FILE HEAD COUNT
+//   fetch_baseline FILE HEAD COUNT
 //
 // Standard input is a connected socket, on which HEAD bytes come before the COUNT bytes of the
 // file.

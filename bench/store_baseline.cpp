@@ -1,7 +1,7 @@
-// The floor below a push: receives records on one connection, writes one log line for each, and
+// The baseline of a push: receives records on one connection, writes one log line for each, and
 // puts them into one open file with a large cache.
 //
-//   store_floor PORT DATABASE LOG
+//   store_baseline PORT DATABASE LOG
 //
 // Prints "records seconds" on standard error: from the accepted connection to the closed file,
 // flush included, as the daemon cannot be ready before that either.
