@@ -65,7 +65,7 @@ class FetchBench:
 
     def _beat(self) -> None:
         beat = struct.pack(HEARTBEAT, 2, self.slave.address.encode(), b"20260101000000")
-        with self.slave.open_socket(socket.SOCK_DGRAM) as outlet:
+        with self.slave.line.open_socket(socket.SOCK_DGRAM) as outlet:
             outlet.sendto(beat, (self.master.address, PEER_PORT))
 
     def _clear(self) -> None:
@@ -87,7 +87,7 @@ class FetchBench:
         reply = json.dumps({"length": str(self.size)}).encode()
         program = self.master.expose(self.build / "bench/fetch_baseline")
         arguments = [BASELINE_TARGET, str(len(answer_head(reply))), str(self.size)]
-        with self.master.open_socket() as connection:
+        with self.master.line.open_socket() as connection:
             connection.connect((self.slave.address, PORT))
             baseline = self.master.popen([program, *arguments], stdin=connection)
             rate = self._timed(lambda: self._hand_over(connection, baseline))

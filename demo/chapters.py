@@ -228,26 +228,26 @@ def wait_equal_records(pair: Pair) -> str:
 
 def show_event(step: Step, host: Host, code: int) -> None:
     """Exactly one event with this code; the step took as long as until it was posted."""
-    wait_until(lambda: host.events(code), LIMIT, f"event {code} on {host.name}")
-    events = host.events(code)
+    wait_until(lambda: host.services.events(code), LIMIT, f"event {code} on {host.name}")
+    events = host.services.events(code)
     assert len(events) == 1, f"event {code} was posted {len(events)} times"
     step.stop_clock(events[0].monotonic)
     step.evidence = f"called: evpost_ex {shlex.join(events[0].argv)}"
 
 
 def running_services(host: Host) -> list[str]:
-    return [f"{name} (pid {pid})" for name in SERVICES for pid in host.service_pids(name)]
+    return [f"{name} (pid {pid})" for name in SERVICES for pid in host.services.pids(name)]
 
 
 def all_services_run(host: Host) -> bool:
-    missing = [name for name in SERVICES if not host.service_running(name)]
+    missing = [name for name in SERVICES if not host.services.runs(name)]
     assert not missing, f"not running on {host.name}: {', '.join(missing)}"
     return True
 
 
 def show_service_calls(step: Step, host: Host) -> None:
     """How the services were called, and which descriptors they were given."""
-    calls = [call for call in host.calls() if call.name in SERVICES]
+    calls = [call for call in host.services.calls() if call.name in SERVICES]
     step.stop_clock(calls[-1].monotonic)
     for call in calls:
         opened = " ".join(str(number) for number in sorted(call.descriptors))

@@ -20,16 +20,16 @@ def cut(direction: str = "both", share: float = 1.0) -> Fault:
 
     @contextmanager
     def fault(pair: Pair) -> Iterator[None]:
-        pair.master.cut(direction, share=share)
+        pair.master.line.cut(direction, share=share)
         yield
-        pair.master.heal()
+        pair.master.line.heal()
 
     return fault
 
 
 def slow(shortest: float, longest: float) -> Fault:
     """Every frame of the master takes its own time, in seconds, and some overtake others."""
-    return lambda pair: pair.master.slow_line(shortest, longest)
+    return lambda pair: pair.master.line.slow(shortest, longest)
 
 
 def stopped(*sides: str) -> Fault:
@@ -61,7 +61,7 @@ def by_shell(side: str, break_it: str, mend_it: str) -> Fault:
 
 
 def full(side: str, folder: str) -> Fault:
-    """No room is left in the file system that the folder lies on."""
+    """No space is left in the file system that the folder lies on."""
     path = shlex.quote(folder)
     return by_shell(
         side,

@@ -1,27 +1,23 @@
-"""One host of the lab: programs, stores, logs, boot services and its line."""
+"""One host of the lab: its programs, stores and logs."""
 
 import itertools
 import os
 import re
-import socket
 import subprocess
 from collections.abc import Mapping, Sequence
-from contextlib import AbstractContextManager
 from pathlib import Path
 from typing import Protocol, TypeVar
 
-from .logs import LogLine, LogMark, Logs, parse
+from .line import Line
+from .logs import LogLine, LogMark, Logs
 from .namespaces import Namespaces, Process
-from .network import Fault, Switch
-from .services import SERVICES, Call, Event, Stubs
+from .services import KILLALL, Services
 from .store import MACHINE, Store, StoreWorker
 from .wait import LabError, wait_until
 
 DETACH_SECONDS = 20.0
 EVIDENCE_LINES = 60
 COMM_LENGTH = 15
-TCP_LISTEN = "0A"  # where /proc/net/tcp shows connections as if they were bytes
-KILLALL = "/usr/bin/killall"
 
 
 class HasFileno(Protocol):
@@ -51,33 +47,28 @@ class Daemon(Process):
         except (FileNotFoundError, IsADirectoryError):
             return ""
 
-    def output_lines(self) -> list[LogLine]:
-        """The log lines among the output."""
-        return parse(self.output_text())
-
 
 class Host:
     """Made by Lab.add_hosts. Paths given to its methods are paths inside the host."""
 
-    def __init__(self, inside: Namespaces, switch: Switch, port: str, address: str) -> None:
+    def __init__(self, inside: Namespaces, line: Line, address: str) -> None:
         self.name = inside.name
         self.address = address
+        self.line = line
         self.daemons: list[Daemon] = []
         self._inside = inside
-        self._switch = switch
-        self._port = port
         self._numbers = itertools.count(1)
 
     def set_up(self, prefix_length: int) -> None:
         """The second half of making a host, once its init is ready."""
-        self._switch.plug(self._port, self._inside)
+        self.line.plug()
         self.run(
             ["/usr/sbin/ip", "-batch", "-"],
             input=f"link set lo up\naddr add {self.address}/{prefix_length} dev eth0\n"
             "link set eth0 up\n".encode(),
             check=True,
         )
-        self.stubs = Stubs(self.root)
+        self.services = Services(self)
         self.logs = Logs(self.root)
         self._worker = StoreWorker(self)
         self._worker.start()
@@ -250,80 +241,6 @@ class Host:
                     found.append((int(entry), int(fields[1]), int(fields[3]), name))
         return sorted(found)
 
-    # Boot services
-
-    def service_pids(self, name: str) -> list[int]:
-        """Background processes of a service; the calls that start one do not count."""
-        return [pid for pid, _, session, comm in self.processes() if (pid, name) == (session, comm)]
-
-    def service_running(self, name: str) -> bool:
-        return bool(self.service_pids(name))
-
-    def running_services(self) -> list[str]:
-        """The boot services that run, in the order in which they are started."""
-        return [name for name in SERVICES if self.service_running(name)]
-
-    def record_stops(self) -> None:
-        """From now on `calls` also has every killall, in its place between the starts."""
-        stub = self.stubs.stand_before("killall", MACHINE + KILLALL)
-        self.run(["/usr/bin/mount", "--bind", stub, KILLALL], check=True)
-
-    def calls(self, name: str | None = None) -> list[Call]:
-        return self.stubs.calls(name)
-
-    def events(self, code: int | None = None) -> list[Event]:
-        return self.stubs.events(code)
-
-    # The line
-
-    def cut(
-        self, direction: str = "both", peer: "Host | None" = None, share: float = 1.0
-    ) -> None:
-        """Lose what comes in, what goes out, or both, to and from one host or all.
-
-        `share` below 1 loses that part of the frames at random. The sender notices nothing. A line
-        that is cut both ways is dead as a pulled cable, so that after a while connecting fails
-        for want of an ARP answer. One that is cut one way still carries ARP: otherwise the other
-        way would soon be dead, too.
-        """
-        if direction not in ("both", "in", "out"):
-            raise ValueError(f"direction {direction!r} is not both, in or out")
-        other = peer._port if peer else None
-        all_frames = direction == "both"
-        outward = Fault(self._port, other, share, all_frames)
-        inward = Fault(other, self._port, share, all_frames)
-        faults = {"both": [outward, inward], "out": [outward], "in": [inward]}
-        self._switch.add_faults(faults[direction])
-
-    def slow_line(self, shortest: float, longest: float) -> AbstractContextManager[None]:
-        """Meanwhile, each frame in or out takes its own time, between so many seconds."""
-        return self._switch.slow(self._port, shortest, longest)
-
-    def heal(self) -> None:
-        """End every cut of this host's line."""
-        self._switch.heal(self._port)
-
-    def open_socket(self, kind: int = socket.SOCK_STREAM) -> socket.socket:
-        """An IPv4 socket in this host's network, for a peer played by the caller."""
-        return self._inside.open_socket(kind)
-
-    def _sockets(self, protocol: str, port: int) -> list[list[str]]:
-        """The kernel's rows of sockets with this local port."""
-        table = Path(f"/proc/{self._inside.pid}/net/{protocol}").read_text().splitlines()
-        rows = [line.split() for line in table]
-        return [row for row in rows if row[1].endswith(f":{port:04X}")]
-
-    def udp_queue(self, port: int) -> tuple[int, int]:
-        """Of the socket bound to a UDP port: the bytes that wait, the datagrams it has lost."""
-        for row in self._sockets("udp", port):
-            return int(row[4].partition(":")[2], 16), int(row[-1])
-        raise LabError(f"{self.name}: nothing is bound to UDP port {port}")
-
-    def tcp_waiting(self, port: int) -> int:
-        """The bytes that wait to be read from the connections to a TCP port."""
-        rows = [row for row in self._sockets("tcp", port) if row[3] != TCP_LISTEN]
-        return sum(int(row[4].partition(":")[2], 16) for row in rows)
-
     # Stores and logs
 
     def store(self, name: str) -> Store:
@@ -362,7 +279,7 @@ class Host:
             text.append(f"--- output of {' '.join(daemon.argv)} (pid {daemon.pid}, {state})")
             text += daemon.output_text().splitlines()[-EVIDENCE_LINES:]
         text.append("--- calls of the stubs")
-        text += [f"{call.monotonic:.3f} {' '.join(call.argv)}" for call in self.calls()]
+        text += [f"{call.monotonic:.3f} {' '.join(call.argv)}" for call in self.services.calls()]
         text.append("--- processes")
         text.append(self.shell("/usr/bin/ps -eo pid,ppid,stat,etimes,args", check=False))
         return "\n".join(text)

@@ -283,7 +283,7 @@ class Init:
 
 
 def run_init(control, settings):
-    """PID 1's whole life. It must never return into the keeper's code."""
+    """All that PID 1 does. It must never return into the keeper's code."""
     try:
         check(libc.prctl(PR_SET_PDEATHSIG, signal.SIGKILL, 0, 0, 0), "prctl")
         prepare(settings)

@@ -11,6 +11,7 @@ from collections.abc import Sequence
 from types import TracebackType
 
 from .host import Host
+from .line import Line
 from .namespaces import Namespaces, check_requirements
 from .network import Switch
 
@@ -62,7 +63,7 @@ class Lab:
         for each in inside:
             number = len(self.hosts) + 1
             address = str(NETWORK[number])
-            fresh.append(Host(each, self._switch, f"p{number}", address))
+            fresh.append(Host(each, Line(each, self._switch, f"p{number}"), address))
             self.hosts.append(fresh[-1])
         if not self._switch_ready:
             self._switch.wait_ready()

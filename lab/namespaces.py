@@ -173,12 +173,6 @@ class Process:
             found[int(entry)] = link.removeprefix(root) if link.startswith(root + "/") else link
         return found
 
-    def cpu_seconds(self) -> float:
-        """User and system time used so far."""
-        text = Path(f"/proc/{self.outer_pid}/stat").read_text(encoding="utf-8", errors="replace")
-        fields = text.rpartition(")")[2].split()
-        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
-
 
 P = TypeVar("P", bound=Process)
 

@@ -1,7 +1,7 @@
 """A pair of servers as operators run it, and boot clients to fill it with."""
 
 import random
-from collections.abc import Callable, Mapping
+from collections.abc import Mapping
 from contextlib import ExitStack
 from pathlib import Path
 from types import TracebackType
@@ -150,6 +150,3 @@ class Pair:
         trace: TracebackType | None,
     ) -> None:
         self.close()
-
-
-PairFactory = Callable[..., Pair]

@@ -1,14 +1,23 @@
 """The boot services and the event tool of a host: stubs that tell how they were called."""
 
+from __future__ import annotations
+
 import json
 import os
 import signal
 from dataclasses import dataclass
 from pathlib import Path
+from typing import TYPE_CHECKING
+
+from .store import MACHINE
+
+if TYPE_CHECKING:
+    from .host import Host
 
 SOURCES = Path(__file__).resolve().parent / "stubs"
 SERVICES = ("quordhcpd", "stagd")
 EVENT_TOOL = "evpost_ex"
+KILLALL = "/usr/bin/killall"
 
 
 def _signal_names(mask: str) -> frozenset[str]:
@@ -36,7 +45,7 @@ class Call:
     caught: frozenset[str]
 
     @classmethod
-    def parse(cls, line: bytes) -> "Call":
+    def parse(cls, line: bytes) -> Call:
         record = json.loads(line)
         record["argv"] = tuple(record["argv"])
         record["descriptors"] = {int(n): link for n, link in record["descriptors"].items()}
@@ -58,7 +67,7 @@ class Event:
     argv: tuple[str, ...]
 
     @classmethod
-    def of(cls, call: Call) -> "Event":
+    def of(cls, call: Call) -> Event:
         words = call.argv[1:]
         return cls(
             call.time,
@@ -71,11 +80,12 @@ class Event:
         )
 
 
-class Stubs:
-    """Installs the stubs in a host's file tree and reads what they recorded."""
+class Services:
+    """Of one host: its stubs, what they recorded, and the processes that they left behind."""
 
-    def __init__(self, root: Path) -> None:
-        self._root = root
+    def __init__(self, host: Host) -> None:
+        self._host = host
+        self._root = root = host.root
         (root / "lab/stubs").mkdir(parents=True)
         (root / "lab/stubs/record.py").write_bytes((SOURCES / "record.py").read_bytes())
         for name in (*SERVICES, EVENT_TOOL):
@@ -93,13 +103,13 @@ class Stubs:
         """As if the program were not installed."""
         (self._root / "usr/local/bin" / name).unlink()
 
-    def stand_before(self, name: str, program: str) -> str:
-        """Make a stub that records and then runs `program`; its path, to be mounted over it."""
-        path = f"lab/stubs/{name}"
-        (self._root / path).write_bytes((SOURCES / "service.awk").read_bytes())
-        (self._root / path).chmod(0o755)
-        (self._root / f"{path}.json").write_text(json.dumps({"program": program}))
-        return "/" + path
+    def record_stops(self) -> None:
+        """From now on `calls` also has every killall, in its place between the starts."""
+        stub = "lab/stubs/killall"
+        (self._root / stub).write_bytes((SOURCES / "service.awk").read_bytes())
+        (self._root / stub).chmod(0o755)
+        (self._root / f"{stub}.json").write_text(json.dumps({"program": MACHINE + KILLALL}))
+        self._host.run(["/usr/bin/mount", "--bind", f"/{stub}", KILLALL], check=True)
 
     def configure(
         self, name: str, status: int = 0, delay: float = 0.0, detach: bool = True
@@ -109,6 +119,18 @@ class Stubs:
         fresh = path.with_suffix(".new")
         fresh.write_text(json.dumps({"status": status, "delay": delay, "detach": detach}))
         os.rename(fresh, path)
+
+    def pids(self, name: str) -> list[int]:
+        """Background processes of a service; the calls that start one do not count."""
+        every = self._host.processes()
+        return [pid for pid, _, session, comm in every if (pid, name) == (session, comm)]
+
+    def runs(self, name: str) -> bool:
+        return bool(self.pids(name))
+
+    def running(self) -> list[str]:
+        """The boot services that run, in the order in which they are started."""
+        return [name for name in SERVICES if self.runs(name)]
 
     def calls(self, name: str | None = None) -> list[Call]:
         """All calls so far, in order."""

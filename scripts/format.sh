@@ -1,5 +1,5 @@
 #!/bin/bash
-# put all C++ sources into the house's format; with --check only say what is not
+# put all C++ sources into the project's format; with --check only say what is not
 . scripts/lib/common.sh
 install_packages format
 mode=(-i)

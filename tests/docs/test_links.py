@@ -9,7 +9,7 @@ ROOT = Path(__file__).resolve().parents[2]
 DOCUMENTS = sorted([*ROOT.glob("*.md"), *ROOT.glob("docs/*.md"), ROOT / "lab/README.md"])
 
 LINK = re.compile(r"\]\(([^)#:\s]+)(?:#[^)]*)?\)")
-PLACEHOLDER = re.compile(r"VERB|ROOM")
+PLACEHOLDER = re.compile(r"VERB|MODULE")
 FILE = re.compile(r"`((?:src|inc|lab|tests|docs|bench|demo|scripts|man|packaging)/[\w./-]+)`")
 
 

@@ -112,8 +112,8 @@ def look_for_leaks(daemon):
         lab.wait_until(lambda: LOOKED_FOR_LEAKS in daemon.output_text(), 60, "its look for leaks")
 
 
-def assert_no_sanitizer_report(room):
-    for host in getattr(room, "lab", room).hosts:
+def assert_no_sanitizer_report(opened):
+    for host in getattr(opened, "lab", opened).hosts:
         for daemon in host.daemons:
             look_for_leaks(daemon)
             text = daemon.output_text()
@@ -121,24 +121,24 @@ def assert_no_sanitizer_report(room):
 
 
 @pytest.fixture
-def _rooms(request):
+def _labs(request):
     """Closes what a test opened, and remembers it for the evidence."""
     request.node.stash[LABS] = []
     with ExitStack() as stack:
 
-        def open_room(room):
-            request.node.stash[LABS].append(room)
-            return stack.enter_context(room)
+        def open_one(opened):
+            request.node.stash[LABS].append(opened)
+            return stack.enter_context(opened)
 
-        yield open_room
-        for room in request.node.stash[LABS]:
-            assert_no_sanitizer_report(room)
+        yield open_one
+        for opened in request.node.stash[LABS]:
+            assert_no_sanitizer_report(opened)
 
 
 @pytest.fixture
-def lab_room(_rooms):
+def empty_lab(_labs):
     """An empty lab."""
-    return _rooms(lab.Lab())
+    return _labs(lab.Lab())
 
 
 @pytest.fixture
@@ -148,17 +148,17 @@ def run_daemon(daemon_path, daemon_env):
 
 
 @pytest.fixture
-def pair_factory(_rooms, daemon_path, daemon_env):
+def pair_factory(_labs, daemon_path, daemon_env):
     """Makes pairs (not started); the arguments are those of lab.Pair after the executable."""
-    return lambda **options: _rooms(lab.Pair(daemon_path, env=daemon_env, **options))
+    return lambda **options: _labs(lab.Pair(daemon_path, env=daemon_env, **options))
 
 
 @pytest.fixture
-def lonely_slaves(lab_room):
+def lonely_slaves(empty_lab):
     """Makes hosts that are slaves of a master that is not there."""
 
     def make(*names):
-        hosts = lab_room.add_hosts(names)
+        hosts = empty_lab.add_hosts(names)
         for host in hosts:
             servers = f"{ABSENT},{host.address}"
             host.config.fill({"ha": "enable", "server_list": servers, "master": ABSENT})

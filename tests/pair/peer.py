@@ -59,12 +59,12 @@ class FakeSlave(ExitStack):
     def __init__(self, host, master):
         super().__init__()
         self._host = host
-        self.outlet = self.enter_context(host.open_socket(socket.SOCK_DGRAM))
+        self.outlet = self.enter_context(host.line.open_socket(socket.SOCK_DGRAM))
         self.outlet.connect((master.address, PORT))
         self.listen()
 
     def listen(self):
-        self.inlet = self.enter_context(self._host.open_socket())
+        self.inlet = self.enter_context(self._host.line.open_socket())
         self.inlet.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
         self.inlet.settimeout(LIMIT)
         self.inlet.bind(("", PORT))
@@ -86,7 +86,7 @@ class FakeMaster(ExitStack):
         super().__init__()
         self._host = host
         self._target = (slave.address, PORT)
-        self._inlet = self.enter_context(host.open_socket(socket.SOCK_DGRAM))
+        self._inlet = self.enter_context(host.line.open_socket(socket.SOCK_DGRAM))
         self._inlet.settimeout(LIMIT)
         self._inlet.bind(("", PORT))
 
@@ -95,7 +95,7 @@ class FakeMaster(ExitStack):
         return self.enter_context(wait_until(self._try_to_connect, LIMIT, "a slave that listens"))
 
     def _try_to_connect(self):
-        connection = self._host.open_socket()
+        connection = self._host.line.open_socket()
         connection.settimeout(LIMIT)
         connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         if connection.connect_ex(self._target) == 0:

@@ -56,4 +56,4 @@ def test_a_clock_that_is_set(pair_factory):
     beats, periods = slave.find_log(BEAT, marks[1]), (time.monotonic() - start) / PERIOD
     assert len(beats) <= periods + 1 and abs(len(beats) - len(answers)) <= 1
     assert len(list(slave.root.glob("var/log/quorsyncd_*.log"))) >= 3
-    assert not slave.events() and pair.master_daemon.alive
+    assert not slave.services.events() and pair.master_daemon.alive

@@ -214,7 +214,7 @@ def test_what_a_power_failure_leaves_is_whole(pair_factory):
 
 @pytest.mark.parametrize("orders", [0, 1])
 def test_every_order_of_ending_and_starting(pair_factory, ctl, orders):
-    """Right roles and bound ports; the services of a life that ended promoted are stopped first."""
+    """Right roles and bound ports; services of a daemon that ended promoted are stopped first."""
     pair = pair_factory(clients=lab.realistic_clients(20))
     pair.start()
     sides = ("master", "slave")
@@ -225,16 +225,16 @@ def test_every_order_of_ending_and_starting(pair_factory, ctl, orders):
         getattr(pair, f"{ends[0]}_daemon").kill()
         if ends[0] == "master":
             pair.slave.wait_log(PROMOTED, LIMIT, mark)
-            wait_until(lambda: pair.slave.service_running("stagd"), LIMIT, "the services")
+            wait_until(lambda: pair.slave.services.runs("stagd"), LIMIT, "the services")
         getattr(pair, f"{ends[1]}_daemon").kill()
         for side in starts:
             host, mark = getattr(pair, side), getattr(pair, side).log_mark()
             ctl(host, "service", "stop", "boot", "--if-slave")
-            assert not host.running_services()
+            assert not host.services.running()
             getattr(pair, f"start_{side}")()
             host.wait_log(f"quorsyncd_role:{side}", LIMIT, mark)
         pair.master.config.put("client_db_version", f"{ends} {starts}")
     pair.wait_equal(LIMIT)
     # A slow start of the master may have cost a take-over, whose end follows the equal stores.
-    wait_until(lambda: not pair.slave.running_services(), LIMIT, "the end of the services")
+    wait_until(lambda: not pair.slave.services.running(), LIMIT, "the end of the services")
     wait_until(lambda: pair.slave.config.get("dhcp") is None, LIMIT, "the mark to go")

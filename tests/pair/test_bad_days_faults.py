@@ -1,4 +1,4 @@
-"""Pairs that live through a fault: who took over, what the services did, and how it healed."""
+"""Pairs that have a fault for a while: who took over, what the services did, and how it healed."""
 
 import random
 import re
@@ -30,7 +30,7 @@ START, STOP = "wWbB", "wb"
 
 
 def steps(host):
-    calls = [call for call in host.calls() if call.name != "evpost_ex"]
+    calls = [call for call in host.services.calls() if call.name != "evpost_ex"]
     return "".join(STEPS[call.argv[-2:] if call.name == "killall" else call.argv]
                    for call in calls)
 
@@ -44,7 +44,7 @@ class BadDay:
         self._undo = ExitStack()
 
     def start(self):
-        self.pair.slave.record_stops()
+        self.pair.slave.services.record_stops()
         self._undo.enter_context(FileService(self.pair.slave))
         self.pair.start()
 
@@ -90,7 +90,7 @@ class BadDay:
         wanted = (START + STOP) * (len(turns) // 2)
         wait_until(lambda: len(steps(slave)) >= len(wanted), LIMIT, "the last stop")
         assert steps(slave) == wanted
-        wait_until(lambda: not slave.running_services(), LIMIT, "their end")
+        wait_until(lambda: not slave.services.running(), LIMIT, "their end")
         wait_until(lambda: slave.config.get("dhcp") is None, LIMIT, "the mark to go")
         assert not steps(pair.master)
         assert self.takes_over in (None, len(turns) > self.turns_before), turns
@@ -103,7 +103,7 @@ class BadDay:
 
     def story(self):
         told = [f"{self.name}, {self.end - self.begin:.1f} s:"]
-        for event in sorted(self.pair.slave.events(), key=lambda event: event.monotonic):
+        for event in sorted(self.pair.slave.services.events(), key=lambda event: event.monotonic):
             what = {720007: "took over", 720008: "gave back"}.get(event.code, str(event.code))
             since, name = (self.end, "the end") if event.monotonic > self.end else (
                 self.begin, "the beginning")
@@ -111,7 +111,7 @@ class BadDay:
         return " ".join(told) if len(told) > 1 else f"{told[0]} no take-over"
 
 
-def live_through(pair_factory, clients, trials):
+def heal_from(pair_factory, clients, trials):
     def day(name, seconds, fault, takes_over):
         pair = pair_factory(clients=clients, wrapper=faults.BOUND_BY_MODES)
         return BadDay(pair, name, seconds, fault, takes_over)
@@ -180,7 +180,7 @@ DISK = [
 @pytest.mark.parametrize("trials", [LINE[:7], LINE[7:], DISK[:8], DISK[8:]],
                          ids=["line", "loss and standstill", "disk", "log and scratch"])
 def test_a_pair_heals(pair_factory, trials):
-    live_through(pair_factory, CLIENTS, trials)
+    heal_from(pair_factory, CLIENTS, trials)
 
 
 @pytest.mark.soak
@@ -188,4 +188,4 @@ def test_pairs_heal_from_anything(pair_factory, seed, soak_round):
     """Larger lists, so that pushes are under way when something breaks or heals."""
     dice, clients = random.Random(f"{seed} {soak_round}"), lab.realistic_clients(3000)
     trials = [random_trial(dice) for _ in range(6)]
-    live_through(pair_factory, clients, trials)
+    heal_from(pair_factory, clients, trials)

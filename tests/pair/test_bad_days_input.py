@@ -1,4 +1,4 @@
-"""Whatever a stranger sends: both daemons live, and the next honest heartbeat is answered."""
+"""Whatever a stranger sends: both daemons stay, and the next honest heartbeat is answered."""
 
 import random
 from socket import SOCK_DGRAM
@@ -35,23 +35,23 @@ def test_a_stranger_sends_anything(pair_factory, seed, rounds):
     pair = pair_factory(clients=lab.realistic_clients(5))
     stranger = pair.lab.add_host("stranger")
     for host in (pair.master, pair.slave):
-        host.stubs.remove("evpost_ex")  # Recording its calls would take most of the time.
+        host.services.remove("evpost_ex")  # Recording its calls would take most of the time.
     pair.start()
     pair.wait_equal(LIMIT)
     dice = random.Random(seed)
 
     def tell(data):
-        with stranger.open_socket() as stream:
+        with stranger.line.open_socket() as stream:
             stream.settimeout(LIMIT)
             stream.connect((pair.slave.address, PORT))
             stream.sendall(data)
 
     def master_has_read():
-        waiting, lost = pair.master.udp_queue(PORT)
+        waiting, lost = pair.master.line.udp_queue(PORT)
         assert lost == 0, "the master's queue overflowed"
         return waiting == 0
 
-    with stranger.open_socket(SOCK_DGRAM) as outlet:
+    with stranger.line.open_socket(SOCK_DGRAM) as outlet:
         for _ in range(40 * rounds):
             for _ in range(20):
                 outlet.sendto(garbage(dice), (pair.master.address, PORT))

@@ -1,4 +1,4 @@
-"""What a long life leaves behind in a daemon: nothing."""
+"""What a long run leaves behind in a daemon: nothing."""
 
 import time
 

@@ -27,9 +27,9 @@ NETWORK = {
 
 
 @pytest.fixture
-def couple(lab_room):
+def couple(empty_lab):
     """A master and a slave by their settings; no daemon runs."""
-    master, slave = hosts = lab_room.add_hosts(["master", "slave"])
+    master, slave = hosts = empty_lab.add_hosts(["master", "slave"])
     for host in hosts:
         host.config.fill(
             {
@@ -166,8 +166,8 @@ def test_diff_tells_what_is_mirrored(couple, ctl):
 
 
 @pytest.mark.sanitizer
-def test_fetch_replaces_a_file_when_all_of_it_has_come(lab_room, ctl):
-    here, there = lab_room.add_hosts(["here", "there"])
+def test_fetch_replaces_a_file_when_all_of_it_has_come(empty_lab, ctl):
+    here, there = empty_lab.add_hosts(["here", "there"])
     data = os.urandom(300_001)
     (there.root / "tmp/file").write_bytes(data)
     target = here.root / "tmp/fetched"
@@ -196,8 +196,8 @@ def test_fetch_replaces_a_file_when_all_of_it_has_come(lab_room, ctl):
     assert list((here.root / "var/log").iterdir()) == []
 
 
-def test_dhcpd_conf_writes_only_what_is_sound(lab_room, ctl):
-    host = lab_room.add_host("host")
+def test_dhcpd_conf_writes_only_what_is_sound(empty_lab, ctl):
+    host = empty_lab.add_host("host")
     conf = host.root / "etc/dhcpd.conf"
     conf.write_text("kept\n")
     host.config.fill({key: text for key, text in NETWORK.items() if key != "ip_end"})
@@ -243,34 +243,34 @@ def test_left_over_services_end_without_an_address_too(pair, ctl, end):
     """A slave whose own interface failed takes over, and its daemon is started anew meanwhile."""
     slave = pair.slave
     slave.shell("ip link set eth0 down")
-    wait_until(lambda: slave.running_services() == ["quordhcpd", "stagd"], 30, "a take-over")
+    wait_until(lambda: slave.services.running() == ["quordhcpd", "stagd"], 30, "a take-over")
     if end == "TERM":
         pair.slave_daemon.signal(signal.SIGTERM)
         slave.wait_log("slave exit", 30)
     pair.slave_daemon.kill()
     assert ctl(slave, "service", "stop", "boot", "--if-slave") == (FINE, "boot: stopped\n", "")
-    assert not slave.running_services()
+    assert not slave.services.running()
 
 
 @pytest.mark.sanitizer
 def test_services_by_hand(pair, ctl):
     code, _, complaint = ctl(pair.slave, "service", "start", "boot")
-    assert code == WRONG_USE and "--force" in complaint and not pair.slave.running_services()
+    assert code == WRONG_USE and "--force" in complaint and not pair.slave.services.running()
     for host, more in ((pair.slave, ["--force"]), (pair.master, [])):
         assert ctl(host, "service", "start", "boot", *more) == (FINE, "boot: started\n", "")
-        assert host.running_services() == ["quordhcpd", "stagd"]
+        assert host.services.running() == ["quordhcpd", "stagd"]
         assert host.config.get("dhcp") == b"on"
         # They keep nothing of the operator's terminal or pipe open.
-        assert set(host.calls("stagd")[-1].descriptors.values()) == {"/dev/null"}
+        assert set(host.services.calls("stagd")[-1].descriptors.values()) == {"/dev/null"}
     # As a unit does before it starts the daemon: a slave's are left over, a master's are wanted.
     assert ctl(pair.slave, "service", "stop", "boot", "--if-slave")[0] == FINE
     assert ctl(pair.master, "service", "stop", "boot", "--if-slave")[0] == FINE
-    assert not pair.slave.running_services() and pair.slave.config.get("dhcp") is None
-    assert pair.master.running_services() == ["quordhcpd", "stagd"]
+    assert not pair.slave.services.running() and pair.slave.config.get("dhcp") is None
+    assert pair.master.services.running() == ["quordhcpd", "stagd"]
     assert ctl(pair.master, "service", "stop", "boot")[0] == FINE
-    assert not pair.master.running_services()
+    assert not pair.master.services.running()
 
-    pair.master.stubs.remove("stagd")
+    pair.master.services.remove("stagd")
     code, _, complaint = ctl(pair.master, "service", "start", "boot")
     assert code == PROBLEM and "stagd does not run" in complaint
     assert ctl(pair.master, "service", "stop", "tftp")[0] == FINE

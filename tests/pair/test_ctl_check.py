@@ -16,9 +16,9 @@ READER = f"import os, time; os.open('{PIPE}', os.O_RDONLY | os.O_NONBLOCK); time
 
 
 @pytest.fixture
-def host(lab_room, ctl):
+def host(empty_lab, ctl):
     """A master by its settings, on which nothing is wrong; no daemon runs."""
-    one, two = lab_room.add_hosts(["one", "two"])
+    one, two = empty_lab.add_hosts(["one", "two"])
     servers = f"{one.address},{two.address}"
     one.good = {"ha": "enable", "server_list": servers, "master": one.address}
     one.config.fill(one.good | {"config_db_version": "1", "dsver": "20261116035226"})
@@ -131,7 +131,7 @@ def test_what_cannot_be_read_is_not_fine(host, daemon_path):
 
 @pytest.mark.sanitizer
 def test_a_host_that_is_not_well(host, faults, run_daemon, ctl):
-    host.stubs.remove("stagd")
+    host.services.remove("stagd")
     host.shell("chmod 644 /usr/local/bin/evpost_ex; mount -t tmpfs -o size=64k tmpfs /var/log")
     listener = host.popen(["/usr/bin/python3", "-c", LISTENER])
     port = "port 13233/tcp"
@@ -143,7 +143,7 @@ def test_a_host_that_is_not_well(host, faults, run_daemon, ctl):
     assert "full" in found["/var/log"]
     listener.kill()
     host.shell("umount /var/log; chmod 755 /usr/local/bin/evpost_ex")
-    host.stubs.install("stagd")
+    host.services.install("stagd")
 
     # Nobody reads the pipe of a running quordhcpd; then somebody does.
     host.shell("/usr/local/bin/quordhcpd")
@@ -183,13 +183,13 @@ def test_a_pair_tells_its_story(pair_factory, ctl):
         wait_until(lambda: ctl(host, "status")[0] == FINE, LIMIT, "a pair in sync")  # noqa: B023
         assert ctl(host, "check")[0] == FINE
     mark = slave.log_mark()
-    master.cut()
+    master.line.cut()
     slave.wait_log("become a master host", LIMIT, mark)
     code, out, _ = ctl(slave, "status", "--json")
     told = json.loads(out)
     assert code == PROBLEM and told["log"]["role"] == "acting master"
     assert told["in_sync"]["verdict"] == "cannot tell" and told["forecast"]["role"] == "slave"
-    master.heal()
+    master.line.heal()
     slave.wait_log("restore to be a slave host", LIMIT, mark)
     wait_until(lambda: ctl(slave, "status")[0] == FINE, LIMIT, "a pair in sync again")
 

@@ -130,7 +130,7 @@ def test_another_stamp_fetches_a_copy(fetcher):
         fetcher.reloads(1)
         assert watch.stop() == [MOVED_HERE]  # At no moment was there none, or a part of one.
         fetcher.await_copy()
-        fetcher.change("20240101000002" * 3)  # A beat has room for its first 32 bytes.
+        fetcher.change("20240101000002" * 3)  # A beat carries its first 32 bytes.
         fetcher.reloads(1)
         for _ in range(3):
             fetcher.beat("20240101000002" * 3)

@@ -56,7 +56,7 @@ def test_a_broken_push_costs_no_client(pair_factory, restarted):
         pair.start_slave()
     line = slave.wait_log(f"client list put back: {len(old)} records, instead of ", LIMIT, mark)
     assert line.level == "ERROR"
-    wait_until(lambda: slave.service_running("stagd"), LIMIT, "the services")
+    wait_until(lambda: slave.services.runs("stagd"), LIMIT, "the services")
     assert slave.store(AT_START).items() == slave.client.items() == old
     assert slave.config.get("client_db_version") == stamp
     pair.start_master()
@@ -78,10 +78,10 @@ def test_a_push_longer_than_the_slaves_patience_is_not_thrown_away(pair_factory)
             sent[key.encode()] = b"new"
             link.sendall(record(CLIENT, key, "new"))
             time.sleep(0.2)
-        assert not slave.service_running("stagd")
+        assert not slave.services.runs("stagd")
         link.sendall(record(CLIENT, "more", "new") + record(CLIENT, "dbver", "2"))
         link.close()
-        wait_until(lambda: slave.service_running("stagd"), LIMIT, "the services")
+        wait_until(lambda: slave.services.runs("stagd"), LIMIT, "the services")
     assert slave.config.get("client_db_version") == b"2"
     assert slave.client.items() == sent | {b"more": b"new"}
     assert not slave.find_log("put back")

@@ -17,14 +17,14 @@ OWNER = """
 import os, sys, time
 sys.path.insert(0, sys.argv[1])
 import lab
-room = lab.Lab()
-host = room.add_host("one", disk=True)
+one_lab = lab.Lab()
+host = one_lab.add_host("one", disk=True)
 host.config.put("a", "b")
 host.popen(["/bin/sleep", "1000"])
 child = os.fork()
 if child == 0:
     time.sleep(1000)
-for each in (host._inside, room._switch._inside):
+for each in (host._inside, one_lab._switch._inside):
     print(*(os.readlink(f"/proc/{each.pid}/ns/{kind}") for kind in %r))
 print(child)
 print(os.stat(host.root / "etc/quoradmind/config.db").st_ino, flush=True)
@@ -99,32 +99,32 @@ class Listener:
         self.host.run(["/usr/bin/python3", "-c", code], check=True)
 
 
-def test_a_line_can_be_cut_one_way(lab_room):
-    one, two, three = map(Listener, lab_room.add_hosts(["one", "two", "three"]))
-    one.host.cut("out", peer=two.host)
+def test_a_line_can_be_cut_one_way(empty_lab):
+    one, two, three = map(Listener, empty_lab.add_hosts(["one", "two", "three"]))
+    one.host.line.cut("out", peer=two.host.line)
     one.send(two, ["lost"])  # A sender that noticed the cut would fail here.
     two.send(one, ["back"])
     one.send(three, ["aside"])
     lab.wait_until(lambda: "back" in one.heard(), what="the way back")
     lab.wait_until(lambda: "aside" in three.heard(), what="the way to another host")
-    one.host.heal()
+    one.host.line.heal()
     one.send(two, ["healed"])
     lab.wait_until(lambda: "healed" in two.heard(), what="the healed way")
     assert "lost" not in two.heard()
 
 
-def test_a_line_can_lose_a_part(lab_room):
-    one, two = map(Listener, lab_room.add_hosts(["one", "two"]))
-    one.host.cut("out", share=0.5)
+def test_a_line_can_lose_a_part(empty_lab):
+    one, two = map(Listener, empty_lab.add_hosts(["one", "two"]))
+    one.host.line.cut("out", share=0.5)
     one.send(two, [f"n{number}" for number in range(400)])
-    one.host.heal()
+    one.host.line.heal()
     one.send(two, ["end"])
     lab.wait_until(lambda: "end" in two.heard(), what="the end")
     assert 100 < len(two.heard()) < 300
 
 
-def test_stubs_tell_what_they_inherited(lab_room):
-    host = lab_room.add_host("one")
+def test_stubs_tell_what_they_inherited(empty_lab):
+    host = empty_lab.add_host("one")
     host.run(
         [
             "/usr/bin/env",
@@ -137,34 +137,34 @@ def test_stubs_tell_what_they_inherited(lab_room):
         ],
         check=True,
     )
-    (dirty,) = host.calls("quordhcpd")
+    (dirty,) = host.services.calls("quordhcpd")
     assert dirty.descriptors.keys() == {0, 1, 2, 7} and dirty.descriptors[7] == "/tmp/leak"
     assert dirty.blocked == {"SIGTERM"}
     # dash, the one in between, takes SIGCHLD back.
     assert dirty.ignored == {"SIGPIPE"}
-    (service,) = host.service_pids("quordhcpd")
+    (service,) = host.services.pids("quordhcpd")
     assert os.path.samefile(host.root / f"proc/{service}/fd/7", host.root / "tmp/leak")
     host.run(["/usr/bin/killall", "-9", "quordhcpd"], check=True)
-    lab.wait_until(lambda: not host.service_running("quordhcpd"), what="the end of the service")
+    lab.wait_until(lambda: not host.services.runs("quordhcpd"), what="the end of the service")
 
-    host.stubs.configure("quordhcpd", status=3, detach=False)
+    host.services.configure("quordhcpd", status=3, detach=False)
     assert host.run(["/usr/local/bin/quordhcpd"]).returncode == 3
-    clean = host.calls("quordhcpd")[-1]
+    clean = host.services.calls("quordhcpd")[-1]
     assert clean.descriptors.keys() == {0, 1, 2}
     assert not clean.blocked and not clean.ignored and not clean.caught
-    assert not host.service_running("quordhcpd")
+    assert not host.services.runs("quordhcpd")
 
 
-def test_events_are_read_as_posted(lab_room):
-    host = lab_room.add_host("one")
+def test_events_are_read_as_posted(empty_lab):
+    host = empty_lab.add_host("one")
     host.shell('/usr/local/bin/evpost_ex  quorsyncd 0 720000 22 0 720007 11 "" &')
-    lab.wait_until(host.events, what="the event")
-    (event,) = host.events()
+    lab.wait_until(host.services.events, what="the event")
+    (event,) = host.services.events()
     assert (event.level, event.code, event.errno, event.message) == (0, 720007, 11, "")
 
 
-def test_stores_keep_to_the_lock(lab_room):
-    host = lab_room.add_host("one")
+def test_stores_keep_to_the_lock(empty_lab):
+    host = empty_lab.add_host("one")
     host.config.put("key", "old")
     outlet, inlet = os.pipe()
     command = "/usr/bin/flock /etc/quoradmind/config.db /bin/sh -c 'echo > /tmp/held; read x'"
@@ -179,8 +179,8 @@ def test_stores_keep_to_the_lock(lab_room):
     assert host.config.get("key") == b"old"
 
 
-def test_a_damaged_store_is_an_error_and_nothing_worse(lab_room):
-    host = lab_room.add_host("one")
+def test_a_damaged_store_is_an_error_and_nothing_worse(empty_lab):
+    host = empty_lab.add_host("one")
     host.client.fill(lab.realistic_clients(200))
     path = host.client.outer_path
     good = path.read_bytes()
@@ -193,8 +193,8 @@ def test_a_damaged_store_is_an_error_and_nothing_worse(lab_room):
     assert host.config.items() == {b"key": b"value"}
 
 
-def test_a_detached_program_is_found_alive_or_ended(lab_room, tmp_path):
-    host = lab_room.add_host("one")
+def test_a_detached_program_is_found_alive_or_ended(empty_lab, tmp_path):
+    host = empty_lab.add_host("one")
     program = tmp_path / "quorsyncd"
     program.write_text("#!/bin/sh\n(eval \"$WORK\") &\n")
     program.chmod(0o755)

@@ -88,12 +88,12 @@ def test_an_asker_that_does_not_listen_holds_nobody_up(asked):
         peer.inlet.close()
         for datagram in (heartbeat("", ""), request(CLIENT)):
             peer.outlet.send(datagram)
-        lab.wait_until(lambda: master.events(720003), LIMIT, "the event")
+        lab.wait_until(lambda: master.services.events(720003), LIMIT, "the event")
         peer.listen()
         assert answer_to_a_beat(peer) == [beat_back("config-1#client-1")]
     assert len(master.find_log("sendto error:")) == 1
     assert len(master.find_log("send data error:")) == 6
-    assert len(master.events()) == 1
+    assert len(master.services.events()) == 1
 
 
 def test_a_set_that_cannot_be_read_is_not_pushed(asked):

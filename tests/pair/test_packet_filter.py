@@ -41,14 +41,14 @@ def test_only_the_pair_gets_through(pair_factory):
         beat = heartbeat(stranger.address, "")
         assert peer.ask(beat) == [beat_back("config-1#client-1")]
         for port in (PORT, FILE_PORT):
-            with stranger.open_socket() as knock:
+            with stranger.line.open_socket() as knock:
                 knock.connect((pair.slave.address, port))
 
         load_filter(pair)
         mark = pair.master.log_mark()
         assert_drops(pair.master, lambda: peer.outlet.send(beat))
         for port in (PORT, FILE_PORT):
-            knock = stack.enter_context(stranger.open_socket())
+            knock = stack.enter_context(stranger.line.open_socket())
             knock.setblocking(False)
             assert_drops(pair.slave, lambda: knock.connect_ex((pair.slave.address, port)))
             assert select.select([], [knock], [], 0)[1] == []  # Neither open nor refused.

@@ -46,16 +46,16 @@ def test_a_pair_through_its_life(pair_factory):
     mark = slave.log_mark()
     pair.master_daemon.kill()
     slave.wait_log(PROMOTED, LIMIT, mark)
-    wait_until(lambda: slave.service_running("stagd"), LIMIT, "the services")
-    assert slave.service_running("quordhcpd")
+    wait_until(lambda: slave.services.runs("stagd"), LIMIT, "the services")
+    assert slave.services.runs("quordhcpd")
     assert slave.client.items() == clients | {b"newer": b"2"}
     change(pair, "client-4", newest="3")
     pair.start_master(foreground=False)
     slave.wait_log(RESTORED, LIMIT, mark)
     pair.wait_equal(LIMIT)
     for name in ("quordhcpd", "stagd"):
-        wait_until(lambda: not slave.service_running(name), LIMIT, f"the end of {name}")
-    assert not master.calls()  # A configured master leaves its services to others.
+        wait_until(lambda: not slave.services.runs(name), LIMIT, f"the end of {name}")
+    assert not master.services.calls()  # A configured master leaves its services to others.
     pair.master_daemon.signal(SIGTERM)
     assert pair.master_daemon.wait(LIMIT) == -SIGTERM
 
@@ -65,10 +65,10 @@ def test_a_line_that_works_one_way_only(pair, direction):
     """Either way no answer arrives, and none is missed any more when the line is whole again."""
     pair.wait_equal(LIMIT)
     mark = pair.slave.log_mark()
-    pair.master.cut(direction)
+    pair.master.line.cut(direction)
     pair.slave.wait_log(PROMOTED, LIMIT, mark)
     change(pair, "client-2", new="1")
-    pair.master.heal()
+    pair.master.line.heal()
     pair.slave.wait_log(RESTORED, LIMIT, mark)
     pair.wait_equal(LIMIT)
     assert pair.master_daemon.alive and pair.slave_daemon.alive
@@ -80,9 +80,9 @@ def test_silence_holds_nobody_for_long(pair):
     stranger = pair.lab.add_host("stranger")
     await_beats(slave, 1)
     mark = slave.log_mark()
-    with master.open_socket() as caller, stranger.open_socket(SOCK_DGRAM) as outlet:
+    with master.line.open_socket() as caller, stranger.line.open_socket(SOCK_DGRAM) as outlet:
         caller.connect((slave.address, PORT))
-        stranger.cut("in")
+        stranger.line.cut("in")
         outlet.sendto(request(CLIENT), (master.address, PORT))
         slave.wait_log("recvfrom() error:Resource temporarily unavailable", LIMIT, mark)
         master.wait_log("send data error:Broken pipe", LIMIT)
@@ -126,9 +126,9 @@ def test_a_push_that_breaks_off_leaves_the_stamp(pair_factory):
     master.client.fill(lab.realistic_clients(3000, seed=2))
     master.config.put("client_db_version", "client-2")
     mark = slave.log_mark()
-    with slave.open_socket(SOCK_DGRAM) as outlet:
+    with slave.line.open_socket(SOCK_DGRAM) as outlet:
         outlet.sendto(request(CLIENT), (master.address, PORT))
-    wait_until(lambda: slave.tcp_waiting(PORT) > 2 * SIZE, LIMIT, "records")
+    wait_until(lambda: slave.line.tcp_waiting(PORT) > 2 * SIZE, LIMIT, "records")
     pair.master_daemon.kill()
     pair.slave_daemon.thaw()
     slave.wait_log("data 2:", LIMIT, mark)
@@ -139,7 +139,7 @@ def test_a_push_that_breaks_off_leaves_the_stamp(pair_factory):
     pair.wait_equal(LIMIT)
 
 
-def test_a_stamp_waits_for_a_disk_with_room(pair_factory):
+def test_a_stamp_waits_for_a_disk_with_space(pair_factory):
     pair = pair_factory(clients=lab.realistic_clients(3000))
     slave = pair.slave
     slave.shell(

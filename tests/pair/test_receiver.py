@@ -59,7 +59,7 @@ def test_messages_on_one_connection_and_on_many(told):
         link = master.connect()
         link.sendall(message(2) + record(CONFIG, "default_writeback", "b"))
         await_value(slave.config, "default_writeback", "b")
-        wait_until(lambda: slave.events(720010), LIMIT, "the event")
+        wait_until(lambda: slave.services.events(720010), LIMIT, "the event")
         found = {key: slave.config.get(key) for key in ("config_db_version", "client_db_version")}
         assert list(found.values()) == [b"7", b"8"]
         assert slave.config.get("dhcpcfg") == b"a" and slave.config.get("dbver") is None
@@ -80,7 +80,7 @@ def test_messages_on_one_connection_and_on_many(told):
         with master.connect() as stub:
             stub.sendall(b"\1\0")
         slave.wait_log("recvfrom() error:", LIMIT)
-    assert len(slave.events(720010)) == 1
+    assert len(slave.services.events(720010)) == 1
 
 
 def test_what_a_beat_back_sets_off(told):
@@ -144,7 +144,7 @@ def test_a_stamp_is_never_ahead_of_its_records(told):
         pair.slave_daemon.kill()
         assert slave.client.verify() and slave.client.items() == clients
 
-        # Killed again, with half a set on its way: what is left must not hinder the next life.
+        # Killed again, with half a set on its way: what is left must not hinder the next daemon.
         slave.config.delete("client_db_version")
         mark = slave.log_mark()
         pair.start_slave()

@@ -19,7 +19,7 @@ def turns(host, after=None):
 
 
 def service_calls(host):
-    return [call for call in host.calls() if call.name != "evpost_ex"]
+    return [call for call in host.services.calls() if call.name != "evpost_ex"]
 
 
 def names(calls):
@@ -27,7 +27,7 @@ def names(calls):
 
 
 def await_services(host):
-    wait_until(lambda: host.service_running("stagd"), LIMIT, "the boot-load daemon")
+    wait_until(lambda: host.services.runs("stagd"), LIMIT, "the boot-load daemon")
 
 
 def semaphores(host):
@@ -35,7 +35,7 @@ def semaphores(host):
 
 
 def port_is_free(host):
-    with host.open_socket() as probe:
+    with host.line.open_socket() as probe:
         probe.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)  # Old connections may linger.
         try:
             probe.bind(("", PORT))
@@ -77,8 +77,8 @@ def test_a_silent_master_is_replaced_and_gets_its_place_back(lonely_slaves, run_
     assert seen[gone - 3 : gone] == OUT_OF_BEATS and gone - back in (4, 5)
     wait_until(lambda: len(service_calls(slave)) == 4, LIMIT, "the second start")
     await_services(slave)
-    wait_until(lambda: len(slave.events()) == 3, LIMIT, "the events")
-    posted = sorted(event.argv for event in slave.events())
+    wait_until(lambda: len(slave.services.events()) == 3, LIMIT, "the events")
+    posted = sorted(event.argv for event in slave.services.events())
     for argv, code in zip(posted, ("720007", "720007", "720008"), strict=True):
         assert argv[:6] == ("quorsyncd", "0", "720000", "22", "0", code)
         assert argv[6].isdigit() and argv[7:] == ("",)
@@ -90,7 +90,7 @@ def test_a_silent_master_is_replaced_and_gets_its_place_back(lonely_slaves, run_
     slave.wait_log("slave exit line292", LIMIT, mark)
     wait_until(lambda: port_is_free(slave), LIMIT, "the port")
     assert daemon.alive and not semaphores(slave)
-    assert slave.service_running("quordhcpd") and slave.service_running("stagd")
+    assert slave.services.runs("quordhcpd") and slave.services.runs("stagd")
     assert len(slave.find_log("semaphore_", mark)) < 5
     again = run_daemon(slave)
     slave.wait_log("quorsyncd_role:slave", LIMIT, mark)
@@ -104,13 +104,13 @@ def test_step_down_ends_both_services(lonely_slaves, run_daemon):
     (slave.root / "var/log/dhcpd_start.log").write_text("")
     run_daemon(slave)
     await_services(slave)
-    old = slave.service_pids("quordhcpd"), slave.service_pids("stagd")
+    old = slave.services.pids("quordhcpd"), slave.services.pids("stagd")
     assert all(len(pids) == 1 for pids in old)
     with FakeMaster(other, slave) as master:
 
         def all_given_back():
             master.tell(beat_back("#"))  # Again and again: it must not take over once more.
-            return slave.config.get("dhcp") is None and not slave.running_services()
+            return slave.config.get("dhcp") is None and not slave.services.running()
 
         wait_until(all_given_back, LIMIT, "the end of both services", interval=0.5)
     assert len(slave.find_log(RESTORED)) == 1
@@ -152,18 +152,18 @@ def test_the_last_beat_may_still_be_answered(lonely_slaves, run_daemon):
 
 def test_starts_that_do_not_go_well(lonely_slaves, run_daemon):
     failing, missing, hanging, old = hosts = lonely_slaves("failing", "missing", "hanging", "old")
-    failing.stubs.configure("quordhcpd", status=1, detach=False)
-    missing.stubs.remove("quordhcpd")
-    hanging.stubs.configure("quordhcpd", delay=1000)
+    failing.services.configure("quordhcpd", status=1, detach=False)
+    missing.services.remove("quordhcpd")
+    hanging.services.configure("quordhcpd", delay=1000)
     for name in ("quordhcpd", "stagd"):
-        old.run([f"/usr/local/bin/{name}"], check=True)  # Of an earlier life.
-    before = old.service_pids("quordhcpd") + old.service_pids("stagd")
+        old.run([f"/usr/local/bin/{name}"], check=True)  # Of an earlier daemon.
+    before = old.services.pids("quordhcpd") + old.services.pids("stagd")
     daemons = [run_daemon(host) for host in hosts]
 
     # Marked as on before the wrapper is up; one that is killed while starting counts as started.
-    wait_until(lambda: hanging.calls("quordhcpd"), LIMIT, "the call of the wrapper")
+    wait_until(lambda: hanging.services.calls("quordhcpd"), LIMIT, "the call of the wrapper")
     assert hanging.config.get("dhcp") == b"on"
-    assert not hanging.calls("stagd")
+    assert not hanging.services.calls("stagd")
     hanging.shell("killall -9 quordhcpd")
 
     for host in (missing, hanging, old):
@@ -175,31 +175,31 @@ def test_starts_that_do_not_go_well(lonely_slaves, run_daemon):
     assert names(service_calls(missing)) == ["stagd"]
     assert names(service_calls(hanging)) == ["quordhcpd", "stagd"]
     for name in ("quordhcpd", "stagd"):
-        (pid,) = old.service_pids(name)
+        (pid,) = old.services.pids(name)
         assert pid not in before
     assert all(daemon.alive for daemon in daemons)
 
 
 def test_a_killed_slave_listens_again_at_once(pair):
-    """Neither the services it started nor a connection of its last life keep its port."""
+    """Neither the services it started nor a connection of the last daemon keep its port."""
     slave = pair.slave
     # Hosts of a lab forget closed connections at once; real ones keep the port for a while.
     slave.shell("echo 1000 > /proc/sys/net/ipv4/tcp_max_tw_buckets")
     slave.wait_log("bottle=2, status=71", LIMIT)
-    pair.master.cut()
+    pair.master.line.cut()
     await_services(slave)
-    services = slave.service_pids("quordhcpd") + slave.service_pids("stagd")
-    with slave.open_socket() as connection:
+    services = slave.services.pids("quordhcpd") + slave.services.pids("stagd")
+    with slave.line.open_socket() as connection:
         connection.connect(("127.0.0.1", PORT))
         wait_until(
             lambda: len(sockets(pair.slave_daemon)) == 3, LIMIT, "the accepted connection"
         )
         pair.slave_daemon.kill()
-        pair.master.heal()
+        pair.master.line.heal()
         mark = slave.log_mark()
         pair.start_slave()
         slave.wait_log("bottle=2, status=71", LIMIT, mark)
-    assert services == slave.service_pids("quordhcpd") + slave.service_pids("stagd")
+    assert services == slave.services.pids("quordhcpd") + slave.services.pids("stagd")
 
 
 def sockets(daemon):

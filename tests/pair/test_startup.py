@@ -61,7 +61,7 @@ def test_a_taken_port_ends_a_daemon(pair_factory, run_daemon):
     master, slave = pair.master, pair.slave
     first = pair.start_master()
     await_master(master)
-    with slave.open_socket() as listener:
+    with slave.line.open_socket() as listener:
         listener.bind(("", PORT))
         listener.listen()
         late = [run_daemon(host, foreground=False) for host in (master, slave)]
@@ -96,8 +96,8 @@ def test_marks_in_the_configuration_at_start(pair_factory):
     assert pair.slave.config.get("dhcp") is None
 
 
-def test_a_host_without_a_role_waits_for_one(lab_room, run_daemon):
-    switched_off, third, alone = lab_room.add_hosts(["off", "third", "alone"])
+def test_a_host_without_a_role_waits_for_one(empty_lab, run_daemon):
+    switched_off, third, alone = empty_lab.add_hosts(["off", "third", "alone"])
     hosts = (switched_off, third, alone)
     off, three, one = (host.address for host in hosts)
     everyone = f"{off},{one},{three}"

@@ -27,7 +27,7 @@ def before_start(ctl):
 
 
 def both_run(host):
-    return host.running_services() == ["quordhcpd", "stagd"]
+    return host.services.running() == ["quordhcpd", "stagd"]
 
 
 def test_a_start_ends_what_a_killed_acting_master_left(lonely_slaves, run_daemon, before_start):
@@ -37,7 +37,7 @@ def test_a_start_ends_what_a_killed_acting_master_left(lonely_slaves, run_daemon
     daemon.kill()
     assert both_run(slave)
     before_start(slave)
-    assert not slave.running_services()
+    assert not slave.services.running()
 
 
 @pytest.mark.parametrize("ha", ["enable", "off"])
@@ -57,7 +57,7 @@ def end(host, daemon):
 
 
 def test_the_end_of_a_slave_and_of_a_master(pair_factory):
-    """A slave lives on, but has nothing left that SIGKILL could hurt."""
+    """A slave's process stays, but has nothing left that SIGKILL could hurt."""
     pair = pair_factory()
     pair.start()
     end(pair.slave, pair.slave_daemon)

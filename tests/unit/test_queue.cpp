@@ -46,7 +46,7 @@ TEST(Queue, EndsAtAThousandBlocks) {
     EXPECT_EQ(queue.AddBlock(1), -1);
 }
 
-// What the jobs of one test do. Workers never end, so it lives as long as the process.
+// What the jobs of one test do. Workers never end, so it stays until the process does.
 struct Work {
     std::vector<int> done;  // the worker's, until `finished`
     std::binary_semaphore started{0}, go_on{0}, last_started{0}, last_go_on{0}, finished{0};
@@ -125,7 +125,7 @@ TEST_F(SyncServer, CanBeStoppedWithoutAStartAndAfterAFailedOne) {
     pthread_attr_t usual;
     ASSERT_EQ(pthread_getattr_default_np(&usual), 0);
     pthread_attr_t huge = usual;
-    ASSERT_EQ(pthread_attr_setstacksize(&huge, std::size_t{1} << 50U), 0);  // no room for that
+    ASSERT_EQ(pthread_attr_setstacksize(&huge, std::size_t{1} << 50U), 0);  // nobody has that much
     ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
     auto server = std::make_unique<Server>();
     EXPECT_EQ(server->AddSyncWork({nullptr, 0}, run), -1);

@@ -48,7 +48,7 @@ TEST_F(Refresh, AReaderGetsOneRecordForEach) {
     }
 }
 
-TEST_F(Refresh, WithoutAReaderOrRoomItIsALine) {
+TEST_F(Refresh, WithoutAReaderOrSpaceItIsALine) {
     refresh_dhcp();
     EXPECT_THAT(logged(), HasSubstr(FAILED + "No such device or address\n"));
     {

@@ -104,7 +104,7 @@ TEST(Tcp, AShortSendEndsTheConnection) {
     const std::string much(16U << 20U, 'm');
     EXPECT_EQ(TcpSendAll(connection.client.get(), much.data(), much.size()), -1);
     EXPECT_EQ(errno, EAGAIN);
-    // The reader finds the end after what was sent, and room does not revive the sender.
+    // The reader finds the end after what was sent, and free space does not revive the sender.
     std::string buffer(1U << 16U, '-');
     ssize_t got = 0;
     while ((got = recv(connection.server.get(), buffer.data(), buffer.size(), 0)) > 0) {}
