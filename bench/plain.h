@@ -1,5 +1,5 @@
-// What the baseline programs and their senders share: plain system calls without any care for faults.
-// Whatever fails ends the program with status 1 and the system's text.
+// What the baseline programs and their senders share: plain system calls without any care for
+// faults. Whatever fails ends the program with status 1 and the system's text.
 #pragma once
 
 #include <arpa/inet.h>

@@ -1,5 +1,5 @@
-// Feeds store_baseline: reads all records of a database into finished messages, in the order in which
-// the daemon's push walks them, and then does nothing but send them, one call for each.
+// Feeds store_baseline: reads all records of a database into finished messages, in the order in
+// which the daemon's push walks them, and then does nothing but send them, one call for each.
 //
 //   record_sender ADDRESS PORT DATABASE
 #include <vector>
