@@ -3,8 +3,6 @@
 // programs and the peer use the same ones.
 #pragma once
 
-#include <array>
-
 // --- Files ---------------------------------------------------------------------------------
 
 inline constexpr const char* CONFIG_DB = "/etc/quoradmind/config.db";  // settings and stamps
@@ -49,6 +47,3 @@ inline constexpr const char* DEFAULT_BOOT_FILE = "pxelinux.0";
 
 inline constexpr const char* HA_ENABLED = "enable";
 inline constexpr const char* DHCP_ON = "on";
-
-// The keys of config.db that travel to a slave; every other key stays on its server.
-inline constexpr std::array<const char*, 2> PUSH_CONFIG_KEYS = {"dhcpcfg", "default_writeback"};

@@ -10,7 +10,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
 #include <string_view>
 #include <type_traits>
 
@@ -32,10 +31,6 @@ inline constexpr std::uint32_t DATA_REQUEST_TAG = 82;  // the letter R; nobody r
 
 // The key of the record that closes a data set: its value is the set's version stamp.
 inline constexpr const char* DBVER_KEY = "dbver";
-
-// Longest stamp that both sides compare; longer ones are cut there on both sides, or they would
-// never agree.
-inline constexpr std::size_t MAX_STAMP = 127;
 
 // Data record, data request (kind and tag only) and beat back (value only).
 struct DataRecord {
@@ -78,9 +73,6 @@ std::string_view field_text(const char (&field)[N]) {
     return whole.substr(0, whole.find('\0'));
 }
 
-// `stamp` as both sides compare it: up to a zero byte, at most MAX_STAMP bytes.
-std::string_view comparable_stamp(std::string_view stamp);
-
 // A heartbeat of the server at `serverip` (dotted, may be empty) with its stamp `dsver`; both are
 // cut at 32 bytes, which then carry no terminator.
 PeerMessage make_heartbeat(std::string_view serverip, std::string_view dsver);
@@ -88,19 +80,11 @@ PeerMessage make_heartbeat(std::string_view serverip, std::string_view dsver);
 // A request for the data set `kind` (DATA_KIND_*).
 PeerMessage make_data_request(std::uint32_t kind);
 
-// The answer to a heartbeat: both stamps of the master, each cut at MAX_STAMP, joined by "#".
-PeerMessage make_beat_back(std::string_view config_stamp, std::string_view client_stamp);
+// The answer to a heartbeat: both stamps of the master as one text (join_stamps in stamps.h).
+PeerMessage make_beat_back(std::string_view stamps);
 
 // Whether `key` and `value` fit a data record with their terminators: 127 and 1023 bytes.
 bool fits_data_record(std::string_view key, std::string_view value);
 
 // One record of the data set `kind`. The pair must fit (fits_data_record); what does not is cut.
 PeerMessage make_data_record(std::uint32_t kind, std::string_view key, std::string_view value);
-
-// The two stamps of a beat back's value, split at its first "#", each cut at MAX_STAMP.
-struct VersionStamps {
-    std::string config;
-    std::string client;
-    bool has_separator;  // false when there is no "#": `config` is then the whole value
-};
-VersionStamps split_stamps(std::string_view beat_back_value);

@@ -4,7 +4,6 @@
 #pragma once
 
 #include <atomic>
-#include <cstddef>
 
 inline constexpr int ROLE_MASTER = 0x1010;
 inline constexpr int ROLE_SLAVE = 0x101;
@@ -20,14 +19,6 @@ extern std::atomic<int> role;
 // 1 once SIGTERM has asked a slave to stop. Written by a signal handler.
 extern std::atomic<int> slave_exit_requested;
 static_assert(std::atomic<int>::is_always_lock_free, "a signal handler writes it");
-
-// Zeroes `buffer` and writes the current local time into it as 14 digits, year first. `size` is at
-// least 15, by custom 20. Returns `buffer`. Any thread.
-char* format_timestamp(char* buffer, std::size_t size);
-
-// Stores the current time as `dsver` in config.db unless the key is there, even if empty. Any
-// thread; logs as the store does.
-void ensure_dsver();
 
 // Installs `handler` for `signal_number` with an empty mask and the given SA_ flags. On failure
 // logs "sigaction: %m" at LOG_ERROR and ends the process with status 1.

@@ -30,6 +30,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -159,6 +160,12 @@ enum class StoreRead { FOUND, ABSENT, UNREADABLE };
 // is told apart, and a missing key is looked for once more after a moment, as a reader beside a
 // foreign writer was seen to miss a key that is there.
 StoreRead db_read_settled(const char* path, const char* key, std::string& value);
+
+// The same for several keys in one opening of the file, so that their values belong together. Each
+// entry of `values` is the value of the key at its place, or nothing when that is absent. False
+// when the file cannot be read.
+bool db_read_settled(const char* path, std::span<const char* const> keys,
+                     std::span<std::optional<std::string>> values);
 
 // Stores `value` under `key`, replacing an older one. Returns the result of closing the file, 0 on
 // success; a failed put is only logged.

@@ -20,11 +20,6 @@ void fill_field(char (&field)[N], std::string_view text, std::size_t reserve) {
 
 }  // namespace
 
-std::string_view comparable_stamp(std::string_view stamp) {
-    // Other tools may have stored the terminating zero byte with the text.
-    return stamp.substr(0, std::min(MAX_STAMP, stamp.find('\0')));
-}
-
 PeerMessage make_heartbeat(std::string_view serverip, std::string_view dsver) {
     PeerMessage message = blank_message(MSG_HEARTBEAT);
     fill_field(message.heartbeat.serverip, serverip, 0);
@@ -39,12 +34,9 @@ PeerMessage make_data_request(std::uint32_t kind) {
     return message;
 }
 
-PeerMessage make_beat_back(std::string_view config_stamp, std::string_view client_stamp) {
+PeerMessage make_beat_back(std::string_view stamps) {
     PeerMessage message = blank_message(MSG_BEAT_BACK);
-    std::string value(comparable_stamp(config_stamp));
-    value += '#';
-    value += comparable_stamp(client_stamp);
-    fill_field(message.record.value, value, 1);
+    fill_field(message.record.value, stamps, 1);
     return message;
 }
 
@@ -58,13 +50,4 @@ PeerMessage make_data_record(std::uint32_t kind, std::string_view key, std::stri
     fill_field(message.record.key, key, 1);
     fill_field(message.record.value, value, 1);
     return message;
-}
-
-VersionStamps split_stamps(std::string_view beat_back_value) {
-    const std::size_t separator = beat_back_value.find('#');
-    const bool found = separator != std::string_view::npos;
-    const std::string_view client =
-        found ? beat_back_value.substr(separator + 1) : std::string_view();
-    return {std::string(comparable_stamp(beat_back_value.substr(0, separator))),
-            std::string(comparable_stamp(client)), found};
 }

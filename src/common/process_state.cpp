@@ -29,24 +29,6 @@ sigset_t only_sigterm() {
 
 }  // namespace
 
-char* format_timestamp(char* buffer, std::size_t size) {
-    const std::time_t seconds = std::time(nullptr);
-    std::tm now{};
-    localtime_r(&seconds, &now);
-    std::memset(buffer, 0, size);
-    (void)std::snprintf(buffer, size, "%04d%02d%02d%02d%02d%02d", now.tm_year + 1900,
-                        now.tm_mon + 1, now.tm_mday, now.tm_hour, now.tm_min, now.tm_sec);
-    return buffer;
-}
-
-void ensure_dsver() {
-    std::string present;
-    if (db_read_settled(CONFIG_DB, KEY_DSVER, present) == StoreRead::ABSENT) {
-        char stamp[20];
-        (void)db_put(CONFIG_DB, KEY_DSVER, format_timestamp(stamp, sizeof stamp));
-    }
-}
-
 void install_signal_handler(int signal_number, void (*handler)(int), int flags) {
     struct sigaction action {};
     action.sa_handler = handler;

@@ -9,9 +9,11 @@
 
 #include "configured_role.h"
 #include "console.h"
+#include "data_sets.h"
 #include "keys.h"
 #include "peer_message.h"
 #include "session.h"
+#include "stamps.h"
 
 std::vector<std::string> names_in_store_directory() {
     std::vector<std::string> names;
@@ -84,11 +86,11 @@ bool holds_settings(const std::string& path) {
 }
 
 Replication replication_of(bool client_record, std::string_view key) {
-    if (client_record || std::find(PUSH_CONFIG_KEYS.begin(), PUSH_CONFIG_KEYS.end(), key) !=
-                             PUSH_CONFIG_KEYS.end()) {
+    if (travels(client_record ? CLIENT_SET : CONFIG_SET, key)) {
         return Replication::PUSHED;
     }
-    if (key == KEY_CONFIG_VERSION || key == KEY_CLIENT_VERSION) {
+    if (std::any_of(DATA_SETS.begin(), DATA_SETS.end(),
+                    [key](const DataSet& set) { return key == set.stamp_key; })) {
         return Replication::STAMP;
     }
     return key == KEY_DSVER ? Replication::DSVER : Replication::NONE;
@@ -96,16 +98,6 @@ Replication replication_of(bool client_record, std::string_view key) {
 
 bool is_mirrored(Replication replication) {
     return replication == Replication::PUSHED || replication == Replication::STAMP;
-}
-
-std::string next_stamp(const std::string& present, const std::string& now) {
-    const bool comparable = present.size() == now.size() &&
-                            present.find_first_not_of("0123456789") == std::string::npos;
-    if (!comparable || present < now) {
-        return now;
-    }
-    const std::string next = std::to_string(std::stoull(present) + 1);
-    return next.size() == now.size() ? next : now;
 }
 
 std::string message_fault(Replication replication, std::string_view key, std::string_view value) {

@@ -48,10 +48,5 @@ Replication replication_of(bool client_record, std::string_view key);
 // Whether the slave has the record as the master has it.
 bool is_mirrored(Replication replication);
 
-// A version stamp to take the place of `present`: `now` (14 digits of local time), or the next
-// number when that would not be a later one. A slave fetches a set whose stamp is another than its
-// own, and it may still have an older one.
-std::string next_stamp(const std::string& present, const std::string& now);
-
 // Why a message cannot carry the record, or an empty text.
 std::string message_fault(Replication replication, std::string_view key, std::string_view value);

@@ -24,6 +24,7 @@
 #include "receiver.h"
 #include "resolve.h"
 #include "services.h"
+#include "stamps.h"
 #include "store.h"
 
 namespace {

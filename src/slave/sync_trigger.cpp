@@ -9,51 +9,36 @@
 #include <string>
 
 #include "client_list.h"
-#include "keys.h"
 #include "log.h"
 #include "owned.h"
 #include "process_state.h"
 #include "resolve.h"
-#include "store.h"
-
-namespace {
-
-// The empty text when there is no stamp; nothing when config.db cannot be read.
-std::optional<std::string> own_stamp(const char* key) {
-    std::string stamp;
-    if (db_read_settled(CONFIG_DB, key, stamp) == StoreRead::UNREADABLE) {
-        return std::nullopt;
-    }
-    return std::string(comparable_stamp(stamp));
-}
-
-}  // namespace
+#include "stamps.h"
 
 void data_sync_trigger(int connection, const DataRecord& answer) {
-    const std::optional<std::string> config = own_stamp(KEY_CONFIG_VERSION);
-    const std::optional<std::string> client = own_stamp(KEY_CLIENT_VERSION);
-    const VersionStamps masters = split_stamps(field_text(answer.value));
-    if (!config || !client) {
+    const std::optional<StampPair> own = read_stamps("");
+    const auto& [masters, has_separator] = split_stamps(field_text(answer.value));
+    if (!own) {
         // The stamp of what would come could not be stored, and the clients would be emptied again
         // at every beat back.
         log_message(msg::NO_OWN_STAMPS);
         return;
     }
-    if (!masters.has_separator) {
+    if (!has_separator) {
         log_message(msg::ANSWER_WITHOUT_STAMPS);
     }
-    if (masters.config != *config) {
+    if (masters.config != own->config) {
         log_message(msg::CONFIG_DIFFERS);
-        log_message(msg::CONFIG_STAMPS, "data_sync_trigger", 97, config->c_str(),
+        log_message(msg::CONFIG_STAMPS, "data_sync_trigger", 97, own->config.c_str(),
                     masters.config.c_str());
         start_data_sync(connection, master_ip, DATA_KIND_CONFIG);
     }
-    if (masters.client != *client) {
+    if (masters.client != own->client) {
         log_message(msg::CLIENTS_DIFFER);
         if (!clear_client_db()) {
             return;  // a push on top of the old records would leave those that are no more
         }
-        log_message(msg::CLIENT_STAMPS, "data_sync_trigger", 105, client->c_str(),
+        log_message(msg::CLIENT_STAMPS, "data_sync_trigger", 105, own->client.c_str(),
                     masters.client.c_str());
         start_data_sync(connection, master_ip, DATA_KIND_CLIENT);
     } else {

@@ -14,6 +14,7 @@
 #include "process_state.h"
 #include "role.h"
 #include "slave/client_list.h"
+#include "stamps.h"
 #include "store.h"
 #include "supervisor.h"
 

@@ -108,8 +108,8 @@ void serve(int fd) {
 }  // namespace
 
 void send_beat_back(int connection, const sockaddr_in& sender) {
-    const PeerMessage message = make_beat_back(current_stamp(KEY_CONFIG_VERSION).value_or("null"),
-                                               current_stamp(KEY_CLIENT_VERSION).value_or("null"));
+    const StampPair stamps = current_stamps().value_or(StampPair{"null", "null"});
+    const PeerMessage message = make_beat_back(join_stamps(stamps));
     const OwnedText ip(ip_to_string(sender.sin_addr.s_addr));
     if (ip) {
         log_message(msg::BEAT_BACK, ip.get(), message.record.value);
@@ -127,8 +127,6 @@ void start_master() {
         (void)fd.release();  // stays bound: no second master may start beside a broken one
         return;
     }
-    for (const char* key : {KEY_CONFIG_VERSION, KEY_CLIENT_VERSION}) {
-        (void)current_stamp(key);  // to have one to answer, whatever becomes of config.db
-    }
+    (void)current_stamps();  // to have some to answer, whatever becomes of config.db
     serve(fd.get());
 }

@@ -1,12 +1,12 @@
 #include "push.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "data_sets.h"
 #include "events.h"
 #include "keys.h"
 #include "log.h"
@@ -16,21 +16,6 @@
 #include "tcp.h"
 
 namespace {
-
-struct DataSet {
-    std::uint32_t kind;
-    const char* path;
-    const char* stamp_key;
-};
-
-constexpr DataSet CONFIG_SET = {DATA_KIND_CONFIG, CONFIG_DB, KEY_CONFIG_VERSION};
-constexpr DataSet CLIENT_SET = {DATA_KIND_CLIENT, CLIENT_DB, KEY_CLIENT_VERSION};
-
-bool is_pushed(const DataSet& set, std::string_view key) {
-    return set.kind == DATA_KIND_CLIENT ||
-           std::find(PUSH_CONFIG_KEYS.begin(), PUSH_CONFIG_KEYS.end(), key) !=
-               PUSH_CONFIG_KEYS.end();
-}
 
 // Records on their way out. Several go to the system in one call: one each would cost as much as
 // reading and logging them, and wake the slave for each.
@@ -71,7 +56,7 @@ void push_record(Outbox& outbox, const DataSet& set, const StoredRecord& record)
     const std::string_view key = record.key.c_str();
     const std::string_view value = record.value.c_str();
     log_message(msg::RECORD_SENT, key.data(), value.data());
-    if (!is_pushed(set, key)) {
+    if (!travels(set, key)) {
         return;
     }
     if (!fits_data_record(key, value)) {
@@ -92,8 +77,8 @@ void push_stamp(Outbox& outbox, const DataSet& set, const std::string& stamp) {
 
 // The stamp is read before the walk: a record changed meanwhile comes with the next stamp.
 void push_records(int connection, const DataSet& set) {
-    const std::optional<std::string> stamp = current_stamp(set.stamp_key);
-    if (!stamp) {
+    const std::optional<StampPair> stamps = current_stamps();
+    if (!stamps) {
         log_message(msg::PUSH_WITHOUT_STAMP, set.stamp_key, set.path);
         return;
     }
@@ -110,17 +95,15 @@ void push_records(int connection, const DataSet& set) {
         log_message(msg::PUSH_BROKEN_OFF, set.path);
         return;
     }
-    push_stamp(outbox, set, std::string(comparable_stamp(*stamp)));
+    push_stamp(outbox, set, stamps->of(set));
 }
 
 }  // namespace
 
 void push_data_set(int connection, std::uint32_t kind) {
     log_message(msg::PUSH_BEGINS, static_cast<int>(kind));
-    if (kind == DATA_KIND_CONFIG) {
-        push_records(connection, CONFIG_SET);
-    } else if (kind == DATA_KIND_CLIENT) {
-        push_records(connection, CLIENT_SET);
+    if (const DataSet* set = data_set_of(kind); set != nullptr) {
+        push_records(connection, *set);
     } else if (kind == DATA_KIND_DISK) {
         (void)db_open(DISK_DB);  // opened and closed: nothing of it is ever sent
     }
@@ -130,8 +113,9 @@ void push_master_data(int connection, const sockaddr_in& /*sender*/, const DataR
     log_message(msg::PUSH_REQUESTED, static_cast<int>(request.kind));
     if (request.kind == DATA_KIND_ALL) {
         log_message(msg::PUSH_OF_ALL);
-        push_data_set(connection, DATA_KIND_CONFIG);
-        push_data_set(connection, DATA_KIND_CLIENT);
+        for (const DataSet& set : DATA_SETS) {
+            push_data_set(connection, set.kind);
+        }
     } else if (request.kind == DATA_KIND_CONFIG) {
         log_message(msg::PUSH_OF_CONFIG);
         push_data_set(connection, DATA_KIND_CONFIG);

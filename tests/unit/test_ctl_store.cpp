@@ -6,16 +6,6 @@
 
 namespace {
 
-TEST(NextStamp, IsAnotherThanAllBefore) {
-    EXPECT_EQ(next_stamp("", "20261116035226"), "20261116035226");
-    EXPECT_EQ(next_stamp("null", "20261116035226"), "20261116035226");
-    EXPECT_EQ(next_stamp("20261116035225", "20261116035226"), "20261116035226");
-    EXPECT_EQ(next_stamp("20261116035226", "20261116035226"), "20261116035227");
-    // Raised twice within a second, or the clock was set back: a slave may have what lies between.
-    EXPECT_EQ(next_stamp("20261116035259", "20261116035226"), "20261116035260");
-    EXPECT_EQ(next_stamp("99999999999999", "20261116035226"), "20261116035226");
-}
-
 TEST(MessageFault, FollowsTheFieldsOfTheMessage) {
     const auto fits = [](Replication replication, std::size_t key, std::size_t value) {
         return message_fault(replication, std::string(key, 'k'), std::string(value, 'v')).empty();

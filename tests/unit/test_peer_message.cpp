@@ -27,7 +27,7 @@ TEST(PeerMessage, LiesOnTheWireAsAgreed) {
     EXPECT_EQ(bytes_of(make_heartbeat("", "")), block({{0, "\2"}}));
     EXPECT_EQ(bytes_of(make_data_request(DATA_KIND_CLIENT)),
               block({{0, "\1"}, {4, "\2"}, {8, "R"}}));
-    EXPECT_EQ(bytes_of(make_beat_back("v7", "v9")), block({{0, "\3"}, {140, "v7#v9"}}));
+    EXPECT_EQ(bytes_of(make_beat_back("v7#v9")), block({{0, "\3"}, {140, "v7#v9"}}));
     EXPECT_EQ(bytes_of(make_data_record(DATA_KIND_CONFIG, "dhcpcfg", "x=1")),
               block({{0, "\1"}, {4, "\1"}, {12, "dhcpcfg"}, {140, "x=1"}}));
 }
@@ -50,51 +50,6 @@ TEST(PeerMessage, ARecordThatFitsTravelsWhole) {
     EXPECT_EQ(bytes_of(make_data_record(DATA_KIND_CLIENT, key, value)), whole);
     // One that does not fit still ends inside its fields.
     EXPECT_EQ(bytes_of(make_data_record(DATA_KIND_CLIENT, key + "kk", value + "vv")), whole);
-}
-
-const std::string S127(127, 's');
-const std::string S128(128, 's');
-
-TEST(Stamps, TravelAsBothSidesCompareThem) {
-    const struct {
-        std::string config, client, value;
-    } rows[] = {
-        {"20261116", "20261117", "20261116#20261117"},
-        {"null", "null", "null#null"},
-        {"", "v2", "#v2"},
-        {"v1", "", "v1#"},
-        {S127, S127, S127 + "#" + S127},
-        {S128, S128 + "x", S127 + "#" + S127},
-    };
-    for (const auto& row : rows) {
-        const PeerMessage message = make_beat_back(row.config, row.client);
-        EXPECT_EQ(field_text(message.record.value), row.value);
-        const VersionStamps stamps = split_stamps(field_text(message.record.value));
-        EXPECT_EQ(stamps.config, comparable_stamp(row.config));
-        EXPECT_EQ(stamps.client, comparable_stamp(row.client));
-    }
-}
-
-TEST(Stamps, SplitAtTheFirstSeparator) {
-    const struct {
-        std::string value, config, client;
-        bool has_separator;
-    } rows[] = {
-        {"a#b#c", "a", "b#c", true},
-        {"#", "", "", true},
-        {"##", "", "#", true},
-        {"a", "a", "", false},
-        {"", "", "", false},
-        {S128, S127, "", false},
-        {S128 + "#" + S128, S127, S127, true},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.value);
-        const VersionStamps stamps = split_stamps(row.value);
-        EXPECT_EQ(stamps.config, row.config);
-        EXPECT_EQ(stamps.client, row.client);
-        EXPECT_EQ(stamps.has_separator, row.has_separator);
-    }
 }
 
 }  // namespace

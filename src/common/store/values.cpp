@@ -1,6 +1,7 @@
 // Single values: each operation opens the file, does one thing and closes it.
 #include <db.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -18,12 +19,18 @@ using namespace std::chrono_literals;
 
 constexpr auto SETTLE_TIME = 5ms;  // a foreign writer needs less to finish one record
 
-StoreRead db_read(const char* path, const char* key, std::string& value) {
+bool read_together(const char* path, std::span<const char* const> keys,
+                   std::span<std::optional<std::string>> values) {
     const std::unique_ptr<Store> store = db_open(path);
-    const int result = store ? store->get(key, value) : ENOMEM;
-    return result == 0             ? StoreRead::FOUND
-           : result == DB_NOTFOUND ? StoreRead::ABSENT
-                                   : StoreRead::UNREADABLE;
+    for (std::size_t n = 0; n < keys.size(); ++n) {
+        std::string value;
+        const int result = store ? store->get(keys[n], value) : ENOMEM;
+        if (result != 0 && result != DB_NOTFOUND) {
+            return false;
+        }
+        values[n] = result == 0 ? std::optional(std::move(value)) : std::nullopt;
+    }
+    return true;
 }
 
 struct PutResult {
@@ -58,13 +65,23 @@ char* db_get(const char* path, const char* key) {
     return copy;
 }
 
-StoreRead db_read_settled(const char* path, const char* key, std::string& value) {
-    const StoreRead result = db_read(path, key, value);
-    if (result == StoreRead::FOUND) {
-        return result;
+bool db_read_settled(const char* path, std::span<const char* const> keys,
+                     std::span<std::optional<std::string>> values) {
+    if (read_together(path, keys, values) &&
+        std::all_of(values.begin(), values.end(), [](const auto& value) { return value; })) {
+        return true;
     }
     std::this_thread::sleep_for(SETTLE_TIME);
-    return db_read(path, key, value);
+    return read_together(path, keys, values);
+}
+
+StoreRead db_read_settled(const char* path, const char* key, std::string& value) {
+    std::optional<std::string> found;
+    if (!db_read_settled(path, {&key, 1}, {&found, 1})) {
+        return StoreRead::UNREADABLE;
+    }
+    value = found.value_or(value);
+    return found ? StoreRead::FOUND : StoreRead::ABSENT;
 }
 
 int db_put(const char* path, const char* key, const char* value) {

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "ctl/configured_role.h"
+#include "data_sets.h"
 #include "findings.h"
 #include "keys.h"
 #include "local_addresses.h"
@@ -94,12 +95,11 @@ void check_roles(const PairSettings& settings, const std::string& local, Finding
 
 // A master without a stamp answers "null", always the same.
 void check_stamps(Findings& findings) {
-    constexpr std::array<std::pair<const char*, const char*>, 2> SETS = {
-        {{KEY_CONFIG_VERSION, "config"}, {KEY_CLIENT_VERSION, "client"}}};
-    for (const auto& [key, set] : SETS) {
-        if (!OwnedText(db_get(CONFIG_DB, key))) {
-            findings.warning(key, "is missing: a slave fetches the set once and no change of it",
-                             fmt::format("\"quorsyncctl store bump {}\" makes one", set));
+    for (const DataSet& set : DATA_SETS) {
+        if (!OwnedText(db_get(CONFIG_DB, set.stamp_key))) {
+            findings.warning(set.stamp_key,
+                             "is missing: a slave fetches the set once and no change of it",
+                             fmt::format("\"quorsyncctl store bump {}\" makes one", set.name));
         }
     }
 }

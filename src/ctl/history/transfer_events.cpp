@@ -5,17 +5,17 @@
 #include <algorithm>
 
 #include "ctl/console.h"
-#include "keys.h"
+#include "data_sets.h"
 #include "peer_message.h"
 #include "text.h"
 
 namespace {
 
-constexpr std::size_t CONFIG_SET = DATA_KIND_CONFIG;
-constexpr std::size_t CLIENT_SET = DATA_KIND_CLIENT;
+constexpr std::size_t CONFIG = DATA_KIND_CONFIG;
+constexpr std::size_t CLIENT = DATA_KIND_CLIENT;
 
-const char* set_name(std::size_t set) {
-    return set == CONFIG_SET ? "config set" : "client set";
+std::string set_name(std::size_t kind) {
+    return data_set_of(static_cast<std::uint32_t>(kind))->name + std::string(" set");
 }
 
 std::string rate_text(long records, long seconds) {
@@ -32,10 +32,12 @@ std::optional<std::string_view> value_of(std::string_view text, std::string_view
     return text.substr(key.size() + separator.size());
 }
 
-bool is_pushed_setting(std::string_view record) {
-    return std::any_of(PUSH_CONFIG_KEYS.begin(), PUSH_CONFIG_KEYS.end(), [record](const char* key) {
-        return value_of(record, key, " = ").has_value();
-    });
+// Whether the record "key = value" of a set's file goes to the slave.
+bool is_pushed(std::size_t kind, std::string_view record) {
+    const auto keys = data_set_of(static_cast<std::uint32_t>(kind))->keys;
+    return keys.empty() || std::any_of(keys.begin(), keys.end(), [record](const char* key) {
+               return value_of(record, key, " = ").has_value();
+           });
 }
 
 }  // namespace
@@ -83,16 +85,16 @@ void TransferStory::tell_open_ones() {
 
 // "CONFIG" or "CLIENT": the master's answer had another stamp.
 void TransferStory::on_trigger(LogTime time, std::string_view set) {
-    begin(EventKind::SYNC, set == "CONFIG" ? CONFIG_SET : CLIENT_SET, time);
+    begin(EventKind::SYNC, set == "CONFIG" ? CONFIG : CLIENT, time);
 }
 
 // "105 client_version:..., master_client_version:...", behind the trigger.
 void TransferStory::on_versions(LogTime /*time*/, std::string_view versions) {
     if (const auto config = part_between(versions, "master_config_version:", ""); !config.empty()) {
-        transfers_[CONFIG_SET].stamp = config;
+        transfers_[CONFIG].stamp = config;
     }
     if (const auto client = part_between(versions, "master_client_version:", ""); !client.empty()) {
-        transfers_[CLIENT_SET].stamp = client;
+        transfers_[CLIENT].stamp = client;
     }
 }
 
@@ -115,11 +117,11 @@ void TransferStory::on_record(LogTime time, std::string_view record) {
 }
 
 void TransferStory::on_unstored_config(LogTime /*time*/, std::string_view reason) {
-    unstored(CONFIG_SET, reason);
+    unstored(CONFIG, reason);
 }
 
 void TransferStory::on_unstored_client(LogTime /*time*/, std::string_view reason) {
-    unstored(CLIENT_SET, reason);
+    unstored(CLIENT, reason);
 }
 
 // What was told as whole was not.
@@ -149,7 +151,7 @@ void TransferStory::on_not_compared(LogTime /*time*/, std::string_view /*rest*/)
 
 void TransferStory::on_push(LogTime time, std::string_view set) {
     const auto number = static_cast<std::size_t>(leading_number(set));
-    if (number == CONFIG_SET || number == CLIENT_SET) {
+    if (number == CONFIG || number == CLIENT) {
         pushing_ = number;
         begin(EventKind::PUSH, number, time);
     }
@@ -165,7 +167,7 @@ void TransferStory::on_sent(LogTime time, std::string_view record) {
         return;
     }
     transfers_[pushing_].last = time;
-    if (pushing_ == CLIENT_SET || is_pushed_setting(record)) {
+    if (is_pushed(pushing_, record)) {
         ++transfers_[pushing_].records;
     }
 }
@@ -208,9 +210,9 @@ void TransferStory::end(std::size_t set, LogTime time, std::string_view stamp) {
 }
 
 void TransferStory::note_open() {
-    state_.open_transfer = transfers_[CONFIG_SET].open   ? set_name(CONFIG_SET)
-                           : transfers_[CLIENT_SET].open ? set_name(CLIENT_SET)
-                                                         : "";
+    state_.open_transfer = transfers_[CONFIG].open   ? set_name(CONFIG)
+                           : transfers_[CLIENT].open ? set_name(CLIENT)
+                                                     : "";
 }
 
 void TransferStory::tell(std::size_t set, bool whole) {
