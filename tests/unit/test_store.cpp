@@ -339,6 +339,36 @@ TEST_F(StoreTest, AForeignLockDelaysOnly) {
     EXPECT_EQ(stored(CONFIG_DB, "k"), "v");
 }
 
+// A tool that looks on finds no file where there is none, and leaves it at that.
+TEST_F(StoreTest, InspectingChangesNothing) {
+    const std::string path = "/etc/quoradmind/inspected.db";
+    std::filesystem::remove(path);
+    set_store_use(StoreUse::INSPECT);
+    EXPECT_EQ(stored(path.c_str(), "key"), "(absent)");
+    EXPECT_FALSE(db_store(path.c_str(), "key", "value"));
+    EXPECT_FALSE(std::filesystem::exists(path));
+    set_store_use(StoreUse::EDIT);
+    EXPECT_TRUE(db_store(path.c_str(), "key", "value"));
+    set_store_use(StoreUse::INSPECT);
+    EXPECT_EQ(stored(path.c_str(), "key"), "value");
+    EXPECT_FALSE(db_store(path.c_str(), "key", "other"));
+    EXPECT_EQ(stored(path.c_str(), "key"), "value");
+    set_store_use(StoreUse::SERVE);
+}
+
+// A daemon goes on without a lock for its heartbeat's sake; a tool must not write then.
+TEST_F(StoreTest, EditingNeedsTheLock) {
+    const std::string path = "/etc/quoradmind/edited.db";
+    ASSERT_TRUE(db_store(path.c_str(), "key", "value"));
+    const OwnedFd other(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(flock(other.get(), LOCK_EX), 0);
+    set_store_use(StoreUse::EDIT);
+    EXPECT_FALSE(db_store(path.c_str(), "key", "by hand"));
+    set_store_use(StoreUse::SERVE);
+    EXPECT_TRUE(db_store(path.c_str(), "key", "by the daemon"));
+    EXPECT_EQ(stored(path.c_str(), "key"), "by the daemon");
+}
+
 // Walks over 2500 records, calling `between` with the place where the walk stands after each chunk.
 struct Walked {
     explicit Walked(const std::function<void(const std::string& last)>& between) {

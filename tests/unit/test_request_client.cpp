@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/mount.h>
@@ -10,7 +9,6 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <memory>
 #include <random>
 
 #include "PK_Request_Client.h"
@@ -413,63 +411,6 @@ TEST_F(FileFetch, ARequestFillsTheCallersBufferOnlyWithAReply) {
     EXPECT_EQ(std::string(reply.data(), reply.size()), "hi\0there"s + std::string(56, '\0'));
     EXPECT_THAT(logged(), HasSubstr("INFO :PK_Request_Client::Hpc_RequestPro szRetMsg hi\n"));
     EXPECT_EQ(client.RecvAll(reply.data(), 1), -1);  // it has closed the connection
-}
-
-TEST(Socket, KindsAreMadeAndReplaceEachOther) {
-    PK_Socket socket;
-    char byte = 0;
-    EXPECT_EQ(socket.SendAll("x", 1), -1);
-    EXPECT_EQ(socket.RecvAll(&byte, 1), -1);
-    const auto option = [&socket](int level, int name) {
-        int value = -1;
-        socklen_t length = sizeof value;
-        EXPECT_EQ(getsockopt(socket.GetSocket(), level, name, &value, &length), 0);
-        return value;
-    };
-    const OwnedFd listener(TcpBuildListen("", 0, 20));
-    ASSERT_EQ(socket.Connect("127.0.0.1", TcpLocalPort(listener.get()), 7), 0);
-    EXPECT_EQ(option(SOL_SOCKET, SO_KEEPALIVE), 1);
-    EXPECT_EQ(option(IPPROTO_TCP, TCP_KEEPIDLE), 3);
-    EXPECT_EQ(option(SOL_SOCKET, SO_RCVTIMEO), 7);
-    EXPECT_EQ(option(SOL_SOCKET, SO_SNDTIMEO), 7);
-    EXPECT_EQ(fcntl(socket.GetSocket(), F_GETFD), FD_CLOEXEC);
-
-    const OwnedFd server(TcpSvAccept(listener.get(), 20));
-    struct Kind {
-        std::uint32_t number;
-        int domain;
-        int type;
-    };
-    for (const Kind& kind :
-         {Kind{SOCKET_UDP, AF_INET, SOCK_DGRAM}, Kind{SOCKET_LOCAL, AF_UNIX, SOCK_STREAM},
-          Kind{SOCKET_TCP, AF_INET, SOCK_STREAM}}) {
-        EXPECT_EQ(socket.CreateSocket(kind.number), 0);
-        EXPECT_EQ(option(SOL_SOCKET, SO_DOMAIN), kind.domain);
-        EXPECT_EQ(option(SOL_SOCKET, SO_TYPE), kind.type);
-        EXPECT_EQ(recv(server.get(), &byte, 1, 0), 0);  // the connection is gone
-    }
-    EXPECT_EQ(socket.CreateSocket(0x4000), -1);
-    EXPECT_EQ(socket.GetSocket(), -1);
-    EXPECT_EQ(socket.Close(), 0);
-    EXPECT_EQ(socket.Close(), 0);
-}
-
-TEST(Socket, CountsWhatItCouldTransfer) {
-    auto listener = std::make_unique<OwnedFd>(TcpBuildListen("", 0, 20));
-    const std::uint16_t port = TcpLocalPort(listener->get());
-    PK_Socket socket;
-    ASSERT_EQ(socket.Connect("127.0.0.1", port, 20), 0);
-    OwnedFd server(TcpSvAccept(listener->get(), 20));
-    EXPECT_EQ(TcpSendAll(server.get(), "four", 4), 0);
-    server.reset();
-    std::string buffer(10, '-');
-    EXPECT_EQ(socket.RecvAll(buffer.data(), 10), 4);
-    EXPECT_EQ(buffer, "four------");
-    // The first send may still be taken; the reset that it causes fails a later one, quietly.
-    EXPECT_TRUE(eventually([&] { return socket.SendAll("late", 4) == 0; }));
-    listener.reset();
-    EXPECT_EQ(socket.Connect("127.0.0.1", port, 20), ECONNREFUSED);
-    EXPECT_EQ(socket.GetSocket(), -1);
 }
 
 }  // namespace
