@@ -7,6 +7,9 @@
 
 inline constexpr const char* DHCPD_CONF = "/etc/dhcpd.conf";
 
+// The host entry that keeps the block well formed before any client is added.
+inline constexpr const char* PLACEHOLDER_HOST = "quorsoft-temp";
+
 // Writes the file anew from the network settings of config.db, without host entries but for a
 // placeholder. 0; -1 when the file cannot be opened or written, or when a setting is missing: then
 // it is left empty. Logs "open %s failed" and "write %s failed" (LOG_ERROR), "to write %s"

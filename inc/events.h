@@ -1,7 +1,9 @@
-// Reports to the site's event system through its tool "/usr/local/bin/evpost_ex".
+// Reports to the site's event system through its tool.
 #pragma once
 
 #include <cstddef>
+
+inline constexpr const char* EVENT_TOOL = "/usr/local/bin/evpost_ex";
 
 inline constexpr int EVENT_NOTICE = 0;  // levels
 inline constexpr int EVENT_ERROR = 2;

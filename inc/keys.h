@@ -15,6 +15,7 @@ inline constexpr const char* SERVER_DB_FORMAT =
 
 // Not a database: only the path from which the semaphore key is derived.
 inline constexpr const char* SEMAPHORE_KEY_PATH = "/etc/quorsyncd/config.db";
+inline constexpr int SEMAPHORE_PROJECT = 1;  // the other half of the key
 
 // --- Keys of config.db ---------------------------------------------------------------------
 

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <utility>
 
-// A file descriptor, closed at the end of its owner's life. -1 owns nothing.
+// A file descriptor, closed by its owner's destructor. -1 owns nothing.
 class OwnedFd {
 public:
     explicit OwnedFd(int fd = -1) : fd_(fd) {}

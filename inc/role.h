@@ -8,6 +8,14 @@
 
 #include <string>
 
+inline constexpr int ROLE_MASTER = 0x1010;
+inline constexpr int ROLE_SLAVE = 0x101;
+inline constexpr int ROLE_ACTING_MASTER = 0x1111;  // a slave that has taken over
+
+// What a slave logs of itself.
+inline constexpr int STATUS_STANDBY = 71;   // standing by as slave
+inline constexpr int STATUS_PROMOTED = 75;  // this host has taken over the services
+
 // Why a host goes on waiting. Only the reasons from NO_SERVER_LIST to NO_MASTER are logged.
 enum class RoleReason {
     DECIDED,
@@ -43,7 +51,7 @@ RoleDecision decide_role(const RoleInputs& inputs);
 char* numbered_server_list();
 
 // Decides the role of this host, trying again every 5 seconds until there is one; sets master_ip
-// and slave_ip (process_state.h) and returns ROLE_MASTER or ROLE_SLAVE. Main thread. Logs at each
+// and slave_ip (own_role.h) and returns ROLE_MASTER or ROLE_SLAVE. Main thread. Logs at each
 // try: "ha :%s", "server_list:%s\n" and "first_ip:%s,next_ip:%s,my_ip:%s,db_master:%s" (LOG_DEBUG),
 // "get server address list failed" and "get myself IP address failed" (LOG_INFO), "get db_master
 // faile." (LOG_ERROR). A host that is not one of the pair waits without a further word.

@@ -6,6 +6,14 @@
 
 #include <string>
 
+// What is started, where a foreground start's output goes, and the pipe of the running DHCP
+// wrapper.
+inline constexpr const char* DHCP_WRAPPER = "/usr/local/bin/quordhcpd";
+inline constexpr const char* BOOT_LOADER = "/usr/local/bin/stagd";
+inline constexpr const char* SYSTEM_DHCPD = "/usr/sbin/dhcpd";
+inline constexpr const char* DHCP_START_LOG = "/var/log/dhcpd_start.log";
+inline constexpr const char* RELOAD_PIPE = "/var/lib/quoradmind/dhcp_fifo";
+
 // Whether an operation succeeded, and the text that says so: "Success", or the system's text of the
 // error number after a failed start.
 struct ServiceResult {

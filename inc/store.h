@@ -217,6 +217,8 @@ std::optional<StoreFormat> db_format(const char* path);
 // ----------------------------------------------- Each reads and writes in one go. A list that
 // cannot be read is left as it is.
 
+inline constexpr std::size_t MAX_LIST = 4095;  // characters; what the other tools' buffers hold
+
 // The 1-based position of `item` in the list under `key`, or -1. An absent or empty list becomes
 // the one item (and -1 is returned).
 int db_list_index(const char* path, const char* key, const char* item);
@@ -224,7 +226,7 @@ int db_list_index(const char* path, const char* key, const char* item);
 // Takes every `item` out of the list; the key goes when the whole value is the item.
 void db_list_remove(const char* path, const char* key, const char* item);
 
-// Appends `item` unless the list has it. A list beyond 4095 characters is left as it is.
+// Appends `item` unless the list has it. A list beyond MAX_LIST characters is left as it is.
 void db_list_add(const char* path, const char* key, const char* item);
 
 // --- Scans of a whole file; keys are cut at 127, values at 1023 characters -----------------------

@@ -1,9 +1,9 @@
 // Plain IPv4 TCP: listen, accept, connect, send and receive whole blocks.
 //
 // Descriptors are plain ints that the caller closes with TcpClose. All of them are close-on-exec: a
-// boot service that inherited the listener would leave a restarted slave deaf. No function logs or
-// keeps state; each may be called from any thread. Sends never raise SIGPIPE. A call interrupted by
-// a signal goes on.
+// boot service that inherited the listener would keep a restarted slave from its port. No function
+// logs or keeps state; each may be called from any thread. Sends never raise SIGPIPE. A call
+// interrupted by a signal goes on.
 //
 // Every connected socket, connecting or accepting, gets send and receive time-outs of the caller's
 // seconds and keep-alive (idle 3 s, every 1 s, 3 probes): a dead peer is noticed in about 6 s.

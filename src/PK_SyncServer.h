@@ -18,7 +18,7 @@
 #include <new>
 
 #include "log.h"
-#include "process_state.h"
+#include "signals.h"
 
 inline constexpr const char* PK_SYNC_SERVER_ORIGIN = "src/PK_SyncServer";
 
@@ -191,9 +191,9 @@ public:
                         __LINE__);
             return -1;
         }
-        int nNowSem = 0;
-        if (sem_getvalue(&semaphore_, &nNowSem) == 0 && nNowSem > MAX_WAITING) {
-            log_message(msg::JOB_QUEUE_FULL, nNowSem, PK_SYNC_SERVER_ORIGIN, "AddSyncWork",
+        int waiting = 0;
+        if (sem_getvalue(&semaphore_, &waiting) == 0 && waiting > MAX_WAITING) {
+            log_message(msg::JOB_QUEUE_FULL, waiting, PK_SYNC_SERVER_ORIGIN, "AddSyncWork",
                         __LINE__);
             return -4;
         }
@@ -249,7 +249,7 @@ private:
     }
 
     pthread_t thread_ = 0;
-    Queue* mQueue = nullptr;
+    Queue* mQueue = nullptr;  // the messages name it so
     std::atomic<std::int32_t> stop_ = 0;
     sem_t semaphore_{};
     bool has_semaphore_ = false;

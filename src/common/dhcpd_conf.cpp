@@ -88,13 +88,16 @@ constexpr std::string_view HEAD =
     "option PXE.info code 301 = text;\n"
     "option PXE.info \"\";\n";
 
-// Keeps the block well formed before any client is added.
-constexpr std::string_view PLACEHOLDER =
-    "\t host quorsoft-temp {\n"
-    "\t\thardware ethernet 00:00:00:00:00:00;\n"
-    "\t\tfixed-address 0.0.0.0;\n"
-    "\t}\n"
-    "}\n";
+// The placeholder's entry and the end of the block.
+std::string placeholder_text() {
+    return fmt::format(
+        "\t host {} {{\n"
+        "\t\thardware ethernet 00:00:00:00:00:00;\n"
+        "\t\tfixed-address 0.0.0.0;\n"
+        "\t}}\n"
+        "}}\n",
+        PLACEHOLDER_HOST);
+}
 
 // Copies the lines up to the end of the subnet block, with `entry` in the place of the host's block
 // so far. Returns whether there was one.
@@ -203,7 +206,7 @@ int write_dhcpd_conf() {
     log_message(msg::DHCPD_CONF_WRITTEN, DHCPD_CONF);
     write_text(conf.get(), HEAD);
     write_text(conf.get(), subnet);
-    write_text(conf.get(), PLACEHOLDER);
+    write_text(conf.get(), placeholder_text());
     return close_written(conf) ? 0 : -1;
 }
 

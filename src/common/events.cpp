@@ -14,16 +14,16 @@ constexpr int FIXED_0 = 0;
 
 int post_text(int level, int event_code, int error_number, const char* message) {
     std::array<char, 256> command{};
-    (void)std::snprintf(command.data(), command.size(),
-                        "/usr/local/bin/evpost_ex  quorsyncd %d %d %d %d %d %d \"%s\" &", level,
-                        EVENT_RANGE, FIXED_22, FIXED_0, event_code, error_number, message);
+    (void)std::snprintf(command.data(), command.size(), "%s  quorsyncd %d %d %d %d %d %d \"%s\" &",
+                        EVENT_TOOL, level, EVENT_RANGE, FIXED_22, FIXED_0, event_code, error_number,
+                        message);
     return run_shell(command.data());
 }
 
 }  // namespace
 
 int post_event(int level, int event_code, int error_number, const char* format, ...) {
-    std::array<char, 128> message{};  // leaves room for the rest of the command
+    std::array<char, 128> message{};  // leaves space for the rest of the command
     va_list arguments;
     va_start(arguments, format);
     // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): a false alarm of the analyzer

@@ -11,8 +11,8 @@
 #include "keys.h"
 #include "local_addresses.h"
 #include "log.h"
+#include "own_role.h"
 #include "owned.h"
-#include "process_state.h"
 #include "store.h"
 #include "text.h"
 

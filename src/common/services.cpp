@@ -11,23 +11,20 @@
 #include <cstring>
 #include <ctime>
 
+#include "end_process.h"
 #include "keys.h"
 #include "log.h"
 #include "owned.h"
-#include "process_state.h"
 #include "spawn.h"
 #include "store.h"
 
 namespace {
 
-constexpr const char* START_OUTPUT = "/var/log/dhcpd_start.log";
+// One command in two spellings, each as the sites' process accounting and scripts know it: the
+// first stops the services, the second runs just before a start.
 constexpr const char* STOP_WRAPPER = "/usr/bin/killall -9  quordhcpd ";
 constexpr const char* STOP_OLD_WRAPPER = "/usr/bin/killall -9 quordhcpd";
-constexpr const char* WRAPPER = "/usr/local/bin/quordhcpd";
 constexpr const char* STOP_BOOT_LOADER = "/usr/bin/killall -9 stagd";
-constexpr const char* BOOT_LOADER = "/usr/local/bin/stagd";
-constexpr const char* RELOAD_PIPE = "/var/lib/quoradmind/dhcp_fifo";
-constexpr const char* SYSTEM_DHCPD = "/usr/sbin/dhcpd";
 
 ServiceResult success() {
     return {true, "Success"};
@@ -99,7 +96,7 @@ ServiceResult stop_boot_services() {
 
 ServiceResult start_boot_services() {
     (void)db_put(CONFIG_DB, KEY_DHCP, DHCP_ON);
-    ServiceResult result = start_in_foreground({START_OUTPUT, STOP_OLD_WRAPPER, WRAPPER});
+    ServiceResult result = start_in_foreground({DHCP_START_LOG, STOP_OLD_WRAPPER, DHCP_WRAPPER});
     if (result.success) {
         (void)run_shell(STOP_BOOT_LOADER);
         (void)run_shell(BOOT_LOADER);
@@ -144,7 +141,7 @@ ServiceResult stop_system_dhcpd() {
 }
 
 ServiceResult start_system_dhcpd() {
-    return start_in_foreground({START_OUTPUT, nullptr, SYSTEM_DHCPD});
+    return start_in_foreground({DHCP_START_LOG, nullptr, SYSTEM_DHCPD});
 }
 
 ServiceResult restart_system_dhcpd() {

@@ -8,7 +8,6 @@
 #include "keys.h"
 #include "local_addresses.h"
 #include "owned.h"
-#include "process_state.h"
 #include "store.h"
 #include "text.h"
 

@@ -146,7 +146,7 @@ int write_anew(const Options& options) {
         return status;
     }
     const bool has_clients = any_line([](const std::string& line) {
-        return begins_host(line) && line.find("quorsoft-temp") == std::string::npos;
+        return begins_host(line) && line.find(PLACEHOLDER_HOST) == std::string::npos;
     });
     if (has_clients && !options.force) {
         throw CLI::ValidationError(

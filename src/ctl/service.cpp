@@ -14,7 +14,7 @@
 #include "history/log_story.h"
 #include "log.h"
 #include "proc_info.h"
-#include "process_state.h"
+#include "role.h"
 #include "services.h"
 #include "session.h"
 #include "text.h"
@@ -33,13 +33,13 @@ struct Service {
 
 constexpr std::array SERVICES = {
     Service{"boot", "The wrapper quordhcpd and the boot loader stagd.", start_boot_services,
-            stop_boot_services, "/usr/local/bin/quordhcpd", "quordhcpd,stagd"},
+            stop_boot_services, DHCP_WRAPPER, "quordhcpd,stagd"},
     Service{"tftp", "The TFTP server.", start_tftp_service, stop_tftp_service, "/usr/sbin/in.tftpd",
             "in.tftpd"},
     Service{"ravlo", "The init script ravlo.", start_ravlo_service, stop_ravlo_service,
             "/etc/init.d/ravlo", ""},
     Service{"dhcpd", "The system's own DHCP server.", start_system_dhcpd, stop_system_dhcpd,
-            "/usr/sbin/dhcpd", "dhcpd"},
+            SYSTEM_DHCPD, "dhcpd"},
 };
 
 struct Options {
@@ -111,7 +111,7 @@ int start(const Service& service, const Options& options) {
         result.success ? wrong_process(service, true) : std::string_view();
     if (!result.success) {
         complain("{}: {} reports a failure; see its own log, or {} if that exists", service.name,
-                 service.program, "/var/log/dhcpd_start.log");
+                 service.program, DHCP_START_LOG);
     } else if (!missing.empty()) {
         complain("{}: {} does not run; see its own log", service.name, missing);
     } else {

@@ -14,7 +14,7 @@
 #include "log.h"
 #include "owned.h"
 #include "proc_info.h"
-#include "process_state.h"
+#include "role.h"
 #include "rows.h"
 #include "session.h"
 #include "store.h"

@@ -31,8 +31,6 @@ struct Options {
     std::string path() const { return store_path(file); }
 };
 
-constexpr std::size_t MAX_LIST = 4095;  // as the store's list operations have it
-
 // Text for a pipe as it is, for a terminal without what could upset it.
 std::string shown(const std::string& text) {
     return isatty(STDOUT_FILENO) == 1 ? escape(text) : text;

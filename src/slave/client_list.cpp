@@ -15,8 +15,8 @@
 
 #include "keys.h"
 #include "log.h"
-#include "process_state.h"
 #include "replace_file.h"
+#include "signals.h"
 #include "store.h"
 
 namespace {

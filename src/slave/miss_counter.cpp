@@ -9,9 +9,10 @@
 #include <cstring>
 #include <mutex>
 
+#include "end_process.h"
 #include "keys.h"
 #include "log.h"
-#include "process_state.h"
+#include "signals.h"
 #include "store.h"
 
 std::atomic<int> bottle = INITIAL_BOTTLE;
@@ -19,7 +20,6 @@ std::atomic<int> status = STATUS_STANDBY;
 
 namespace {
 
-constexpr int KEY_PROJECT = 1;
 constexpr int DEFAULT_BEAT_OUT = 5;
 constexpr useconds_t RETRY_MICROSECONDS = 10;
 
@@ -38,7 +38,7 @@ std::condition_variable refilled;
 
 int open_semaphore(int flags) {
     // A missing path gives the key -1, under which the semaphore works as well.
-    return semget(ftok(SEMAPHORE_KEY_PATH, KEY_PROJECT), 1, flags | 0666);
+    return semget(ftok(SEMAPHORE_KEY_PATH, SEMAPHORE_PROJECT), 1, flags | 0666);
 }
 
 // Whether there is a semaphore again in the place of `lost`, which somebody has removed.

@@ -6,18 +6,17 @@
 // for about 4 seconds after start. Nothing here depends on the wall clock.
 //
 // One System V semaphore guards every change, so that processes on this host that share the
-// counter's key path exclude each other, too. Supervisor and receiver stand on this room; neither
+// counter's key path exclude each other, too. Supervisor and receiver both use this module; neither
 // knows the other.
 #pragma once
 
 #include <atomic>
 #include <chrono>
 
+#include "role.h"
+
 inline constexpr int INITIAL_BOTTLE = 2;
 inline constexpr int SLAVE_BEAT_RESET = 3;
-
-inline constexpr int STATUS_STANDBY = 71;   // standing by as slave
-inline constexpr int STATUS_PROMOTED = 75;  // this host has taken over the services
 
 extern std::atomic<int> bottle;
 extern std::atomic<int> status;  // STATUS_*; written by the supervisor only

@@ -10,31 +10,33 @@
 #include <cerrno>
 #include <cstring>
 
+#include "end_process.h"
 #include "events.h"
 #include "log.h"
+#include "logged_lines.h"
 #include "message_stream.h"
 #include "miss_counter.h"
 #include "owned.h"
 #include "peer_message.h"
-#include "process_state.h"
 #include "record_sink.h"
+#include "signals.h"
 #include "sync_trigger.h"
 #include "tcp.h"
 
 namespace {
 
-constexpr int DEAF_STATUS = 11;
-constexpr unsigned DEAF_SECONDS = 3;
+constexpr int UNREACHABLE_STATUS = 11;
+constexpr unsigned UNREACHABLE_SECONDS = 3;
 constexpr int CONNECTION_TIMEOUT = 20;  // seconds
 
 // A sender at work is back within this time; then the batch of records stays open.
 constexpr int BATCH_GAP_MILLISECONDS = 50;
 
 // Logs why nobody can connect, gives operators' tools a moment, and ends the process.
-[[noreturn]] void end_deaf(MessageFor<const char*, const char*, int> message, int line) {
+[[noreturn]] void end_unreachable(MessageFor<const char*, const char*, int> message, int line) {
     log_message(message, strerror(errno), "slave_thread", line);
-    sleep(DEAF_SECONDS);
-    end_process(DEAF_STATUS);
+    sleep(UNREACHABLE_SECONDS);
+    end_process(UNREACHABLE_STATUS);
 }
 
 int wake_fd() {
@@ -48,6 +50,8 @@ void wait_for_connection(int listener) {
     while (poll(waits, 2, -1) < 0 && errno == EINTR) {}
 }
 
+// TCP_CORK gathers what is sent, and the slave sends nothing here: it has no effect. It is part of
+// how the service has always set up its connections, where tools that list sockets see it.
 void set_connection_options(int connection) {
     const int on = 1;
     (void)setsockopt(connection, IPPROTO_TCP, TCP_CORK, &on, sizeof on);
@@ -95,7 +99,7 @@ void* slave_thread(void* /*argument*/) {
     const int cause = errno;
     if (!listener.valid() || cause != 0 || TcpLocalPort(listener.get()) != PEER_PORT) {
         errno = cause;
-        end_deaf(msg::CANNOT_LISTEN, 237);
+        end_unreachable(msg::CANNOT_LISTEN, LINE_CANNOT_LISTEN);
     }
     while (slave_exit_requested != 1) {
         wait_for_connection(listener.get());
@@ -104,12 +108,12 @@ void* slave_thread(void* /*argument*/) {
         }
         const int connection = TcpSvAccept(listener.get(), CONNECTION_TIMEOUT);
         if (connection < 0) {
-            end_deaf(msg::CANNOT_ACCEPT, 250);
+            end_unreachable(msg::CANNOT_ACCEPT, LINE_CANNOT_ACCEPT);
         }
         set_connection_options(connection);
         serve_connection(connection);
         (void)TcpClose(connection);
     }
-    log_message(msg::SLAVE_STOPPED, 292);
+    log_message(msg::SLAVE_STOPPED, LINE_RECEIVER_ENDS);
     return nullptr;
 }

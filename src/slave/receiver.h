@@ -1,4 +1,4 @@
-// The slave's ear: takes the master's connections one at a time and acts on each message.
+// The receiver of the slave: takes the master's connections one at a time and acts on each message.
 #pragma once
 
 // Thread entry; the argument is ignored, the result null. Listens on TCP port 13233 and serves
@@ -9,7 +9,7 @@
 // Logs "recvfrom() error:%s\n" (LOG_ERROR) for a connection without a first message, and "slave
 // exit line%d\n" (LOG_INFO) at the end. Ends the process with status 11, after 3 seconds, when it
 // cannot listen on its port ("TcpBuildListen error:%s --%s--%d") or accept ("TcpSvAccept() error:%s
-// --%s--%d", both LOG_ERROR): a deaf slave would take over beside a healthy master.
+// --%s--%d", both LOG_ERROR): a slave that nobody reaches would take over beside a healthy master.
 void* slave_thread(void* argument);
 
 // Lets the receiver look at slave_exit_requested. Any thread.

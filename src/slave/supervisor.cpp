@@ -17,13 +17,16 @@
 #include "keys.h"
 #include "local_addresses.h"
 #include "log.h"
+#include "logged_lines.h"
 #include "miss_counter.h"
+#include "own_role.h"
 #include "owned.h"
 #include "peer_message.h"
-#include "process_state.h"
 #include "receiver.h"
 #include "resolve.h"
+#include "role.h"
 #include "services.h"
+#include "signals.h"
 #include "stamps.h"
 #include "store.h"
 
@@ -64,24 +67,8 @@ SlaveAction decide() {
     return slave_exit_requested == 1 ? SlaveAction::NONE : next_action(status, bottle);
 }
 
-void one_period(int fd) {
-    send_heartbeat(fd, master_ip);
-    count_missed_beat();
-    log_message(msg::BEAT_COUNTED, bottle.load(), status.load());
-    switch (decide()) {
-        case SlaveAction::PROMOTE:
-            become_master();
-            break;
-        case SlaveAction::STEP_DOWN:
-            restore_slave();
-            break;
-        case SlaveAction::NONE:
-            break;
-    }
-}
-
-}  // namespace
-
+// Sends one heartbeat over the datagram socket `fd` to the master at `master_address` (dotted
+// text). One that cannot be sent is simply missed.
 void send_heartbeat(int fd, const char* master_address) {
     // Only a check: the datagram goes to what inet_addr makes of the text.
     if (!resolve_ipv4(master_address)) {
@@ -98,7 +85,7 @@ void send_heartbeat(int fd, const char* master_address) {
     master.sin_port = htons(PEER_PORT);
     if (sendto(fd, &message, sizeof message, MSG_NOSIGNAL,
                reinterpret_cast<const sockaddr*>(&master), sizeof master) < 0) {
-        log_message(msg::HEARTBEAT_NOT_SENT, "src/slave", 290, strerror(errno));
+        log_message(msg::HEARTBEAT_NOT_SENT, "src/slave", LINE_HEARTBEAT_NOT_SENT, strerror(errno));
     }
 }
 
@@ -120,10 +107,29 @@ void restore_slave() {
     (void)stop_boot_services();
 }
 
+// The SIGTERM handler: async-signal-safe.
 void on_sigterm(int /*signal_number*/) {
     slave_exit_requested = 1;  // first: a thread that finds no semaphore must not make it anew
     semaphore_delete();
 }
+
+void one_period(int fd) {
+    send_heartbeat(fd, master_ip);
+    count_missed_beat();
+    log_message(msg::BEAT_COUNTED, bottle.load(), status.load());
+    switch (decide()) {
+        case SlaveAction::PROMOTE:
+            become_master();
+            break;
+        case SlaveAction::STEP_DOWN:
+            restore_slave();
+            break;
+        case SlaveAction::NONE:
+            break;
+    }
+}
+
+}  // namespace
 
 void run_slave() {
     init_semaphore();

@@ -10,8 +10,9 @@
 
 #include "client_list.h"
 #include "log.h"
+#include "logged_lines.h"
+#include "own_role.h"
 #include "owned.h"
-#include "process_state.h"
 #include "resolve.h"
 #include "stamps.h"
 
@@ -29,8 +30,8 @@ void data_sync_trigger(int connection, const DataRecord& answer) {
     }
     if (masters.config != own->config) {
         log_message(msg::CONFIG_DIFFERS);
-        log_message(msg::CONFIG_STAMPS, "data_sync_trigger", 97, own->config.c_str(),
-                    masters.config.c_str());
+        log_message(msg::CONFIG_STAMPS, "data_sync_trigger", LINE_CONFIG_DIFFERS,
+                    own->config.c_str(), masters.config.c_str());
         start_data_sync(connection, master_ip, DATA_KIND_CONFIG);
     }
     if (masters.client != own->client) {
@@ -38,8 +39,8 @@ void data_sync_trigger(int connection, const DataRecord& answer) {
         if (!clear_client_db()) {
             return;  // a push on top of the old records would leave those that are no more
         }
-        log_message(msg::CLIENT_STAMPS, "data_sync_trigger", 105, own->client.c_str(),
-                    masters.client.c_str());
+        log_message(msg::CLIENT_STAMPS, "data_sync_trigger", LINE_CLIENTS_DIFFER,
+                    own->client.c_str(), masters.client.c_str());
         start_data_sync(connection, master_ip, DATA_KIND_CLIENT);
     } else {
         note_equal_client_lists();  // a master that is back at the old stamp pushes nothing
@@ -48,7 +49,7 @@ void data_sync_trigger(int connection, const DataRecord& answer) {
 
 void start_data_sync(int /*connection*/, const char* master_address, std::uint32_t kind) {
     const PeerMessage message = make_data_request(kind);
-    log_message(msg::REQUEST_AHEAD, "start_data_sync", 323);
+    log_message(msg::REQUEST_AHEAD, "start_data_sync", LINE_REQUEST_AHEAD);
     const auto address = resolve_ipv4(master_address);
     if (!address) {
         log_message(msg::NO_MASTER_ADDRESS_TO_ASK, master_address, strerror(errno));
@@ -66,6 +67,6 @@ void start_data_sync(int /*connection*/, const char* master_address, std::uint32
     log_message(msg::DATA_REQUESTED, static_cast<int>(kind), master_address);
     if (sendto(fd.get(), &message, sizeof message, MSG_NOSIGNAL,
                reinterpret_cast<const sockaddr*>(&master), sizeof master) < 0) {
-        log_message(msg::DATA_NOT_REQUESTED, "start_data_sync", 343);
+        log_message(msg::DATA_NOT_REQUESTED, "start_data_sync", LINE_DATA_NOT_REQUESTED);
     }
 }

@@ -11,7 +11,7 @@
 #include "keys.h"
 #include "log.h"
 #include "master.h"
-#include "process_state.h"
+#include "own_role.h"
 #include "role.h"
 #include "slave/client_list.h"
 #include "stamps.h"
@@ -72,6 +72,33 @@ void detach() {
     (void)!chdir("/");
 }
 
+// Waits for a role, then serves in it for good. -1 when no role could be taken.
+int run_daemon() {
+    (void)!chdir("/");
+    std::memset(master_ip, 0, sizeof master_ip);
+    std::memset(slave_ip, 0, sizeof slave_ip);
+    role = determine_role();
+    log_message(msg::STARTED, master_ip, slave_ip);
+    ensure_dsver();
+    if (role == ROLE_MASTER) {
+        log_message(msg::ROLE_IS_MASTER);
+        // Left of a push to the slave that this host was. The list of a master changes by other
+        // means, and a later run as slave would put the kept one over it.
+        put_back_client_list();
+        start_master();
+        idle();
+    }
+    if (role == ROLE_SLAVE) {
+        log_message(msg::ROLE_IS_SLAVE);
+        (void)db_del(CONFIG_DB, KEY_DHCP);
+        run_slave();
+        idle();
+    }
+    (void)post_event(EVENT_ERROR, EVENT_ROLE_FAILED, errno, nullptr);
+    log_message(msg::NO_ROLE);
+    return -1;
+}
+
 }  // namespace
 
 int daemon_main(int argc, char** /*argv*/) {
@@ -90,30 +117,4 @@ int daemon_main(int argc, char** /*argv*/) {
     detach();
     (void)run_daemon();
     return 0;
-}
-
-int run_daemon() {
-    (void)!chdir("/");
-    std::memset(master_ip, 0, sizeof master_ip);
-    std::memset(slave_ip, 0, sizeof slave_ip);
-    role = determine_role();
-    log_message(msg::STARTED, master_ip, slave_ip);
-    ensure_dsver();
-    if (role == ROLE_MASTER) {
-        log_message(msg::ROLE_IS_MASTER);
-        // Left of a push to the slave that this host was. The list of a master changes by other
-        // means, and a later life as slave would put the kept one over it.
-        put_back_client_list();
-        start_master();
-        idle();
-    }
-    if (role == ROLE_SLAVE) {
-        log_message(msg::ROLE_IS_SLAVE);
-        (void)db_del(CONFIG_DB, KEY_DHCP);
-        run_slave();
-        idle();
-    }
-    (void)post_event(EVENT_ERROR, EVENT_ROLE_FAILED, errno, nullptr);
-    log_message(msg::NO_ROLE);
-    return -1;
 }

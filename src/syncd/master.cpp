@@ -6,13 +6,14 @@
 #include <cstring>
 #include <new>
 
+#include "end_process.h"
 #include "keys.h"
 #include "log.h"
 #include "owned.h"
 #include "peer_message.h"
-#include "process_state.h"
 #include "push.h"
 #include "resolve.h"
+#include "signals.h"
 #include "stamps.h"
 #include "store.h"
 #include "sync_jobs.h"
@@ -20,7 +21,6 @@
 
 namespace {
 
-constexpr const char* ORIGIN = "src/syncd";
 constexpr int ANSWER_TIMEOUT = 20;  // seconds
 
 // Binds the master's port. SO_REUSEADDR is cleared afterwards: two sockets that both have it share
@@ -51,21 +51,6 @@ OwnedFd open_peer_socket() {
         end_process(1);
     }
     return fd;
-}
-
-bool start_work_server() {
-    m_SyncServer.reset(new (std::nothrow) PK_SyncServer<PSYNCQUEUEARG>);
-    if (!m_SyncServer) {
-        log_message(msg::NO_JOB_SERVER, strerror(errno), ORIGIN, __LINE__);
-        return false;
-    }
-    if (m_SyncServer->Start() != 0) {
-        log_message(msg::JOB_SERVER_NOT_STARTED, ORIGIN, __LINE__);
-        (void)m_SyncServer->Stop();
-        m_SyncServer.reset();
-        return false;
-    }
-    return true;
 }
 
 // Answers one datagram over a connection of its own; whoever sent it is answered.

@@ -35,6 +35,21 @@ bool names_a_server(const std::string& serverip) {
 
 }  // namespace
 
+bool start_work_server() {
+    m_SyncServer.reset(new (std::nothrow) PK_SyncServer<PSYNCQUEUEARG>);
+    if (!m_SyncServer) {
+        log_message(msg::NO_JOB_SERVER, strerror(errno), ORIGIN, __LINE__);
+        return false;
+    }
+    if (m_SyncServer->Start() != 0) {
+        log_message(msg::JOB_SERVER_NOT_STARTED, ORIGIN, __LINE__);
+        (void)m_SyncServer->Stop();
+        m_SyncServer.reset();
+        return false;
+    }
+    return true;
+}
+
 void check_server_dsver(const HeartbeatBody& heartbeat) {
     const std::string serverip(field_text(heartbeat.serverip));
     const std::string dsver(field_text(heartbeat.dsver));

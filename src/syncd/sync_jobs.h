@@ -6,14 +6,28 @@
 // them.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 #include "PK_SyncServer.h"
 #include "peer_message.h"
-#include "sync_queue_arg.h"
 
-// The master's one work server; null while it does not run. Made by start_master.
+// The argument of one job.
+struct tag_SyncQueueArg {
+    std::uint32_t op;  // what to do; the only operation fetches a server's config.db
+    char server[32];   // the server's dotted address
+    char rest[4060];   // zero
+};
+static_assert(sizeof(tag_SyncQueueArg) == 4096);
+
+using PSYNCQUEUEARG = tag_SyncQueueArg*;
+
+// The master's one work server; null while it does not run.
 extern std::unique_ptr<PK_SyncServer<PSYNCQUEUEARG>> m_SyncServer;
+
+// Makes the work server and starts it. False, with "new PK_SyncServer..." or "m_SyncServer->Start
+// ..." (LOG_ERROR), when that fails; there is none then. Main thread of the master, once.
+bool start_work_server();
 
 // The one operation of a job.
 inline constexpr std::uint32_t SYNC_OP_GET_DB = 256;

@@ -10,9 +10,10 @@
 
 #include "fuzz.h"
 #include "keys.h"
+#include "own_role.h"
 #include "owned.h"
 #include "peer_message.h"
-#include "process_state.h"
+#include "signals.h"
 #include "slave/miss_counter.h"
 #include "slave/receiver.h"
 #include "store.h"

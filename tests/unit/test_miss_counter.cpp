@@ -6,7 +6,7 @@
 #include <cerrno>
 
 #include "keys.h"
-#include "process_state.h"
+#include "signals.h"
 #include "slave/miss_counter.h"
 #include "support.h"
 

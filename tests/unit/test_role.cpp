@@ -2,7 +2,7 @@
 
 #include "keys.h"
 #include "local_addresses.h"
-#include "process_state.h"
+#include "own_role.h"
 #include "role.h"
 #include "support.h"
 

@@ -4,7 +4,7 @@
 #include <optional>
 
 #include "keys.h"
-#include "process_state.h"
+#include "own_role.h"
 #include "slave/sync_trigger.h"
 #include "support.h"
 

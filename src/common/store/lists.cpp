@@ -15,7 +15,6 @@
 
 namespace {
 
-constexpr std::size_t MAX_LIST = 4095;  // what the other tools' buffers hold
 constexpr std::size_t MAX_KEY = 127;
 constexpr std::size_t MAX_VALUE = 1023;
 

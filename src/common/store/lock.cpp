@@ -61,9 +61,9 @@ struct StoreLock::PathMutex {
 // The mutex that all threads share for `path`. It goes with its last user, so that addresses from
 // the wire, which name files, cannot fill the memory.
 std::shared_ptr<StoreLock::PathMutex> StoreLock::mutex_of(const std::string& path) {
-    static std::mutex guard;
+    static std::mutex registry;
     static std::map<std::string, std::weak_ptr<PathMutex>> mutexes;
-    const std::lock_guard lock(guard);
+    const std::lock_guard lock(registry);
     if (auto known = mutexes[path].lock()) {
         return known;
     }

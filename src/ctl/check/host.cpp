@@ -12,26 +12,26 @@
 #include "ctl/console.h"
 #include "ctl/history/log_story.h"
 #include "ctl/proc_info.h"
+#include "events.h"
 #include "findings.h"
 #include "keys.h"
 #include "log.h"
 #include "peer_message.h"
+#include "services.h"
 
 namespace {
 
-constexpr const char* PIPE = "/var/lib/quoradmind/dhcp_fifo";
 constexpr std::uint64_t FULL = 1U << 20U;          // bytes: some hours of heartbeats
 constexpr std::uint64_t NEARLY_FULL = 64U << 20U;  // less than a push of many clients logs
-constexpr int SEMAPHORE_PROJECT = 1;
 
 struct Program {
     const char* path;
     const char* purpose;
 };
 constexpr std::array<Program, 4> PROGRAMS = {{
-    {"/usr/local/bin/quordhcpd", "a take-over cannot start DHCP"},
-    {"/usr/local/bin/stagd", "a take-over cannot start the boot loader service"},
-    {"/usr/local/bin/evpost_ex", "no event reaches the site's event system"},
+    {DHCP_WRAPPER, "a take-over cannot start DHCP"},
+    {BOOT_LOADER, "a take-over cannot start the boot loader service"},
+    {EVENT_TOOL, "no event reaches the site's event system"},
     {"/usr/bin/killall", "boot services cannot be stopped (Debian: psmisc)"},
 }};
 
@@ -62,21 +62,22 @@ void check_programs(Findings& findings) {
 void check_pipe(Findings& findings) {
     const bool wrapper_runs = !processes_named("quordhcpd").empty();
     struct stat status {};
-    if (stat(PIPE, &status) != 0) {
+    if (stat(RELOAD_PIPE, &status) != 0) {
         const std::string text = fmt::format("{}: a reload of DHCP is dropped", strerror(errno));
         if (wrapper_runs) {
-            findings.problem(PIPE, text, "restart quordhcpd, which makes it");
+            findings.problem(RELOAD_PIPE, text, "restart quordhcpd, which makes it");
         } else {
-            findings.warning(PIPE, text, "quordhcpd makes it; it does not run here");
+            findings.warning(RELOAD_PIPE, text, "quordhcpd makes it; it does not run here");
         }
     } else if (!S_ISFIFO(status.st_mode)) {
-        findings.problem(PIPE, "is no pipe", "remove it and restart quordhcpd");
-    } else if (const auto readers = pipe_readers(PIPE); !readers.empty()) {
-        findings.good(PIPE, fmt::format("read by {}", names_of(readers)));
+        findings.problem(RELOAD_PIPE, "is no pipe", "remove it and restart quordhcpd");
+    } else if (const auto readers = pipe_readers(RELOAD_PIPE); !readers.empty()) {
+        findings.good(RELOAD_PIPE, fmt::format("read by {}", names_of(readers)));
     } else if (wrapper_runs) {
-        findings.problem(PIPE, "nobody reads it, though quordhcpd runs", "restart quordhcpd");
+        findings.problem(RELOAD_PIPE, "nobody reads it, though quordhcpd runs",
+                         "restart quordhcpd");
     } else {
-        findings.good(PIPE, "nobody reads it: quordhcpd does not run here");
+        findings.good(RELOAD_PIPE, "nobody reads it: quordhcpd does not run here");
     }
 }
 

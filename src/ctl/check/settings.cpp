@@ -10,7 +10,7 @@
 #include "keys.h"
 #include "local_addresses.h"
 #include "owned.h"
-#include "process_state.h"
+#include "role.h"
 #include "store.h"
 #include "text.h"
 

@@ -17,8 +17,6 @@ constexpr std::chrono::seconds STANDSTILL{10};
 constexpr std::chrono::minutes FLAPPING_SPAN{10};
 constexpr std::size_t FLAPPING_COUNT = 3;
 
-constexpr int STATUS_OF_ACTING = 75;
-
 std::string span_text(const TimelineEvent& event) {
     return event.seconds_from == event.seconds_to
                ? fmt::format("{} s", *event.seconds_from)
@@ -136,7 +134,7 @@ void RoleStory::on_bottle(LogTime time, std::string_view values) {
     state_.role = "slave";
     state_.bottle = leading_number(values);
     state_.acting =
-        !state_.stop && leading_number(part_between(values, "status=", "")) == STATUS_OF_ACTING;
+        !state_.stop && leading_number(part_between(values, "status=", "")) == STATUS_PROMOTED;
     if (state_.bottle >= 2) {
         beat_before_answer_ = state_.beat ? state_.beat : state_.start;
         state_.answer = time;

@@ -1,21 +1,12 @@
-#include "process_state.h"
-
-#include <unistd.h>
+#include "signals.h"
 
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
-#include <ctime>
 
-#include "keys.h"
+#include "end_process.h"
 #include "log.h"
-#include "owned.h"
-#include "store.h"
 
-char master_ip[32];
-char slave_ip[32];
-std::atomic<int> role;
 std::atomic<int> slave_exit_requested;
 
 namespace {
@@ -52,9 +43,4 @@ TermSignalBlocked::~TermSignalBlocked() {
         const sigset_t term = only_sigterm();
         (void)pthread_sigmask(SIG_UNBLOCK, &term, nullptr);
     }
-}
-
-void end_process(int status) {
-    close_logs();
-    _exit(status);
 }
