@@ -28,6 +28,11 @@ int rename_file(const std::string& from, const std::string& to);
 Replacement replace_file(const std::string& target, const FillFile& fill,
                          const RenameFile& rename = rename_file);
 
+// The same with a name of the caller's, on the same file system, for the fresh file: what has it is
+// removed.
+Replacement replace_file_by(const std::string& fresh, const std::string& target,
+                            const FillFile& fill, const RenameFile& rename = rename_file);
+
 // The same with a finished file of the same file system (EXDEV otherwise), which stays where it is
 // when it cannot be renamed.
 Replacement move_in_place(const std::string& source, const std::string& target,

@@ -67,8 +67,9 @@ public:
     // Whether it is unusable because its contents are damaged, not because the system refused it.
     bool damaged() const { return damaged_; }
 
-    // Each returns 0 or the library's error code (DB_NOTFOUND for an absent key); none logs.
-    int get(std::string_view key, std::string& value);
+    // Each returns 0 or the library's error code (DB_NOTFOUND for an absent key); none logs. Of a
+    // value, no more than the first `most` bytes are read, not even from the disk.
+    int get(std::string_view key, std::string& value, std::uint32_t most = WHOLE);
     int put(std::string_view key, std::string_view value);
     int del(std::string_view key);
 
@@ -76,10 +77,14 @@ public:
     // error code: then what was put may not be on disk.
     int close();
 
+    static constexpr std::uint32_t WHOLE = UINT32_MAX;
+
 private:
     friend class StoreCursor;
+    friend std::unique_ptr<Store> db_open_present(const char* path);
     friend std::unique_ptr<Store> db_open(const char* path, std::uint32_t cache_bytes);
     friend std::unique_ptr<Store> db_open_snapshot(const char* path);
+    static std::unique_ptr<Store> open(std::unique_ptr<StoreLock> lock, std::uint32_t cache_bytes);
     Store(std::unique_ptr<StoreLock> lock, __db* db, int open_result);
     Store(OwnedFd snapshot, __db* db, int open_result);
 
@@ -117,6 +122,10 @@ private:
 // could not be opened comes back unusable. `cache_bytes` 0 takes the library's small default; a
 // batch of writes wants a cache that holds the whole file.
 std::unique_ptr<Store> db_open(const char* path, std::uint32_t cache_bytes = 0);
+
+// The same for a file whose absence is nothing unusual: it is not created. Null, without a line,
+// when there is none.
+std::unique_ptr<Store> db_open_present(const char* path);
 
 // Opens a private copy of `path` as it is now, for a walk that may take long: the file itself is
 // locked only while it is copied, and what others write to it meanwhile is not seen. Nothing may be
@@ -188,14 +197,23 @@ const char* store_error_text(int code);
 // Puts a fresh, empty file in the place of `path`, keeping mode and owner; a kill at any moment
 // leaves either the old or the new one. A sound file that has records is kept as `previous`, unless
 // that is null or there. A damaged one is kept as "<path>.damaged", and a line at LOG_ERROR names
-// it. Returns whether the file in place is now empty; "%s cannot be emptied:%s" (LOG_ERROR) says
-// why not.
+// it. Returns whether the file in place is now empty, also after a power failure; "%s cannot be
+// emptied:%s" (LOG_ERROR) says why not.
 bool db_replace_empty(const char* path, const char* previous = nullptr);
+
+// Examines the file `path`, which nobody else has open. 0, or the library's error code when it is
+// no sound database. Takes no lock; logs nothing.
+int db_verify(const char* path);
+
+// What a download is known to be. A database that db_verify() has found sound is not verified again
+// by whoever opens it, where that would take long.
+enum class Download { ANY_FILE, SOUND_DATABASE };
 
 // Moves `download` over `target`. A kill or a power failure at any moment leaves either the old
 // file or the new one. False, with "%s cannot be put in place:%s" (LOG_ERROR), when the old file
-// had to stay.
-bool put_copy_in_place(const std::string& download, const std::string& target);
+// had to stay. "%s cannot be flushed:%s" (LOG_ERROR) when a power failure may bring it back.
+bool put_copy_in_place(const std::string& download, const std::string& target,
+                       Download kind = Download::ANY_FILE);
 
 // Renames the file `source` over `target` as soon as nobody has that one open: a reader that finds
 // no file creates an empty one, which must not come after `source`. `renamed` is called after a

@@ -39,13 +39,20 @@ Replacement move_in_place(const std::string& source, const std::string& target,
 
 Replacement replace_file(const std::string& target, const FillFile& fill,
                          const RenameFile& rename) {
-    const std::string fresh = target + ".new";
-    (void)unlink(fresh.c_str());  // left by a process that was killed
+    return replace_file_by(target + ".new", target, fill, rename);
+}
+
+Replacement replace_file_by(const std::string& fresh, const std::string& target,
+                            const FillFile& fill, const RenameFile& rename) {
+    // Left by a process that was killed. What cannot be removed would be filled as it is.
+    if (unlink(fresh.c_str()) != 0 && errno != ENOENT) {
+        return {false, errno};
+    }
     const int unfilled = fill(fresh);
     const Replacement result =
         unfilled == 0 ? move_in_place(fresh, target, rename) : Replacement{false, unfilled};
     if (!result.in_place) {
-        (void)unlink(fresh.c_str());
+        (void)unlink(fresh.c_str());  // otherwise the next replacement does it
     }
     return result;
 }

@@ -1,3 +1,7 @@
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <cerrno>
 
 #include "keys.h"
@@ -5,6 +9,8 @@
 #include "support.h"
 
 namespace {
+
+bool fail_directory_flush = false;
 
 class ReplaceFile : public WithFiles {
 protected:
@@ -53,6 +59,36 @@ TEST_F(ReplaceFile, TellsOldFromNewAndLeavesNothingElse) {
     EXPECT_FALSE(fresh_is_left());
 }
 
+// What is left there could be anything: the store's library would open it and not make a new one.
+TEST_F(ReplaceFile, ALeftoverThatCannotBeRemovedIsNotFilled) {
+    std::filesystem::remove(fresh_);
+    std::filesystem::create_directory(fresh_);
+    const auto fill_no_file = [](const std::string&) {
+        ADD_FAILURE();
+        return 0;
+    };
+    EXPECT_EQ(replace_file(target_, fill_no_file).error, EISDIR);
+    EXPECT_EQ(contents(target_), "old");
+    // It would wait for a creation to end that nobody is at.
+    const std::string creation = "/etc/quoradmind/__db.config.db";
+    std::filesystem::create_directory(creation);
+    std::filesystem::last_write_time(creation, {});
+    EXPECT_FALSE(db_store(CONFIG_DB, "key", "value"));
+    EXPECT_THAT(logged(), testing::HasSubstr("ERROR :DB->open Is a directory "s + CONFIG_DB));
+}
+
+TEST_F(ReplaceFile, ADatabaseThatMayComeBackIsNotEmptied) {
+    put(CLIENT_DB, "key", "value");
+    EXPECT_TRUE(db_replace_empty(CLIENT_DB));
+    fail_directory_flush = true;
+    EXPECT_FALSE(db_replace_empty(CLIENT_DB));
+    EXPECT_TRUE(put_copy_in_place(fresh_, target_));
+    fail_directory_flush = false;
+    EXPECT_THAT(logged(), testing::HasSubstr(CLIENT_DB + " cannot be emptied:Input/output error"s));
+    EXPECT_THAT(logged(), testing::HasSubstr(target_ + " cannot be flushed:Input/output error"));
+    EXPECT_EQ(contents(target_), "left by a kill");
+}
+
 TEST_F(ReplaceFile, TellsThatANameMayNotBeOnDisk) {
     const auto rename_and_hide_directory = [](const std::string& from, const std::string& to) {
         const int result = rename_file(from, to);
@@ -99,3 +135,13 @@ TEST_F(ReplaceFile, NobodyOpensARenamedDatabaseBeforeItsCallerKnows) {
 }
 
 }  // namespace
+
+// In the place of the C library's own: a disk that fails while it takes names.
+extern "C" int fsync(int fd) {
+    struct stat status {};
+    if (fail_directory_flush && fstat(fd, &status) == 0 && S_ISDIR(status.st_mode)) {
+        errno = EIO;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_fsync, fd));
+}

@@ -411,6 +411,22 @@ TEST_F(StoreTest, AWalkSeesNothingOfWhatIsWrittenMeanwhile) {
     EXPECT_EQ(records_of(CLIENT_DB).size(), 2500U);
 }
 
+// As an ordinary user has the tool look at it: no spinning until the end of its patience.
+TEST_F(StoreTest, AFileThatMayNotBeReadIsRefusedAtOnce) {
+    put(CONFIG_DB, "key", "value");
+    ASSERT_EQ(chmod(CONFIG_DB, 0600), 0);
+    set_store_use(StoreUse::INSPECT);
+    ASSERT_EQ(seteuid(65534), 0);
+    testing::internal::CaptureStdout();
+    const std::clock_t before = std::clock();
+    EXPECT_EQ(db_get(CONFIG_DB, "key"), nullptr);
+    EXPECT_LT(std::clock() - before, 5 * CLOCKS_PER_SEC);
+    EXPECT_THAT(testing::internal::GetCapturedStdout(),
+                testing::EndsWith("ERROR :DB->open Permission denied "s + CONFIG_DB + "\n"));
+    ASSERT_EQ(seteuid(0), 0);
+    set_store_use(StoreUse::SERVE);
+}
+
 }  // namespace
 
 // In the place of the C library's own: the pauses in the code under test end in a system call.

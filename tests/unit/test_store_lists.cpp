@@ -38,6 +38,8 @@ TEST_F(Lists, ChangeByWholeItems) {
         {ADD, NEARLY_FULL, "zz", *NEARLY_FULL + ",zz"},
         {ADD, NEARLY_FULL, "zzz", NEARLY_FULL},
         {REMOVE, "x,y,z", "y", "x,z"},
+        {REMOVE, *NEARLY_FULL + ",zz,zz,aa", "zz", *NEARLY_FULL + ",aa"},
+        {REMOVE, "x," + std::string(5000, 'y'), "x", std::string(5000, 'y')},
         {REMOVE, "y,x,y", "y", "x"},
         {REMOVE, "x,yy", "y", "x,yy"},
         {REMOVE, "x", "x", ABSENT},

@@ -1,6 +1,7 @@
 #include "common/store/check.h"
 
 #include <db.h>
+#include <fcntl.h>
 #include <malloc.h>
 #include <sys/stat.h>
 
@@ -15,6 +16,8 @@
 
 #include "common/store/handle.h"
 #include "common/store/page.h"
+#include "owned.h"
+#include "store.h"
 
 namespace {
 
@@ -123,9 +126,20 @@ bool is_damage(int result) {
 }
 
 void keep_verdict(const StoreLock& lock) {
+    if (lock.exists()) {
+        keep_verdict(lock.fd(), lock.path());
+    }
+}
+
+void keep_verdict(int fd, const std::string& path) {
     struct stat now {};
     // A small file is verified faster than it is worth trusting beside foreign writers.
-    if (lock.exists() && fstat(lock.fd(), &now) == 0 && now.st_size > LARGE_FILE) {
-        verdicts().keep(lock.path(), identity_of(now));
+    if (fstat(fd, &now) == 0 && now.st_size > LARGE_FILE) {
+        verdicts().keep(path, identity_of(now));
     }
+}
+
+int db_verify(const char* path) {
+    const OwnedFd fd(open(path, O_RDONLY | O_CLOEXEC));
+    return fd.valid() ? verify_file(fd.get(), path) : errno;
 }

@@ -24,3 +24,6 @@ bool is_damage(int result);
 // Keeps the verdict "sound" for a large file as it is now: it was sound, and the holder of the lock
 // has written to it since. Verifying a pushed client list again would take longer than storing it.
 void keep_verdict(const StoreLock& lock);
+
+// The same for a large file that was found sound under another name and now has this one.
+void keep_verdict(int fd, const std::string& path);

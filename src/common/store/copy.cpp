@@ -1,4 +1,5 @@
 // Finished files that take the place of a database file.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -6,8 +7,10 @@
 #include <filesystem>
 #include <string>
 
+#include "common/store/check.h"
 #include "common/store/lock.h"
 #include "log.h"
+#include "owned.h"
 #include "replace_file.h"
 #include "store.h"
 
@@ -21,10 +24,15 @@ int db_rename_over(const std::string& source, const std::string& target,
     return result;
 }
 
-bool put_copy_in_place(const std::string& download, const std::string& target) {
+bool put_copy_in_place(const std::string& download, const std::string& target, Download kind) {
+    const auto keep_it_sound = [&target] {
+        const OwnedFd fd(open(target.c_str(), O_RDONLY | O_CLOEXEC));
+        keep_verdict(fd.get(), target);
+    };
     // Only the rename waits for the lock: the flush would keep heartbeats from the file.
-    const auto rename = [](const std::string& from, const std::string& to) {
-        return db_rename_over(from, to);
+    const auto rename = [&](const std::string& from, const std::string& to) {
+        return db_rename_over(
+            from, to, kind == Download::SOUND_DATABASE ? keep_it_sound : std::function<void()>());
     };
     Replacement result = move_in_place(download, target, rename);
     // A rename does not reach across file systems; a copy beside the target can be renamed.
@@ -36,11 +44,13 @@ bool put_copy_in_place(const std::string& download, const std::string& target) {
         };
         result = replace_file(target, copy, rename);
         if (result.in_place) {
-            (void)unlink(download.c_str());
+            (void)unlink(download.c_str());  // what is left is removed before the next download
         }
     }
     if (!result.in_place) {
         log_message(msg::COPY_NOT_PUT_IN_PLACE, target.c_str(), strerror(result.error));
+    } else if (result.error != 0) {
+        log_message(msg::STORE_NOT_FLUSHED, target.c_str(), strerror(result.error));
     }
     return result.in_place;
 }

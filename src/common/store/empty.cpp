@@ -65,10 +65,12 @@ int create_empty(const std::string& fresh, const StoreLock& lock, const char* pr
     struct stat old {};
     (void)fstat(lock.fd(), &old);
     // Left by a process that was killed: the target is locked, nobody else is at work on it.
-    (void)unlink(creation_of(fresh).c_str());
+    if (unlink(creation_of(fresh).c_str()) != 0 && errno != ENOENT) {
+        return errno;
+    }
     if (const int result = create_database(fresh, static_cast<int>(old.st_mode & 0777U));
         result != 0) {
-        (void)unlink(creation_of(fresh).c_str());
+        (void)unlink(creation_of(fresh).c_str());  // otherwise the next call does it
         return result;
     }
     copy_mode_and_owner(fresh, old);
@@ -93,8 +95,11 @@ bool db_replace_empty(const char* path, const char* previous) {
         return create_empty(fresh, lock, previous);
     };
     const Replacement result = replace_file(lock.path(), fill);
-    if (!result.in_place) {
+    // After a power failure, an old list whose place was not surely taken would stand under the
+    // stamp of the new one.
+    const bool emptied = result.in_place && result.error == 0;
+    if (!emptied) {
         log_message(msg::STORE_NOT_EMPTIED, path, db_strerror(result.error));
     }
-    return result.in_place;
+    return emptied;
 }

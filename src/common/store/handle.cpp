@@ -22,7 +22,9 @@ constexpr int LEFTOVER_TRIES = 40;  // by then it is old, unless others create i
 
 // Creates the missing file and locks it.
 int create_file(StoreLock& lock) {
-    remove_leftover_creation(lock.path());
+    if (const int left = remove_leftover_creation(lock.path()); left != 0) {
+        return left;
+    }
     if (const int failed = create_database(lock.path(), FILE_MODE); failed != 0) {
         return failed;
     }
@@ -60,8 +62,8 @@ int ensure_file(StoreLock& lock) {
     if (lock.refused()) {
         return EBUSY;
     }
-    if (lock.exists()) {
-        return 0;
+    if (lock.exists() || lock.error() != 0) {
+        return lock.error();
     }
     return store_use() == StoreUse::INSPECT ? ENOENT : create_file(lock);
 }
@@ -71,15 +73,15 @@ std::string creation_of(const std::string& path) {
     return path.substr(0, name) + "__db." + path.substr(name);
 }
 
-void remove_leftover_creation(const std::string& path) {
+int remove_leftover_creation(const std::string& path) {
     const std::string leftover = creation_of(path);
     struct stat status {};
     for (int tries = 0; tries < LEFTOVER_TRIES && stat(leftover.c_str(), &status) == 0; ++tries) {
         // A clock that was set may have put the file's time into the future: that is old, too.
         if (std::abs(std::time(nullptr) - status.st_mtime) > LEFTOVER_SECONDS) {
-            (void)unlink(leftover.c_str());
-            return;
+            return unlink(leftover.c_str()) == 0 || errno == ENOENT ? 0 : errno;
         }
         std::this_thread::sleep_for(LEFTOVER_STEP);
     }
+    return 0;
 }

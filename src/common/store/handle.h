@@ -25,5 +25,5 @@ std::string creation_of(const std::string& path);
 
 // Removes what a killed creation of `path` left behind: the library would wait 100 seconds for it
 // at every further creation. One that is younger than some seconds may be another process at work:
-// it is waited for, until it goes or is old.
-void remove_leftover_creation(const std::string& path);
+// it is waited for, until it goes or is old. 0, or why it cannot be removed.
+int remove_leftover_creation(const std::string& path);

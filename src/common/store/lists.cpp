@@ -78,10 +78,7 @@ void db_list_remove(const char* path, const char* key, const char* item) {
     }
     auto items = split(*list, ',');
     std::erase(items, item);
-    const std::string shorter = join(items);
-    if (shorter.size() <= MAX_LIST) {
-        put_list(*store, key, shorter);
-    }
+    put_list(*store, key, join(items));
 }
 
 void db_list_add(const char* path, const char* key, const char* item) {

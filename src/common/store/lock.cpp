@@ -93,7 +93,7 @@ void StoreLock::relock() {
     do {
         exists_ = open_current();
         if (!file_.valid()) {
-            return;  // no directory: the open that follows says so
+            return;  // an error, or no directory: the open that follows says so
         }
         refused_ = !flock_until(file_.get(), operation, deadline) && !serving;
     } while (replaced() && std::chrono::steady_clock::now() < deadline);
@@ -102,8 +102,9 @@ void StoreLock::relock() {
 // Opens the file, or its directory when there is none. Returns whether it is the file.
 bool StoreLock::open_current() {
     file_.reset(open(path_.c_str(), O_RDONLY | O_CLOEXEC));
-    if (file_.valid()) {
-        return true;
+    error_ = file_.valid() || errno == ENOENT || errno == ENOTDIR ? 0 : errno;
+    if (file_.valid() || error_ != 0) {
+        return file_.valid();
     }
     file_.reset(open(directory_of(path_).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return false;

@@ -25,10 +25,14 @@ public:
     // Whether the file was there when it was locked.
     bool exists() const { return exists_; }
 
+    // Why the file, which is there, could not be opened, or 0.
+    int error() const { return error_; }
+
     // Whether another process kept its lock too long, and this one is not the daemon.
     bool refused() const { return refused_; }
 
-    // The locked file, or its directory when the file was missing; -1 without a directory.
+    // The locked file, or its directory when the file was missing; -1 without a directory and after
+    // an error.
     int fd() const { return file_.get(); }
 
     // Locks the file that is in place now, after the holder created or replaced it.
@@ -44,6 +48,7 @@ private:
 
     std::string path_;
     bool exists_ = false;
+    int error_ = 0;
     bool refused_ = false;
     std::shared_ptr<PathMutex> shared_;  // lives as long as any thread wants this path
     std::unique_lock<std::mutex> mutex_;

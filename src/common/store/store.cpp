@@ -36,7 +36,18 @@ int open_file(StoreLock& lock, DB* db) {
 }  // namespace
 
 std::unique_ptr<Store> db_open(const char* path, std::uint32_t cache_bytes) {
+    return Store::open(std::make_unique<StoreLock>(path), cache_bytes);
+}
+
+std::unique_ptr<Store> db_open_present(const char* path) {
     auto lock = std::make_unique<StoreLock>(path);
+    if (!lock->exists() && lock->error() == 0) {
+        return nullptr;
+    }
+    return Store::open(std::move(lock), 0);
+}
+
+std::unique_ptr<Store> Store::open(std::unique_ptr<StoreLock> lock, std::uint32_t cache_bytes) {
     DB* db = create_handle(cache_bytes);
     if (db == nullptr) {
         log_message(msg::NO_STORE_HANDLE, db_strerror(1));  // never the real code, as ever
@@ -44,7 +55,7 @@ std::unique_ptr<Store> db_open(const char* path, std::uint32_t cache_bytes) {
     }
     const int result = open_file(*lock, db);
     if (result != 0) {
-        log_message(msg::STORE_NOT_OPENED, db_strerror(result), path);
+        log_message(msg::STORE_NOT_OPENED, db_strerror(result), lock->path().c_str());
     }
     return std::unique_ptr<Store>(new Store(std::move(lock), db, result));
 }
@@ -80,12 +91,14 @@ int Store::close() {
     return result;
 }
 
-int Store::get(std::string_view key, std::string& value) {
+int Store::get(std::string_view key, std::string& value, std::uint32_t most) {
     if (!usable_) {
         return EINVAL;
     }
     DBT name = dbt_of(key);
     DBT data{};
+    data.dlen = most;
+    data.flags = most == WHOLE ? 0 : DB_DBT_PARTIAL;
     const int result = db_->get(db_, nullptr, &name, &data, 0);
     if (result == 0) {
         value = text_in(data);
