@@ -18,9 +18,14 @@ class Step:
     paths: tuple[str, ...]
 
 
-def recording(file: str, calls: str) -> tuple[str, ...]:
+def only(paths: tuple[str, ...]) -> list[str]:
+    """Strace's options for calls that have to do with one of these files, or all calls."""
+    return [option for path in paths for option in ("-P", path)]
+
+
+def recording(file: str, calls: str, *paths: str) -> tuple[str, ...]:
     """A daemon's wrapper that writes down these system calls (joined by commas)."""
-    return (*STRACE, "-y", "-o", file, "-e", f"trace={calls}")
+    return (*STRACE, "-y", "-o", file, *only(paths), "-e", f"trace={calls}")
 
 
 def recorded(host: Host, file: str) -> list[Step]:
@@ -32,10 +37,10 @@ def recorded(host: Host, file: str) -> list[Step]:
     ]
 
 
-def killed_at(calls: str, number: int) -> tuple[str, ...]:
+def killed_at(calls: str, number: int, *paths: str) -> tuple[str, ...]:
     """A daemon's wrapper that kills it where a thread makes one of these calls the n-th time."""
     kill = f"inject={calls}:signal=KILL:when={number}"
-    return (*STRACE, "-o", "/dev/null", "-e", f"trace={calls}", "-e", kill)
+    return (*STRACE, "-o", "/dev/null", *only(paths), "-e", f"trace={calls}", "-e", kill)
 
 
 def slow_writes(file: str, milliseconds: float) -> tuple[str, ...]:

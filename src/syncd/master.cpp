@@ -9,6 +9,7 @@
 #include "end_process.h"
 #include "keys.h"
 #include "log.h"
+#include "owed_reload.h"
 #include "owned.h"
 #include "peer_message.h"
 #include "push.h"
@@ -113,5 +114,6 @@ void start_master() {
         return;
     }
     (void)current_stamps();  // to have some to answer, whatever becomes of config.db
+    pay_reload_of_last_run();
     serve(fd.get());
 }

@@ -6,13 +6,13 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string>
 
 #include "PK_Request_Client.h"
 #include "keys.h"
 #include "log.h"
-#include "owned.h"
-#include "services.h"
+#include "owed_reload.h"
 #include "store.h"
 
 std::unique_ptr<PK_SyncServer<PSYNCQUEUEARG>> m_SyncServer;
@@ -21,6 +21,7 @@ namespace {
 
 constexpr const char* ORIGIN = "src/syncd";
 constexpr const char* DOWNLOAD = "/tmp/SyncDbFile.db";
+constexpr int COPY_DAMAGED = -5;  // beside the results of GetServerFile
 
 std::string copy_path(const std::string& serverip) {
     char path[128];
@@ -31,6 +32,31 @@ std::string copy_path(const std::string& serverip) {
 // The text comes from the wire and names a file: nothing but an address may get through.
 bool names_a_server(const std::string& serverip) {
     return serverip.find_first_not_of("0123456789.") == std::string::npos;
+}
+
+// The stamp in the copy of a server's settings, cut as its sender cuts a longer one; nothing when
+// there is none. The copy may be huge, and any text names one that does not exist.
+std::optional<std::string> stored_dsver(const std::string& serverip, std::uint32_t most) {
+    const std::unique_ptr<Store> copy = db_open_present(copy_path(serverip).c_str());
+    std::string dsver;
+    if (!copy || copy->get(KEY_DSVER, dsver, most) != 0) {
+        return std::nullopt;
+    }
+    return dsver.substr(0, dsver.find('\0'));
+}
+
+// Puts the download in place and tells the DHCP wrapper. 0 or COPY_DAMAGED.
+int use_download(const std::string& server) {
+    const std::string target = copy_path(server);
+    if (const int damaged = db_verify(DOWNLOAD); damaged != 0) {
+        log_message(msg::COPY_DAMAGED, target.c_str(), store_error_text(damaged));
+        return COPY_DAMAGED;
+    }
+    // Whoever ends between the two steps still owes the reload: the stamps will agree.
+    owe_reload();
+    (void)put_copy_in_place(DOWNLOAD, target, Download::SOUND_DATABASE);
+    pay_reload();
+    return 0;
 }
 
 }  // namespace
@@ -61,9 +87,7 @@ void check_server_dsver(const HeartbeatBody& heartbeat) {
         log_message(msg::HEARTBEAT_WITHOUT_ADDRESS, serverip.c_str());
         return;
     }
-    const OwnedText stored(db_get(copy_path(serverip).c_str(), KEY_DSVER));
-    // A longer stamp was cut by its sender.
-    if (!stored || dsver != text_of(stored).substr(0, sizeof heartbeat.dsver)) {
+    if (dsver != stored_dsver(serverip, sizeof heartbeat.dsver)) {
         add_to_sync_config_db(serverip.c_str());
     }
 }
@@ -94,7 +118,7 @@ int SyncQueueProcessor(PSYNCQUEUEARG arg) {
     if (arg->op != SYNC_OP_GET_DB || server.empty()) {
         return 0;
     }
-    (void)unlink(DOWNLOAD);
+    (void)unlink(DOWNLOAD);  // what cannot be removed is not written to, and recv_file says so
     PK_Request_Client client;
     const int result = GetServerFile(client, server.c_str(), CONFIG_DB, DOWNLOAD);
     if (result != 0) {
@@ -102,7 +126,5 @@ int SyncQueueProcessor(PSYNCQUEUEARG arg) {
         return result;
     }
     (void)client.Close();
-    (void)put_copy_in_place(DOWNLOAD, copy_path(server));
-    refresh_dhcp();
-    return 0;
+    return use_download(server);
 }

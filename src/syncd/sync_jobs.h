@@ -41,7 +41,9 @@ void check_server_dsver(const HeartbeatBody& heartbeat);
 // heartbeat queues another one. Main thread of the master. Logs "serverip:%s --%s--%d" (LOG_INFO).
 void add_to_sync_config_db(const char* server);
 
-// The job: fetches the server's config.db and puts it in place. Owns and releases `arg`. 0 when
-// done or nothing is to do, else GetServerFile's result, and the old copy stays. Worker thread.
-// Logs "Arg->op:%d --%s--%d" (LOG_INFO) and "Client.GetServerFile nRet:%d --%s--%d" (LOG_ERROR).
+// The job: fetches the server's config.db and puts it in place, if it is a sound database. Owns and
+// releases `arg`. 0 when done or nothing is to do, else GetServerFile's result or -5 for a damaged
+// download, and the old copy stays. Worker thread.
+// Logs "Arg->op:%d --%s--%d" (LOG_INFO) and "Client.GetServerFile nRet:%d --%s--%d" and "%s
+// not replaced, the download does not verify:%s" (LOG_ERROR).
 int SyncQueueProcessor(PSYNCQUEUEARG arg);

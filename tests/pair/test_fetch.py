@@ -7,12 +7,15 @@ import re
 import stat
 import struct
 import time
+from collections import Counter
+from contextlib import suppress
 from pathlib import Path
 
 import lab
 import pytest
-from lab import wait_until
+from lab import tracing, wait_until
 from lab.file_service import GET_FILE, FileService
+from lab.reload_pipe import PATH as RELOAD_PIPE
 from lab.reload_pipe import RELOAD, ReloadPipe
 from peer import LIMIT, FakeSlave, beat_back, heartbeat
 
@@ -68,6 +71,11 @@ class Fetcher(FakeSlave):
 
     def beat(self, dsver, address=None):
         assert self.ask(heartbeat(address or self.slave.address, dsver)) == ANSWER
+
+    def last_beat(self, dsver):
+        """To a master that may end before it answers."""
+        with suppress(OSError):
+            self.ask(heartbeat(self.slave.address, dsver))
 
     def change(self, dsver):
         """Give the server another stamp and tell the master."""
@@ -244,10 +252,12 @@ def test_a_name_that_is_no_address_gives_neither_file_nor_job(fetcher):
 
 @two_file_systems
 @pytest.mark.sanitizer
-def test_a_damaged_copy_is_replaced_by_the_next_good_one(fetcher):
+def test_only_a_sound_download_takes_the_place_of_a_copy(fetcher):
+    master, copy = fetcher.master, fetcher.copy.outer_path
     path = fetcher.slave.config.outer_path
     good = path.read_bytes()
     dice = random.Random(1)
+    copy.write_bytes(b"damaged as well")
     with FileService(fetcher.slave):
         for bad in (
             b"",
@@ -256,16 +266,77 @@ def test_a_damaged_copy_is_replaced_by_the_next_good_one(fetcher):
             good[: len(good) // 2],
             good[:4096] + dice.randbytes(len(good) - 4096),
         ):
+            mark = master.log_mark()
             path.write_bytes(bad)
             fetcher.beat("20240101000000")
-            fetcher.reloads(1)
-            assert fetcher.copy.outer_path.read_bytes() == bad
+            master.wait_log(f"{fetcher.copy.path} not replaced, the download does not verify:",
+                            LIMIT, mark)
+            assert copy.read_bytes() == b"damaged as well"
         path.write_bytes(good)
         fetcher.beat("20240101000000")
         fetcher.reloads(1)
         fetcher.await_copy()
         fetcher.beat("20240101000000")
-    assert len(fetcher.master.find_log(QUEUED)) == 6
+    assert len(master.find_log(QUEUED)) == 6
+    assert len(master.find_log("refresh_dhcp")) == 1
+
+
+@two_file_systems
+def test_killed_at_each_step_of_putting_a_copy_in_place(fetcher):
+    """A rename does not reach from another disk, so a copy beside the target is renamed."""
+    pair, master, copy = fetcher.pair, fetcher.master, fetcher.copy.outer_path
+    pair.master_daemon.kill()
+    fetcher.copy.fill({"dsver": "old"})
+    old, new = copy.read_bytes(), fetcher.slave.config.outer_path.read_bytes()
+    trace, calls = "/lab/out/trace", "openat,sendfile,copy_file_range,fchmod,fsync,rename,unlink"
+    paths = (f"{fetcher.copy.path}.new", f"/{DOWNLOAD}")
+
+    def fetch(wrapper):
+        """Whether the master outlived it."""
+        copy.write_bytes(old)
+        (copy.parent / "dhcp_reload.owed").unlink(missing_ok=True)
+        pair.wrapper = wrapper
+        fetcher.start()
+        mark = master.log_mark()
+        fetcher.last_beat("20240101000000")
+        daemon = pair.master_daemon
+        wait_until(lambda: not daemon.alive or master.find_log("refresh_dhcp", mark), LIMIT)
+        alive = daemon.alive
+        master.kill_daemons(pair.executable)
+        return alive
+
+    with FileService(fetcher.slave):
+        assert fetch(tracing.recording(trace, calls, *paths)) and copy.read_bytes() == new
+        seen = set()
+        for call, times in Counter(s.call for s in tracing.recorded(master, trace)).items():
+            for number in range(1, times + 1):
+                assert not fetch(tracing.killed_at(call, number, *paths)), f"{call} {number}"
+                seen.add(copy.read_bytes())
+                assert seen <= {old, new}, f"killed at {call} {number}"
+    assert seen == {old, new}
+
+
+@one_file_system
+def test_a_reload_that_was_owed_is_made_up_for(fetcher):
+    """The master ends between putting the copy in place and telling the DHCP wrapper."""
+    pair, master = fetcher.pair, fetcher.master
+    pair.master_daemon.kill()
+    pair.wrapper = tracing.killed_at("openat", 1, RELOAD_PIPE)
+    fetcher.start()
+    with FileService(fetcher.slave):
+        fetcher.last_beat("20240101000000")
+        wait_until(lambda: not pair.master_daemon.alive, LIMIT, "the kill")
+    fetcher.await_copy()
+    pair.wrapper = ()
+    for owed in (True, False):
+        mark = master.log_mark()
+        fetcher.start()
+        fetcher.beat("20240101000000")
+        assert len(master.find_log("reload owed since the last run", mark)) == owed
+        assert len(master.find_log("refresh_dhcp", mark)) == owed
+        assert not master.find_log(QUEUED, mark)
+        pair.master_daemon.kill()
+    fetcher.reloads(1)
 
 
 def test_a_real_pair(pair_factory):
