@@ -54,6 +54,7 @@ void SecondText::update() {
         return;
     }
     second = now;
+    tzset();  // looks whether the system's time zone has changed, which localtime_r does not
     std::tm local{};
     localtime_r(&now, &local);
     (void)std::snprintf(prefix.data(), prefix.size(), "%s:%s %04d-%02d-%02d %02d:%02d:%02d ",

@@ -61,6 +61,7 @@ std::optional<StampPair> current_stamps() {
 
 char* format_timestamp(char* buffer, std::size_t size) {
     const std::time_t seconds = std::time(nullptr);
+    tzset();  // the system's time zone may have changed
     std::tm now{};
     localtime_r(&seconds, &now);
     std::memset(buffer, 0, size);

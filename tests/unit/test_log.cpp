@@ -1,8 +1,11 @@
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
+#include <ctime>
 
 #include "SGCLog.h"
 #include "log.h"
+#include "stamps.h"
 #include "support.h"
 
 namespace {
@@ -75,6 +78,44 @@ TEST_F(Log, AMessageTakesItsArgumentsAndNoOthers) {
     EXPECT_EQ(errno, EPIPE);
     EXPECT_THAT(GetCapturedStdout(), EndsWith(" ERROR :client list put back: 7 records, instead of "
                                               "2 of an unfinished push\n"));
+}
+
+// A zone without any changes, so many hours east of Greenwich, as the system keeps its own.
+void set_zone(int hours) {
+    std::string zone = "TZif" + std::string(16, '\0');
+    const auto number = [&zone](int value) {
+        for (int shift = 24; shift >= 0; shift -= 8) {
+            zone += static_cast<char>(static_cast<unsigned>(value) >> shift & 0xFFU);
+        }
+    };
+    for (const int count : {0, 0, 0, 0, 1, 4}) {  // one zone, whose name has four bytes
+        number(count);
+    }
+    number(hours * 3600);
+    zone += "\0\0ABC\0"s;
+    write_file("/etc/localtime.new", zone);
+    std::filesystem::rename("/etc/localtime.new", "/etc/localtime");
+}
+
+TEST_F(Log, AChangedTimeZoneIsFollowed) {
+    unsetenv("TZ");
+    for (const int hours : {5, -3, 0}) {
+        set_zone(hours);
+        EXPECT_TRUE(eventually([hours] {
+            std::tm stamp{};
+            CaptureStdout();
+            write_log(LOG_INFO, "abc");
+            const std::string line = GetCapturedStdout();
+            strptime(line.c_str() + 14, "%Y-%m-%d %H:%M:%S", &stamp);
+            return std::lround(std::difftime(timegm(&stamp), std::time(nullptr)) / 3600) == hours;
+        })) << hours;
+        char stamp[20];
+        std::tm now{};
+        strptime(format_timestamp(stamp, sizeof stamp), "%Y%m%d%H%M%S", &now);
+        EXPECT_EQ(std::lround(std::difftime(timegm(&now), std::time(nullptr)) / 3600), hours);
+    }
+    std::filesystem::remove("/etc/localtime");
+    tzset();
 }
 
 TEST_F(Log, AMissingDirectoryIsHarmless) {
