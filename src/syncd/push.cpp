@@ -1,5 +1,7 @@
 #include "push.h"
 
+#include <sys/socket.h>
+
 #include <cerrno>
 #include <cstring>
 #include <optional>
@@ -30,18 +32,22 @@ public:
         messages_.push_back(message);
     }
 
-    // Whether all that was added since the last call has been sent; logs a line for each that was
-    // not.
+    // Whether all that was added since the last call has been sent; logs a line for each record
+    // that was not.
     bool send() {
-        const bool sent =
-            TcpSendAll(connection_, messages_.data(), messages_.size() * sizeof(PeerMessage)) == 0;
+        const std::size_t bytes = messages_.size() * sizeof(PeerMessage);
+        const std::size_t sent = TcpSendSome(connection_, messages_.data(), bytes);
         const int cause = errno;
-        for (std::size_t n = 0; !sent && n < messages_.size(); ++n) {
+        if (sent != bytes) {
+            // The rest of a record would be taken for the beginning of the next.
+            (void)shutdown(connection_, SHUT_RDWR);
+        }
+        for (std::size_t n = sent / sizeof(PeerMessage); n < messages_.size(); ++n) {
             log_message(msg::RECORD_NOT_SENT, strerror(cause));
         }
         messages_.clear();
         errno = cause;
-        return sent;
+        return sent == bytes;
     }
 
 private:

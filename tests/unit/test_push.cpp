@@ -1,3 +1,4 @@
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include "data_sets.h"
@@ -156,6 +157,33 @@ TEST_F(Push, SendsTextsUpToTheirTerminator) {
     }
     EXPECT_THAT(pushed(DATA_KIND_CONFIG), ElementsAre("1 dhcpcfg=x=1", "1 dbver=v1"));
     EXPECT_EQ(current_stamps()->config, "v1");
+}
+
+// Not of those that went out in one call with it.
+TEST_F(Push, ALineTellsOfEachRecordThatDidNotGoOut) {
+    for (int n = 0; n < 100; ++n) {
+        put(CLIENT_DB, "client" + std::to_string(n), "value");
+    }
+    auto [near, far] = stream();
+    const int length = 4096;  // of a block of records it takes a few
+    ASSERT_EQ(setsockopt(near.get(), SOL_SOCKET, SO_SNDBUF, &length, sizeof length), 0);
+    std::thread pusher([fd = near.get()] {
+        push_master_data(fd, {}, make_data_request(DATA_KIND_CLIENT).record);
+    });
+    EXPECT_TRUE(eventually([fd = far.get()] {
+        int waiting = 0;
+        (void)ioctl(fd, FIONREAD, &waiting);
+        return waiting >= 2 * static_cast<int>(sizeof(PeerMessage));
+    }));
+    ASSERT_EQ(shutdown(far.get(), SHUT_RD), 0);
+    pusher.join();
+    near.reset();
+    PeerMessage message;
+    std::size_t went_out = 0;
+    while (TcpRecvExact(far.get(), &message, sizeof message) == 0) {
+        ++went_out;
+    }
+    EXPECT_EQ(count_of(logged(), "ERROR :send data error:Broken pipe\n"), 101 - went_out);
 }
 
 TEST_F(Push, ToAPeerThatHasGoneReportsTheClientsStampOnly) {
