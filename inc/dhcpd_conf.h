@@ -1,8 +1,9 @@
 // Writer of the system DHCP server's configuration: one subnet block with the dynamic range, the
 // boot options and a host entry per boot client.
 //
-// The operations rewrite the file in place, one at a time: nobody else may be writing it. Any
-// thread.
+// The operations replace the file: a kill or a full disk leaves the old one or the new one, with
+// its mode and owner, where a symbolic link leads. A lock makes them wait for each other, in this
+// process and in others. Any thread.
 #pragma once
 
 inline constexpr const char* DHCPD_CONF = "/etc/dhcpd.conf";

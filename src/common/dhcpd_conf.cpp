@@ -3,41 +3,96 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <array>
-#include <cstdint>
-#include <cstdio>
-#include <cstring>
-#include <memory>
+#include <cerrno>
+#include <filesystem>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "keys.h"
 #include "log.h"
 #include "owned.h"
+#include "replace_file.h"
 #include "resolve.h"
 #include "services.h"
 #include "store.h"
 
 namespace {
 
-struct CloseFile {
-    void operator()(std::FILE* file) const { (void)std::fclose(file); }
-};
-using OwnedFile = std::unique_ptr<std::FILE, CloseFile>;
+// Held from before the file is read until the changed one is in place: otherwise a caller would
+// bring back what another one has just changed. The file itself is no lock, since it is replaced,
+// and this one ordinary users cannot hold.
+constexpr const char* LOCK_FILE = "/etc/.dhcpd.conf.lock";
 
-// Flushes and closes. Returns whether all that was written has arrived.
-bool close_written(OwnedFile& file) {
-    const bool failed = std::ferror(file.get()) != 0;
-    const bool arrived = std::fclose(file.release()) == 0 && !failed;
-    if (!arrived) {
-        log_message(msg::DHCPD_CONF_NOT_WRITTEN, DHCPD_CONF);
+// Waits for whoever has it, without limit. An invalid descriptor when there can be none.
+OwnedFd lock_conf() {
+    OwnedFd lock(open(LOCK_FILE, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    while (lock.valid() && flock(lock.get(), LOCK_EX) != 0) {
+        if (errno != EINTR) {
+            lock.reset();
+        }
     }
-    return arrived;
+    return lock;
 }
 
-void write_text(std::FILE* file, std::string_view text) {
-    (void)std::fwrite(text.data(), 1, text.size(), file);  // failures show when it is closed
+// The whole file, or nothing when it cannot be read.
+std::optional<std::string> read_conf() {
+    const OwnedFd file(open(DHCPD_CONF, O_RDONLY | O_CLOEXEC));
+    std::string text;
+    std::array<char, 4096> buffer;
+    ssize_t count = 0;
+    while ((count = read(file.get(), buffer.data(), buffer.size())) > 0) {
+        text.append(buffer.data(), static_cast<std::size_t>(count));
+    }
+    return count == 0 ? std::optional(text) : std::nullopt;
+}
+
+int write_whole(int fd, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t written = write(fd, text.data(), text.size());
+        if (written < 0 && errno != EINTR) {
+            return errno;
+        }
+        text.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(written, 0)));
+    }
+    return 0;
+}
+
+// Puts `text` in the place of the contents, where mode and owner stay and a symbolic link leads.
+// Whether it did.
+bool replace_contents(std::string_view text) {
+    std::error_code missing;
+    const std::filesystem::path target = std::filesystem::canonical(DHCPD_CONF, missing);
+    struct stat old {};
+    if (missing || stat(target.c_str(), &old) != 0 || !S_ISREG(old.st_mode)) {
+        log_message(msg::DHCPD_CONF_NOT_WRITTEN, DHCPD_CONF);
+        return false;
+    }
+    bool created = false;
+    const auto fill = [&](const std::string& fresh) {
+        const OwnedFd file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+        created = file.valid();
+        if (!created || fchown(file.get(), old.st_uid, old.st_gid) != 0 ||
+            fchmod(file.get(), old.st_mode & 07777U) != 0) {
+            return errno;
+        }
+        return write_whole(file.get(), text);
+    };
+    // A hidden name: "dhcpd.conf.new" may be an administrator's own.
+    const std::string fresh = target.parent_path() / ("." + target.filename().string() + ".new");
+    const Replacement result = replace_file_by(fresh, target, fill);
+    if (!created) {
+        log_message(msg::NO_TEMPORARY_FILE);
+    } else if (result.error != 0) {
+        log_message(msg::DHCPD_CONF_NOT_WRITTEN, DHCPD_CONF);
+    }
+    return result.in_place && result.error == 0;
 }
 
 struct NetworkSettings {
@@ -99,115 +154,62 @@ std::string placeholder_text() {
         PLACEHOLDER_HOST);
 }
 
-// Copies the lines up to the end of the subnet block, with `entry` in the place of the host's block
-// so far. Returns whether there was one.
-bool copy_with_entry(std::FILE* source, std::FILE* target, std::string_view host_name,
-                     std::string_view entry) {
+// The lines up to the end of the subnet block, with `entry` in the place of the host's block so
+// far, or else behind them, and the end of the block.
+std::string with_entry(std::string_view conf, std::string_view host_name, std::string_view entry) {
+    std::string result;
     bool replaced = false;
     bool skip_finished = false;
-    char* buffer = nullptr;
-    std::size_t capacity = 0;
-    for (ssize_t length = 0; (length = getline(&buffer, &capacity, source)) > 0;) {
-        const std::string_view line(buffer, static_cast<std::size_t>(length));
-        if (line.front() == '}') {
-            break;
-        }
+    while (!conf.empty() && conf.front() != '}') {
+        const std::size_t end = conf.find('\n');
+        const std::string_view line = end == conf.npos ? conf : conf.substr(0, end + 1);
+        conf.remove_prefix(line.size());
         if (replaced && !skip_finished) {
             skip_finished = line.find('}') != std::string_view::npos;
         } else if (!host_name.empty() && !replaced &&
                    line.find(host_name) != std::string_view::npos) {
-            write_text(target, entry);
+            result += entry;
             replaced = true;
         } else {
-            write_text(target, line);
+            result += line;
         }
     }
-    const OwnedText freed(buffer);
-    return replaced;
+    result += replaced ? "" : entry;
+    return result + "}";
 }
 
-void copy_file(std::FILE* source, std::FILE* target) {
-    std::array<char, 4096> buffer;
-    std::size_t count = 0;
-    while ((count = std::fread(buffer.data(), 1, buffer.size(), source)) > 0) {
-        write_text(target, {buffer.data(), count});
-    }
-}
-
-OwnedFile open_logged(const char* mode) {
-    OwnedFile file(std::fopen(DHCPD_CONF, mode));
-    if (!file) {
-        log_message(msg::DHCPD_CONF_UNREADABLE, DHCPD_CONF);
-    }
-    return file;
-}
-
-OwnedFile open_temporary() {
-    OwnedFile file(std::tmpfile());
-    if (!file) {
-        log_message(msg::NO_TEMPORARY_FILE);
-        return file;
-    }
-    (void)fcntl(fileno(file.get()), F_SETFD, FD_CLOEXEC);
-    return file;
-}
-
-// Whether what was read and kept so far is whole: only then may it replace the file.
-bool kept_whole(std::FILE* source, std::FILE* kept) {
-    if (std::fflush(kept) != 0 || std::ferror(kept) != 0) {
-        log_message(msg::NO_TEMPORARY_FILE);
-        return false;
-    }
-    if (std::ferror(source) != 0) {
-        log_message(msg::DHCPD_CONF_UNREADABLE, DHCPD_CONF);
-        return false;
-    }
-    return true;
-}
-
-// Rewrites the file with `entry`. Returns whether it is all there.
+// Rewrites the file with `entry`. Whether it did.
 bool put_entry(std::string_view host_name, std::string_view entry) {
-    OwnedFile conf = open_logged("re");
-    if (!conf) {
+    const OwnedFd lock = lock_conf();
+    const std::optional<std::string> conf = read_conf();
+    if (!lock.valid() || !conf || access(DHCPD_CONF, W_OK) != 0) {
+        log_message(msg::DHCPD_CONF_UNREADABLE, DHCPD_CONF);
         return false;
     }
-    const OwnedFile kept = open_temporary();
-    if (!kept) {
-        return false;
-    }
-    const bool replaced = copy_with_entry(conf.get(), kept.get(), host_name, entry);
-    if (!kept_whole(conf.get(), kept.get())) {
-        return false;
-    }
-    std::rewind(kept.get());
-    conf = open_logged("we");
-    if (!conf) {
-        return false;
-    }
-    copy_file(kept.get(), conf.get());
-    write_text(conf.get(), replaced ? "" : entry);
-    write_text(conf.get(), "}");
-    return close_written(conf);
+    return replace_contents(with_entry(*conf, host_name, entry));
 }
 
 }  // namespace
 
 int write_dhcpd_conf() {
-    OwnedFile conf(std::fopen(DHCPD_CONF, "we"));
-    if (!conf) {
+    const OwnedFd lock = lock_conf();
+    // A missing one is made, empty: what a symbolic link leads to must be there to be replaced.
+    const OwnedFd conf(open(DHCPD_CONF, O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
+    if (!lock.valid() || !conf.valid()) {
         log_message(msg::DHCPD_CONF_NOT_OPENED, DHCPD_CONF);
         return -1;
     }
     const NetworkSettings settings = read_settings();
     if (!settings.complete()) {
+        // In place: of an empty file, nothing can be left half.
+        if (ftruncate(conf.get(), 0) != 0) {
+            log_message(msg::DHCPD_CONF_NOT_WRITTEN, DHCPD_CONF);
+        }
         return -1;
     }
-    const std::string subnet = subnet_text(settings);
     log_message(msg::DHCPD_CONF_WRITTEN, DHCPD_CONF);
-    write_text(conf.get(), HEAD);
-    write_text(conf.get(), subnet);
-    write_text(conf.get(), placeholder_text());
-    return close_written(conf) ? 0 : -1;
+    return replace_contents(std::string(HEAD) + subnet_text(settings) + placeholder_text()) ? 0
+                                                                                            : -1;
 }
 
 int update_dhcp_host(const char* host_name, const char* pxe_info,

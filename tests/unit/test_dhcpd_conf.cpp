@@ -1,5 +1,8 @@
 #include <fcntl.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <array>
 
@@ -111,6 +114,69 @@ TEST_F(DhcpdConf, LinesOfAnyLengthAndFilesOfOthers) {
     EXPECT_EQ(count_of(contents(DHCPD_CONF), "PC-"), 0U);
 }
 
+// Each reads the file and puts back a changed one: none may do so with what another has replaced.
+TEST_F(DhcpdConf, ParallelCallersLoseNoEntry) {
+    constexpr int CALLERS = 4;
+    constexpr int HOSTS = 25;
+    ASSERT_EQ(write_dhcpd_conf(), 0);
+    const std::string head = contents(DHCPD_CONF).substr(0, contents(DHCPD_CONF).size() - 2);
+    std::vector<pid_t> callers;
+    for (int caller = 0; caller < CALLERS; ++caller) {
+        callers.push_back(fork());
+        for (int host = 0; callers.back() == 0 && host < HOSTS; ++host) {
+            const std::string name =
+                "PC-" + std::to_string(caller) + "-" + std::to_string(host) + "-";
+            if (update_dhcp_host(name.c_str(), "", MAC_B, "192.168.1.22") != 0) {
+                _exit(1);
+            }
+        }
+        if (callers.back() == 0) {
+            _exit(0);
+        }
+    }
+    for (const pid_t caller : callers) {
+        int status = -1;
+        EXPECT_EQ(waitpid(caller, &status, 0), caller);
+        EXPECT_EQ(status, 0);
+    }
+    EXPECT_TRUE(contents(DHCPD_CONF).starts_with(head));
+    EXPECT_EQ(count_of(contents(DHCPD_CONF), "host PC-"), std::size_t{CALLERS * HOSTS});
+    EXPECT_EQ(starts(), std::size_t{CALLERS * HOSTS});
+}
+
+// A site may keep the file elsewhere, and not for everybody's eyes.
+TEST_F(DhcpdConf, LinkModeAndOwnerStay) {
+    const std::string aim = "/usr/local/bin/conf";
+    write_file(aim, "subnet {\n}\n");
+    ASSERT_EQ(chown(aim.c_str(), 7, 8), 0);
+    ASSERT_EQ(chmod(aim.c_str(), 0640), 0);
+    std::filesystem::create_symlink(aim, DHCPD_CONF);
+    EXPECT_EQ(update_dhcp_host("PC-A", "", MAC_A, "192.168.1.21"), 0);
+    EXPECT_EQ(write_dhcpd_conf(), 0);
+    EXPECT_EQ(contents(aim), golden("dhcpd_written.conf"));
+    struct stat status {};
+    ASSERT_EQ(stat(aim.c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, 7U);
+    EXPECT_EQ(status.st_gid, 8U);
+    EXPECT_EQ(status.st_mode & 07777U, 0640U);
+    EXPECT_TRUE(std::filesystem::is_symlink(DHCPD_CONF));
+    std::filesystem::remove(DHCPD_CONF);
+}
+
+TEST_F(DhcpdConf, AFullDiskLosesNoEntry) {
+    ASSERT_EQ(mount("tmpfs", "/usr/local/bin", "tmpfs", 0, "size=8k"), 0);
+    const std::string aim = "/usr/local/bin/conf";
+    const std::string old = "subnet {\n" + std::string(6000, '#') + "\n}\n";
+    write_file(aim, old);
+    std::filesystem::create_symlink(aim, DHCPD_CONF);
+    EXPECT_EQ(update_dhcp_host("PC-A", "", MAC_A, "192.168.1.21"), -1);
+    EXPECT_THAT(logged(), testing::HasSubstr("ERROR :write /etc/dhcpd.conf failed\n"));
+    EXPECT_EQ(contents(aim), old);
+    EXPECT_EQ(count_of(logged(), "dhcpd stop"), 0U);  // it runs with what it has read
+    std::filesystem::remove(DHCPD_CONF);
+    ASSERT_EQ(umount("/usr/local/bin"), 0);
+}
+
 TEST_F(DhcpdConf, WhatCannotBeOpenedIsLogged) {
     EXPECT_EQ(update_dhcp_host("PC-A", "", MAC_A, "192.168.1.21"), -1);
     EXPECT_THAT(logged(), testing::HasSubstr("INFO :read /etc/dhcpd.conf failed.\n"));
@@ -120,10 +186,11 @@ TEST_F(DhcpdConf, WhatCannotBeOpenedIsLogged) {
     EXPECT_EQ(starts(), 0U);
     std::filesystem::remove(DHCPD_CONF);
 
-    // A full disk: the server that runs keeps what it has read.
+    // A device would be replaced by a file.
     std::filesystem::create_symlink("/dev/full", DHCPD_CONF);
     EXPECT_EQ(write_dhcpd_conf(), -1);
     EXPECT_THAT(logged(), testing::HasSubstr("ERROR :write /etc/dhcpd.conf failed\n"));
+    EXPECT_TRUE(std::filesystem::is_character_file(DHCPD_CONF));
     std::filesystem::remove(DHCPD_CONF);
 }
 
