@@ -9,6 +9,8 @@ inline constexpr const char* CONFIG_DB = "/etc/quoradmind/config.db";  // settin
 inline constexpr const char* CLIENT_DB = "/etc/quoradmind/client.db";  // boot client records
 inline constexpr const char* PREVIOUS_CLIENT_DB =
     "/etc/quoradmind/client.db.previous";  // kept while a push rebuilds the records
+inline constexpr const char* CLIENT_JOURNAL =
+    "/etc/quoradmind/client.db.journal";  // no database: how far the push has come
 inline constexpr const char* DISK_DB = "/etc/quoradmind/disk.db";  // disk records
 inline constexpr const char* SERVER_DB_FORMAT =
     "/etc/quoradmind/%s.db";  // copy of a peer's config.db

@@ -195,11 +195,16 @@ const char* store_error_text(int code);
 // --- Whole files ---------------------------------------------------------------------------------
 
 // Puts a fresh, empty file in the place of `path`, keeping mode and owner; a kill at any moment
-// leaves either the old or the new one. A sound file that has records is kept as `previous`, unless
-// that is null or there. A damaged one is kept as "<path>.damaged", and a line at LOG_ERROR names
-// it. Returns whether the file in place is now empty, also after a power failure; "%s cannot be
-// emptied:%s" (LOG_ERROR) says why not.
-bool db_replace_empty(const char* path, const char* previous = nullptr);
+// leaves either the old or the new one. A damaged file is kept as "<path>.damaged", and a line at
+// LOG_ERROR names it. Returns whether the file in place is now empty, also after a power failure;
+// "%s cannot be emptied:%s" (LOG_ERROR) says why not.
+bool db_replace_empty(const char* path);
+
+// Gives the file `path` the second name `name`, in the place of what has it. Not so a damaged one,
+// nor one that is missing or has no records. "%s cannot be kept as %s:%s" (LOG_ERROR). The name is
+// on disk with the next flush of the directory.
+enum class StoreKept { YES, NO_RECORDS, NO };
+StoreKept db_keep(const char* path, const char* name);
 
 // Examines the file `path`, which nobody else has open. 0, or the library's error code when it is
 // no sound database. Takes no lock; logs nothing.

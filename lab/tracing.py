@@ -56,3 +56,10 @@ def slow_names(file: str, milliseconds: float) -> tuple[str, ...]:
     slow = f"inject={calls}:delay_exit={round(1000 * milliseconds)}"
     options = ("--seccomp-bpf", "-o", "/dev/null", "-P", file, "-e", f"trace={calls}", "-e", slow)
     return (*STRACE, *options)
+
+
+def kept_names(file: str) -> tuple[str, ...]:
+    """A daemon's wrapper under which the file cannot be removed."""
+    fail = "inject=unlink,unlinkat:error=EIO"
+    options = ("--seccomp-bpf", "-o", "/dev/null", "-P", file, "-e", "trace=unlink,unlinkat")
+    return (*STRACE, *options, "-e", fail)

@@ -85,11 +85,11 @@ bool hold_counter() {
 
 }  // namespace
 
-SlaveAction next_action(int status_now, int bottle_now) {
-    if (status_now == STATUS_STANDBY && bottle_now < 0) {
-        return SlaveAction::PROMOTE;
+SlaveAction next_action(const SlaveView& view) {
+    if (view.status == STATUS_STANDBY && view.bottle < 0 && !view.stop_asked) {
+        return view.records_arrive ? SlaveAction::AWAIT_PUSH : SlaveAction::PROMOTE;
     }
-    if (status_now == STATUS_PROMOTED && bottle_now > 0) {
+    if (view.status == STATUS_PROMOTED && view.bottle > 0) {
         return SlaveAction::STEP_DOWN;
     }
     return SlaveAction::NONE;

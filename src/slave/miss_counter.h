@@ -21,9 +21,18 @@ inline constexpr int SLAVE_BEAT_RESET = 3;
 extern std::atomic<int> bottle;
 extern std::atomic<int> status;  // STATUS_*; written by the supervisor only
 
-// What one heartbeat period leads to, tested after the countdown.
-enum class SlaveAction { NONE, PROMOTE, STEP_DOWN };
-SlaveAction next_action(int status_now, int bottle_now);
+// What a decision looks at.
+struct SlaveView {
+    int status;
+    int bottle;
+    bool records_arrive;  // from the master: it lives, whatever the bottle says
+    bool stop_asked;      // by SIGTERM: nobody would stop again what starts now
+};
+
+// What follows, once in each heartbeat period after the countdown. AWAIT_PUSH is a PROMOTE that is
+// put off, and is to be looked at again soon.
+enum class SlaveAction { NONE, AWAIT_PUSH, PROMOTE, STEP_DOWN };
+SlaveAction next_action(const SlaveView& view);
 
 // Makes the semaphore with value 1 and sets `bottle` and `status` to their start values. When it
 // cannot, logs "failed to initialize semaphore" (LOG_INFO) and ends the process with status 1.

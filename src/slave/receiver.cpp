@@ -16,9 +16,11 @@
 #include "logged_lines.h"
 #include "message_stream.h"
 #include "miss_counter.h"
+#include "own_role.h"
 #include "owned.h"
 #include "peer_message.h"
 #include "record_sink.h"
+#include "resolve.h"
 #include "signals.h"
 #include "sync_trigger.h"
 #include "tcp.h"
@@ -57,14 +59,35 @@ void set_connection_options(int connection) {
     (void)setsockopt(connection, IPPROTO_TCP, TCP_CORK, &on, sizeof on);
 }
 
-void act_on(const PeerMessage& message, int connection, RecordSink& sink) {
+bool comes_from_master(int connection) {
+    sockaddr_in sender{};
+    socklen_t length = sizeof sender;
+    const auto master = resolve_ipv4(master_ip);
+    return getpeername(connection, reinterpret_cast<sockaddr*>(&sender), &length) == 0 &&
+           master == sender.sin_addr.s_addr;
+}
+
+// Records of the master are as good as its answers, though they refill only what has run out.
+void act_on_record(const DataRecord& record, bool from_master, RecordSink& sink) {
+    if (!from_master) {
+        (void)sink.apply_data_record(record);
+        return;
+    }
+    const ClientList::Work work(client_list());
+    if (sink.apply_data_record(record) && bottle < 0) {
+        reset_bottle();
+    }
+}
+
+void act_on(const PeerMessage& message, int connection, bool from_master, RecordSink& sink) {
     if (message.type == MSG_DATA) {
-        sink.apply_data_record(message.record);
+        act_on_record(message.record, from_master, sink);
         return;
     }
     sink.close_batch();  // what follows may put another file in the batch's place
     if (message.type == MSG_BEAT_BACK) {
         data_sync_trigger(connection, message.record);
+        sink.answered();
         reset_bottle();
     } else {
         (void)post_event(EVENT_ERROR, EVENT_UNKNOWN_TYPE, errno, nullptr);
@@ -79,8 +102,9 @@ void serve_connection(int connection) {
         log_message(msg::NOTHING_RECEIVED, strerror(errno));
         return;
     }
+    const bool from_master = comes_from_master(connection);
     for (; message != nullptr; message = stream.next()) {
-        act_on(*message, connection, sink);
+        act_on(*message, connection, from_master, sink);
         if (sink.has_batch() && !stream.more_within(BATCH_GAP_MILLISECONDS)) {
             sink.close_batch();
         }

@@ -11,8 +11,9 @@
 #include <csignal>
 #include <cstring>
 #include <optional>
+#include <thread>
 
-#include "client_list.h"
+#include "client_list/client_list.h"
 #include "events.h"
 #include "keys.h"
 #include "local_addresses.h"
@@ -38,6 +39,8 @@ constexpr unsigned HEARTBEAT_PERIOD = 2;  // seconds
 // take-over: a line that is whole again answers within milliseconds.
 constexpr std::chrono::milliseconds LAST_CHANCE{250};
 
+constexpr std::chrono::milliseconds LOOK_AGAIN{50};  // whether a push is still alive
+
 // The receiver thread, if it could be started.
 std::optional<pthread_t> start_receiver() {
     const TermSignalBlocked blocked;
@@ -55,16 +58,6 @@ OwnedText own_dsver() {
         dsver.reset(db_get(CONFIG_DB, KEY_DSVER));
     }
     return dsver;
-}
-
-// What this period leads to. No take-over once SIGTERM has come: nobody would end it.
-SlaveAction decide() {
-    const SlaveAction action = next_action(status, bottle);
-    if (action != SlaveAction::PROMOTE) {
-        return action;
-    }
-    await_refill(LAST_CHANCE);
-    return slave_exit_requested == 1 ? SlaveAction::NONE : next_action(status, bottle);
 }
 
 // Sends one heartbeat over the datagram socket `fd` to the master at `master_address` (dotted
@@ -94,9 +87,10 @@ void become_master() {
     (void)post_event(EVENT_NOTICE, EVENT_TOOK_OVER, errno, nullptr);
     log_message(msg::TOOK_OVER);
     role = ROLE_ACTING_MASTER;
-    await_end_of_push();
-    put_back_client_list();
-    (void)start_boot_services();
+    client_list().take_over();
+    if (slave_exit_requested != 1) {  // else nobody would stop them
+        (void)start_boot_services();
+    }
 }
 
 void restore_slave() {
@@ -113,19 +107,46 @@ void on_sigterm(int /*signal_number*/) {
     semaphore_delete();
 }
 
+SlaveAction action_now() {
+    return next_action({.status = status,
+                        .bottle = bottle,
+                        .records_arrive = client_list().grows(),
+                        .stop_asked = slave_exit_requested == 1});
+}
+
+void decide_and_act() {
+    SlaveAction action = action_now();
+    if (action == SlaveAction::PROMOTE) {
+        await_refill(LAST_CHANCE);
+        action = action_now();
+    }
+    if (action == SlaveAction::PROMOTE) {
+        become_master();
+    } else if (action == SlaveAction::STEP_DOWN) {
+        restore_slave();
+    }
+}
+
 void one_period(int fd) {
     send_heartbeat(fd, master_ip);
     count_missed_beat();
     log_message(msg::BEAT_COUNTED, bottle.load(), status.load());
-    switch (decide()) {
-        case SlaveAction::PROMOTE:
-            become_master();
-            break;
-        case SlaveAction::STEP_DOWN:
-            restore_slave();
-            break;
-        case SlaveAction::NONE:
-            break;
+    decide_and_act();
+}
+
+// The rest of the period. A take-over that was put off comes as soon as the push falls silent.
+void rest() {
+    using Clock = std::chrono::steady_clock;
+    if (action_now() != SlaveAction::AWAIT_PUSH) {
+        sleep(HEARTBEAT_PERIOD);  // cut short by SIGTERM
+        return;
+    }
+    const auto end = Clock::now() + std::chrono::seconds(HEARTBEAT_PERIOD);
+    while (Clock::now() < end && slave_exit_requested != 1) {
+        std::this_thread::sleep_for(LOOK_AGAIN);
+        if (action_now() == SlaveAction::PROMOTE) {
+            decide_and_act();
+        }
     }
 }
 
@@ -136,6 +157,7 @@ void run_slave() {
     slave_exit_requested = 0;
     install_signal_handler(SIGTERM, on_sigterm, 0);
     log_message(msg::SLAVE_STARTS);
+    client_list().start_as_slave();
     const std::optional<pthread_t> receiver = start_receiver();
     OwnedFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (!fd.valid()) {
@@ -144,7 +166,7 @@ void run_slave() {
     }
     while (slave_exit_requested != 1) {
         one_period(fd.get());
-        sleep(HEARTBEAT_PERIOD);  // cut short by SIGTERM
+        rest();
     }
     fd.reset();
     report_semaphore_delete();

@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "client_list.h"
+#include "client_list/client_list.h"
 #include "log.h"
 #include "logged_lines.h"
 #include "own_role.h"
@@ -17,7 +17,7 @@
 #include "stamps.h"
 
 void data_sync_trigger(int connection, const DataRecord& answer) {
-    const std::optional<StampPair> own = read_stamps("");
+    const std::optional<StampPair> own = client_list().stamps();
     const auto& [masters, has_separator] = split_stamps(field_text(answer.value));
     if (!own) {
         // The stamp of what would come could not be stored, and the clients would be emptied again
@@ -36,14 +36,14 @@ void data_sync_trigger(int connection, const DataRecord& answer) {
     }
     if (masters.client != own->client) {
         log_message(msg::CLIENTS_DIFFER);
-        if (!clear_client_db()) {
+        if (!client_list().ask()) {
             return;  // a push on top of the old records would leave those that are no more
         }
         log_message(msg::CLIENT_STAMPS, "data_sync_trigger", LINE_CLIENTS_DIFFER,
                     own->client.c_str(), masters.client.c_str());
         start_data_sync(connection, master_ip, DATA_KIND_CLIENT);
     } else {
-        note_equal_client_lists();  // a master that is back at the old stamp pushes nothing
+        client_list().equal_stamps();  // a master that is back at the old stamp pushes nothing
     }
 }
 

@@ -13,7 +13,7 @@
 #include "master.h"
 #include "own_role.h"
 #include "role.h"
-#include "slave/client_list.h"
+#include "slave/client_list/client_list.h"
 #include "stamps.h"
 #include "store.h"
 #include "supervisor.h"
@@ -82,9 +82,7 @@ int run_daemon() {
     ensure_dsver();
     if (role == ROLE_MASTER) {
         log_message(msg::ROLE_IS_MASTER);
-        // Left of a push to the slave that this host was. The list of a master changes by other
-        // means, and a later run as slave would put the kept one over it.
-        put_back_client_list();
+        client_list().start_as_master();
         start_master();
         idle();
     }

@@ -1,12 +1,14 @@
 """A push that breaks off, or takes long: the slave takes over with one whole list or the other."""
 
+import re
 import shutil
+import signal
 import time
 
 import lab
 import pytest
 from lab import tracing, wait_until
-from peer import CLIENT, LIMIT, FakeMaster, beat_back, record
+from peer import CLIENT, DISK, LIMIT, FakeMaster, beat_back, record
 
 PREVIOUS = "etc/quoradmind/client.db.previous"
 AT_START = "/lab/at_start.db"
@@ -64,27 +66,91 @@ def test_a_broken_push_costs_no_client(pair_factory, restarted):
     assert not (slave.root / PREVIOUS).exists()
 
 
-def test_a_push_longer_than_the_slaves_patience_is_not_thrown_away(pair_factory):
+class SlowPush:
+    """A push of which one record comes every now and then, to a slave that has another list."""
+
+    def __init__(self, pair, master):
+        self.slave = pair.slave
+        self.daemon = pair.start_slave()
+        master.tell(beat_back("#2"))
+        wait_until(lambda: (self.slave.root / PREVIOUS).exists(), LIMIT, "an emptied list")
+        self.link, self.sent = master.connect(), {}
+
+    def send_until(self, line):
+        while not self.slave.find_log(line):
+            key = f"client{len(self.sent)}"
+            self.sent[key.encode()] = b"new"
+            self.link.sendall(record(CLIENT, key, "new"))
+            time.sleep(0.2)
+
+    def assert_no_take_over(self):
+        assert not self.slave.find_log("become a master host")
+        assert not self.slave.services.events(720007) and not self.slave.services.runs("stagd")
+
+
+@pytest.fixture
+def slow_push(pair_factory):
     pair = pair_factory(slave_config={"client_db_version": "1"}, slave_clients={"old": "1"})
+    with FakeMaster(pair.master, pair.slave) as master:
+        yield SlowPush(pair, master)
+
+
+def test_a_push_longer_than_the_slaves_patience_costs_no_take_over(slow_push):
+    slave = slow_push.slave
+    slow_push.send_until("bottle=-3")
+    mark = slave.log_mark()
+    slow_push.link.sendall(record(CLIENT, "more", "new") + record(CLIENT, "dbver", "2"))
+    slave.wait_log(re.compile("^bottle=[23]"), LIMIT, mark)
+    slow_push.assert_no_take_over()
+    assert slave.config.get("client_db_version") == b"2"
+    assert slave.client.items() == slow_push.sent | {b"more": b"new"}
+    assert not slave.find_log("put back")
+
+
+def test_a_master_that_dies_in_a_long_push_is_given_up(slow_push):
+    slave = slow_push.slave
+    slow_push.send_until("bottle=-2")
+    slow_push.assert_no_take_over()
+    # It says nothing more, and its end is not seen: the connection stays open.
+    slave.wait_log("client list put back: 1 records, instead of ", LIMIT)
+    wait_until(lambda: slave.services.runs("stagd"), LIMIT, "the services")
+    assert len(slave.services.events(720007)) == 1
+    assert slave.client.items() == {b"old": b"1"}
+
+
+def test_sigterm_while_a_take_over_waits_starts_nothing(slow_push):
+    slave = slow_push.slave
+    slow_push.send_until("bottle=-2")
+    slow_push.daemon.signal(signal.SIGTERM)
+    slow_push.link.close()
+    slave.wait_log("slave exit line", LIMIT)
+    slow_push.assert_no_take_over()
+
+
+def test_no_stamp_before_the_old_list_is_gone(pair_factory):
+    options = {"slave_config": {"client_db_version": "1"}, "slave_clients": {"old": "1"}}
+    pair = pair_factory(wrapper=tracing.kept_names(f"/{PREVIOUS}"), **options)
     slave = pair.slave
-    pair.start_slave()
-    sent = {}
+    daemon = pair.start_slave()
     with FakeMaster(pair.master, slave) as master:
         master.tell(beat_back("#2"))
-        wait_until(lambda: (slave.root / PREVIOUS).exists(), LIMIT, "an emptied list")
-        link = master.connect()
-        while len(sent) < 5 or not slave.find_log("become a master host"):
-            key = f"client{len(sent)}"
-            sent[key.encode()] = b"new"
-            link.sendall(record(CLIENT, key, "new"))
-            time.sleep(0.2)
-        assert not slave.services.runs("stagd")
-        link.sendall(record(CLIENT, "more", "new") + record(CLIENT, "dbver", "2"))
-        link.close()
-        wait_until(lambda: slave.services.runs("stagd"), LIMIT, "the services")
+        master.tell(record(CLIENT, "new", "1"), record(CLIENT, "dbver", "2"))
+        slave.wait_log(f"/{PREVIOUS} cannot be removed:", LIMIT)
+        mark = slave.log_mark()
+        master.tell(beat_back("#2"))
+        slave.wait_log(f"/{PREVIOUS} cannot be removed:", LIMIT, mark)
+        assert slave.config.get("client_db_version") == b"1"
+        assert slave.client.items() == {b"new": b"1"}
+        slave.kill_daemons(pair.executable)
+        pair.wrapper = ()
+        mark = slave.log_mark()
+        pair.start_slave()
+        master.tell(beat_back("#2"), record(DISK, "behind", "it"))
+        slave.wait_log("data 3: behind", LIMIT, mark)
+    assert not daemon.alive
     assert slave.config.get("client_db_version") == b"2"
-    assert slave.client.items() == sent | {b"more": b"new"}
-    assert not slave.find_log("put back")
+    assert slave.client.items() == {b"new": b"1"}
+    assert not (slave.root / PREVIOUS).exists()
 
 
 def test_records_that_come_while_the_old_list_is_put_back_are_not_mixed_into_it(pair_factory):

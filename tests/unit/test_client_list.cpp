@@ -1,6 +1,7 @@
+#include <optional>
+
 #include "keys.h"
-#include "slave/client_list.h"
-#include "slave/record_sink.h"
+#include "slave/client_list/client_list.h"
 #include "support.h"
 
 namespace {
@@ -8,7 +9,20 @@ namespace {
 using testing::HasSubstr;
 using Records = std::vector<std::pair<std::string, std::string>>;
 
-class ClientList : public WithFiles {
+class TestClock : public ListClock {
+public:
+    std::chrono::nanoseconds now() override {
+        if (looked_at) {
+            looked_at();
+        }
+        return time;
+    }
+    std::chrono::nanoseconds time = 1h;
+    std::function<void()> looked_at;
+};
+
+// A slave with three clients under the stamp v1, told what happens to it.
+class ClientListTest : public WithFiles {
 protected:
     void SetUp() override {
         WithFiles::SetUp();
@@ -17,122 +31,292 @@ protected:
         }
         old_ = records_of(CLIENT_DB);
         put(CONFIG_DB, KEY_CLIENT_VERSION, "v1");
-        ASSERT_TRUE(clear_client_db());
+        restart();
     }
-    // Whether a list was put back is remembered until the next one begins.
-    void TearDown() override { EXPECT_TRUE(clear_client_db()); }
-
-    // A push of one record and, if it gets that far, its stamp.
-    static void push(const char* stamp, const char* client = "new") {
-        RecordSink sink;
-        sink.apply_data_record(make_data_record(DATA_KIND_CLIENT, client, client).record);
-        if (stamp != nullptr) {
-            sink.apply_data_record(make_data_record(DATA_KIND_CLIENT, DBVER_KEY, stamp).record);
+    void restart() {
+        list_.emplace(list_files(), clock_);
+        list_->start_as_slave();
+    }
+    // So many answers with another stamp, and a request for each.
+    void ask(int times) {
+        for (int n = 0; n < times; ++n) {
+            EXPECT_TRUE(list_->ask());
         }
     }
-    static bool kept() { return std::filesystem::exists(PREVIOUS_CLIENT_DB); }
+    // The records of one connection; without a stamp it breaks off.
+    void push(const std::vector<std::string>& clients, const char* stamp) {
+        ClientPush push;
+        for (const std::string& client : clients) {
+            list_->put(push, client, "new");
+        }
+        if (stamp != nullptr) {
+            (void)list_->close(push, stamp);
+        }
+        list_->end(push);
+    }
+    static std::vector<std::string> clients() {
+        std::vector<std::string> keys;
+        for (const auto& [key, value] : records_of(CLIENT_DB)) {
+            keys.push_back(key);
+        }
+        std::sort(keys.begin(), keys.end());
+        return keys;
+    }
+    static std::string stamp() { return stored(CONFIG_DB, KEY_CLIENT_VERSION); }
+    static std::vector<std::string> names() {
+        std::vector<std::string> found;
+        for (const auto& entry : std::filesystem::directory_iterator("/etc/quoradmind")) {
+            found.push_back(entry.path().filename());
+        }
+        std::sort(found.begin(), found.end());
+        return found;
+    }
 
-    const Records new_ = {{"new", "new"}};
+    const std::vector<std::string> only_files_ = {"client.db", "config.db"};
+    TestClock clock_;
+    std::optional<ClientList> list_;
     Records old_;
 };
 
-TEST_F(ClientList, IsPutBackWhenAPushBreaksOff) {
-    push(nullptr);
-    EXPECT_TRUE(clear_client_db());  // and again
-    push(nullptr);
-    EXPECT_EQ(records_of(CLIENT_DB), new_);
-    put_back_client_list();
+// --- One set under one stamp ---------------------------------------------------------------------
+
+TEST_F(ClientListTest, AnEqualAnswerBetweenTwoPushesLeavesTheSecondOneDue) {
+    ask(3);
+    push({"stay", "removed"}, "v2");
+    list_->equal_stamps();
+    push({"stay"}, "v3");
+    EXPECT_EQ(clients(), std::vector{"stay"s});
+    EXPECT_EQ(stamp(), "v3");
+}
+
+TEST_F(ClientListTest, ABrokenPushLeavesNothingInTheNextOne) {
+    ask(2);
+    push({"stay", "removed"}, nullptr);
+    push({"stay"}, "v3");
+    EXPECT_EQ(clients(), std::vector{"stay"s});
+    EXPECT_EQ(stamp(), "v3");
+    EXPECT_EQ(names(), only_files_);
+}
+
+TEST_F(ClientListTest, PushesStayDueAcrossARestart) {
+    for (const char* first : {static_cast<const char*>(nullptr), "v2"}) {
+        SCOPED_TRACE(first == nullptr ? "broken off" : "whole");
+        ask(2);
+        push({"stay", "removed"}, first);
+        restart();
+        push({"stay"}, "v3");
+        EXPECT_EQ(clients(), std::vector{"stay"s});
+        EXPECT_EQ(stamp(), "v3");
+    }
+}
+
+TEST_F(ClientListTest, APartIsNeverKeptAsIfItWereWhole) {
+    for (const auto& record : old_) {
+        EXPECT_EQ(db_del(CLIENT_DB, record.first.c_str()), 0);
+    }
+    ask(1);
+    push({"one of many"}, nullptr);
+    restart();
+    ask(1);
+    push({"one of many", "two of many"}, nullptr);
+    list_->take_over();
+    EXPECT_EQ(clients(), (std::vector{"one of many"s, "two of many"s}));
+    EXPECT_THAT(logged(), Not(HasSubstr("put back")));
+    // The own stamp names the list without records.
+    list_->equal_stamps();
+    EXPECT_EQ(clients(), std::vector<std::string>{});
+    EXPECT_EQ(stamp(), "v1");
+}
+
+TEST_F(ClientListTest, RecordsThatNobodyAskedForAreAdded) {
+    ask(1);
+    push({"asked"}, "v2");
+    push({"not asked"}, nullptr);
+    push({"nor this"}, "v3");
+    EXPECT_EQ(clients(), (std::vector{"asked"s, "nor this"s, "not asked"s}));
+    EXPECT_EQ(stamp(), "v3");
+    // Nor are those of a set that comes in pieces told apart.
+    ask(1);
+    push({"first"}, nullptr);
+    push({"second"}, nullptr);
+    push({}, "v4");
+    list_->equal_stamps();
+    EXPECT_EQ(clients(), (std::vector{"first"s, "second"s}));
+    EXPECT_EQ(stamp(), "v4");
+    EXPECT_EQ(names(), only_files_);
+}
+
+TEST_F(ClientListTest, AnAnswerInTheMiddleOfAPushMakesItAnother) {
+    ask(1);
+    ClientPush first;
+    list_->put(first, "of the first", "new");
+    EXPECT_TRUE(list_->ask());  // came by another connection
+    list_->put(first, "of the first, too", "new");
+    EXPECT_TRUE(list_->close(first, "v2"));
+    list_->end(first);
+    EXPECT_EQ(stamp(), "v1");
+    EXPECT_EQ(clients(), std::vector<std::string>{});
+
+    ClientPush second;
+    list_->put(second, "before the answer", "new");
+    EXPECT_TRUE(list_->ask());
+    list_->answered(second);
+    list_->put(second, "behind it", "new");
+    EXPECT_TRUE(list_->close(second, "v3"));
+    list_->end(second);
+    EXPECT_EQ(stamp(), "v3");
+    EXPECT_EQ(clients(), std::vector{"behind it"s});
+}
+
+TEST_F(ClientListTest, AStampThatAKillKeptBackIsStoredByTheNextStart) {
+    put(CONFIG_DB, KEY_CLIENT_VERSION, "v1");
+    push({"new"}, nullptr);
+    std::filesystem::create_hard_link(CLIENT_DB, PREVIOUS_CLIENT_DB);
+    write_file(CLIENT_JOURNAL, "closed 0 kept v 2");
+    restart();
+    EXPECT_EQ(stamp(), "v 2");
+    EXPECT_EQ(names(), only_files_);
+}
+
+// --- The way back to the list from before --------------------------------------------------------
+
+TEST_F(ClientListTest, IsPutBackWhenAPushBreaksOff) {
+    ask(1);
+    push({"new"}, nullptr);
+    ask(1);  // and again
+    ClientPush late;
+    list_->put(late, "new", "new");
+    list_->flush(late);
+    list_->take_over();
     EXPECT_EQ(records_of(CLIENT_DB), old_);
-    EXPECT_FALSE(kept());
     const auto line =
         "ERROR :client list put back: 3 records, instead of 1 of an unfinished push\n";
     EXPECT_EQ(count_of(logged(), line), 1U);
 
     // What is still under way of that push must not be mixed into it.
-    push("v2");
+    list_->put(late, "more", "new");
+    EXPECT_TRUE(list_->close(late, "v2"));
+    list_->end(late);
     EXPECT_EQ(records_of(CLIENT_DB), old_);
-    EXPECT_EQ(stored(CONFIG_DB, KEY_CLIENT_VERSION), "v1");
-    complete_client_list("v2");
-    EXPECT_EQ(stored(CONFIG_DB, KEY_CLIENT_VERSION), "v1");
+    EXPECT_EQ(stamp(), "v1");
 
-    EXPECT_TRUE(clear_client_db());
-    push("v2");
-    EXPECT_EQ(records_of(CLIENT_DB), new_);
-    EXPECT_EQ(stored(CONFIG_DB, KEY_CLIENT_VERSION), "v2");
-    EXPECT_FALSE(kept());
+    ask(1);
+    push({"new"}, "v2");
+    EXPECT_EQ(clients(), std::vector{"new"s});
+    EXPECT_EQ(stamp(), "v2");
+    EXPECT_EQ(names(), only_files_);
 }
 
-// Each of several answers at once made a request, and clients are removed while they are served.
-TEST_F(ClientList, HasRecordsOfOneSetOnly) {
-    EXPECT_TRUE(clear_client_db());
-    EXPECT_TRUE(clear_client_db());
-    push("v2", "removed");
-    push("v3", "new");
-    EXPECT_EQ(records_of(CLIENT_DB), new_);
-    EXPECT_EQ(stored(CONFIG_DB, KEY_CLIENT_VERSION), "v3");
-    put_back_client_list();
-    EXPECT_EQ(records_of(CLIENT_DB), new_);
-
-    // What comes without a request is added, as ever.
-    note_equal_client_lists();
-    push("v4", "more");
-    EXPECT_EQ(records_of(CLIENT_DB).size(), 2U);
-    EXPECT_EQ(stored(CONFIG_DB, KEY_CLIENT_VERSION), "v4");
+TEST_F(ClientListTest, TheNewestWholeListIsPutBack) {
+    ask(2);
+    push({"newer"}, "v2");
+    push({"newest"}, nullptr);
+    restart();
+    list_->take_over();
+    EXPECT_EQ(clients(), std::vector{"newer"s});
+    EXPECT_EQ(stamp(), "v2");
 }
 
-TEST_F(ClientList, IsNotPutBackWhileItGrows) {
-    std::thread supervisor;
-    {
-        RecordSink sink;
-        for (int n = 0; n < 5000; ++n) {
-            sink.apply_data_record(
-                make_data_record(DATA_KIND_CLIENT, std::to_string(n), "new").record);
-            if (n == 0) {
-                supervisor = std::thread([] {
-                    await_end_of_push();
-                    put_back_client_list();
-                });
-            }
-        }
-        sink.apply_data_record(make_data_record(DATA_KIND_CLIENT, DBVER_KEY, "v2").record);
-    }
-    supervisor.join();
-    EXPECT_EQ(records_of(CLIENT_DB).size(), 5000U);
-    EXPECT_EQ(stored(CONFIG_DB, KEY_CLIENT_VERSION), "v2");
-    EXPECT_THAT(logged(), Not(HasSubstr("put back")));
-}
-
-TEST_F(ClientList, IsNotPutBackOnceTheNewOneIsComplete) {
-    push("v2");
-    put_back_client_list();
-    EXPECT_EQ(records_of(CLIENT_DB), new_);
-    EXPECT_THAT(logged(), Not(HasSubstr("put back")));
-}
-
-TEST_F(ClientList, AnEmptyOneIsNothingToGoBackTo) {
-    put_back_client_list();
-    for (const auto& record : old_) {
-        EXPECT_EQ(db_del(CLIENT_DB, record.first.c_str()), 0);
-    }
-    EXPECT_TRUE(clear_client_db());
-    EXPECT_FALSE(kept());
-}
-
-TEST_F(ClientList, OneThatCannotBeReadReplacesNothing) {
+TEST_F(ClientListTest, OneThatCannotBeReadReplacesNothing) {
+    ask(1);
+    push({"new"}, nullptr);
     write_file(PREVIOUS_CLIENT_DB, std::string(8192, 'x'));
-    push(nullptr);
-    put_back_client_list();
-    EXPECT_EQ(records_of(CLIENT_DB), new_);
+    list_->take_over();
+    EXPECT_EQ(clients(), std::vector{"new"s});
     EXPECT_THAT(logged(), HasSubstr("ERROR :"s + PREVIOUS_CLIENT_DB + " cannot be read"));
 }
 
-// A kill between keeping the list and emptying it leaves two names of one file.
-TEST_F(ClientList, IsPutBackOverItself) {
-    put_back_client_list();
-    std::filesystem::create_hard_link(CLIENT_DB, PREVIOUS_CLIENT_DB);
-    put_back_client_list();
+// A kill between keeping the list and emptying it leaves two names of one file, with a journal or
+// without one. Daemons of before have left a kept list without a journal, too.
+TEST_F(ClientListTest, IsPutBackOverItself) {
+    for (const char* journal : {"", "part 1 kept "}) {
+        std::filesystem::create_hard_link(CLIENT_DB, PREVIOUS_CLIENT_DB);
+        if (*journal != '\0') {
+            write_file(CLIENT_JOURNAL, journal);
+        }
+        list_.emplace(list_files(), clock_);
+        list_->start_as_master();
+        EXPECT_EQ(records_of(CLIENT_DB), old_);
+        EXPECT_EQ(names(), only_files_);
+    }
+}
+
+TEST_F(ClientListTest, AMasterPutsBackAndForgetsItsLifeAsSlave) {
+    ask(2);
+    push({"new"}, nullptr);
+    list_.emplace(list_files(), clock_);
+    list_->start_as_master();
     EXPECT_EQ(records_of(CLIENT_DB), old_);
-    EXPECT_FALSE(kept());
+    EXPECT_EQ(names(), only_files_);
+}
+
+TEST_F(ClientListTest, AJournalThatMakesNoSenseDoesNoHarm) {
+    for (const char* journal :
+         {"", "part", "part x kept ", "whole 1", "part -1 kept ", "odd 1 kept "}) {
+        SCOPED_TRACE(journal);
+        write_file(CLIENT_JOURNAL, journal);
+        restart();
+        list_->take_over();
+        list_->equal_stamps();
+        EXPECT_EQ(records_of(CLIENT_DB), old_);
+    }
+}
+
+TEST_F(ClientListTest, NothingIsAskedForWithoutAJournal) {
+    std::filesystem::create_directories(CLIENT_JOURNAL + ".new/in the way"s);
+    EXPECT_FALSE(list_->ask());
+    EXPECT_EQ(records_of(CLIENT_DB), old_);
+    EXPECT_FALSE(std::filesystem::exists(PREVIOUS_CLIENT_DB));
+    EXPECT_EQ(count_of(logged(), "ERROR :"s + CLIENT_JOURNAL + " cannot be written:"), 1U);
+}
+
+// --- Two threads ---------------------------------------------------------------------------------
+
+TEST_F(ClientListTest, ATakeOverWaitsForTheOpenBatchAndTheReceiverForTheTakeOver) {
+    ask(1);
+    std::thread supervisor;
+    {
+        ClientPush push;
+        for (int n = 0; n < 5000; ++n) {
+            list_->put(push, std::to_string(n), "new");
+            if (n == 0) {
+                supervisor = std::thread([this] { list_->take_over(); });
+            }
+        }
+        list_->close(push, "v2");
+        list_->end(push);
+    }
+    supervisor.join();
+    const bool put_back = count_of(logged(), "client list put back") == 1;
+    EXPECT_EQ(clients().size(), put_back ? 3U : 5000U);
+    EXPECT_EQ(stamp(), put_back ? "v1" : "v2");
+}
+
+TEST_F(ClientListTest, GrowsUntilTwoSecondsAfterTheLastRecord) {
+    EXPECT_FALSE(list_->grows());
+    {
+        const ClientList::Work work(*list_);
+        clock_.time += 10s;  // a disk that takes its time
+        EXPECT_TRUE(list_->grows());
+    }
+    clock_.time += 1999ms;
+    EXPECT_TRUE(list_->grows());
+    clock_.time += 1ms;
+    EXPECT_FALSE(list_->grows());
+}
+
+// The receiver is done with a record just while the supervisor looks.
+TEST_F(ClientListTest, GrowsWhileTheLastRecordIsBeingFinished) {
+    std::optional<ClientList::Work> work;
+    work.emplace(*list_);
+    work.reset();
+    clock_.time += 10s;
+    work.emplace(*list_);
+    clock_.looked_at = [&] {
+        clock_.looked_at = nullptr;
+        work.reset();
+    };
+    EXPECT_TRUE(list_->grows());
 }
 
 }  // namespace

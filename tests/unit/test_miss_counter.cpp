@@ -31,7 +31,7 @@ std::string walk(std::string_view beats) {
     std::string actions;
     for (const char beat : beats) {
         count_missed_beat();
-        const SlaveAction action = next_action(status, bottle);
+        const SlaveAction action = next_action({status, bottle, false, false});
         if (action == SlaveAction::PROMOTE) {
             status = STATUS_PROMOTED;
         } else if (action == SlaveAction::STEP_DOWN) {

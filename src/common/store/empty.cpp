@@ -52,16 +52,9 @@ void keep_damaged(const StoreLock& lock) {
     }
 }
 
-// A list that cannot be kept is given up: one that is never renewed would be worse.
-void keep_previous(const StoreLock& lock, const char* previous) {
-    if (has_records(lock) && link(lock.path().c_str(), previous) != 0 && errno != EEXIST) {
-        log_message(msg::PREVIOUS_LIST_NOT_KEPT, lock.path().c_str(), previous, strerror(errno));
-    }
-}
-
-// Creates the empty database `fresh` with mode and owner of the locked file, and gives that file
-// its second name. 0 or the library's error code.
-int create_empty(const std::string& fresh, const StoreLock& lock, const char* previous) {
+// Creates the empty database `fresh` with mode and owner of the locked file. 0 or the library's
+// error code.
+int create_empty(const std::string& fresh, const StoreLock& lock) {
     struct stat old {};
     (void)fstat(lock.fd(), &old);
     // Left by a process that was killed: the target is locked, nobody else is at work on it.
@@ -76,15 +69,13 @@ int create_empty(const std::string& fresh, const StoreLock& lock, const char* pr
     copy_mode_and_owner(fresh, old);
     if (is_damage(verify_store(lock))) {
         keep_damaged(lock);
-    } else if (previous != nullptr) {
-        keep_previous(lock, previous);
     }
     return 0;
 }
 
 }  // namespace
 
-bool db_replace_empty(const char* path, const char* previous) {
+bool db_replace_empty(const char* path) {
     StoreLock lock(path);
     if (!lock.exists()) {
         lock.release();
@@ -92,7 +83,7 @@ bool db_replace_empty(const char* path, const char* previous) {
         return created && created->usable();
     }
     const auto fill = [&](const std::string& fresh) {
-        return create_empty(fresh, lock, previous);
+        return create_empty(fresh, lock);
     };
     const Replacement result = replace_file(lock.path(), fill);
     // After a power failure, an old list whose place was not surely taken would stand under the
@@ -102,4 +93,23 @@ bool db_replace_empty(const char* path, const char* previous) {
         log_message(msg::STORE_NOT_EMPTIED, path, db_strerror(result.error));
     }
     return emptied;
+}
+
+StoreKept db_keep(const char* path, const char* name) {
+    const StoreLock lock(path);
+    if (lock.exists() && is_damage(verify_store(lock))) {
+        return StoreKept::NO;
+    }
+    if (!lock.exists() || !has_records(lock)) {
+        return StoreKept::NO_RECORDS;
+    }
+    int failed = link(path, name) == 0 ? 0 : errno;
+    if (failed == EEXIST && unlink(name) == 0) {
+        failed = link(path, name) == 0 ? 0 : errno;
+    }
+    if (failed != 0) {
+        log_message(msg::PREVIOUS_LIST_NOT_KEPT, path, name, strerror(failed));
+        return StoreKept::NO;
+    }
+    return StoreKept::YES;
 }
