@@ -11,7 +11,7 @@
 
 #include "configured_role.h"
 #include "console.h"
-#include "history/log_story.h"
+#include "history/timeline.h"
 #include "log.h"
 #include "proc_info.h"
 #include "role.h"
@@ -48,9 +48,7 @@ struct Options {
 };
 
 LogState state_by_log() {
-    LogStory story;
-    (void)read_logs(LOG_DIRECTORY, parse_since("yesterday", log_time_now()), story);
-    return story.timeline.state();
+    return read_history(LOG_DIRECTORY, parse_since("yesterday", log_time_now())).timeline.state();
 }
 
 // Whether boot services that run here before the daemon starts are those of a take-over: the host

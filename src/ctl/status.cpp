@@ -9,7 +9,7 @@
 
 #include "configured_role.h"
 #include "console.h"
-#include "history/log_story.h"
+#include "history/timeline.h"
 #include "keys.h"
 #include "log.h"
 #include "owned.h"
@@ -51,8 +51,7 @@ struct Status {
     std::vector<ProcessInfo> services;
     std::map<std::string, std::string> settings;  // those that are there
     std::vector<PeerCopy> copies;
-    LogStory log;
-    bool log_readable = false;
+    History log;
     std::string role;  // by the log
     SyncVerdict sync{};
 };
@@ -114,7 +113,7 @@ SyncVerdict verdict_of(const Status& status) {
     if (status.daemons.empty()) {
         return {InSync::CANNOT_TELL, "the daemon does not run"};
     }
-    if (!status.log_readable) {
+    if (!status.log.failure.empty()) {
         return {InSync::CANNOT_TELL, status.log.failure};
     }
     return judge_sync(status.log.timeline.state(), log_time_now());
@@ -133,8 +132,7 @@ Status gather(const Options& options) {
         status.services.insert(status.services.end(), found.begin(), found.end());
     }
     status.copies = peer_copies();
-    status.log_readable =
-        read_logs(options.directory, parse_since("yesterday", log_time_now()), status.log);
+    status.log = read_history(options.directory, parse_since("yesterday", log_time_now()));
     (void)status.log.timeline.finish();
     status.role = (status.daemons.empty() ? "ended; before: " : "") +
                   role_by_log(status.log.timeline.state());
@@ -314,7 +312,7 @@ int show_status(const Options& options) {
     if (!status.config_readable) {
         complain("{}; \"quorsyncctl check\" tells what helps", last_logged_error());
     }
-    if (!status.log_readable) {
+    if (!status.log.failure.empty()) {
         complain("{}", status.log.failure);
     }
     const Rows rows = rows_of(status);

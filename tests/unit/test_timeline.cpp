@@ -1,7 +1,6 @@
 #include <initializer_list>
 
 #include "ctl/history/log_reader.h"
-#include "ctl/history/log_story.h"
 #include "ctl/history/timeline.h"
 #include "support.h"
 
@@ -164,7 +163,8 @@ TEST(Timeline, CountsTheRecordsOfASync) {
     lines.push_back("00:59:00 INFO :data ");  // cut off by a full disk
     lines.push_back("01:00:00 INFO :data 1: dhcpcfg=x");
     lines.push_back("01:00:00 INFO :data 1: dbver=three");
-    lines.push_back("01:00:00 ERROR :config_db_version not stored: a record could not be stored");
+    lines.push_back(
+        "01:00:00 ERROR :config_db_version not stored: a record of its set could not be stored");
     EXPECT_THAT(
         told(lines),
         ElementsAre("00:00:00 sync: client set received: 10 records in 2 s, 5/s, stamp one",
@@ -177,7 +177,7 @@ TEST(Timeline, CountsTheRecordsOfASync) {
                     "its stamp not stored: the previous client list was put back",
                     HasSubstr("00:00:26 trouble: client_db_version not stored"),
                     "01:00:00 sync: config set received: 1 record in less than a second, stamp "
-                    "three, but its stamp not stored: a record could not be stored",
+                    "three, but its stamp not stored: a record of its set could not be stored",
                     testing::StartsWith("01:00:00 trouble: config_db_version not stored")));
 }
 
@@ -254,8 +254,8 @@ TEST(Timeline, GroupsTroubles) {
     std::vector<std::string> lines;
     for (int n = 0; n < 20; ++n) {
         lines.push_back(clock_text(2 * n) + " ERROR :sendto error:Broken pipe");
-        lines.push_back(clock_text(2 * n) +
-                        " ERROR :record too long, not sent: " + std::string(std::size_t(n), 'k'));
+        lines.push_back(clock_text(2 * n) + " ERROR :record too long, not sent: " +
+                        std::string(std::size_t(n), 'k') + " (key 4 bytes, value 1024 bytes)");
     }
     lines.push_back("01:00:00 ERROR :sendto error:Broken pipe");
     lines.push_back("01:00:00 INFO :Bind error:Address already in use");
@@ -316,17 +316,16 @@ TEST_F(LogFiles, AreReadAcrossNewlinesAndForeignLines) {
     write_file("/var/log/quorsyncd_2026_11_15.log",
                "quorsyncd:2.1 2026-11-15 23:59:59 INFO :quorsyncd_role:slave\n");
     write_file("/var/log/quorsyncd_2026_13_15.log", stop + "\n");
-    LogStory story;
-    ASSERT_TRUE(read_logs("/var/log", {}, story)) << story.failure;
-    EXPECT_THAT(told(story.timeline.finish()),
+    History all = read_history("/var/log", {});
+    EXPECT_EQ(all.failure, "");
+    EXPECT_THAT(told(all.timeline.finish()),
                 ElementsAre(HasSubstr("23:59:59 start"), HasSubstr("03:00:00 sync"),
                             HasSubstr("03:00:20 stop"), HasSubstr("03:00:22 take-over")));
-    LogStory later;
-    ASSERT_TRUE(read_logs("/var/log", parse_since("2026-11-16 03:00:21", {}), later));
+    History later = read_history("/var/log", parse_since("2026-11-16 03:00:21", {}));
+    EXPECT_EQ(later.failure, "");
     EXPECT_EQ(later.timeline.finish().size(), 1U);
-    LogStory none;
-    EXPECT_FALSE(read_logs("/etc/quoradmind", {}, none));
-    EXPECT_FALSE(read_logs("/nowhere", {}, none));
+    EXPECT_THAT(read_history("/etc/quoradmind", {}).failure, HasSubstr("holds no daily log"));
+    EXPECT_THAT(read_history("/nowhere", {}).failure, HasSubstr("No such file"));
 }
 
 TEST(Since, IsUnderstoodAsOperatorsSayIt) {

@@ -10,7 +10,7 @@
 #include <cstring>
 
 #include "ctl/console.h"
-#include "ctl/history/log_story.h"
+#include "ctl/history/timeline.h"
 #include "ctl/proc_info.h"
 #include "events.h"
 #include "findings.h"

@@ -1,12 +1,20 @@
 #include "event_list.h"
 
 #include <algorithm>
+#include <array>
 
 namespace {
 
 constexpr std::size_t MAX_REPEATED = 512;
 
 }  // namespace
+
+std::string_view kind_name(EventKind kind) {
+    constexpr std::array<std::string_view, 14> NAMES = {
+        "waiting", "start", "stop",    "last-answer", "take-over", "step-down", "sync",
+        "push",    "fetch", "trouble", "silence",     "clock",     "flapping",  "re-sync"};
+    return NAMES[static_cast<std::size_t>(kind)];
+}
 
 TimelineEvent& EventList::add(EventKind kind, LogTime time, std::string text) {
     events_.push_back({kind, time, time, 1, std::move(text), {}, {}, {}});
@@ -48,14 +56,4 @@ std::vector<TimelineEvent> EventList::sorted() const {
                          return left.time < right.time;
                      });
     return events;
-}
-
-std::string_view part_between(std::string_view text, std::string_view before,
-                              std::string_view after) {
-    const std::size_t found = text.find(before);
-    if (found == std::string_view::npos) {
-        return {};
-    }
-    const std::string_view rest = text.substr(found + before.size());
-    return after.empty() ? rest : rest.substr(0, rest.find(after));
 }

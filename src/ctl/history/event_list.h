@@ -1,14 +1,48 @@
-// The events of a timeline while it is being told, and what the tellers of its stories share.
+// What has happened to a pair: the events of its timeline. What comes again and again is one event
+// with a count.
 #pragma once
 
-#include <algorithm>
-#include <array>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "timeline.h"
+#include "log_reader.h"
+
+enum class EventKind {
+    WAITING,      // for a role
+    START,        // with the role that was taken
+    STOP,         // of a slave, by SIGTERM
+    LAST_ANSWER,  // of the master, before a take-over
+    TAKE_OVER,
+    STEP_DOWN,
+    SYNC,      // a slave got a data set
+    PUSH,      // a master sent one
+    FETCH,     // a master fetched a server's config.db
+    TROUBLE,   // the daemon logged a failure
+    SILENCE,   // a slave's heartbeat stood still
+    CLOCK,     // the clock was set back
+    FLAPPING,  // several take-overs in a short time
+    RESYNC,    // the same transfer again and again
+};
+
+// "take-over": the kind as it is called in all output.
+std::string_view kind_name(EventKind kind);
+
+// Times are those of the lines.
+struct TimelineEvent {
+    EventKind kind;
+    LogTime time;
+    LogTime until;  // its end, or its last repetition
+    long count;
+    std::string text;
+    // Seconds since the last answer, as an acting master or of a transfer, as far as the lines
+    // tell: at least and at most so many.
+    std::optional<long> seconds_from;
+    std::optional<long> seconds_to;
+    std::optional<long> records;  // of a transfer
+};
 
 // Repetitions within this time of each other belong together.
 inline constexpr std::chrono::seconds TOGETHER{60};
@@ -30,8 +64,8 @@ public:
     std::size_t size() const { return events_.size(); }
     TimelineEvent& at(std::size_t index) { return events_[index]; }
 
-    // The event is told by another one; its index stays.
-    void withdraw(std::size_t index) { events_[index].count = 0; }
+    // Leaves the event out; the indices of the others stay.
+    void remove(std::size_t index) { events_[index].count = 0; }
 
     // In order of time.
     std::vector<TimelineEvent> sorted() const;
@@ -42,28 +76,3 @@ private:
     std::vector<TimelineEvent> events_;
     std::map<std::string, std::size_t> repeated_;  // index of the last one, by kind and text
 };
-
-// A message that `Story` knows by its beginning; the handler gets what follows.
-template <typename Story>
-struct Rule {
-    std::string_view start;
-    void (Story::*handler)(LogTime time, std::string_view rest);
-};
-
-// Hands the message to the first rule that fits. False when none does.
-template <typename Story, std::size_t COUNT>
-bool apply_rules(Story& story, const std::array<Rule<Story>, COUNT>& rules,
-                 const LogMessage& message) {
-    const auto* rule = std::find_if(rules.begin(), rules.end(), [&message](const auto& one) {
-        return message.text.starts_with(one.start);
-    });
-    if (rule == rules.end()) {
-        return false;
-    }
-    (story.*rule->handler)(message.time, message.text.substr(rule->start.size()));
-    return true;
-}
-
-// The part of `text` between `before` and `after`, or up to the end; empty without `before`.
-std::string_view part_between(std::string_view text, std::string_view before,
-                              std::string_view after);

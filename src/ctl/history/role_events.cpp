@@ -3,8 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <array>
-#include <utility>
 
 #include "ctl/configured_role.h"
 #include "text.h"
@@ -25,64 +23,88 @@ std::string span_text(const TimelineEvent& event) {
 
 }  // namespace
 
-bool RoleStory::take(const LogMessage& message) {
-    static constexpr std::array<Rule<RoleStory>, 7> RULES = {{
-        {"bottle=", &RoleStory::on_bottle},
-        {"ha :", &RoleStory::on_attempt},
-        {"quorsyncd start,", &RoleStory::on_start},
-        {"quorsyncd_role:", &RoleStory::on_role},
-        {"become a master host", &RoleStory::on_take_over},
-        {"restore to be a slave host", &RoleStory::on_step_down},
-        {"slave exit line", &RoleStory::on_stop},
-    }};
-    return apply_rules(*this, RULES, message) || take_step(message.text);
+bool RoleEvents::handle(const ParsedMessage& message) {
+    const LogTime time = message.time;
+    const auto& arguments = message.arguments;
+    switch (message.meaning()) {
+        case Meaning::ROLE_SEARCH:
+            begin_search(time, arguments[0]);
+            return true;
+        case Meaning::SERVERS_LISTED:
+            return search_ends_with(RoleReason::SINGLE_SERVER);
+        case Meaning::NO_SERVERS:
+            return search_ends_with(RoleReason::NO_SERVER_LIST);
+        case Meaning::NO_ADDRESS:
+            return search_ends_with(RoleReason::NO_LOCAL_ADDRESS);
+        case Meaning::NO_MASTER:
+            return search_ends_with(RoleReason::NO_MASTER);
+        case Meaning::PAIR_KNOWN:
+            return search_ends_with(RoleReason::NOT_IN_PAIR);
+        case Meaning::START:
+            start(time, arguments[0], arguments[1]);
+            return true;
+        case Meaning::MASTER_ROLE:
+            set_role(time, "master");
+            return true;
+        case Meaning::SLAVE_ROLE:
+            set_role(time, "slave");
+            return true;
+        case Meaning::STOP:
+            stop(time);
+            return true;
+        default:
+            return handle_beat(message);
+    }
+}
+
+bool RoleEvents::handle_beat(const ParsedMessage& message) {
+    switch (message.meaning()) {
+        case Meaning::BEAT:
+            count_beat(message.time, leading_number(message.arguments[0]),
+                       leading_number(message.arguments[1]));
+            return true;
+        case Meaning::TAKE_OVER:
+            take_over(message.time);
+            return true;
+        case Meaning::STEP_DOWN:
+            step_down(message.time);
+            return true;
+        default:
+            return false;
+    }
 }
 
 // --- Waiting for a role ------------------------------------------------------------------------
 
-// Each attempt begins with this line; how far it comes tells the reason.
-void RoleStory::on_attempt(LogTime time, std::string_view ha) {
-    end_attempt();
-    attempt_ = time;
-    attempt_ha_ = ha;
-    attempt_reason_ = RoleReason::HA_NOT_ENABLED;
+void RoleEvents::begin_search(LogTime time, std::string_view ha) {
+    end_search();
+    search_ = time;
+    search_ha_ = ha;
+    search_reason_ = RoleReason::HA_NOT_ENABLED;
 }
 
-// False for a message that is no step of an attempt.
-bool RoleStory::take_step(std::string_view text) {
-    static constexpr std::array<std::pair<std::string_view, RoleReason>, 5> STEPS = {{
-        {"server_list:", RoleReason::SINGLE_SERVER},
-        {"get server address list failed", RoleReason::NO_SERVER_LIST},
-        {"get myself IP address failed", RoleReason::NO_LOCAL_ADDRESS},
-        {"get db_master faile", RoleReason::NO_MASTER},
-        {"first_ip:", RoleReason::NOT_IN_PAIR},
-    }};
-    const auto* step = std::find_if(STEPS.begin(), STEPS.end(), [text](const auto& each) {
-        return text.starts_with(each.first);
-    });
-    if (step == STEPS.end()) {
-        return false;
-    }
-    attempt_reason_ = step->second;
+// How far a search comes tells what it waits for.
+bool RoleEvents::search_ends_with(RoleReason reason) {
+    search_reason_ = reason;
     return true;
 }
 
-void RoleStory::end_attempt() {
-    if (!attempt_) {
+void RoleEvents::end_search() {
+    if (!search_) {
         return;
     }
-    state_.waiting = reason_text(attempt_reason_);
-    if (attempt_reason_ == RoleReason::HA_NOT_ENABLED) {
-        state_.waiting += fmt::format(" but \"{}\"", attempt_ha_);
+    state_.waiting = reason_text(search_reason_);
+    if (search_reason_ == RoleReason::HA_NOT_ENABLED) {
+        state_.waiting += fmt::format(" but \"{}\"", search_ha_);
     }
-    events_.repeat(EventKind::WAITING, *attempt_, "waits for a role: " + state_.waiting);
-    attempt_.reset();
+    events_.repeat(EventKind::WAITING, *search_, "waits for a role: " + state_.waiting);
+    search_.reset();
 }
 
 // --- Start and end -----------------------------------------------------------------------------
 
-void RoleStory::on_start(LogTime time, std::string_view addresses) {
-    attempt_.reset();
+void RoleEvents::start(LogTime time, std::string_view master_ip, std::string_view slave_ip) {
+    search_.reset();
     remark_ = state_.acting ? "; the daemon before it ended as acting master without stopping its "
                               "boot services"
                             : "";
@@ -92,15 +114,15 @@ void RoleStory::on_start(LogTime time, std::string_view addresses) {
     fresh.take_over = state_.take_over;
     fresh.step_down = state_.step_down;
     fresh.start = time;
-    fresh.master_ip = part_between(addresses, "master_ip:", ",");
-    fresh.slave_ip = part_between(addresses, "slave_ip:", "");
+    fresh.master_ip = master_ip;
+    fresh.slave_ip = slave_ip;
     state_ = fresh;
     beat_before_answer_.reset();
     start_event_ = events_.size();
     events_.add(EventKind::START, time, start_text());
 }
 
-void RoleStory::on_role(LogTime time, std::string_view role) {
+void RoleEvents::set_role(LogTime time, std::string_view role) {
     state_.role = role;
     if (!start_event_) {
         start_event_ = events_.size();
@@ -110,12 +132,12 @@ void RoleStory::on_role(LogTime time, std::string_view role) {
     start_event_.reset();
 }
 
-std::string RoleStory::start_text() const {
+std::string RoleEvents::start_text() const {
     return fmt::format("starts{}{} (master {}, slave {}){}", state_.role.empty() ? "" : " as ",
                        state_.role, state_.master_ip, state_.slave_ip, remark_);
 }
 
-void RoleStory::on_stop(LogTime time, std::string_view /*rest*/) {
+void RoleEvents::stop(LogTime time) {
     events_.add(EventKind::STOP, time,
                 state_.acting
                     ? "stops its work on request, as acting master: its boot services stay"
@@ -127,15 +149,13 @@ void RoleStory::on_stop(LogTime time, std::string_view /*rest*/) {
 
 // --- Heartbeats --------------------------------------------------------------------------------
 
-// "bottle=2, status=71", once per beat after the countdown from 3: any value from 2 up means that
-// the master has answered since the beat before.
-void RoleStory::on_bottle(LogTime time, std::string_view values) {
+// Once per beat, after the countdown from 3: any bottle from 2 up means that the master has
+// answered since the beat before.
+void RoleEvents::count_beat(LogTime time, int bottle, int status) {
     note_silence(time);
     state_.role = "slave";
-    state_.bottle = leading_number(values);
-    state_.acting =
-        !state_.stop && leading_number(part_between(values, "status=", "")) == STATUS_PROMOTED;
-    if (state_.bottle >= 2) {
+    state_.acting = !state_.stop && status == STATUS_PROMOTED;
+    if (bottle >= 2) {
         beat_before_answer_ = state_.beat ? state_.beat : state_.start;
         state_.answer = time;
         ++state_.quiet_beats;
@@ -143,7 +163,7 @@ void RoleStory::on_bottle(LogTime time, std::string_view values) {
     state_.beat = time;
 }
 
-void RoleStory::note_silence(LogTime time) {
+void RoleEvents::note_silence(LogTime time) {
     if (!state_.beat || time - *state_.beat <= STANDSTILL) {
         return;
     }
@@ -154,10 +174,10 @@ void RoleStory::note_silence(LogTime time) {
     event.until = time;
 }
 
-void RoleStory::on_take_over(LogTime time, std::string_view /*rest*/) {
+void RoleEvents::take_over(LogTime time) {
     state_.acting = true;
     state_.take_over = time;
-    ++state_.turns;
+    ++state_.role_changes;
     std::string text = "takes over";
     std::optional<long> from;
     std::optional<long> to;
@@ -184,7 +204,7 @@ void RoleStory::on_take_over(LogTime time, std::string_view /*rest*/) {
     note_flapping(time);
 }
 
-void RoleStory::note_flapping(LogTime time) {
+void RoleEvents::note_flapping(LogTime time) {
     take_overs_.push_back(time);
     while (time - take_overs_.front() > FLAPPING_SPAN) {
         take_overs_.pop_front();
@@ -205,10 +225,10 @@ void RoleStory::note_flapping(LogTime time) {
         event.count, seconds_between(event.time, time));
 }
 
-void RoleStory::on_step_down(LogTime time, std::string_view /*rest*/) {
+void RoleEvents::step_down(LogTime time) {
     state_.acting = false;
     state_.step_down = time;
-    ++state_.turns;
+    ++state_.role_changes;
     TimelineEvent& event =
         events_.add(EventKind::STEP_DOWN, time, "steps down: the master answers again");
     if (state_.take_over && *state_.take_over <= time) {

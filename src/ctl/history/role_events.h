@@ -7,28 +7,31 @@
 #include <string_view>
 
 #include "event_list.h"
+#include "log_state.h"
+#include "message_parser.h"
 #include "role.h"
 
-class RoleStory {
+class RoleEvents {
 public:
-    RoleStory(EventList& events, LogState& state) : events_(events), state_(state) {}
+    RoleEvents(EventList& events, LogState& state) : events_(events), state_(state) {}
 
-    // False for a message that is not about these.
-    bool take(const LogMessage& message);
+    // Whether the message is one of these.
+    bool handle(const ParsedMessage& message);
 
-    // Tells what the last attempt to take a role, which nothing followed, was waiting for.
-    void end_attempt();
+    // Reports what the last search for a role, which nothing followed, was waiting for.
+    void end_search();
 
 private:
-    void on_attempt(LogTime time, std::string_view ha);
-    void on_start(LogTime time, std::string_view addresses);
-    void on_role(LogTime time, std::string_view role);
-    void on_stop(LogTime time, std::string_view);
-    void on_bottle(LogTime time, std::string_view values);
-    void on_take_over(LogTime time, std::string_view);
-    void on_step_down(LogTime time, std::string_view);
+    bool handle_beat(const ParsedMessage& message);
+    void begin_search(LogTime time, std::string_view ha);
+    bool search_ends_with(RoleReason reason);
+    void start(LogTime time, std::string_view master_ip, std::string_view slave_ip);
+    void set_role(LogTime time, std::string_view role);
+    void stop(LogTime time);
+    void count_beat(LogTime time, int bottle, int status);
+    void take_over(LogTime time);
+    void step_down(LogTime time);
 
-    bool take_step(std::string_view text);
     std::string start_text() const;
     void note_silence(LogTime time);
     void note_flapping(LogTime time);
@@ -36,9 +39,9 @@ private:
     EventList& events_;
     LogState& state_;
 
-    std::optional<LogTime> attempt_;
-    RoleReason attempt_reason_ = RoleReason::DECIDED;  // what it waits for if it ends here
-    std::string attempt_ha_;
+    std::optional<LogTime> search_;
+    RoleReason search_reason_ = RoleReason::DECIDED;  // what it waits for if it ends here
+    std::string search_ha_;
 
     std::optional<std::size_t> start_event_;  // whose role is not known yet
     std::string remark_;                      // on the end of the daemon before

@@ -3,12 +3,12 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <array>
+#include <cerrno>
+#include <cstring>
+#include <deque>
 #include <map>
 
-#include "event_list.h"
-#include "fetch_story.h"
-#include "log.h"
+#include "message_parser.h"
 #include "role_events.h"
 #include "transfer_events.h"
 
@@ -17,135 +17,148 @@ namespace {
 // Lines of several threads may come in the wrong order by a moment.
 constexpr std::chrono::seconds CLOCK_STEP{2};
 
-// Beats come every 2 seconds; one that is older has been missed.
-constexpr std::chrono::seconds FRESH{10};
-constexpr long QUIET_BEATS = 2;
+// A file may go on for a moment into the next day, when the clock is set.
+constexpr std::chrono::hours FILE_SPAN{25};
 
 constexpr std::size_t MAX_ALIKE = 5;  // further ones of a kind are told as one
+constexpr std::size_t MAX_QUEUE = 1000;
 
-// Failures that the daemon logs at LOG_INFO. Not "dhcpd stop:", which the tool logs whenever it
-// restarts the system's DHCP server; after a failure of the daemon "stagd stop:" follows it.
-constexpr std::array<std::string_view, 11> QUIET_FAILURES = {"Bind error:",
-                                                             "Udp server socket error:",
-                                                             "failed to initialize semaphore",
-                                                             "semaphore_p failed",
-                                                             "semaphore_v failed",
-                                                             "set value failed",
-                                                             "Failed to delete",
-                                                             "dhcpd start result:",
-                                                             "stagd stop:",
-                                                             "create socket failed",
-                                                             "error func:"};
-
-// What some failures mean to the pair.
-struct Meaning {
-    std::string_view start;
-    const char* text;
-};
-constexpr std::array<Meaning, 7> MEANINGS = {{
-    {"sendto error:", "a heartbeat was not answered"},
-    {"TcpConnectSv error:", "a slave cannot be reached"},
-    {"TcpBuildListen error:", "no port, the slave's daemon ended"},
-    {"Bind error:", "no port, the master's daemon ended"},
-    {"dhcpd start result:", "the boot services did not start"},
-    {"refresh_dhcp open", "no quordhcpd reads its pipe here"},
-    {"failed to initialize semaphore", "the slave's daemon ended"},
-}};
-
-std::string with_meaning(std::string text) {
-    for (const Meaning& meaning : MEANINGS) {
-        if (text.starts_with(meaning.start)) {
-            text += fmt::format(" ({})", meaning.text);
-        }
-    }
-    return text;
-}
-
-bool is_failure(const LogMessage& message) {
-    if (message.level >= LOG_ERROR) {
-        return true;
-    }
-    return message.level == LOG_INFO && std::any_of(QUIET_FAILURES.begin(), QUIET_FAILURES.end(),
-                                                    [&message](std::string_view start) {
-                                                        return message.text.starts_with(start);
-                                                    });
-}
-
-// The failures of a log: each text once, and of many alike only the first ones.
-class TroubleStory {
+// The fetches of a master.
+class FetchEvents {
 public:
-    explicit TroubleStory(EventList& events) : events_(events) {}
+    explicit FetchEvents(EventList& events) : events_(events) {}
 
-    void add(const LogMessage& failure) {
-        const std::string text(without_origin(failure.text));
-        const std::string kind = text.substr(0, text.find(':'));
-        if (failure.time - since_ > TOGETHER) {
-            alike_.clear();
-        }
-        since_ = failure.time;
-        std::vector<std::string>& known = alike_[kind];
-        const bool is_known = std::find(known.begin(), known.end(), text) != known.end();
-        if (!is_known && known.size() < MAX_ALIKE) {
-            known.push_back(text);
-        } else if (!is_known) {
-            events_.repeat(EventKind::TROUBLE, failure.time, kind + ": others of the kind");
-            return;
-        }
-        events_.repeat(EventKind::TROUBLE, failure.time, with_meaning(text));
+    // Whether the message is one of a fetch, and told with it.
+    bool handle(const ParsedMessage& message);
+
+    // The daemon was started anew.
+    void restart() {
+        queue_.clear();
+        server_.reset();
     }
 
 private:
+    void queue(std::string_view server);
+    void begin();
+    bool note_cause(const ParsedMessage& failure);
+    void fail(LogTime time, const std::string& cause);
+    void succeed(LogTime time);
+
     EventList& events_;
-    LogTime since_{};
+    std::deque<std::string> queue_;      // servers that will be asked
+    std::optional<std::string> server_;  // that is asked now
+    std::string cause_;                  // the first failure that was logged meanwhile
+};
+
+bool FetchEvents::handle(const ParsedMessage& message) {
+    switch (message.meaning()) {
+        case Meaning::FETCH_AHEAD:
+            queue(message.arguments[0]);
+            return true;
+        case Meaning::FETCH:
+            begin();
+            return true;
+        case Meaning::FETCH_STEP_FAILED:
+            return note_cause(message);
+        case Meaning::FETCH_FAILED:
+            fail(message.time,
+                 cause_.empty() ? fmt::format("result {}", message.arguments[0]) : cause_);
+            return true;
+        case Meaning::FETCH_DONE:
+            succeed(message.time);
+            return true;
+        default:
+            return false;
+    }
+}
+
+void FetchEvents::queue(std::string_view server) {
+    if (queue_.size() < MAX_QUEUE) {
+        queue_.emplace_back(server);
+    }
+}
+
+void FetchEvents::begin() {
+    server_ = "another server";
+    if (!queue_.empty()) {
+        server_ = queue_.front();
+        queue_.pop_front();
+    }
+    cause_.clear();
+}
+
+// False while no fetch is under way: the tool fetches, too.
+bool FetchEvents::note_cause(const ParsedMessage& failure) {
+    if (server_ && cause_.empty()) {
+        cause_ = without_origin(failure.text);
+    }
+    return server_.has_value();
+}
+
+void FetchEvents::fail(LogTime time, const std::string& cause) {
+    events_.repeat(EventKind::FETCH, time,
+                   fmt::format("config.db of {} could not be fetched: {}",
+                               server_.value_or("another server"), cause));
+    server_.reset();
+}
+
+void FetchEvents::succeed(LogTime time) {
+    if (!server_) {
+        return;
+    }
+    TimelineEvent& event =
+        events_.repeat(EventKind::FETCH, time, fmt::format("config.db of {} fetched", *server_));
+    if (event.count == ENDLESS) {
+        event.kind = EventKind::RESYNC;
+        event.text = fmt::format(
+            "endless re-sync: {}, though its 'dsver' never comes to equal the copy's", event.text);
+    }
+    server_.reset();
+}
+
+// The failures of a log: each text once, and of many alike only the first ones.
+class FailureEvents {
+public:
+    explicit FailureEvents(EventList& events) : events_(events) {}
+
+    void add(const ParsedMessage& failure);
+
+private:
+    EventList& events_;
+    LogTime last_{};
     std::map<std::string, std::vector<std::string>> alike_;
 };
 
-SyncVerdict judge_beats(const LogState& state, std::optional<LogTime> beat, LogTime now,
-                        const std::string& partner) {
-    if (!beat || now - *beat > FRESH) {
-        return {InSync::CANNOT_TELL, beat ? fmt::format("nothing heard of the {} since {}", partner,
-                                                        format_log_time(*beat))
-                                          : fmt::format("nothing heard of the {}", partner)};
+void FailureEvents::add(const ParsedMessage& failure) {
+    std::string text(without_origin(failure.text));
+    const std::string kind = text.substr(0, text.find(':'));
+    if (failure.time - last_ > TOGETHER) {
+        alike_.clear();
     }
-    if (!state.open_transfer.empty()) {
-        return {InSync::NO, fmt::format("the {} has not arrived whole", state.open_transfer)};
+    last_ = failure.time;
+    std::vector<std::string>& known = alike_[kind];
+    const bool is_known = std::find(known.begin(), known.end(), text) != known.end();
+    if (!is_known && known.size() < MAX_ALIKE) {
+        known.push_back(text);
+    } else if (!is_known) {
+        events_.repeat(EventKind::TROUBLE, failure.time, kind + ": others of the kind");
+        return;
     }
-    if (state.quiet_beats < QUIET_BEATS) {
-        return {InSync::CANNOT_TELL, "too few heartbeats since the start or the last transfer"};
+    if (failure.message != nullptr && failure.message->consequence != nullptr) {
+        text += fmt::format(" ({})", failure.message->consequence);
     }
-    return {InSync::YES,
-            fmt::format("the last {} answered heartbeats led to no transfer", state.quiet_beats)};
+    events_.repeat(EventKind::TROUBLE, failure.time, text);
 }
 
 }  // namespace
 
-std::string_view kind_name(EventKind kind) {
-    constexpr std::array<std::string_view, 14> NAMES = {
-        "waiting", "start", "stop",    "last-answer", "take-over", "step-down", "sync",
-        "push",    "fetch", "trouble", "silence",     "clock",     "flapping",  "re-sync"};
-    return NAMES[static_cast<std::size_t>(kind)];
-}
-
-SyncVerdict judge_sync(const LogState& state, LogTime now) {
-    if (state.stop) {
-        return {InSync::CANNOT_TELL, "the slave has stopped its work"};
-    }
-    if (state.role == "master") {
-        return judge_beats(state, state.beat_back, now, "slave");
-    }
-    if (state.acting) {
-        return {InSync::CANNOT_TELL, "acting as master: the master does not answer"};
-    }
-    return judge_beats(state, state.answer, now, "master");
-}
-
-struct Timeline::Stories {
+struct Timeline::Parts {
     EventList events;
     LogState state;
-    RoleStory roles{events, state};
-    TransferStory transfers{events, state};
-    FetchStory fetches{events};
-    TroubleStory troubles{events};
+    RoleEvents roles{events, state};
+    TransferEvents transfers{events, state};
+    FetchEvents fetches{events};
+    FailureEvents failures{events};
 
     void watch_clock(LogTime time) {
         if (!state.first_message) {
@@ -159,36 +172,60 @@ struct Timeline::Stories {
     }
 };
 
-Timeline::Timeline() : stories_(std::make_unique<Stories>()) {}
+Timeline::Timeline() : parts_(std::make_unique<Parts>()) {}
 Timeline::Timeline(Timeline&&) noexcept = default;
 Timeline& Timeline::operator=(Timeline&&) noexcept = default;
 Timeline::~Timeline() = default;
 
-void Timeline::add(const LogMessage& message) {
-    Stories& told = *stories_;
-    told.watch_clock(message.time);
-    if (message.text.starts_with("quorsyncd start,")) {
-        told.transfers.restart();
-        told.fetches.restart();
+void Timeline::add(const LogMessage& line) {
+    Parts& parts = *parts_;
+    parts.watch_clock(line.time);
+    const ParsedMessage message = parse_message(line);
+    if (message.meaning() == Meaning::START) {
+        parts.transfers.restart();
+        parts.fetches.restart();
     }
-    if (told.roles.take(message) || told.transfers.take(message) || told.fetches.take(message) ||
-        !is_failure(message)) {
-        return;
-    }
-    told.transfers.overhear(message);
-    if (!told.fetches.take_failure(message)) {
-        told.troubles.add(message);
+    const bool handled = parts.roles.handle(message) || parts.transfers.handle(message) ||
+                         parts.fetches.handle(message);
+    if (message.failure && !handled) {
+        parts.failures.add(message);
     }
 }
 
 std::vector<TimelineEvent> Timeline::finish() {
-    stories_->roles.end_attempt();
-    const std::string open_transfer = stories_->state.open_transfer;
-    stories_->transfers.tell_open_ones();
-    stories_->state.open_transfer = open_transfer;  // told, but it may go on
-    return stories_->events.sorted();
+    parts_->roles.end_search();
+    const std::string open_transfer = parts_->state.open_transfer;
+    parts_->transfers.report_open_ones();
+    parts_->state.open_transfer = open_transfer;  // reported, but it may go on
+    return parts_->events.sorted();
 }
 
 const LogState& Timeline::state() const {
-    return stories_->state;
+    return parts_->state;
+}
+
+History read_history(const std::string& directory, std::optional<LogTime> since) {
+    History history;
+    const auto logs = daily_logs(directory);
+    if (!logs || logs->empty()) {
+        history.failure =
+            fmt::format("{}: {}; --dir names another directory", directory,
+                        logs ? "holds no daily log \"quorsyncd_YYYY_MM_DD.log\"" : strerror(errno));
+        return history;
+    }
+    for (const DailyLog& log : *logs) {
+        if (since && log.day + FILE_SPAN < *since) {
+            continue;
+        }
+        const bool whole = visit_messages(log.path, [&](const LogMessage& message) {
+            if (!since || message.time >= *since) {
+                history.timeline.add(message);
+            }
+        });
+        if (!whole) {
+            history.failure = fmt::format("{} cannot be read: {}", log.path, strerror(errno));
+            break;
+        }
+    }
+    return history;
 }

@@ -8,8 +8,9 @@
 #include <string>
 
 #include "ctl/console.h"
+#include "ctl/rows.h"
 #include "ctl/verbs.h"
-#include "log_story.h"
+#include "timeline.h"
 
 namespace {
 
@@ -46,7 +47,7 @@ Colour colour_of(EventKind kind) {
     }
 }
 
-// Not where the text tells it.
+// Not where the text has it.
 std::string repetition(const TimelineEvent& event) {
     if (event.count == 1 || event.kind == EventKind::FLAPPING) {
         return "";
@@ -54,42 +55,24 @@ std::string repetition(const TimelineEvent& event) {
     return fmt::format(" ({} times until {})", event.count, format_log_time(event.until));
 }
 
-void print_events(const std::vector<TimelineEvent>& events) {
-    Table table;
-    for (const TimelineEvent& event : events) {
-        table.add({{format_log_time(event.time)},
-                   {std::string(kind_name(event.kind)), colour_of(event.kind)},
-                   {escape(event.text) + repetition(event)}});
-    }
-    table.print();
-}
-
-json_object* json_of(const TimelineEvent& event) {
-    json_object* object = json_object_new_object();
-    const auto add_number = [object](const char* name, std::optional<long> number) {
+Row row_of(const TimelineEvent& event) {
+    Row row{{{format_log_time(event.time)},
+             {std::string(kind_name(event.kind)), colour_of(event.kind)},
+             {escape(event.text) + repetition(event)}},
+            {{"time", format_log_time(event.time)},
+             {"until", format_log_time(event.until)},
+             {"kind", kind_name(event.kind)},
+             {"count", event.count}}};
+    const auto add_number = [&row](const char* name, std::optional<long> number) {
         if (number) {
-            json_object_object_add(object, name, json_object_new_int64(*number));
+            row.members.push_back({name, *number});
         }
     };
-    put_text(object, "time", format_log_time(event.time));
-    put_text(object, "until", format_log_time(event.until));
-    put_text(object, "kind", kind_name(event.kind));
-    add_number("count", event.count);
     add_number("seconds_from", event.seconds_from);
     add_number("seconds_to", event.seconds_to);
     add_number("records", event.records);
-    put_text(object, "text", event.text);
-    return object;
-}
-
-void print_events_as_json(const std::vector<TimelineEvent>& events) {
-    const Json object(json_object_new_object());
-    json_object* list = json_object_new_array();
-    for (const TimelineEvent& event : events) {
-        json_object_array_add(list, json_of(event));
-    }
-    json_object_object_add(object.get(), "events", list);
-    print_json(object);
+    row.members.push_back({"text", event.text});
+    return row;
 }
 
 int show_timeline(const Options& options) {
@@ -103,18 +86,20 @@ int show_timeline(const Options& options) {
                                            "\"2026-11-16 03:00\", \"03:00\", \"2h\" or \"today\"");
         }
     }
-    LogStory story;
-    if (!read_logs(options.directory, since, story)) {
-        complain("{}", story.failure);
+    History history = read_history(options.directory, since);
+    if (!history.failure.empty()) {
+        complain("{}", history.failure);
         return EXIT_CANNOT_TELL;
     }
-    const std::vector<TimelineEvent> events = story.timeline.finish();
+    const std::vector<TimelineEvent> events = history.timeline.finish();
+    Rows rows;
+    std::transform(events.begin(), events.end(), std::back_inserter(rows), row_of);
     if (options.json) {
-        print_events_as_json(events);
+        JsonValue::object({{"events", list_of(rows)}}).print();
     } else if (events.empty()) {
         say("Nothing happened{}.", since ? " since " + format_log_time(*since) : "");
     } else {
-        print_events(events);
+        print_table(rows);
     }
     const bool alarming = std::any_of(events.begin(), events.end(), [](const auto& event) {
         return event.kind == EventKind::FLAPPING || event.kind == EventKind::RESYNC;

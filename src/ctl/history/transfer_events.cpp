@@ -23,111 +23,104 @@ std::string rate_text(long records, long seconds) {
                         : fmt::format("in {} s, {}/s", seconds, records / seconds);
 }
 
-// `text` without `key` and `separator` at its beginning.
-std::optional<std::string_view> value_of(std::string_view text, std::string_view key,
-                                         std::string_view separator) {
-    if (!text.starts_with(key) || !text.substr(key.size()).starts_with(separator)) {
-        return std::nullopt;
-    }
-    return text.substr(key.size() + separator.size());
-}
-
-// Whether the record "key = value" of a set's file goes to the slave.
-bool is_pushed(std::size_t kind, std::string_view record) {
-    const auto keys = data_set_of(static_cast<std::uint32_t>(kind))->keys;
-    return keys.empty() || std::any_of(keys.begin(), keys.end(), [record](const char* key) {
-               return value_of(record, key, " = ").has_value();
-           });
+// The kind of set that a message names, or 0.
+std::size_t set_of(std::string_view number) {
+    const DataSet* set = data_set_of(static_cast<std::uint32_t>(leading_number(number)));
+    return set == nullptr ? 0 : set->kind;
 }
 
 }  // namespace
 
-bool TransferStory::take(const LogMessage& message) {
-    static constexpr std::array<Rule<TransferStory>, 6> RULES = {{
-        {"data ", &TransferStory::on_record},
-        {" send data: ", &TransferStory::on_sent},
-        {"beat back to ", &TransferStory::on_beat_back},
-        {"start_data_syncd ", &TransferStory::on_trigger},
-        {"func:data_sync_trigger line", &TransferStory::on_versions},
-        {"db:", &TransferStory::on_push},
-    }};
-    return apply_rules(*this, RULES, message);
+bool TransferEvents::handle(const ParsedMessage& message) {
+    switch (message.meaning()) {
+        case Meaning::CONFIG_ASKED_FOR:
+            begin(EventKind::SYNC, CONFIG, message.time);
+            return true;
+        case Meaning::CLIENTS_ASKED_FOR:
+            begin(EventKind::SYNC, CLIENT, message.time);
+            return true;
+        case Meaning::CONFIG_STAMPS:
+            transfers_[CONFIG].stamp = message.arguments[3];
+            return true;
+        case Meaning::CLIENT_STAMPS:
+            transfers_[CLIENT].stamp = message.arguments[3];
+            return true;
+        case Meaning::RECORD_IN:
+            receive(message.time, set_of(message.arguments[0]), message.arguments[1],
+                    message.arguments[2]);
+            return true;
+        case Meaning::BEAT_ANSWERED:
+            answer_beat(message.time, message.arguments[0]);
+            return true;
+        case Meaning::PUSH:
+            begin_push(message.time, set_of(message.arguments[0]));
+            return true;
+        case Meaning::RECORD_OUT:
+            send(message.time, message.arguments[0], message.arguments[1]);
+            return true;
+        default:
+            note_failure(message);
+            return false;
+    }
 }
 
-void TransferStory::overhear(const LogMessage& failure) {
-    static constexpr std::array<Rule<TransferStory>, 7> RULES = {{
-        {"send data error:", &TransferStory::on_unsent},
-        {"record too long, not sent", &TransferStory::on_too_long},
-        {"sendto error:", &TransferStory::on_not_compared},
-        {"own version stamps cannot be read", &TransferStory::on_not_compared},
-        {"master_client_version == NULL", &TransferStory::on_not_compared},
-        {"config_db_version not stored: ", &TransferStory::on_unstored_config},
-        {"client_db_version not stored: ", &TransferStory::on_unstored_client},
-    }};
-    (void)apply_rules(*this, RULES, failure);
+// What a failure, which is reported by itself, means to a transfer.
+void TransferEvents::note_failure(const ParsedMessage& failure) {
+    switch (failure.meaning()) {
+        case Meaning::STAMPS_NOT_COMPARED:
+            state_.quiet_beats = 0;
+            return;
+        case Meaning::STAMP_NOT_STORED:
+            note_missing_stamp(failure);
+            return;
+        case Meaning::RECORD_LOST:
+            ++transfers_[pushing_].unsent;
+            return;
+        case Meaning::RECORD_LEFT_OUT:
+            --transfers_[pushing_].records;
+            return;
+        default:
+            return;
+    }
 }
 
-void TransferStory::restart() {
-    tell_open_ones();
+void TransferEvents::restart() {
+    report_open_ones();
     transfers_ = {};
     pushing_ = 0;
 }
 
-void TransferStory::tell_open_ones() {
+void TransferEvents::report_open_ones() {
     for (std::size_t set = 1; set < transfers_.size(); ++set) {
         if (transfers_[set].open) {
-            tell(set, false);
+            report(set, false);
         }
     }
 }
 
 // --- On a slave --------------------------------------------------------------------------------
 
-// "CONFIG" or "CLIENT": the master's answer had another stamp.
-void TransferStory::on_trigger(LogTime time, std::string_view set) {
-    begin(EventKind::SYNC, set == "CONFIG" ? CONFIG : CLIENT, time);
-}
-
-// "105 client_version:..., master_client_version:...", behind the trigger.
-void TransferStory::on_versions(LogTime /*time*/, std::string_view versions) {
-    if (const auto config = part_between(versions, "master_config_version:", ""); !config.empty()) {
-        transfers_[CONFIG].stamp = config;
-    }
-    if (const auto client = part_between(versions, "master_client_version:", ""); !client.empty()) {
-        transfers_[CLIENT].stamp = client;
-    }
-}
-
-// "2: key=value"
-void TransferStory::on_record(LogTime time, std::string_view record) {
-    const auto set = static_cast<std::size_t>(leading_number(record.substr(0, 1)));
-    // A full disk cuts lines off anywhere: there may be nothing behind "data ".
-    if (set == 0 || set >= transfers_.size() || !record.substr(1).starts_with(": ")) {
+void TransferEvents::receive(LogTime time, std::size_t set, std::string_view key,
+                             std::string_view value) {
+    if (set == 0) {
         return;
     }
     if (!transfers_[set].open) {
         begin(EventKind::SYNC, set, time);
     }
-    if (const auto stamp = value_of(record.substr(3), DBVER_KEY, "=")) {
-        end(set, time, *stamp);
+    if (key == DBVER_KEY) {
+        end(set, time, value);
         return;
     }
     ++transfers_[set].records;
     transfers_[set].last = time;
 }
 
-void TransferStory::on_unstored_config(LogTime /*time*/, std::string_view reason) {
-    unstored(CONFIG, reason);
-}
-
-void TransferStory::on_unstored_client(LogTime /*time*/, std::string_view reason) {
-    unstored(CLIENT, reason);
-}
-
-// What was told as whole was not.
-void TransferStory::unstored(std::size_t set, std::string_view reason) {
-    Transfer& transfer = transfers_[set];
+// What was reported as whole was not.
+void TransferEvents::note_missing_stamp(const ParsedMessage& failure) {
+    Transfer& transfer = transfers_[failure.arguments[0] == KEY_CONFIG_VERSION ? CONFIG : CLIENT];
     if (transfer.event && transfer.whole_times > 0) {
+        const std::string_view reason = failure.text.substr(failure.text.find(": ") + 2);
         --transfer.whole_times;
         events_.at(*transfer.event).text += fmt::format(", but its stamp not stored: {}", reason);
     }
@@ -135,97 +128,76 @@ void TransferStory::unstored(std::size_t set, std::string_view reason) {
 
 // --- On a master -------------------------------------------------------------------------------
 
-// "10.77.0.2 :config-1#client-1"
-void TransferStory::on_beat_back(LogTime time, std::string_view answer) {
+void TransferEvents::answer_beat(LogTime time, std::string_view slave) {
     state_.role = "master";
     state_.beat_back = time;
-    state_.beat_back_to = answer.substr(0, answer.find(' '));
-    state_.beat_back_stamps = part_between(answer, " :", "");
+    state_.beat_back_to = slave;
     ++state_.quiet_beats;
 }
 
-// A heartbeat whose answer did not reach the slave, or which the slave could do nothing with.
-void TransferStory::on_not_compared(LogTime /*time*/, std::string_view /*rest*/) {
-    state_.quiet_beats = 0;
-}
-
-void TransferStory::on_push(LogTime time, std::string_view set) {
-    const auto number = static_cast<std::size_t>(leading_number(set));
-    if (number == CONFIG || number == CLIENT) {
-        pushing_ = number;
-        begin(EventKind::PUSH, number, time);
+void TransferEvents::begin_push(LogTime time, std::size_t set) {
+    if (set != 0) {
+        pushing_ = set;
+        begin(EventKind::PUSH, set, time);
     }
 }
 
-// "key = value", also for settings that stay here.
-void TransferStory::on_sent(LogTime time, std::string_view record) {
+void TransferEvents::send(LogTime time, std::string_view key, std::string_view value) {
     if (pushing_ == 0) {
         return;
     }
-    if (const auto stamp = value_of(record, DBVER_KEY, " = ")) {
-        end(pushing_, time, *stamp);
+    if (key == DBVER_KEY) {
+        end(pushing_, time, value);
         return;
     }
     transfers_[pushing_].last = time;
-    if (is_pushed(pushing_, record)) {
+    if (travels(*data_set_of(static_cast<std::uint32_t>(pushing_)), key)) {
         ++transfers_[pushing_].records;
-    }
-}
-
-void TransferStory::on_unsent(LogTime /*time*/, std::string_view /*rest*/) {
-    if (pushing_ != 0) {
-        ++transfers_[pushing_].unsent;
-    }
-}
-
-void TransferStory::on_too_long(LogTime /*time*/, std::string_view /*rest*/) {
-    if (pushing_ != 0) {
-        --transfers_[pushing_].records;
     }
 }
 
 // --- Both --------------------------------------------------------------------------------------
 
-void TransferStory::begin(EventKind kind, std::size_t set, LogTime time) {
+void TransferEvents::begin(EventKind kind, std::size_t set, LogTime time) {
     Transfer& transfer = transfers_[set];
     if (transfer.open) {
-        tell(set, false);
+        report(set, false);
     }
     kind_ = kind;
     transfer.open = true;
     transfer.begin = transfer.last = time;
     transfer.stamp.clear();
-    transfer.turn = state_.turns;
+    transfer.role_changes = state_.role_changes;
     transfer.records = transfer.unsent = 0;
     state_.quiet_beats = 0;
     note_open();
 }
 
-void TransferStory::end(std::size_t set, LogTime time, std::string_view stamp) {
+void TransferEvents::end(std::size_t set, LogTime time, std::string_view stamp) {
     transfers_[set].last = time;
     transfers_[set].stamp = stamp;
-    tell(set, true);
+    report(set, true);
     state_.last_transfer = time;
     state_.quiet_beats = 0;
 }
 
-void TransferStory::note_open() {
+void TransferEvents::note_open() {
     state_.open_transfer = transfers_[CONFIG].open   ? set_name(CONFIG)
                            : transfers_[CLIENT].open ? set_name(CLIENT)
                                                      : "";
 }
 
-void TransferStory::tell(std::size_t set, bool whole) {
+void TransferEvents::report(std::size_t set, bool whole) {
     Transfer& transfer = transfers_[set];
     transfer.open = false;
     note_open();
     const bool again = transfer.event && transfer.event_stamp == transfer.stamp &&
-                       transfer.event_turn == transfer.turn &&
+                       transfer.event_role_changes == transfer.role_changes &&
                        transfer.begin - events_.at(*transfer.event).until <= TOGETHER;
     if (!again) {
         transfer.first_event = events_.size();
         transfer.event_stamp = transfer.stamp;
-        transfer.event_turn = transfer.turn;
+        transfer.event_role_changes = transfer.role_changes;
         transfer.times = transfer.whole_times = 0;
     }
     ++transfer.times;
@@ -234,7 +206,7 @@ void TransferStory::tell(std::size_t set, bool whole) {
         transfer.event = events_.size();
         events_.add(kind_, transfer.begin, {});
     } else if (transfer.times == ENDLESS) {
-        events_.withdraw(*transfer.event);  // one tells of all from now on
+        events_.remove(*transfer.event);  // one reports all from now on
         transfer.event = transfer.first_event;
     }
     TimelineEvent& event = events_.at(*transfer.event);
@@ -246,7 +218,7 @@ void TransferStory::tell(std::size_t set, bool whole) {
     event.text = transfer.times < ENDLESS ? text_of_one(set, whole) : text_of_many(set);
 }
 
-std::string TransferStory::text_of_one(std::size_t set, bool whole) const {
+std::string TransferEvents::text_of_one(std::size_t set, bool whole) const {
     const Transfer& transfer = transfers_[set];
     std::string text =
         fmt::format("{} {}: {}", set_name(set), kind_ == EventKind::SYNC ? "received" : "sent",
@@ -266,7 +238,7 @@ std::string TransferStory::text_of_one(std::size_t set, bool whole) const {
     return text;
 }
 
-std::string TransferStory::text_of_many(std::size_t set) const {
+std::string TransferEvents::text_of_many(std::size_t set) const {
     const Transfer& transfer = transfers_[set];
     return fmt::format("endless re-sync: {} {} again and again, {}, stamp {}", set_name(set),
                        kind_ == EventKind::SYNC ? "asked for" : "sent",

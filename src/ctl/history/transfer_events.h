@@ -7,58 +7,52 @@
 #include <string_view>
 
 #include "event_list.h"
+#include "log_state.h"
+#include "message_parser.h"
 
-class TransferStory {
+class TransferEvents {
 public:
-    TransferStory(EventList& events, LogState& state) : events_(events), state_(state) {}
+    TransferEvents(EventList& events, LogState& state) : events_(events), state_(state) {}
 
-    // False for a message that is not about these.
-    bool take(const LogMessage& message);
-
-    // Learns from a failure that the daemon logged, which is told elsewhere.
-    void overhear(const LogMessage& failure);
+    // Whether the message is one of these. A failure never is, but what it means to a transfer is
+    // noted.
+    bool handle(const ParsedMessage& message);
 
     // The daemon was started anew.
     void restart();
 
-    // Tells of the transfers that have not come to their end.
-    void tell_open_ones();
+    // Reports the transfers that have not come to their end.
+    void report_open_ones();
 
 private:
-    // A set on its way, and the events that tell of it and of those before it with the same stamp.
+    // A set on its way, and the events that report it and those before it with the same stamp.
     struct Transfer {
         bool open = false;
         LogTime begin{};
         LogTime last{};
         std::string stamp;
-        long turn = 0;  // the LogState::turns at its begin
+        long role_changes = 0;  // those of the LogState at its begin
         long records = 0;
         long unsent = 0;
 
         std::size_t first_event = 0;
         std::optional<std::size_t> event;  // the last one
         std::string event_stamp;
-        long event_turn = 0;
+        long event_role_changes = 0;
         long times = 0;
         long whole_times = 0;
     };
 
-    void on_record(LogTime time, std::string_view record);
-    void on_trigger(LogTime time, std::string_view set);
-    void on_versions(LogTime time, std::string_view versions);
-    void on_push(LogTime time, std::string_view set);
-    void on_sent(LogTime time, std::string_view record);
-    void on_beat_back(LogTime time, std::string_view answer);
-    void on_unsent(LogTime time, std::string_view);
-    void on_too_long(LogTime time, std::string_view);
-    void on_not_compared(LogTime time, std::string_view);
-    void on_unstored_config(LogTime time, std::string_view reason);
-    void on_unstored_client(LogTime time, std::string_view reason);
+    void note_failure(const ParsedMessage& failure);
+    void receive(LogTime time, std::size_t set, std::string_view key, std::string_view value);
+    void note_missing_stamp(const ParsedMessage& failure);
+    void answer_beat(LogTime time, std::string_view slave);
+    void begin_push(LogTime time, std::size_t set);
+    void send(LogTime time, std::string_view key, std::string_view value);
 
     void begin(EventKind kind, std::size_t set, LogTime time);
     void end(std::size_t set, LogTime time, std::string_view stamp);
-    void tell(std::size_t set, bool whole);
-    void unstored(std::size_t set, std::string_view reason);
+    void report(std::size_t set, bool whole);
     std::string text_of_one(std::size_t set, bool whole) const;
     std::string text_of_many(std::size_t set) const;
     void note_open();
@@ -66,6 +60,6 @@ private:
     EventList& events_;
     LogState& state_;
     EventKind kind_ = EventKind::SYNC;     // which of the two this host does
-    std::array<Transfer, 3> transfers_{};  // by DATA_KIND_*; none at 0
-    std::size_t pushing_ = 0;              // the set whose records are being sent
+    std::array<Transfer, 3> transfers_{};  // by DATA_KIND_*; nobody looks at 0
+    std::size_t pushing_ = 0;              // the set whose records are being sent, or 0
 };

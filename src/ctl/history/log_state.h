@@ -1,0 +1,45 @@
+// Where a host of the pair stands after the last message of its log.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "log_reader.h"
+
+struct LogState {
+    std::optional<LogTime> first_message;
+    std::optional<LogTime> last_message;
+    std::optional<LogTime> start;
+    std::optional<LogTime> stop;  // a slave obeyed SIGTERM: its process stays and does nothing
+    std::string role;             // "master" or "slave", empty as long as the log names none
+    std::string master_ip;
+    std::string slave_ip;
+    std::string waiting;  // for a role, and why
+
+    // On a slave.
+    std::optional<LogTime> beat;
+    std::optional<LogTime> answer;  // the beat before which the master last answered
+    bool acting = false;            // it has taken over
+    bool services_left = false;     // it had when it stopped
+    std::optional<LogTime> take_over;
+    std::optional<LogTime> step_down;
+    long role_changes = 0;  // take-overs and step-downs
+
+    // On a master: the heartbeat that it answered last.
+    std::optional<LogTime> beat_back;
+    std::string beat_back_to;
+
+    // On both.
+    std::string open_transfer;  // "client set" while that is on its way
+    std::optional<LogTime> last_transfer;
+    long quiet_beats = 0;  // answered ones since the last transfer, none of which led to another
+};
+
+enum class InSync { YES, NO, CANNOT_TELL };
+struct SyncVerdict {
+    InSync verdict;
+    std::string reason;
+};
+
+// Whether the slave has what the master has, as far as the log of either tells at the time `now`.
+SyncVerdict judge_sync(const LogState& state, LogTime now);
