@@ -49,6 +49,7 @@ enum class Meaning {
     FETCH,              // begins
     FETCH_STEP_FAILED,  // why the fetch under way fails
     FETCH_FAILED,       // its result
+    COPY_NOT_REPLACED,  // so that the fetch was in vain: the copy
     FETCH_DONE,
 };
 

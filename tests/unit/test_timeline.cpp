@@ -250,6 +250,21 @@ TEST(Timeline, TellsFetches) {
                             "its 'dsver' never comes to equal the copy's"));
 }
 
+TEST(Timeline, TellsACopyThatCouldNotBePutInPlaceAsAFailure) {
+    const std::string failure =
+        "02:00:01 ERROR :/etc/quoradmind/A.db cannot be put in place:No space left on device";
+    EXPECT_THAT(told({"02:00:00 INFO :serverip:A --add_to_sync_config_db--59",
+                      "02:00:00 INFO :Arg->op:256 --SyncQueueProcessor--74", failure,
+                      "02:00:01 DEBUG :refresh_dhcp"}),
+                ElementsAre("02:00:01 fetch: config.db of A could not be fetched: "
+                            "/etc/quoradmind/A.db cannot be put in place:No space left on device"));
+    EXPECT_THAT(told({"02:00:00 INFO :Arg->op:256 --SyncQueueProcessor--74",
+                      "02:00:01 ERROR :A.db not replaced, the download does not verify:x"}),
+                ElementsAre(HasSubstr("could not be fetched: A.db not replaced, the download")));
+    // By the tool, or an old one: nobody fetches.
+    EXPECT_THAT(told({failure}), ElementsAre(HasSubstr("trouble: /etc/quoradmind/A.db cannot be")));
+}
+
 TEST(Timeline, GroupsTroubles) {
     std::vector<std::string> lines;
     for (int n = 0; n < 20; ++n) {

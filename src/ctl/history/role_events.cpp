@@ -21,25 +21,37 @@ std::string span_text(const TimelineEvent& event) {
                : fmt::format("{} to {} s", *event.seconds_from, *event.seconds_to);
 }
 
+// What a search for a role that ends with this step waits for; nothing for other messages.
+std::optional<RoleReason> reason_by_step(Meaning step) {
+    switch (step) {
+        case Meaning::SERVERS_LISTED:
+            return RoleReason::SINGLE_SERVER;
+        case Meaning::NO_SERVERS:
+            return RoleReason::NO_SERVER_LIST;
+        case Meaning::NO_ADDRESS:
+            return RoleReason::NO_LOCAL_ADDRESS;
+        case Meaning::NO_MASTER:
+            return RoleReason::NO_MASTER;
+        case Meaning::PAIR_KNOWN:
+            return RoleReason::NOT_IN_PAIR;
+        default:
+            return std::nullopt;
+    }
+}
+
 }  // namespace
 
 bool RoleEvents::handle(const ParsedMessage& message) {
     const LogTime time = message.time;
     const auto& arguments = message.arguments;
+    if (const auto reason = reason_by_step(message.meaning())) {
+        search_reason_ = *reason;
+        return true;
+    }
     switch (message.meaning()) {
         case Meaning::ROLE_SEARCH:
             begin_search(time, arguments[0]);
             return true;
-        case Meaning::SERVERS_LISTED:
-            return search_ends_with(RoleReason::SINGLE_SERVER);
-        case Meaning::NO_SERVERS:
-            return search_ends_with(RoleReason::NO_SERVER_LIST);
-        case Meaning::NO_ADDRESS:
-            return search_ends_with(RoleReason::NO_LOCAL_ADDRESS);
-        case Meaning::NO_MASTER:
-            return search_ends_with(RoleReason::NO_MASTER);
-        case Meaning::PAIR_KNOWN:
-            return search_ends_with(RoleReason::NOT_IN_PAIR);
         case Meaning::START:
             start(time, arguments[0], arguments[1]);
             return true;
@@ -81,12 +93,6 @@ void RoleEvents::begin_search(LogTime time, std::string_view ha) {
     search_ = time;
     search_ha_ = ha;
     search_reason_ = RoleReason::HA_NOT_ENABLED;
-}
-
-// How far a search comes tells what it waits for.
-bool RoleEvents::search_ends_with(RoleReason reason) {
-    search_reason_ = reason;
-    return true;
 }
 
 void RoleEvents::end_search() {

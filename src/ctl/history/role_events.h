@@ -24,7 +24,6 @@ public:
 private:
     bool handle_beat(const ParsedMessage& message);
     void begin_search(LogTime time, std::string_view ha);
-    bool search_ends_with(RoleReason reason);
     void start(LogTime time, std::string_view master_ip, std::string_view slave_ip);
     void set_role(LogTime time, std::string_view role);
     void stop(LogTime time);

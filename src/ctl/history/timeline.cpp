@@ -64,6 +64,12 @@ bool FetchEvents::handle(const ParsedMessage& message) {
             fail(message.time,
                  cause_.empty() ? fmt::format("result {}", message.arguments[0]) : cause_);
             return true;
+        case Meaning::COPY_NOT_REPLACED:
+            if (!note_cause(message)) {
+                return false;
+            }
+            fail(message.time, cause_);
+            return true;
         case Meaning::FETCH_DONE:
             succeed(message.time);
             return true;
@@ -99,7 +105,7 @@ void FetchEvents::fail(LogTime time, const std::string& cause) {
     events_.repeat(EventKind::FETCH, time,
                    fmt::format("config.db of {} could not be fetched: {}",
                                server_.value_or("another server"), cause));
-    server_.reset();
+    server_.reset();  // the DHCP reload that may follow is no end of a fetch
 }
 
 void FetchEvents::succeed(LogTime time) {
