@@ -4,8 +4,7 @@
 // Response: 20-byte header (0, 0, error code, 0, body size), encoded body.
 // Integers are in host byte order; bodies are texts in the form of body_codec.h.
 //
-// One object per job and thread. Failures are logged once, at LOG_ERROR, with the texts and codes
-// below.
+// One object per job and thread. Each failure is logged once.
 #pragma once
 
 #include <chrono>
@@ -48,10 +47,7 @@ public:
     // Sends `szCommand` to the service at `szIP` (dotted) and reads the reply into `szRetMsg` (a
     // buffer of `nRetSize` bytes; the text is terminated). 0, then `*nErrCode` is the peer's error
     // code, or one of REQUEST_*. A reply without a body leaves `szRetMsg` untouched. The
-    // connection stays open for what follows; Close ends it. Logs request and reply (LOG_INFO);
-    // "Connect error %s ---%s---%s---%d", "Send Ret:%d Err:%d---%s---%s---%d", "Recv Ret:%d size:%d
-    // Err:%d---%s---%s---%d", "Rcev Ret:%d size:%d Err:%d---%s---%s---%d" and
-    // "cRecvData.dwResponedDataSize:%d >= %d ---%s---%s--%d" (LOG_ERROR).
+    // connection stays open for what follows; Close ends it. Logs request and reply.
     int Hpc_RequestPro_NoClose(const char* szIP, std::uint32_t dwBusinessId, const char* szCommand,
                                char* szRetMsg, std::int32_t nRetSize, std::int32_t* nErrCode);
 
@@ -81,14 +77,11 @@ private:
 // a text is null; -1 when the request failed or the local file cannot be opened; -2 for an error of
 // the peer; -3 for a reply without a usable "length", one beyond the client's limits, or a short
 // write; -4 for a short receive, which the end of the time allowed is, too. What arrived before a
-// failure stays in the local file. The connection stays open. Logs "FILE_MGR ..." (LOG_ERROR)
-// beside the lines of the request and of recv_file.
+// failure stays in the local file. The connection stays open.
 std::int32_t GetServerFile(PK_Request_Client& client, const char* szServerIp,
                            const char* szServerFilePath, const char* szLocalPath);
 
 // Receives `length` raw bytes of the client's connection into `szPath`, which then holds just what
 // arrived. What is there but is no ordinary file of this user with one name is refused and left as
-// it is. 0, -1, -3 or -4 as above. Logs "%s is no ordinary file of our own, not written to",
-// "File.OpenRwAlwaysSetSize szPath:%s --%s--%d", "recv_file recv error ..." and " recv_file
-// WriteFile error ..." (LOG_ERROR).
+// it is. 0, -1, -3 or -4 as above.
 std::int32_t recv_file(PK_Request_Client& client, std::int64_t length, const char* szPath);

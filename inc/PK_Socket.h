@@ -23,8 +23,7 @@ public:
     ~PK_Socket() { (void)Close(); }
 
     // Makes a socket, closing one that is held. 0; the errno of a failed socket call; -1 for an
-    // unknown type. Logs "socket error:%d --%s---%s--%d" and "nSocketType:%d --%s---%s--%d"
-    // (LOG_ERROR).
+    // unknown type. Both failures are logged.
     int CreateSocket(std::uint32_t nSocketType);
 
     // Connects to `ip` (dotted text) and `port` (host byte order); `timeout` in seconds bounds that

@@ -13,15 +13,13 @@ inline constexpr const char* PLACEHOLDER_HOST = "quorsoft-temp";
 
 // Writes the file anew from the network settings of config.db, without host entries but for a
 // placeholder. 0; -1 when the file cannot be opened or written, or when a setting is missing: then
-// it is left empty. Logs "open %s failed" and "write %s failed" (LOG_ERROR), "to write %s"
-// (LOG_INFO).
+// it is left empty.
 int write_dhcpd_conf();
 
 // Puts the entry of a boot client in the place of the block that begins with the first line that
 // holds `host_name` anywhere, be it a part of another word; at the end when there is none. Then
 // restarts the system DHCP server. `pxe_info` goes between double quotes; neither text may hold
 // quotes, braces or newlines. 0 when the server was restarted, else -1; a file that cannot be read
-// or reopened stays as it is. Logs "read %s failed." and "write temp file failed." (LOG_INFO),
-// "write %s failed" (LOG_ERROR).
+// or reopened stays as it is. The reason is logged.
 int update_dhcp_host(const char* host_name, const char* pxe_info,
                      const unsigned char hardware_address[6], const char* fixed_address);

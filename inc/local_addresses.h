@@ -1,8 +1,7 @@
 // The IPv4 addresses of this host. Only interfaces that are up and whose names begin with "eth"
 // count: bond0, br0 or lo never do.
 //
-// All operations may be called from any thread. They log "%s open failed." with "/proc/net/dev" at
-// LOG_ERROR and "create socket failed." at LOG_INFO.
+// All operations may be called from any thread. They log why the interfaces cannot be read.
 #pragma once
 
 #include <cstddef>

@@ -52,7 +52,6 @@ char* numbered_server_list();
 
 // Decides the role of this host, trying again every 5 seconds until there is one; sets master_ip
 // and slave_ip (own_role.h) and returns ROLE_MASTER or ROLE_SLAVE. Main thread. Logs at each
-// try: "ha :%s", "server_list:%s\n" and "first_ip:%s,next_ip:%s,my_ip:%s,db_master:%s" (LOG_DEBUG),
-// "get server address list failed" and "get myself IP address failed" (LOG_INFO), "get db_master
-// faile." (LOG_ERROR). A host that is not one of the pair waits without a further word.
+// try how far it came; the timeline tells from it what a host waits for. A host that is not one of
+// the pair waits without a further line.
 int determine_role();

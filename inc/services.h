@@ -1,7 +1,7 @@
 // Starting and stopping the network-boot services of this server.
 //
 // Each operation waits for the programs that it runs; they are run by fixed command lines (see
-// spawn.h for what they inherit). One thread at a time. They log at LOG_INFO what each line says.
+// spawn.h for what they inherit). One thread at a time.
 #pragma once
 
 #include <string>
@@ -22,26 +22,26 @@ struct ServiceResult {
 };
 
 // Marks the services as off (key `dhcp`), then kills quordhcpd and stagd. A program that does not
-// run is no error; "dhcpd stop:%s" and "stagd stop:%s" are logged when the shell cannot be started.
+// run is no error; only a shell that cannot be started is logged.
 ServiceResult stop_boot_services();
 
 // Marks the services as on, kills an older quordhcpd and starts the new one; when its foreground
-// process reports success, replaces stagd, too. Logs "dhcpd start result:%s" for a failed start.
+// process reports success, replaces stagd, too. A failed start is logged.
 // Ends the whole process with status 255 when it cannot fork.
 ServiceResult start_boot_services();
 
 // Asks a running quordhcpd to reload, through its pipe "/var/lib/quoradmind/dhcp_fifo"; without a
-// reader the request is dropped. Never blocks. Any thread. Logs "refresh_dhcp" (LOG_DEBUG) and, for
-// a failed open or write alike, "refresh_dhcp open %s error %s" (LOG_ERROR).
+// reader the request is dropped. Never blocks. Any thread. Logs DHCP_RELOAD,
+// by which the timeline knows that a fetch is done, and a failed open and write alike.
 void refresh_dhcp();
 
-// Services of the same module that the daemon does not move. Each logs its line with the text of
-// errno, whatever came of it, and succeeds.
-ServiceResult stop_tftp_service();    // "tftpd stop:%s"
-ServiceResult start_tftp_service();   // "tftpd start:%s"
-ServiceResult stop_ravlo_service();   // "ravlo stop:%s"
-ServiceResult start_ravlo_service();  // "ravlo start:%s"
-ServiceResult stop_system_dhcpd();    // "dhcpd stop:%s"
+// Services of the same module that the daemon does not move. Each logs its message with the text
+// of errno, whatever came of it, and succeeds.
+ServiceResult stop_tftp_service();
+ServiceResult start_tftp_service();
+ServiceResult stop_ravlo_service();
+ServiceResult start_ravlo_service();
+ServiceResult stop_system_dhcpd();
 
 // Starts the system's own DHCP server under the rules of start_boot_services, without key and
 // stagd.

@@ -7,8 +7,8 @@
 extern std::atomic<int> slave_exit_requested;
 static_assert(std::atomic<int>::is_always_lock_free, "a signal handler writes it");
 
-// Installs `handler` for `signal_number` with an empty mask and the given SA_ flags. On failure
-// logs "sigaction: %m" at LOG_ERROR and ends the process with status 1.
+// Installs `handler` for `signal_number` with an empty mask and the given SA_ flags. A failure
+// is logged and ends the process with status 1.
 void install_signal_handler(int signal_number, void (*handler)(int), int flags);
 
 // Blocks SIGTERM in the calling thread while this object exists: threads that are started meanwhile

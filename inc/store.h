@@ -20,10 +20,9 @@
 // verdict is kept while the file stays the same. A damaged file is treated as one that cannot be
 // opened, and is never written into.
 //
-// All operations may be called from any thread. Those that open a file log at LOG_ERROR
-//   "db_create %s\n"    no handle could be made
-//   "DB->open %s %s"    the file cannot be opened or does not verify (reason, path)
-//   "DB->put %s"        a record cannot be stored
+// All operations may be called from any thread. Those that open a file log when no
+// handle can be made, when the file cannot be opened or does not verify, and when a record cannot
+// be stored.
 #pragma once
 
 #include <cstdint>
@@ -195,13 +194,13 @@ const char* store_error_text(int code);
 // --- Whole files ---------------------------------------------------------------------------------
 
 // Puts a fresh, empty file in the place of `path`, keeping mode and owner; a kill at any moment
-// leaves either the old or the new one. A damaged file is kept as "<path>.damaged", and a line at
-// LOG_ERROR names it. Returns whether the file in place is now empty, also after a power failure;
-// "%s cannot be emptied:%s" (LOG_ERROR) says why not.
+// leaves either the old or the new one. A damaged file is kept as "<path>.damaged", which is
+// logged. Returns whether the file in place is now empty, also after a power failure; why not is
+// logged.
 bool db_replace_empty(const char* path);
 
 // Gives the file `path` the second name `name`, in the place of what has it. Not so a damaged one,
-// nor one that is missing or has no records. "%s cannot be kept as %s:%s" (LOG_ERROR). The name is
+// nor one that is missing or has no records. A failure is logged. The name is
 // on disk with the next flush of the directory.
 enum class StoreKept { YES, NO_RECORDS, NO };
 StoreKept db_keep(const char* path, const char* name);
@@ -215,8 +214,8 @@ int db_verify(const char* path);
 enum class Download { ANY_FILE, SOUND_DATABASE };
 
 // Moves `download` over `target`. A kill or a power failure at any moment leaves either the old
-// file or the new one. False, with "%s cannot be put in place:%s" (LOG_ERROR), when the old file
-// had to stay. "%s cannot be flushed:%s" (LOG_ERROR) when a power failure may bring it back.
+// file or the new one. False, with the reason logged, when the old file had to stay; logged is also
+// that a power failure may bring it back.
 bool put_copy_in_place(const std::string& download, const std::string& target,
                        Download kind = Download::ANY_FILE);
 
@@ -258,5 +257,5 @@ void db_list_add(const char* path, const char* key, const char* item);
 // number that any value of the file begins with, "#" and that text.
 void db_next_numbered(const char* path, const char* key, const char* value);
 
-// Logs every record as "%s = %s\n" at LOG_INFO.
+// Logs every record.
 void db_dump(const char* path);

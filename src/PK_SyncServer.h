@@ -133,7 +133,7 @@ private:
 
 // Runs jobs one at a time, in the order in which they were accepted, on its one worker thread. A
 // job is a function and its argument, which belongs to the function once the job is accepted. All
-// failures are logged at LOG_ERROR, with the texts below.
+// failures are logged.
 template <typename T>
 class PK_SyncServer {
 public:

@@ -1,7 +1,7 @@
 // A file or block device that is read and written at offsets, in bytes or 512-byte sectors.
 //
-// One thread at a time. Every open logs its success at LOG_INFO and its failure at LOG_ERROR; an
-// operation without an open file logs "... (%s) nFilefd:%d" at LOG_INFO.
+// One thread at a time. Every open logs its success and its failure, and so does an operation
+// without an open file.
 #pragma once
 
 #include <sys/types.h>
@@ -27,8 +27,8 @@ public:
 
     // Opens an emptied file that only its new contents will fill: created with 0664 less the umask,
     // and never through a symbolic link. What is there must be an ordinary file of this user with
-    // one name: another user could change what is written to his own. Result and log lines of
-    // OpenRwAlwaysSetSize, and "%s is no ordinary file of our own, not written to" (LOG_ERROR).
+    // one name: another user could change what is written to his own. Result and messages are those
+    // of OpenRwAlwaysSetSize.
     int OpenRwEmpty(const char* path);
 
     // Closes and forgets path and size. 0, or -1 when no file is held.

@@ -35,32 +35,31 @@ enum class SlaveAction { NONE, AWAIT_PUSH, PROMOTE, STEP_DOWN };
 SlaveAction next_action(const SlaveView& view);
 
 // Makes the semaphore with value 1 and sets `bottle` and `status` to their start values. When it
-// cannot, logs "failed to initialize semaphore" (LOG_INFO) and ends the process with status 1.
+// cannot, logs so and ends the process with status 1.
 void init_semaphore();
 
-// One P or V, undone by the system if the process dies in between. 1 on success, else 0 with
-// "semaphore_p failed\n" or "semaphore_v failed" at LOG_INFO. Any thread.
+// One P or V, undone by the system if the process dies in between. 1 on success; 0 for a
+// failure, which is logged. Any thread.
 int semaphore_p();
 int semaphore_v();
 
-// Sets the semaphore to 1. 1, or 0 with "set value failed." at LOG_INFO.
+// Sets the semaphore to 1. 1, or 0 for a failure, which is logged.
 int semaphore_set_initial();
 
 // Removes the semaphore. For the signal handler: async-signal-safe, logs nothing, keeps errno.
 void semaphore_delete();
 
-// Logs "Failed to delete semaphore\n" (LOG_INFO) if semaphore_delete failed.
+// Logs if semaphore_delete failed.
 void report_semaphore_delete();
 
 // Takes one off the bottle and deletes the key `dhcp`, which thus outlives a promotion by one
 // period at most. Supervisor thread.
 void count_missed_beat();
 
-// Refills the bottle. Receiver thread. Both try the semaphore until they have it, with
-// "semaphore_p failed." (LOG_INFO) after every failure, but give up once the process is asked to
-// stop: the semaphore is gone then, and every try would fail. If it went for any other reason, it
-// is made anew ("semaphore was removed, made anew", LOG_ERROR). If that fails, too ("semaphore was
-// removed and cannot be made anew:%s", LOG_ERROR), the bottle is changed without it.
+// Refills the bottle. Receiver thread. Both try the semaphore until they have it, logging every
+// failure, but give up once the process is asked to stop: the semaphore is gone then, and every try
+// would fail. If it went for any other reason, it is made anew, which is logged; if that fails,
+// too, the bottle is changed without it.
 void reset_bottle();
 
 // Waits until the bottle is no longer below zero, at most so long. Supervisor thread.

@@ -6,10 +6,9 @@
 // one). A beat back starts the version check and refills the bottle, a record goes to the store,
 // any other message raises event 720010.
 //
-// Logs "recvfrom() error:%s\n" (LOG_ERROR) for a connection without a first message, and "slave
-// exit line%d\n" (LOG_INFO) at the end. Ends the process with status 11, after 3 seconds, when it
-// cannot listen on its port ("TcpBuildListen error:%s --%s--%d") or accept ("TcpSvAccept() error:%s
-// --%s--%d", both LOG_ERROR): a slave that nobody reaches would take over beside a healthy master.
+// Logs a connection without a first message, and its end as SLAVE_STOPPED. Ends the process with
+// status 11, after 3 seconds, when it cannot listen on its port or accept: a slave that nobody
+// reaches would take over beside a healthy master.
 void* slave_thread(void* argument);
 
 // Lets the receiver look at slave_exit_requested. Any thread.

@@ -18,14 +18,14 @@ public:
 
     // Stores one record. Kind 1 goes to config.db, kind 2 to the client list; the key "dbver"
     // becomes that set's stamp in config.db, unless a record of the set could not be stored on this
-    // connection ("... not stored: ..." at LOG_ERROR). Other kinds are ignored. A damaged client.db
-    // is replaced by an empty one. Logs "data %d: %s=%s" for every record (LOG_INFO). Returns
+    // connection, which is logged. Other kinds are ignored. A damaged client.db
+    // is replaced by an empty one. Logs every record as RECORD_RECEIVED. Returns
     // whether it was the closing record of a push of clients that was asked for.
     bool apply_data_record(const DataRecord& record);
 
     bool has_batch() { return clients_.holds_batch(push_); }
 
-    // Flushes and closes the open batch, if there is one. "%s cannot be flushed:%s" (LOG_ERROR).
+    // Flushes and closes the open batch, if there is one. A failure is logged.
     void close_batch() { clients_.flush(push_); }
 
     // A beat back came over this connection and has been dealt with.

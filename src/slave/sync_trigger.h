@@ -8,13 +8,11 @@
 #include "peer_message.h"
 
 // Compares the master's stamps in `answer` with the own ones and asks for each set that differs,
-// configuration first. `connection` is not used. Logs "start_data_syncd CONFIG" or "... CLIENT" and
-// a line with both stamps (LOG_INFO), "master_client_version == NULL !!" (LOG_ERROR), and "own
-// version stamps cannot be read, nothing asked for" (LOG_ERROR). Where the client stamps agree, a
+// configuration first. `connection` is not used. Logs for each such set CONFIG_DIFFERS or
+// CLIENTS_DIFFER and both stamps, and why nothing can be compared. Where the client stamps agree, a
 // list that a broken push left behind is put back.
 void data_sync_trigger(int connection, const DataRecord& answer);
 
 // Sends a data request for `kind` to `master_address`. `connection` is not used. A failure is
-// logged, and the next beat back makes the request again: "gethostname %s  error:%s\n" (LOG_ERROR),
-// "Udp server socket error:%s\n", "error func:%s line%d\n" (LOG_INFO).
+// logged, and the next beat back makes the request again.
 void start_data_sync(int connection, const char* master_address, std::uint32_t kind);

@@ -6,15 +6,15 @@
 // starts.
 #pragma once
 
-// Remembers a reload. Where that cannot be done, "%s cannot be written:%s" (LOG_ERROR), and only
-// the end of the process in the next moment would lose it. Worker thread of the master.
+// Remembers a reload. Where that cannot be done, it is logged, and only the end of the process in
+// the next moment would lose it. Worker thread of the master.
 void owe_reload();
 
 // Tells the wrapper by refresh_dhcp() and forgets what was owed. One that does not listen reads the
-// copies when it starts. "%s cannot be removed:%s" (LOG_ERROR) means one more reload at the next
-// start. Worker thread of the master.
+// copies when it starts. What cannot be forgotten, which is logged, means one more reload at the
+// next start. Worker thread of the master.
 void pay_reload();
 
-// Makes up for a reload that a former process owed, with "reload owed since the last run" at
-// LOG_INFO. Master, before its worker runs a job.
+// Makes up for a reload that a former process owed, which is logged. Master, before its worker runs
+// a job.
 void pay_reload_of_last_run();

@@ -9,12 +9,10 @@
 
 // Sends the data sets that `request.kind` selects on `connection` (a TCP descriptor of the caller,
 // possibly one on which every send fails). A failed send is logged, and the next record is tried.
-// Logs "send master's data to slave, data.db:%d" and "send all data", "send config data" or "send
-// client data" (LOG_DEBUG).
 void push_master_data(int connection, const sockaddr_in& sender, const DataRecord& request);
 
 // Sends one data set and its closing stamp record; none of it when its file or stamp cannot be
-// read. Logs "db:%d" and " send data: %s = %s\n" for every record of the file (LOG_DEBUG), and at
-// LOG_ERROR "send data error:%s\n", records too long for a message, and a walk that failed. A
+// read. Logs every record of the file as RECORD_SENT, also those that stay here, and what could not
+// be sent. A
 // closing record of the clients that cannot be sent also raises event 720003.
 void push_data_set(int connection, std::uint32_t kind);

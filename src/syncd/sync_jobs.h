@@ -25,25 +25,24 @@ using PSYNCQUEUEARG = tag_SyncQueueArg*;
 // The master's one work server; null while it does not run.
 extern std::unique_ptr<PK_SyncServer<PSYNCQUEUEARG>> m_SyncServer;
 
-// Makes the work server and starts it. False, with "new PK_SyncServer..." or "m_SyncServer->Start
-// ..." (LOG_ERROR), when that fails; there is none then. Main thread of the master, once.
+// Makes the work server and starts it. False, with the reason logged, when that
+// fails; there is none then. Main thread of the master, once.
 bool start_work_server();
 
 // The one operation of a job.
 inline constexpr std::uint32_t SYNC_OP_GET_DB = 256;
 
 // Queues a fetch when the heartbeat's stamp differs from that of the stored copy of its sender, or
-// there is none. Main thread of the master. Logs "serverip:%s dsver:%s" (LOG_DEBUG); a serverip
-// that is no dotted address is refused with a line at LOG_ERROR.
+// there is none. Main thread of the master. A serverip that is no dotted address is
+// refused, with a line in the log.
 void check_server_dsver(const HeartbeatBody& heartbeat);
 
 // Queues a fetch from `server` (dotted; null does nothing). A refused job is dropped; the next
-// heartbeat queues another one. Main thread of the master. Logs "serverip:%s --%s--%d" (LOG_INFO).
+// heartbeat queues another one. Main thread of the master. Logs FETCH_QUEUED.
 void add_to_sync_config_db(const char* server);
 
 // The job: fetches the server's config.db and puts it in place, if it is a sound database. Owns and
 // releases `arg`. 0 when done or nothing is to do, else GetServerFile's result or -5 for a damaged
-// download, and the old copy stays. Worker thread.
-// Logs "Arg->op:%d --%s--%d" (LOG_INFO) and "Client.GetServerFile nRet:%d --%s--%d" and "%s
-// not replaced, the download does not verify:%s" (LOG_ERROR).
+// download, and the old copy stays. Worker thread. Logs JOB_BEGINS and, for a failure, FETCH_FAILED
+// or COPY_DAMAGED.
 int SyncQueueProcessor(PSYNCQUEUEARG arg);

@@ -64,8 +64,8 @@ struct ListMemory {
     bool put_back = false;        // how the version before this one ended
 };
 
-// Any thread, unless it says otherwise. Logs what the files log, and at LOG_ERROR "%s not stored:
-// %s" for a closing record whose stamp must not be stored.
+// Any thread, unless it says otherwise. Logs what the files log, and why the stamp of a closing
+// record must not be stored.
 class ClientList {
 public:
     // Both outlive the list.
