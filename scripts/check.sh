@@ -51,6 +51,8 @@ step "Documents"
 step "Building release"
 build release
 unit_tests release
+step "Every state of the slave's client list"
+build/release/tests/explore/explore
 start_sanitizer_builds
 pair_tests release
 await_sanitizer_builds

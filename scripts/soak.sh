@@ -20,3 +20,5 @@ step "200 kills, 200,000 heartbeats, 1,000 pushes and fetches, faults of all kin
 pair_tests release -k "bad_days or half_a_list" --soak --rounds=200 -n 4
 step "A million datagrams and 50,000 streams of a stranger, under the address sanitizer"
 pair_tests asan -k stranger_sends --rounds=1250
+step "Every state of the slave's client list, within larger bounds"
+build/release/tests/explore/explore large
