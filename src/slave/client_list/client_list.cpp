@@ -46,13 +46,13 @@ ClientList::ClientList(ListFiles& files, ListClock& clock, ListMemory memory)
 // --- What happened -------------------------------------------------------------------------------
 
 void ClientList::start_as_slave() {
-    const auto lock = enter();
+    const Turn turn(*this);
     load();
     (void)finish_closing();
 }
 
 void ClientList::start_as_master() {
-    const auto lock = enter();
+    const Turn turn(*this);
     load();
     memory_.due = 0;
     if (finish_closing() && move(ListEvent::TAKE_OVER) && is_whole(memory_.state)) {
@@ -61,13 +61,13 @@ void ClientList::start_as_master() {
 }
 
 std::optional<StampPair> ClientList::stamps() {
-    const auto lock = enter();
+    const Turn turn(*this);
     (void)finish_closing();
     return files_.stamps();
 }
 
 bool ClientList::ask() {
-    const auto lock = enter();
+    const Turn turn(*this);
     const int due = memory_.due;
     memory_.due += due < MOST_DUE ? 1 : 0;
     const bool emptied = move(ListEvent::DIFFERENT_STAMPS);
@@ -79,12 +79,12 @@ bool ClientList::ask() {
 }
 
 void ClientList::equal_stamps() {
-    const auto lock = enter();
+    const Turn turn(*this);
     (void)move(ListEvent::EQUAL_STAMPS);
 }
 
 void ClientList::put(ClientPush& push, const std::string& key, const std::string& value) {
-    const auto lock = enter();
+    const Turn turn(*this);
     begin(push);
     if (outdated(push) || !open_batch(push)) {
         push.failed = true;
@@ -95,7 +95,7 @@ void ClientList::put(ClientPush& push, const std::string& key, const std::string
 }
 
 bool ClientList::close(ClientPush& push, const std::string& stamp) {
-    const auto lock = enter();
+    const Turn turn(*this);
     begin(push);
     close_batch();
     const bool asked = push.asked;
@@ -110,7 +110,7 @@ bool ClientList::close(ClientPush& push, const std::string& stamp) {
 }
 
 void ClientList::answered(ClientPush& push) {
-    const auto lock = enter();
+    const Turn turn(*this);
     if (outdated(push)) {
         const bool stored = push.stored;
         push = {};
@@ -119,14 +119,14 @@ void ClientList::answered(ClientPush& push) {
 }
 
 void ClientList::flush(ClientPush& push) {
-    const auto lock = enter();
+    const Turn turn(*this);
     if (memory_.batch == &push) {
         close_batch();
     }
 }
 
 void ClientList::end(ClientPush& push) {
-    const auto lock = enter();
+    const Turn turn(*this);
     if (memory_.batch == &push) {
         close_batch();
     }
@@ -137,15 +137,17 @@ void ClientList::end(ClientPush& push) {
 }
 
 bool ClientList::holds_batch(const ClientPush& push) {
-    const auto lock = enter();
+    const Turn turn(*this);
     return memory_.batch == &push;
 }
 
 void ClientList::take_over() {
     std::unique_lock lock(mutex_);
     taking_over_ = true;
-    changed_.wait(lock, [this] { return memory_.batch == nullptr; });
+    changed_.wait(lock, [this] { return !busy_ && memory_.batch == nullptr; });
+    lock.unlock();  // the receiver's turn comes when this is over
     (void)move(ListEvent::TAKE_OVER);
+    lock.lock();
     taking_over_ = false;
     changed_.notify_all();
 }
@@ -166,14 +168,33 @@ ClientList::Work::~Work() {
 
 // --- Moves ---------------------------------------------------------------------------------------
 
-// The receiver's way in: a take-over that waits comes first.
-std::unique_lock<std::mutex> ClientList::enter() {
-    std::unique_lock lock(mutex_);
-    if (taking_over_) {
-        close_batch();
-        changed_.wait(lock, [this] { return !taking_over_; });
+ClientList::Turn::Turn(ClientList& list) : list_(list) {
+    if (!take()) {
+        list_.close_batch();
+        end();
+        std::unique_lock lock(list_.mutex_);
+        list_.changed_.wait(lock, [this] { return !list_.taking_over_; });
+        list_.busy_ = true;
     }
-    return lock;
+}
+
+ClientList::Turn::~Turn() {
+    end();
+}
+
+// False when a take-over waits for the end of the open batch.
+bool ClientList::Turn::take() {
+    std::unique_lock lock(list_.mutex_);
+    const bool must_wait = list_.taking_over_ && list_.memory_.batch == nullptr;
+    list_.changed_.wait(lock, [this, must_wait] { return !must_wait || !list_.taking_over_; });
+    list_.busy_ = true;
+    return !list_.taking_over_;
+}
+
+void ClientList::Turn::end() {
+    const std::lock_guard lock(list_.mutex_);
+    list_.busy_ = false;
+    list_.changed_.notify_all();
 }
 
 void ClientList::load() {
@@ -360,6 +381,5 @@ void ClientList::close_batch() {
     if (memory_.batch != nullptr) {
         memory_.batch->failed = !files_.close_batch() || memory_.batch->failed;
         memory_.batch = nullptr;
-        changed_.notify_all();
     }
 }

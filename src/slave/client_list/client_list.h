@@ -125,7 +125,21 @@ public:
     const ListMemory& memory() const { return memory_; }
 
 private:
-    std::unique_lock<std::mutex> enter();
+    // Lives while the receiver is at work on the list; a take-over that waits comes first.
+    class Turn {
+    public:
+        explicit Turn(ClientList& list);
+        Turn(const Turn&) = delete;
+        Turn& operator=(const Turn&) = delete;
+        ~Turn();
+
+    private:
+        bool take();
+        void end();
+
+        ClientList& list_;
+    };
+
     void load();
     void look_for_kept();
     bool finish_closing();
@@ -144,9 +158,14 @@ private:
 
     ListFiles& files_;
     ListClock& clock_;
-    std::mutex mutex_;  // taken before the lock of any file
+
+    // Whose turn it is. The mutex itself is not held while files are worked on: an open batch keeps
+    // its file locked from one turn to the next.
+    std::mutex mutex_;
     std::condition_variable changed_;
-    bool taking_over_ = false;
+    bool busy_ = false;  // the receiver's
+    bool taking_over_ =
+        false;  // the supervisor's, once the receiver's has ended and no batch is open
     ListMemory memory_;
 
     // When the last record was dealt with; one value, so that no reader sees a half of a change.
