@@ -258,7 +258,8 @@ TEST(Timeline, TellsACopyThatCouldNotBePutInPlaceAsAFailure) {
                       "02:00:01 DEBUG :refresh_dhcp"}),
                 ElementsAre("02:00:01 fetch: config.db of A could not be fetched: "
                             "/etc/quoradmind/A.db cannot be put in place:No space left on device"));
-    EXPECT_THAT(told({"02:00:00 INFO :Arg->op:256 --SyncQueueProcessor--74",
+    EXPECT_THAT(told({"02:00:00 INFO :serverip:A --add_to_sync_config_db--59",
+                      "02:00:00 INFO :Arg->op:256 --SyncQueueProcessor--74",
                       "02:00:01 ERROR :A.db not replaced, the download does not verify:x"}),
                 ElementsAre(HasSubstr("could not be fetched: A.db not replaced, the download")));
     // By the tool, or an old one: nobody fetches.
