@@ -9,6 +9,7 @@
 // seconds and keep-alive (idle 3 s, every 1 s, 3 probes): a dead peer is noticed in about 6 s.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 
@@ -43,6 +44,20 @@ int TcpConnectWhole(int fd, std::uint32_t address, std::uint16_t port);
 // Sends the whole buffer: 0, or -1 with errno. After any failure the connection is shut down: the
 // rest of a message would be taken for the beginning of the next.
 int TcpSendAll(int fd, const void* buffer, std::size_t length);
+
+// How long one receiver may keep its sender waiting as a whole: `base`, and `per_mib` for each MiB
+// that is sent. Only the time in which the receiver takes nothing counts, not the sender's own work
+// between two sends.
+struct TcpPatience {
+    std::chrono::nanoseconds base = std::chrono::seconds(20);
+    std::chrono::nanoseconds per_mib = std::chrono::seconds(1);
+    std::size_t sent = 0;                // bytes, so far
+    std::chrono::nanoseconds waited{0};  // so far
+};
+
+// As TcpSendAll, but within what is left of `patience`, whatever the descriptor's own time-out: -1
+// with EAGAIN when that is used up, also if the receiver takes a little now and then.
+int TcpSendAllWithin(int fd, const void* buffer, std::size_t length, TcpPatience& patience);
 
 // Receives exactly `length` bytes: `length`, or -1 (error, time-out, or closed by the peer).
 int TcpRecvAll(int fd, void* buffer, std::size_t length);

@@ -2,11 +2,14 @@
 
 #include <arpa/inet.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 
 #include "owned.h"
@@ -25,6 +28,35 @@ sockaddr_in ipv4(std::uint32_t address, std::uint16_t port) {
     result.sin_addr.s_addr = address;
     result.sin_port = htons(port);
     return result;
+}
+
+using std::chrono::steady_clock;
+
+// Waits until `fd` takes bytes again, as long as `patience` allows for `length` bytes more. False
+// with EAGAIN when it allows no longer.
+bool wait_for_receiver(int fd, std::size_t length, TcpPatience& patience) {
+    constexpr std::chrono::milliseconds STEP{1000};
+    const double mib = static_cast<double>(patience.sent + length) / (1 << 20);
+    const std::chrono::duration<double> allowed = patience.base + mib * patience.per_mib;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(allowed - patience.waited);
+    if (left.count() <= 0) {
+        errno = EAGAIN;
+        return false;
+    }
+    const auto begin = steady_clock::now();
+    pollfd wait{fd, POLLOUT, 0};
+    (void)poll(&wait, 1, static_cast<int>(std::min(left, STEP).count()));
+    patience.waited += steady_clock::now() - begin;
+    return true;
+}
+
+// Shuts the connection down, so that the rest of a message is not taken for the beginning of the
+// next. -1, errno as before.
+int give_up(int fd) {
+    const int cause = errno;
+    (void)shutdown(fd, SHUT_RDWR);
+    errno = cause;
+    return -1;
 }
 
 // Otherwise every send on a connection that timed out would wait for it once more.
@@ -140,10 +172,23 @@ int TcpSendAll(int fd, const void* buffer, std::size_t length) {
     if (sent == length) {
         return 0;
     }
-    const int cause = errno;
-    (void)shutdown(fd, SHUT_RDWR);
-    errno = cause;
-    return -1;
+    return give_up(fd);
+}
+
+int TcpSendAllWithin(int fd, const void* buffer, std::size_t length, TcpPatience& patience) {
+    const auto* bytes = static_cast<const char*>(buffer);
+    while (length > 0) {
+        const ssize_t result = send(fd, bytes, length, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (result > 0) {
+            bytes += result;
+            length -= static_cast<std::size_t>(result);
+            patience.sent += static_cast<std::size_t>(result);
+        } else if (errno != EINTR &&
+                   (errno != EAGAIN || !wait_for_receiver(fd, length, patience))) {
+            return give_up(fd);
+        }
+    }
+    return 0;
 }
 
 std::size_t TcpRecvPart(int fd, void* buffer, std::size_t length) {

@@ -4,9 +4,15 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <new>
+#include <optional>
+#include <system_error>
+#include <thread>
+#include <utility>
 
 #include "end_process.h"
+#include "inbox.h"
 #include "keys.h"
 #include "log.h"
 #include "owed_reload.h"
@@ -17,12 +23,14 @@
 #include "signals.h"
 #include "stamps.h"
 #include "store.h"
+#include "strangers.h"
 #include "sync_jobs.h"
 #include "tcp.h"
 
 namespace {
 
-constexpr int ANSWER_TIMEOUT = 20;  // seconds
+constexpr int ANSWER_TIMEOUT = 20;         // seconds
+constexpr std::size_t MOST_WAITING = 128;  // about as many as the kernel keeps for a socket
 
 // Binds the master's port. SO_REUSEADDR is cleared afterwards: two sockets that both have it share
 // a UDP port, and a second master would go unnoticed.
@@ -54,8 +62,11 @@ OwnedFd open_peer_socket() {
     return fd;
 }
 
-// Answers one datagram over a connection of its own; whoever sent it is answered.
-void answer(const PeerMessage& message, const sockaddr_in& sender) {
+// Answers one datagram over a connection of its own; whoever sent it is answered. Whether it was a
+// request and all that it asks for has been sent.
+bool answer(const Datagram& datagram) {
+    const auto& [message, sender] = datagram;
+    bool sent = false;
     if (message.type == MSG_HEARTBEAT) {
         check_server_dsver(message.heartbeat);
     }
@@ -66,28 +77,84 @@ void answer(const PeerMessage& message, const sockaddr_in& sender) {
         log_message(msg::NO_SOCKET_TO_SLAVE, cause, ip.get(), "start_master", __LINE__);
     }
     if (message.type == MSG_DATA_REQUEST) {
-        push_master_data(connection, sender, message.record);
+        sent = push_master_data(connection, sender, message.record);
     } else if (message.type == MSG_HEARTBEAT) {
         send_beat_back(connection, sender);
     } else {
         log_message(msg::UNKNOWN_DATAGRAM);
     }
     (void)TcpClose(connection);
+    return sent;
+}
+
+std::optional<Datagram> receive(int fd) {
+    Datagram datagram;
+    std::memset(&datagram, 0, sizeof datagram);  // a short one counts as filled up with zeros
+    socklen_t length = sizeof datagram.sender;
+    if (recvfrom(fd, &datagram.message, sizeof datagram.message, 0,
+                 reinterpret_cast<sockaddr*>(&datagram.sender), &length) < 0) {
+        return std::nullopt;
+    }
+    return datagram;
+}
+
+// Runs `work` on a thread that nobody waits for. False when there is none.
+template <typename Work>
+bool start_thread(Work work) {
+    try {
+        std::thread(std::move(work)).detach();
+        return true;
+    } catch (const std::system_error& failure) {
+        log_message(msg::NO_THREAD_FOR_ANSWERS, strerror(failure.code().value()));
+        return false;
+    }
+}
+
+// Answers what comes into `inbox`, until nothing more comes or the process is asked to stop.
+void answer_all(Inbox& inbox) {
+    while (slave_exit_requested != 1) {
+        const std::optional<Datagram> datagram = inbox.next();
+        if (!datagram) {
+            return;
+        }
+        if (answer(*datagram)) {
+            drop_repeats(inbox, *datagram);
+        }
+    }
+}
+
+// Receives everything. An answer that takes its time thus delays no datagram of another kind.
+void receive_all(OwnedFd fd, Inbox& from_servers, Strangers& strangers) {
+    ServerList servers;
+    while (slave_exit_requested != 1) {
+        const std::optional<Datagram> datagram = receive(fd.get());
+        if (!datagram) {
+            from_servers.close(errno);
+            return;
+        }
+        if (servers.has(datagram->sender)) {
+            (void)from_servers.put(*datagram);
+        } else {
+            strangers.take(*datagram);
+        }
+    }
 }
 
 // Serves until a receive fails or the process is asked to stop.
-void serve(int fd) {
-    sockaddr_in sender{};
-    socklen_t length = sizeof sender;
-    while (slave_exit_requested != 1) {
-        PeerMessage message;
-        std::memset(&message, 0, sizeof message);
-        if (recvfrom(fd, &message, sizeof message, 0, reinterpret_cast<sockaddr*>(&sender),
-                     &length) < 0) {
-            log_message(msg::NOTHING_RECEIVED, strerror(errno));
-            return;
-        }
-        answer(message, sender);
+void serve(OwnedFd fd) {
+    const auto from_servers = std::make_shared<Inbox>(MOST_WAITING);
+    const auto strangers = std::make_shared<Strangers>();
+    const int number = fd.release();
+    const bool apart = start_thread([strangers] { answer_all(strangers->inbox()); }) &&
+                       start_thread([number, from_servers, strangers] {
+                           receive_all(OwnedFd(number), *from_servers, *strangers);
+                       });
+    if (!apart) {
+        return;  // the socket stays bound: no second master may start beside a broken one
+    }
+    answer_all(*from_servers);
+    if (slave_exit_requested != 1) {
+        log_message(msg::NOTHING_RECEIVED, strerror(errno));
     }
 }
 
@@ -100,7 +167,8 @@ void send_beat_back(int connection, const sockaddr_in& sender) {
     if (ip) {
         log_message(msg::BEAT_BACK, ip.get(), message.record.value);
     }
-    if (TcpSendAll(connection, &message, sizeof message) != 0) {
+    TcpPatience patience;
+    if (TcpSendAllWithin(connection, &message, sizeof message, patience) != 0) {
         log_message(msg::BEAT_BACK_NOT_SENT, strerror(errno));
     }
 }
@@ -115,5 +183,5 @@ void start_master() {
     }
     (void)current_stamps();  // to have some to answer, whatever becomes of config.db
     pay_reload_of_last_run();
-    serve(fd.get());
+    serve(std::move(fd));
 }

@@ -1,7 +1,5 @@
 #include "push.h"
 
-#include <sys/socket.h>
-
 #include <cerrno>
 #include <cstring>
 #include <optional>
@@ -35,25 +33,29 @@ public:
     // Whether all that was added since the last call has been sent; logs a line for each record
     // that was not.
     bool send() {
-        const std::size_t bytes = messages_.size() * sizeof(PeerMessage);
-        const std::size_t sent = TcpSendSome(connection_, messages_.data(), bytes);
+        const std::size_t before = patience_.sent;
+        const bool all = TcpSendAllWithin(connection_, messages_.data(),
+                                          messages_.size() * sizeof(PeerMessage), patience_) == 0;
+        const std::size_t sent = patience_.sent - before;
         const int cause = errno;
-        if (sent != bytes) {
-            // The rest of a record would be taken for the beginning of the next.
-            (void)shutdown(connection_, SHUT_RDWR);
-        }
         for (std::size_t n = sent / sizeof(PeerMessage); n < messages_.size(); ++n) {
             log_message(msg::RECORD_NOT_SENT, strerror(cause));
         }
         messages_.clear();
+        whole_ = whole_ && all;
         errno = cause;
-        return sent == bytes;
+        return all;
     }
+
+    // Whether all that was ever added has been sent.
+    bool whole() const { return whole_ && messages_.empty(); }
 
 private:
     static constexpr std::size_t MESSAGES = 56;  // just below 64 KiB
 
     int connection_;
+    TcpPatience patience_;
+    bool whole_ = true;
     std::vector<PeerMessage> messages_;
 };
 
@@ -82,11 +84,11 @@ void push_stamp(Outbox& outbox, const DataSet& set, const std::string& stamp) {
 }
 
 // The stamp is read before the walk: a record changed meanwhile comes with the next stamp.
-void push_records(int connection, const DataSet& set) {
+bool push_records(int connection, const DataSet& set) {
     const std::optional<StampPair> stamps = current_stamps();
     if (!stamps) {
         log_message(msg::PUSH_WITHOUT_STAMP, set.stamp_key, set.path);
-        return;
+        return false;
     }
     RecordWalk walk(set.path);
     std::vector<StoredRecord> chunk;
@@ -99,34 +101,42 @@ void push_records(int connection, const DataSet& set) {
     if (walk.failed()) {
         // Without its stamp the slave asks again at the next heartbeat.
         log_message(msg::PUSH_BROKEN_OFF, set.path);
-        return;
+        return false;
     }
     push_stamp(outbox, set, stamps->of(set));
+    return outbox.whole();
 }
 
 }  // namespace
 
-void push_data_set(int connection, std::uint32_t kind) {
+bool push_data_set(int connection, std::uint32_t kind) {
     log_message(msg::PUSH_BEGINS, static_cast<int>(kind));
     if (const DataSet* set = data_set_of(kind); set != nullptr) {
-        push_records(connection, *set);
-    } else if (kind == DATA_KIND_DISK) {
+        return push_records(connection, *set);
+    }
+    if (kind == DATA_KIND_DISK) {
         (void)db_open(DISK_DB);  // opened and closed: nothing of it is ever sent
     }
+    return false;
 }
 
-void push_master_data(int connection, const sockaddr_in& /*sender*/, const DataRecord& request) {
+bool push_master_data(int connection, const sockaddr_in& /*sender*/, const DataRecord& request) {
     log_message(msg::PUSH_REQUESTED, static_cast<int>(request.kind));
     if (request.kind == DATA_KIND_ALL) {
         log_message(msg::PUSH_OF_ALL);
+        bool sent = true;
         for (const DataSet& set : DATA_SETS) {
-            push_data_set(connection, set.kind);
+            sent = push_data_set(connection, set.kind) && sent;
         }
-    } else if (request.kind == DATA_KIND_CONFIG) {
-        log_message(msg::PUSH_OF_CONFIG);
-        push_data_set(connection, DATA_KIND_CONFIG);
-    } else if (request.kind == DATA_KIND_CLIENT) {
-        log_message(msg::PUSH_OF_CLIENTS);
-        push_data_set(connection, DATA_KIND_CLIENT);
+        return sent;
     }
+    if (request.kind == DATA_KIND_CONFIG) {
+        log_message(msg::PUSH_OF_CONFIG);
+        return push_data_set(connection, DATA_KIND_CONFIG);
+    }
+    if (request.kind == DATA_KIND_CLIENT) {
+        log_message(msg::PUSH_OF_CLIENTS);
+        return push_data_set(connection, DATA_KIND_CLIENT);
+    }
+    return false;
 }

@@ -1,5 +1,7 @@
 """A real master, asked and heard byte by byte."""
 
+from socket import SOCK_DGRAM
+
 import lab
 import pytest
 from peer import (
@@ -7,6 +9,7 @@ from peer import (
     CLIENT,
     CONFIG,
     LIMIT,
+    PORT,
     REQUEST,
     FakeSlave,
     await_master,
@@ -15,6 +18,7 @@ from peer import (
     message,
     record,
     request,
+    split_messages,
 )
 
 PUSHED = {b"dhcpcfg": lab.pair.DHCP_SETTINGS.encode(), b"default_writeback": b"/srv/writeback"}
@@ -94,6 +98,67 @@ def test_an_asker_that_does_not_listen_holds_nobody_up(asked):
     assert len(master.find_log("sendto error:")) == 1
     assert len(master.find_log("send data error:")) == 6
     assert len(master.services.events()) == 1
+
+
+def narrow(*hosts):
+    """Little fits on the way: a push waits for its reader."""
+    for host in hosts:
+        host.shell("cd /proc/sys/net/ipv4; for f in tcp_?mem; do echo 4096 8192 8192 >$f; done")
+
+
+def read_all(connection):
+    connection.settimeout(LIMIT)
+    with connection:
+        return split_messages(b"".join(iter(lambda: connection.recv(1 << 16), b"")))
+
+
+def accept(peer):
+    return peer.inlet.accept()[0]
+
+
+@pytest.mark.sanitizer
+def test_requests_that_a_push_has_answered_are_dropped(asked):
+    clients = lab.realistic_clients(1000)
+    master, slave, peer = asked(clients=clients)
+    narrow(master, slave)
+    with peer:
+        for whole in (True, False):
+            mark = master.log_mark()
+            peer.outlet.send(request(CLIENT))
+            link = accept(peer)
+            for datagram in (CLIENT, CLIENT, CONFIG, CLIENT):
+                peer.outlet.send(request(datagram))
+            peer.outlet.send(heartbeat("10.77.0.2", "20240101000000"))
+            dropped = "3 requests for data set 2 dropped, 10.77.0.2 has just been sent it"
+            if whole:
+                assert_set(read_all(link), CLIENT, clients, "client-1")
+            else:  # A push that broke answers none of them.
+                link.close()
+                assert_set(read_all(accept(peer)), CLIENT, clients, "client-1")
+                dropped = dropped.replace("3", "2", 1)
+            assert_set(read_all(accept(peer)), CONFIG, PUSHED, "config-1")
+            assert read_all(accept(peer)) == [beat_back("config-1#client-1")]
+            assert len(master.find_log(dropped, mark)) == 1
+            assert len(master.find_log("dropped", mark)) == 1
+            assert answer_to_a_beat(peer) == [beat_back("config-1#client-1")]
+
+
+@pytest.mark.sanitizer
+def test_a_stranger_that_cannot_be_reached_delays_no_server(pair_factory):
+    pair = pair_factory()
+    master = pair.master
+    stranger = pair.lab.add_host("stranger")
+    pair.start_master()
+    await_master(master)
+    stranger.line.cut("in")
+    with FakeSlave(pair.slave, master) as peer, stranger.line.open_socket(SOCK_DGRAM) as outlet:
+        for _ in range(3):
+            outlet.sendto(request(CONFIG), (master.address, PORT))
+        for _ in range(3):
+            assert answer_to_a_beat(peer) == [beat_back("config-1#client-1")]
+        assert not master.find_log("send data error:")  # The stranger's answer is under way.
+        stranger.line.heal()
+        lab.wait_until(lambda: master.find_log("db:1"), LIMIT, "its turn")
 
 
 def test_a_set_that_cannot_be_read_is_not_pushed(asked):

@@ -112,6 +112,45 @@ TEST(Tcp, AShortSendEndsTheConnection) {
     EXPECT_EQ(TcpSendAll(connection.client.get(), "next", 4), -1);
 }
 
+TEST(Tcp, AReceiverThatIsTooSlowAsAWholeIsGivenUp) {
+    Connection connection;
+    ASSERT_EQ(TcpSetBufferSize(connection.client.get(), 4096), 0);
+    ASSERT_EQ(TcpSetBufferSize(connection.server.get(), 4096), 0);
+    std::atomic<bool> given_up = false;
+    std::thread reader([&] {  // takes a little again and again, so that no single send fails
+        std::string buffer(2048, '-');
+        const auto end = std::chrono::steady_clock::now() + 30s;
+        while (!given_up && std::chrono::steady_clock::now() < end) {
+            (void)!recv(connection.server.get(), buffer.data(), buffer.size(), 0);
+            std::this_thread::sleep_for(5ms);
+        }
+        (void)TcpClose(connection.server.release());
+    });
+    const std::string much(64U << 20U, 'm');
+    TcpPatience patience{300ms, 1ms};
+    EXPECT_EQ(TcpSendAllWithin(connection.client.get(), much.data(), much.size(), patience), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    given_up = true;
+    EXPECT_GT(patience.sent, 0U);
+    EXPECT_GE(patience.waited, 300ms);
+    EXPECT_EQ(TcpSendAllWithin(connection.client.get(), "next", 4, patience), -1);
+    reader.join();
+}
+
+TEST(Tcp, EachMebibyteLengthensThePatience) {
+    Connection connection;
+    const std::string much(4U << 20U, 'm');
+    std::thread reader([&] {
+        std::string all(much.size(), '-');
+        std::this_thread::sleep_for(200ms);
+        EXPECT_EQ(TcpRecvExact(connection.server.get(), all.data(), all.size()), 0);
+    });
+    TcpPatience patience{0ms, 10s};
+    EXPECT_EQ(TcpSendAllWithin(connection.client.get(), much.data(), much.size(), patience), 0);
+    EXPECT_EQ(patience.sent, much.size());
+    reader.join();
+}
+
 TEST(Tcp, APortInUseIsNotShared) {
     const OwnedFd first(TcpBuildListen("127.0.0.1", 0, 20));
     const std::uint16_t port = TcpLocalPort(first.get());

@@ -1,0 +1,26 @@
+#include "backlog.h"
+
+bool Backlog::add(const Datagram& datagram) {
+    if (full()) {
+        return false;
+    }
+    datagrams_.push_back(datagram);
+    return true;
+}
+
+std::optional<Datagram> Backlog::next() {
+    if (datagrams_.empty()) {
+        return std::nullopt;
+    }
+    const Datagram oldest = datagrams_.front();
+    datagrams_.pop_front();
+    return oldest;
+}
+
+std::size_t Backlog::drop_repeats(const Datagram& request) {
+    return std::erase_if(datagrams_, [&request](const Datagram& waiting) {
+        return waiting.message.type == MSG_DATA_REQUEST &&
+               waiting.message.record.kind == request.message.record.kind &&
+               waiting.sender.sin_addr.s_addr == request.sender.sin_addr.s_addr;
+    });
+}
