@@ -21,12 +21,13 @@ inline constexpr int SEMAPHORE_PROJECT = 1;  // the other half of the key
 
 // --- Keys of config.db ---------------------------------------------------------------------
 
-inline constexpr const char* KEY_HA = "ha";                    // HA_ENABLED switches the pair on
-inline constexpr const char* KEY_SERVER_LIST = "server_list";  // "192.168.0.1,192.168.0.2"
-inline constexpr const char* KEY_MASTER = "master";            // dotted address of the master
-inline constexpr const char* KEY_DSVER = "dsver";              // 14 digits of local time
-inline constexpr const char* KEY_BEAT_OUT = "beat_out";        // read, but without effect
-inline constexpr const char* KEY_DHCP = "dhcp";                // DHCP_ON while services run here
+inline constexpr const char* KEY_HA = "ha";                      // HA_ENABLED switches the pair on
+inline constexpr const char* KEY_SERVER_LIST = "server_list";    // "192.168.0.1,192.168.0.2"
+inline constexpr const char* KEY_MASTER = "master";              // dotted address of the master
+inline constexpr const char* KEY_MASTER_PATHS = "master_paths";  // "10.1.0.1,10.2.0.1"
+inline constexpr const char* KEY_DSVER = "dsver";                // 14 digits of local time
+inline constexpr const char* KEY_BEAT_OUT = "beat_out";          // read, but without effect
+inline constexpr const char* KEY_DHCP = "dhcp";                  // DHCP_ON while services run here
 inline constexpr const char* KEY_CONFIG_VERSION = "config_db_version";  // stamp of config.db
 inline constexpr const char* KEY_CLIENT_VERSION = "client_db_version";  // stamp of client.db
 

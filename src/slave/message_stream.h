@@ -13,18 +13,20 @@ public:
     // Reads from `connection`, a TCP descriptor of the caller.
     explicit MessageStream(int connection) : connection_(connection) {}
 
-    // The next whole message, valid until the next call; null with errno at the connection's end,
-    // on an error or a time-out. Part of a message at the end is dropped.
-    const PeerMessage* next();
+    enum class Received { SOME, NOTHING_YET, END };
 
-    // Whether a whole message is there or comes within `milliseconds`.
-    bool more_within(int milliseconds) const;
+    // Takes what has arrived, without waiting. END at the connection's end or on an error, with
+    // errno then; otherwise errno is kept. Call next() until it is null before the next call.
+    Received receive();
+
+    // The next whole message that is there, valid until the next call of next(); else null. Part of
+    // a message waits for its rest.
+    const PeerMessage* next();
 
 private:
     static constexpr std::size_t READ_AHEAD = 64;  // messages
 
     std::size_t held() const { return end_ - begin_; }
-    bool receive_more();
 
     int connection_;
     std::size_t begin_ = 0;  // what is held, in buffer_

@@ -1,5 +1,6 @@
 #include "receiver.h"
 
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -7,16 +8,21 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <memory>
+#include <vector>
 
+#include "connections.h"
 #include "end_process.h"
 #include "events.h"
 #include "log.h"
 #include "logged_lines.h"
+#include "master_addresses.h"
 #include "message_stream.h"
 #include "miss_counter.h"
-#include "own_role.h"
 #include "owned.h"
 #include "peer_message.h"
 #include "record_sink.h"
@@ -27,12 +33,16 @@
 
 namespace {
 
+using namespace std::chrono_literals;
+using std::chrono::steady_clock;
+
 constexpr int UNREACHABLE_STATUS = 11;
 constexpr unsigned UNREACHABLE_SECONDS = 3;
 constexpr int CONNECTION_TIMEOUT = 20;  // seconds
+constexpr auto LONGEST_SILENCE = std::chrono::seconds(CONNECTION_TIMEOUT);
 
 // A sender at work is back within this time; then the batch of records stays open.
-constexpr int BATCH_GAP_MILLISECONDS = 50;
+constexpr auto BATCH_GAP = 50ms;
 
 // Logs why nobody can connect, gives operators' tools a moment, and ends the process.
 [[noreturn]] void end_unreachable(MessageFor<const char*, const char*, int> message, int line) {
@@ -46,12 +56,6 @@ int wake_fd() {
     return fd.get();
 }
 
-// Waits until a connection waits, or wake_receiver was called.
-void wait_for_connection(int listener) {
-    pollfd waits[] = {{listener, POLLIN, 0}, {wake_fd(), POLLIN, 0}};
-    while (poll(waits, 2, -1) < 0 && errno == EINTR) {}
-}
-
 // TCP_CORK gathers what is sent, and the slave sends nothing here: it has no effect. It is part of
 // how the service has always set up its connections, where tools that list sockets see it.
 void set_connection_options(int connection) {
@@ -59,12 +63,11 @@ void set_connection_options(int connection) {
     (void)setsockopt(connection, IPPROTO_TCP, TCP_CORK, &on, sizeof on);
 }
 
-bool comes_from_master(int connection) {
-    sockaddr_in sender{};
-    socklen_t length = sizeof sender;
-    const auto master = resolve_ipv4(master_ip);
-    return getpeername(connection, reinterpret_cast<sockaddr*>(&sender), &length) == 0 &&
-           master == sender.sin_addr.s_addr;
+std::uint32_t peer_of(int connection) {
+    sockaddr_in peer{};
+    socklen_t length = sizeof peer;
+    (void)getpeername(connection, reinterpret_cast<sockaddr*>(&peer), &length);
+    return peer.sin_addr.s_addr;
 }
 
 // Records of the master are as good as its answers, though they refill only what has run out.
@@ -94,21 +97,144 @@ void act_on(const PeerMessage& message, int connection, bool from_master, Record
     }
 }
 
-void serve_connection(int connection) {
-    RecordSink sink;
-    MessageStream stream(connection);
-    const PeerMessage* message = stream.next();
-    if (message == nullptr) {
-        log_message(msg::NOTHING_RECEIVED, strerror(errno));
-        return;
-    }
-    const bool from_master = comes_from_master(connection);
-    for (; message != nullptr; message = stream.next()) {
-        act_on(*message, connection, from_master, sink);
-        if (sink.has_batch() && !stream.more_within(BATCH_GAP_MILLISECONDS)) {
-            sink.close_batch();
+// Serves all connections until the process is to stop, and then the one that is being served.
+class Receiver {
+public:
+    explicit Receiver(int listener) : listener_(listener) {}
+
+    void run() {
+        while (slave_exit_requested != 1) {
+            one_step(true);
+        }
+        connections_.close_all_but(served_, steady_clock::now());
+        while (!connections_.empty()) {
+            one_step(false);
         }
     }
+
+private:
+    bool has_batch() const { return served_ != nullptr && served_->sink->has_batch(); }
+
+    // Waits for the next thing to happen, at most until the next one is due, and does it.
+    void one_step(bool accepts);
+
+    // Those of `readable` that have something to read, or have ended. Closes those that have been
+    // silent for too long, and takes a new connection.
+    std::vector<Connection*> wait_for(const std::vector<Connection*>& readable, bool accepts);
+    int milliseconds_until_due(const std::vector<Connection*>& readable) const;
+    void accept_one();
+    void serve(Connection& connection);
+    void close(const Connection& connection);
+
+    int listener_;
+    Connections connections_;
+    Connection* served_ = nullptr;  // the one whose message was acted on last, while it is open
+    Moment acted_{};                // when that was
+};
+
+void Receiver::one_step(bool accepts) {
+    std::vector<Connection*> ready = wait_for(connections_.readable_beside(served_), accepts);
+    if (Connection* next = choose(ready, served_); next != nullptr) {
+        if (has_batch() && next != served_) {
+            served_->sink->close_batch();
+        }
+        serve(*next);
+    }
+    if (has_batch() && steady_clock::now() - acted_ >= BATCH_GAP) {
+        served_->sink->close_batch();
+    }
+}
+
+int Receiver::milliseconds_until_due(const std::vector<Connection*>& readable) const {
+    Moment due = Moment::max();
+    for (const Connection* each : readable) {
+        due = std::min(due, each->heard + LONGEST_SILENCE);
+    }
+    if (has_batch()) {
+        due = std::min(due, acted_ + BATCH_GAP);
+    }
+    if (due == Moment::max()) {
+        return -1;
+    }
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - steady_clock::now());
+    return static_cast<int>(std::max<std::int64_t>(left.count(), 0));
+}
+
+std::vector<Connection*> Receiver::wait_for(const std::vector<Connection*>& readable,
+                                            bool accepts) {
+    const bool listens = accepts && connections_.can_take();
+    std::vector<pollfd> waits = {{listens ? listener_ : -1, POLLIN, 0},
+                                 {accepts ? wake_fd() : -1, POLLIN, 0}};
+    for (const Connection* each : readable) {
+        waits.push_back({each->fd.get(), POLLIN, 0});
+    }
+    if (poll(waits.data(), waits.size(), milliseconds_until_due(readable)) < 0) {
+        return {};
+    }
+    std::vector<Connection*> ready;
+    for (std::size_t n = 0; n < readable.size(); ++n) {
+        if (waits[n + 2].revents != 0) {
+            ready.push_back(readable[n]);
+        } else if (steady_clock::now() - readable[n]->heard >= LONGEST_SILENCE) {
+            errno = EAGAIN;
+            close(*readable[n]);
+        }
+    }
+    if (waits.front().revents != 0 && slave_exit_requested != 1) {
+        accept_one();
+        // It may have taken the place of one of these.
+        const auto open = connections_.readable_beside(served_);
+        std::erase_if(ready, [&open](const Connection* each) {
+            return std::find(open.begin(), open.end(), each) == open.end();
+        });
+    }
+    return ready;
+}
+
+void Receiver::accept_one() {
+    const int fd = TcpSvAccept(listener_, CONNECTION_TIMEOUT);
+    if (fd < 0 && errno == EAGAIN) {
+        return;  // it has gone again
+    }
+    if (fd < 0) {
+        end_unreachable(msg::CANNOT_ACCEPT, LINE_CANNOT_ACCEPT);
+    }
+    set_connection_options(fd);
+    const auto now = steady_clock::now();
+    const std::uint32_t peer = peer_of(fd);
+    auto fresh = std::make_unique<Connection>(fd, peer, is_masters(peer), now);
+    if (const auto given_up = connections_.take(std::move(fresh), now)) {
+        const OwnedText address(ip_to_string(given_up->address));
+        log_message(msg::CONNECTION_GIVEN_UP, address.get());
+        served_ = given_up.get() == served_ ? nullptr : served_;
+    }
+}
+
+void Receiver::serve(Connection& connection) {
+    const auto received = connection.stream.receive();
+    if (received == MessageStream::Received::END) {
+        close(connection);
+        return;
+    }
+    while (const PeerMessage* message = connection.stream.next()) {
+        if (!connection.sink) {
+            connection.sink = std::make_unique<RecordSink>();
+        }
+        served_ = &connection;
+        act_on(*message, connection.fd.get(), connection.of_master, *connection.sink);
+        acted_ = steady_clock::now();
+    }
+    if (received == MessageStream::Received::SOME) {
+        connection.heard = steady_clock::now();
+    }
+}
+
+void Receiver::close(const Connection& connection) {
+    if (!connection.sink) {
+        log_message(msg::NOTHING_RECEIVED, strerror(errno));
+    }
+    served_ = &connection == served_ ? nullptr : served_;
+    connections_.close(connection, steady_clock::now());
 }
 
 }  // namespace
@@ -125,19 +251,9 @@ void* slave_thread(void* /*argument*/) {
         errno = cause;
         end_unreachable(msg::CANNOT_LISTEN, LINE_CANNOT_LISTEN);
     }
-    while (slave_exit_requested != 1) {
-        wait_for_connection(listener.get());
-        if (slave_exit_requested == 1) {
-            break;
-        }
-        const int connection = TcpSvAccept(listener.get(), CONNECTION_TIMEOUT);
-        if (connection < 0) {
-            end_unreachable(msg::CANNOT_ACCEPT, LINE_CANNOT_ACCEPT);
-        }
-        set_connection_options(connection);
-        serve_connection(connection);
-        (void)TcpClose(connection);
-    }
+    // A connection may have gone between its announcement and its acceptance.
+    (void)fcntl(listener.get(), F_SETFL, O_NONBLOCK);
+    Receiver(listener.get()).run();
     log_message(msg::SLAVE_STOPPED, LINE_RECEIVER_ENDS);
     return nullptr;
 }

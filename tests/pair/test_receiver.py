@@ -109,6 +109,31 @@ def test_what_a_beat_back_sets_off(told):
         assert slave.client.items() == {}
 
 
+@pytest.mark.sanitizer
+def test_the_master_never_waits_for_a_stranger(told):
+    """Strangers say nothing, half a message, or a record; only the master's own may wait."""
+    pair, slave, master = told()
+    stranger = pair.lab.add_host("stranger")
+    pair.start_slave()
+    with master, FakeMaster(stranger, slave) as idle:
+        master.hear(HEARTBEAT)
+        mark = slave.log_mark()
+        link = idle.connect()
+        link.sendall(record(CLIENT, "odd", "1") + record(CLIENT, "half", "2")[:100])
+        await_value(slave.client, "odd", "1")
+        for _ in range(20):
+            idle.connect()
+        for number in range(6):
+            assert master.hear(HEARTBEAT)
+            master.tell(beat_back("#"), record(CLIENT, f"{number}", "master"))
+            await_value(slave.client, f"{number}", "master")
+        assert not slave.find_log("become a master host")
+        closed = f"too many connections, the one from {stranger.address} was closed"
+        assert slave.find_log(closed, mark)
+        # Of one address they are served in their order: these wait for the first one's end.
+        assert slave.client.get("half") is None
+
+
 # The library's verifier panics on the first damage and would abort on the second.
 @pytest.mark.parametrize("rubbish", [b"\xa5", b"\x0f"])
 def test_a_damaged_store_gives_way_to_the_first_record(told, rubbish):

@@ -1,0 +1,46 @@
+#include "master_addresses.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+
+#include "keys.h"
+#include "owned.h"
+#include "resolve.h"
+#include "role.h"
+#include "store.h"
+#include "text.h"
+
+std::vector<std::string> master_paths() {
+    const OwnedText list(db_get(CONFIG_DB, KEY_MASTER_PATHS));
+    std::vector<std::string> paths;
+    for (const std::string_view item : split(text_of(list), ',')) {
+        if (item != master_ip) {
+            paths.emplace_back(item);
+        }
+    }
+    return paths;
+}
+
+bool is_masters(std::uint32_t address) {
+    if (address == inet_addr(master_ip)) {
+        return true;  // without a look at the store: so comes almost every connection
+    }
+    const auto paths = master_paths();
+    return std::any_of(paths.begin(), paths.end(), [address](const std::string& path) {
+        return inet_addr(path.c_str()) == address;
+    });
+}
+
+std::string masters_end_of(int connection) {
+    sockaddr_in peer{};
+    socklen_t length = sizeof peer;
+    if (getpeername(connection, reinterpret_cast<sockaddr*>(&peer), &length) != 0 ||
+        peer.sin_family != AF_INET || !is_masters(peer.sin_addr.s_addr) ||
+        peer.sin_addr.s_addr == inet_addr(master_ip)) {
+        return master_ip;
+    }
+    const OwnedText dotted(ip_to_string(peer.sin_addr.s_addr));
+    return dotted ? dotted.get() : master_ip;
+}
