@@ -11,6 +11,7 @@ from typing import Protocol, TypeVar
 from .line import Line
 from .logs import LogLine, LogMark, Logs
 from .namespaces import Namespaces, Process
+from .network import Switch
 from .services import KILLALL, Services
 from .store import MACHINE, Store, StoreWorker
 from .wait import LabError, wait_until
@@ -61,19 +62,27 @@ class Host:
 
     def set_up(self, prefix_length: int) -> None:
         """The second half of making a host, once its init is ready."""
-        self.line.plug()
-        self.run(
-            ["/usr/sbin/ip", "-batch", "-"],
-            input=f"link set lo up\naddr add {self.address}/{prefix_length} dev eth0\n"
-            "link set eth0 up\n".encode(),
-            check=True,
-        )
+        self._connect(self.line, "eth0", self.address, prefix_length)
         self.services = Services(self)
         self.logs = Logs(self.root)
         self._worker = StoreWorker(self)
         self._worker.start()
         self.config = self.store("config.db")
         self.client = self.store("client.db")
+
+    def add_second_line(self, switch: Switch, port: str, address: str, prefix_length: int) -> None:
+        """Another interface, eth1, on another switch."""
+        self.second_line, self.second_address = Line(self._inside, switch, port), address
+        self._connect(self.second_line, "eth1", address, prefix_length)
+
+    def _connect(self, line: Line, interface: str, address: str, prefix_length: int) -> None:
+        line.plug(interface)
+        self.run(
+            ["/usr/sbin/ip", "-batch", "-"],
+            input=f"link set lo up\naddr add {address}/{prefix_length} dev {interface}\n"
+            f"link set {interface} up\n".encode(),
+            check=True,
+        )
 
     @property
     def root(self) -> Path:

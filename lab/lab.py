@@ -17,6 +17,7 @@ from .network import Switch
 
 DISK_PREFIX = "/var/tmp/quorsyncd-lab-"
 NETWORK = ipaddress.ip_network("10.77.0.0/24")
+SECOND_NETWORK = ipaddress.ip_network("10.78.0.0/24")
 YOUNG_SECONDS = 60.0
 
 
@@ -49,6 +50,7 @@ class Lab:
         self.hosts: list[Host] = []
         self._switch = Switch()
         self._switch_ready = False
+        self._second_switch: Switch | None = None
 
     def add_hosts(self, names: Sequence[str], disk: bool = False) -> list[Host]:
         """Make hosts; the n-th of the lab has the address 10.77.0.n.
@@ -76,6 +78,16 @@ class Lab:
     def add_host(self, name: str, disk: bool = False) -> Host:
         return self.add_hosts([name], disk)[0]
 
+    def add_second_lines(self, hosts: Sequence[Host]) -> None:
+        """Give hosts an interface on a second switch: there the n-th of the lab is 10.78.0.n."""
+        if self._second_switch is None:
+            self._second_switch = Switch()
+            self._second_switch.wait_ready()
+        for host in hosts:
+            number = self.hosts.index(host) + 1
+            address, length = str(SECOND_NETWORK[number]), SECOND_NETWORK.prefixlen
+            host.add_second_line(self._second_switch, f"p{number}", address, length)
+
     def evidence(self) -> str:
         """The evidence of all hosts."""
         return "\n".join(host.evidence() for host in self.hosts)
@@ -83,6 +95,8 @@ class Lab:
     def close(self) -> None:
         """End all hosts side by side, and wait for their end."""
         members: list[Host | Switch] = [*self.hosts, self._switch]
+        if self._second_switch is not None:
+            members.append(self._second_switch)
         for member in members:
             member.begin_close()
         for member in members:

@@ -19,8 +19,8 @@ class Line:
         self._switch = switch
         self._port = port
 
-    def plug(self) -> None:
-        self._switch.plug(self._port, self._inside)
+    def plug(self, interface: str) -> None:
+        self._switch.plug(self._port, self._inside, interface)
 
     def cut(self, direction: str = "both", peer: "Line | None" = None, share: float = 1.0) -> None:
         """Lose what comes in, what goes out, or both, to and from one other line or all.

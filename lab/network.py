@@ -69,10 +69,10 @@ class Switch:
         if done.returncode != 0:
             raise LabError(f"{argv[0]}: {done.stderr.strip()}")
 
-    def plug(self, port: str, host: Namespaces) -> None:
-        """Lay a line from a new port to the host's eth0; no end is ever in another namespace."""
+    def plug(self, port: str, host: Namespaces, interface: str) -> None:
+        """Lay a line from a new port to the host; no end is ever in another namespace."""
         self._ip(
-            f"link add {port} type veth peer name eth0 netns {host.pid}",
+            f"link add {port} type veth peer name {interface} netns {host.pid}",
             f"link set {port} master br0 up",
         )
 

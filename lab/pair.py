@@ -51,7 +51,8 @@ class Pair:
 
     Both know the pair (ha, server_list, master). The master also has the stamps, the settings
     that are pushed, and the clients, where they are given. The slave's stores are otherwise
-    empty unless `slave_config` and `slave_clients` say more.
+    empty unless `slave_config` and `slave_clients` say more. With `second_lines` each host has a
+    second interface, and the slave knows the master's other address.
     """
 
     def __init__(
@@ -66,6 +67,7 @@ class Pair:
         disk: bool = False,
         env: Mapping[str, str] | None = None,
         wrapper: tuple[str, ...] = (),
+        second_lines: bool = False,
     ) -> None:
         self.executable = Path(executable)
         self.env = dict(env or {})
@@ -76,7 +78,11 @@ class Pair:
             self.lab = undo.enter_context(Lab())
             self.master, self.slave = self.lab.add_hosts(["master", "slave"], disk)
             config = dict(self._settings())
-            self.slave.config.fill({**config, **(slave_config or {})})
+            paths = {}
+            if second_lines:
+                self.lab.add_second_lines(self.lab.hosts)
+                paths = {"master_paths": self.master.second_address}
+            self.slave.config.fill({**config, **paths, **(slave_config or {})})
             config |= {"dhcpcfg": DHCP_SETTINGS, "default_writeback": "/srv/writeback"}
             if stamps:
                 config |= {"config_db_version": stamps[0], "client_db_version": stamps[1]}

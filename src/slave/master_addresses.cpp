@@ -6,9 +6,9 @@
 #include <algorithm>
 
 #include "keys.h"
+#include "own_role.h"
 #include "owned.h"
 #include "resolve.h"
-#include "role.h"
 #include "store.h"
 #include "text.h"
 
@@ -16,8 +16,9 @@ std::vector<std::string> master_paths() {
     const OwnedText list(db_get(CONFIG_DB, KEY_MASTER_PATHS));
     std::vector<std::string> paths;
     for (const std::string_view item : split(text_of(list), ',')) {
-        if (item != master_ip) {
-            paths.emplace_back(item);
+        const std::string path(item);
+        if (path != master_ip && inet_addr(path.c_str()) != INADDR_NONE) {
+            paths.push_back(path);
         }
     }
     return paths;

@@ -19,6 +19,7 @@
 #include "local_addresses.h"
 #include "log.h"
 #include "logged_lines.h"
+#include "master_addresses.h"
 #include "miss_counter.h"
 #include "own_role.h"
 #include "owned.h"
@@ -34,6 +35,7 @@
 namespace {
 
 constexpr unsigned HEARTBEAT_PERIOD = 2;  // seconds
+constexpr int ANSWER_MISSING = 1;         // the bottle after the count-down, or less
 
 // How long the beat that has just been sent may take to be answered, where that decides about a
 // take-over: a line that is whole again answers within milliseconds.
@@ -107,6 +109,15 @@ void on_sigterm(int /*signal_number*/) {
     semaphore_delete();
 }
 
+// Sends the beat on every other path to the master, too, as long as answers are missing.
+void beat_on_other_paths(int fd) {
+    if (bottle <= ANSWER_MISSING) {
+        for (const std::string& path : master_paths()) {
+            send_heartbeat(fd, path.c_str());
+        }
+    }
+}
+
 SlaveAction action_now() {
     return next_action({.status = status,
                         .bottle = bottle,
@@ -130,6 +141,7 @@ void decide_and_act() {
 void one_period(int fd) {
     send_heartbeat(fd, master_ip);
     count_missed_beat();
+    beat_on_other_paths(fd);
     log_message(msg::BEAT_COUNTED, bottle.load(), status.load());
     decide_and_act();
 }

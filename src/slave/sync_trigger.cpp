@@ -11,7 +11,7 @@
 #include "client_list/client_list.h"
 #include "log.h"
 #include "logged_lines.h"
-#include "own_role.h"
+#include "master_addresses.h"
 #include "owned.h"
 #include "resolve.h"
 #include "stamps.h"
@@ -32,7 +32,7 @@ void data_sync_trigger(int connection, const DataRecord& answer) {
         log_message(msg::CONFIG_DIFFERS);
         log_message(msg::CONFIG_STAMPS, "data_sync_trigger", LINE_CONFIG_DIFFERS,
                     own->config.c_str(), masters.config.c_str());
-        start_data_sync(connection, master_ip, DATA_KIND_CONFIG);
+        start_data_sync(connection, masters_end_of(connection).c_str(), DATA_KIND_CONFIG);
     }
     if (masters.client != own->client) {
         log_message(msg::CLIENTS_DIFFER);
@@ -41,7 +41,7 @@ void data_sync_trigger(int connection, const DataRecord& answer) {
         }
         log_message(msg::CLIENT_STAMPS, "data_sync_trigger", LINE_CLIENTS_DIFFER,
                     own->client.c_str(), masters.client.c_str());
-        start_data_sync(connection, master_ip, DATA_KIND_CLIENT);
+        start_data_sync(connection, masters_end_of(connection).c_str(), DATA_KIND_CLIENT);
     } else {
         client_list().equal_stamps();  // a master that is back at the old stamp pushes nothing
     }

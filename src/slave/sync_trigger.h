@@ -8,8 +8,9 @@
 #include "peer_message.h"
 
 // Compares the master's stamps in `answer` with the own ones and asks for each set that differs,
-// configuration first. `connection` is not used. Logs for each such set CONFIG_DIFFERS or
-// CLIENTS_DIFFER and both stamps, and why nothing can be compared. Where the client stamps agree, a
+// configuration first, at the address of the master from which `connection` comes. Logs for each
+// such set CONFIG_DIFFERS or CLIENTS_DIFFER and both stamps, and why nothing can be compared. Where
+// the client stamps agree, a
 // list that a broken push left behind is put back.
 void data_sync_trigger(int connection, const DataRecord& answer);
 

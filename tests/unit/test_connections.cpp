@@ -2,7 +2,7 @@
 #include <sys/socket.h>
 
 #include "keys.h"
-#include "role.h"
+#include "own_role.h"
 #include "slave/connections.h"
 #include "slave/master_addresses.h"
 #include "support.h"
@@ -93,7 +93,7 @@ TEST_F(ConnectionsTest, TheMasterHasFurtherAddresses) {
     EXPECT_TRUE(is_masters(inet_addr("10.0.0.1")));
     EXPECT_FALSE(is_masters(inet_addr("10.1.0.1")));
     EXPECT_THAT(master_paths(), IsEmpty());
-    put(CONFIG_DB, KEY_MASTER_PATHS, "10.1.0.1,,10.0.0.1,10.2.0.1");
+    put(CONFIG_DB, KEY_MASTER_PATHS, "10.1.0.1,,10.0.0.1,name,10.2.0.1");
     EXPECT_THAT(master_paths(), ElementsAre("10.1.0.1", "10.2.0.1"));
     EXPECT_TRUE(is_masters(inet_addr("10.2.0.1")));
     EXPECT_FALSE(is_masters(inet_addr("10.3.0.1")));

@@ -1,5 +1,7 @@
 // The part of `check` about settings and roles.
+#include <arpa/inet.h>
 #include <fmt/format.h>
+#include <sys/socket.h>
 
 #include <array>
 #include <utility>
@@ -10,6 +12,7 @@
 #include "keys.h"
 #include "local_addresses.h"
 #include "owned.h"
+#include "peer_message.h"
 #include "role.h"
 #include "store.h"
 #include "text.h"
@@ -50,6 +53,52 @@ void check_master(const PairSettings& settings, Findings& findings) {
                              ? "is missing or empty"
                              : fmt::format("\"{}\" is no dotted address", settings.master),
                          fmt::format(BY_STORE_PUT, KEY_MASTER, "ADDRESS"));
+    }
+}
+
+// Whether the kernel knows a way to `address`. Sends nothing.
+bool has_route(const std::string& address) {
+    const OwnedFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_in target{};
+    target.sin_family = AF_INET;
+    target.sin_addr.s_addr = inet_addr(address.c_str());
+    target.sin_port = htons(PEER_PORT);
+    return connect(fd.get(), reinterpret_cast<const sockaddr*>(&target), sizeof target) == 0;
+}
+
+// What is wrong with one further address of the master; empty for nothing.
+std::string path_fault(const std::string& path, const PairSettings& settings, bool seen,
+                       const std::string& local) {
+    if (!is_dotted_address(path)) {
+        return "is no dotted address";
+    }
+    if (path == settings.master) {
+        return "is 'master' itself";
+    }
+    if (seen) {
+        return "is listed twice";
+    }
+    if (list_has(local, path)) {
+        return "is an address of this host, which is not the master";
+    }
+    return has_route(path) ? "" : "cannot be reached: no route";
+}
+
+void check_master_paths(const PairSettings& settings, const std::string& local,
+                        Findings& findings) {
+    const OwnedText list(db_get(CONFIG_DB, KEY_MASTER_PATHS));
+    const std::string own = list_has(local, settings.master) ? std::string() : local;
+    std::string seen;
+    for (const std::string_view item : split(text_of(list), ',')) {
+        const std::string path(item);
+        const std::string fault = path_fault(path, settings, list_has(seen, path), own);
+        seen += path + ",";
+        if (fault.empty()) {
+            findings.good(KEY_MASTER_PATHS, path);
+        } else {
+            findings.problem(KEY_MASTER_PATHS, fmt::format("{} {}", path, fault),
+                             fmt::format(BY_STORE_PUT, KEY_MASTER_PATHS, "ADDRESS,..."));
+        }
     }
 }
 
@@ -112,6 +161,7 @@ void check_settings(Findings& findings) {
     check_server_list(settings, findings);
     check_master(settings, findings);
     const std::string local = check_address(settings, findings);
+    check_master_paths(settings, local, findings);
     check_roles(settings, local, findings);
     if (configured_role(settings, local).decision.role == ROLE_MASTER) {
         check_stamps(findings);
