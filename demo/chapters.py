@@ -13,6 +13,7 @@ CLIENTS = realistic_clients(500)
 NEW_CLIENT = realistic_clients(1, seed=2)
 SERVICES = ("quordhcpd", "stagd")
 TOOK_OVER, STEPPED_DOWN = 720007, 720008
+ENOUGH_BEATS = 6  # more than a take-over would need
 
 # Steps that later ones stand on.
 FILLED = "master filled, slave empty"
@@ -110,6 +111,28 @@ def fetch(story: Story) -> None:
         step.stop_clock()
         assert record.command == RELOAD, f"command {record.command}"
         step.evidence = f"{PATH}: 68 bytes, command {record.command}, seconds {record.seconds}"
+
+
+@chapter("One line is cut, the other holds")
+def hold(story: Story) -> None:
+    pair = story.pair
+    with story.step("answers come over the other line") as step:
+        step.needs(ROLES)
+        mark = pair.slave.log_mark()
+        story.start_clock()
+        pair.master.line.cut()
+        step.tell(f"the line between {pair.master.address} and {pair.slave.address} is cut")
+
+        def beats() -> bool:
+            return len(pair.slave.find_log("bottle=", mark)) >= ENOUGH_BEATS
+
+        wait_until(beats, LIMIT, "heartbeats")
+        step.stop_clock()
+        step.show_log(pair.master, f"^beat back to {pair.slave.second_address}")
+        assert not pair.slave.find_log("become a master host", mark), "the slave took over"
+        assert not running_services(pair.slave), "the slave runs boot services"
+        step.evidence = f"{ENOUGH_BEATS} heartbeats without a take-over"
+        pair.master.line.heal()
 
 
 @chapter("The master dies")

@@ -27,7 +27,7 @@ def play(console: Console, daemon: Path) -> bool:
     console.line("A pair of servers on this machine, in namespaces of their own", BOLD)
     console.line(f"daemon: {daemon}")
     with ExitStack() as stack:
-        pair = stack.enter_context(Pair(daemon, clients=CLIENTS))
+        pair = stack.enter_context(Pair(daemon, clients=CLIENTS, second_lines=True))
         stack.enter_context(FileService(pair.slave))
         pipe = stack.enter_context(ReloadPipe(pair.master))
         story = Story(console, pair, pipe)

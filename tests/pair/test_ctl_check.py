@@ -58,6 +58,10 @@ SETTINGS = [
     ("server_list", "10.77.0.8,10.77.0.9", {"address": "10.77.0.1 is not in"}),
     ("master", "", {"master": "missing", "role": "'master' is missing"}),
     ("server_list", "10.77.0.8,10.77.0.9,10.77.0.1", {}),
+    ("master_paths", "10.77.0.9", {}),
+    ("master_paths", "10.77.0.2,ten", {"master_paths": "ten is no dotted address"}),
+    ("master_paths", "10.77.0.9,10.77.0.9", {"master_paths": "10.77.0.9 is listed twice"}),
+    ("master_paths", "10.99.0.1", {"master_paths": "10.99.0.1 cannot be reached: no route"}),
     ("config_db_version", "one#two", {"settings": "separates the two stamps"}),
     ("client_db_version", "9" * 128, {"settings": "128 bytes"}),
     ("dhcpcfg", "x" * 1024, {"settings": '"dhcpcfg" too long'}),
@@ -77,6 +81,9 @@ def test_settings_that_keep_a_pair_from_work(host, faults):
     assert "no change of it" in faults(host)[1]["config_db_version"]
     host.config.fill({"master": "10.77.0.2", "server_list": "10.77.0.2,10.77.0.3,10.77.0.1"})
     code, found = faults(host)
+    host.config.put("master_paths", "10.77.0.1")
+    assert "an address of this host" in faults(host)[1]["master_paths"]
+    host.config.delete("master_paths")
     assert code == PROBLEM and "this host: no role, waits for ever" in found["role"]
     assert "the master is 10.77.0.2, the slave 10.77.0.3" in found["role"]
     assert "config_db_version" not in found
