@@ -8,8 +8,8 @@
 // record goes to the store, any other message raises event 720010.
 //
 // Logs a connection without a first message, one that gave way to others, and its end as
-// SLAVE_STOPPED. Ends the process with status 11, after 3 seconds, when it cannot listen on its port
-// or accept: a slave that nobody reaches would take over beside a healthy master.
+// SLAVE_STOPPED. Ends the process with status 11, after 3 seconds, when it cannot listen on its
+// port or accept: a slave that nobody reaches would take over beside a healthy master.
 void* slave_thread(void* argument);
 
 // Lets the receiver look at slave_exit_requested. Any thread.
