@@ -19,14 +19,14 @@ constexpr const char* OWED = "/etc/quoradmind/dhcp_reload.owed";
 void owe_reload() {
     const OwnedFd file(open(OWED, O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
     if (!file.valid()) {
-        log_message(msg::RELOAD_NOT_REMEMBERED, OWED, strerror(errno));
+        log_message(msg::FILE_NOT_WRITTEN, OWED, strerror(errno));
     }
 }
 
 void pay_reload() {
     refresh_dhcp();
     if (unlink(OWED) != 0 && errno != ENOENT) {
-        log_message(msg::RELOAD_NOT_FORGOTTEN, OWED, strerror(errno));
+        log_message(msg::FILE_NOT_REMOVED, OWED, strerror(errno));
     }
 }
 

@@ -48,6 +48,8 @@ def test_the_catalogue_has_every_message_and_no_other():
     if wrong:
         pytest.fail("docs/messages.md is behind\n\n" + "\n\n".join(wrong), pytrace=False)
     assert listed, "the list is no longer read as this test thinks"
+    twice = {entry for entry in listed if listed.count(entry) > 1}
+    assert not twice, f"in the list twice, use one constant: {twice}"
 
 
 def test_nothing_is_logged_past_the_list():

@@ -129,7 +129,7 @@ bool HostFiles::write_journal(const ListJournal& journal) {
     };
     const auto [in_place, failed] = replace_file(CLIENT_JOURNAL, fill);
     if (failed != 0) {
-        log_message(msg::JOURNAL_NOT_WRITTEN, CLIENT_JOURNAL, strerror(failed));
+        log_message(msg::FILE_NOT_WRITTEN, CLIENT_JOURNAL, strerror(failed));
     }
     return failed == 0;
 }
