@@ -19,20 +19,19 @@ namespace {
 
 // Records on their way out. Several go to the system in one call: one each would cost as much as
 // reading and logging them, and wake the slave for each.
-class Outbox {
+class Outbox : public PushTarget {
 public:
     explicit Outbox(int connection) : connection_(connection) { messages_.reserve(MESSAGES); }
 
-    void add(const PeerMessage& message) {
+    void add(const PeerMessage& message) override {
         if (messages_.size() == MESSAGES) {
             (void)send();
         }
         messages_.push_back(message);
     }
 
-    // Whether all that was added since the last call has been sent; logs a line for each record
-    // that was not.
-    bool send() {
+    // Logs a line for each record that was not sent.
+    bool send() override {
         const std::size_t before = patience_.sent;
         const bool all = TcpSendAllWithin(connection_, messages_.data(),
                                           messages_.size() * sizeof(PeerMessage), patience_) == 0;
@@ -47,8 +46,7 @@ public:
         return all;
     }
 
-    // Whether all that was ever added has been sent.
-    bool whole() const { return whole_ && messages_.empty(); }
+    bool whole() const override { return whole_ && messages_.empty(); }
 
 private:
     static constexpr std::size_t MESSAGES = 56;  // just below 64 KiB
@@ -59,7 +57,19 @@ private:
     std::vector<PeerMessage> messages_;
 };
 
-void push_record(Outbox& outbox, const DataSet& set, const StoredRecord& record) {
+// The stores of this host.
+class HostSource : public PushSource {
+public:
+    std::optional<StampPair> stamps() override { return current_stamps(); }
+    void begin_walk(const char* path) override { walk_.emplace(path); }
+    bool next_chunk(std::vector<StoredRecord>& chunk) override { return walk_->next_chunk(chunk); }
+    bool failed() const override { return walk_->failed(); }
+
+private:
+    std::optional<RecordWalk> walk_;
+};
+
+void push_record(PushTarget& target, const DataSet& set, const StoredRecord& record) {
     // Other tools may have stored the terminating zero byte with the text.
     const std::string_view key = record.key.c_str();
     const std::string_view value = record.value.c_str();
@@ -72,47 +82,47 @@ void push_record(Outbox& outbox, const DataSet& set, const StoredRecord& record)
         log_message(msg::RECORD_TOO_LONG, key.data(), key.size(), value.size());
         return;
     }
-    outbox.add(make_data_record(set.kind, key, value));
+    target.add(make_data_record(set.kind, key, value));
 }
 
-void push_stamp(Outbox& outbox, const DataSet& set, const std::string& stamp) {
+void push_stamp(PushTarget& target, const DataSet& set, const std::string& stamp) {
     log_message(msg::RECORD_SENT, DBVER_KEY, stamp.c_str());
-    outbox.add(make_data_record(set.kind, DBVER_KEY, stamp));
-    if (!outbox.send() && set.kind == DATA_KIND_CLIENT) {
+    target.add(make_data_record(set.kind, DBVER_KEY, stamp));
+    if (!target.send() && set.kind == DATA_KIND_CLIENT) {
         (void)post_event(EVENT_ERROR, EVENT_SEND_FAILED, errno, nullptr);
     }
 }
 
+}  // namespace
+
 // The stamp is read before the walk: a record changed meanwhile comes with the next stamp.
-bool push_records(int connection, const DataSet& set) {
-    const std::optional<StampPair> stamps = current_stamps();
+bool push_records(PushSource& source, PushTarget& target, const DataSet& set) {
+    const std::optional<StampPair> stamps = source.stamps();
     if (!stamps) {
         log_message(msg::PUSH_WITHOUT_STAMP, set.stamp_key, set.path);
         return false;
     }
-    RecordWalk walk(set.path);
-    std::vector<StoredRecord> chunk;
-    Outbox outbox(connection);
-    while (walk.next_chunk(chunk)) {
+    source.begin_walk(set.path);
+    for (std::vector<StoredRecord> chunk; source.next_chunk(chunk);) {
         for (const StoredRecord& record : chunk) {
-            push_record(outbox, set, record);
+            push_record(target, set, record);
         }
     }
-    if (walk.failed()) {
+    if (source.failed()) {
         // Without its stamp the slave asks again at the next heartbeat.
         log_message(msg::PUSH_BROKEN_OFF, set.path);
         return false;
     }
-    push_stamp(outbox, set, stamps->of(set));
-    return outbox.whole();
+    push_stamp(target, set, stamps->of(set));
+    return target.whole();
 }
-
-}  // namespace
 
 bool push_data_set(int connection, std::uint32_t kind) {
     log_message(msg::PUSH_BEGINS, static_cast<int>(kind));
     if (const DataSet* set = data_set_of(kind); set != nullptr) {
-        return push_records(connection, *set);
+        HostSource source;
+        Outbox outbox(connection);
+        return push_records(source, outbox, *set);
     }
     if (kind == DATA_KIND_DISK) {
         (void)db_open(DISK_DB);  // opened and closed: nothing of it is ever sent

@@ -3,9 +3,12 @@
 #include <algorithm>
 #include <bit>
 #include <optional>
+#include <utility>
 
 #include "slave/miss_counter.h"
 #include "slave_disk.h"
+#include "syncd/backlog.h"
+#include "syncd/push.h"
 
 namespace {
 
@@ -224,16 +227,105 @@ private:
     std::string violation_;
 };
 
-void add_datagram(World& world, Datagram datagram, unsigned most) {
+void add_datagram(World& world, Waiting datagram, unsigned most) {
     const auto end = world.datagrams.begin() + most;
-    const auto place = std::find(world.datagrams.begin(), end, Datagram::NONE);
+    const auto place = std::find(world.datagrams.begin(), end, Waiting::NONE);
     if (world.master_runs != 0 && place != end) {  // else it is lost
         *place = datagram;
     }
 }
 
-void serve(World& world, unsigned most) {
-    const Datagram datagram = world.datagrams[0];
+void edit(World& world, unsigned client) {
+    world.master_clients ^= static_cast<Clients>(1U << client);
+    world.master_changed = 1;
+}
+
+void give_new_stamp(World& world) {
+    world.master_stamp = ++world.last_stamp;
+    world.master_changed = 0;
+}
+
+// The master's disk. The administrator may come between the two that a push reads of it.
+class MasterStores : public PushSource {
+public:
+    MasterStores(World& world, std::optional<unsigned> edited) : world_(world), edited_(edited) {}
+
+    std::optional<StampPair> stamps() override {
+        let_administrator_in();
+        return StampPair{"", stamp_text(world_.master_stamp)};
+    }
+    void begin_walk(const char* /*path*/) override {
+        let_administrator_in();
+        for (unsigned n = 0; n < 8; ++n) {
+            if ((world_.master_clients & 1U << n) != 0) {
+                records_.push_back({std::string(1, static_cast<char>('A' + n)), ""});
+            }
+        }
+    }
+    bool next_chunk(std::vector<StoredRecord>& chunk) override {
+        chunk = std::exchange(records_, {});
+        return !chunk.empty();
+    }
+    bool failed() const override { return false; }
+
+private:
+    void let_administrator_in() {
+        if (edited_ && ++reads_ == 2) {
+            edit(world_, *edited_);
+            give_new_stamp(world_);
+        }
+    }
+
+    World& world_;
+    std::optional<unsigned> edited_;
+    unsigned reads_ = 0;
+    std::vector<StoredRecord> records_;
+};
+
+// What the slave is going to read.
+class Line : public PushTarget {
+public:
+    explicit Line(Connection& connection) : connection_(connection) {}
+
+    void add(const PeerMessage& message) override {
+        const std::string key(field_text(message.record.key));
+        connection_.there = connection_.is_push = true;
+        if (key == DBVER_KEY) {
+            connection_.stamp = stamp_number(std::string(field_text(message.record.value)));
+        } else {
+            connection_.set |= static_cast<Clients>(1U << static_cast<unsigned>(key[0] - 'A'));
+            connection_.to_come = connection_.set;
+        }
+    }
+    bool send() override { return true; }
+    bool whole() const override { return true; }
+
+private:
+    Connection& connection_;
+};
+
+// The master's own way to drop requests that a push has made superfluous.
+void drop_repeats(World& world) {
+    const Datagram request{make_data_request(DATA_KIND_CLIENT), {}};
+    Backlog waiting(world.datagrams.size());
+    for (const Waiting each : world.datagrams) {
+        if (each == Waiting::HEARTBEAT) {
+            (void)waiting.add({make_heartbeat("", ""), {}});
+        } else if (each == Waiting::REQUEST) {
+            (void)waiting.add(request);
+        }
+    }
+    (void)waiting.drop_repeats(request);
+    for (Waiting& each : world.datagrams) {
+        const std::optional<Datagram> left = waiting.next();
+        each = !left                                 ? Waiting::NONE
+               : left->message.type == MSG_HEARTBEAT ? Waiting::HEARTBEAT
+                                                     : Waiting::REQUEST;
+    }
+}
+
+void serve(World& world, unsigned most, std::optional<unsigned> edited) {
+    const Waiting datagram = world.datagrams[0];
     pop(world.datagrams);
     const auto end = world.connections.begin() + most;
     const auto place = std::find_if(world.connections.begin(), end,
@@ -241,22 +333,19 @@ void serve(World& world, unsigned most) {
     if (world.slave_runs == 0 || place == end) {
         return;  // refused
     }
-    const bool push = datagram == Datagram::REQUEST;
-    if (push && world.master_changed != 0 && world.master_stamp == world.backup_stamp) {
-        world.backup_stamp =
-            NO_STAMP;  // it would come back with a stamp that stands for other records
+    if (datagram == Waiting::HEARTBEAT) {
+        place->there = true;
+        place->stamp = world.master_stamp;
+        return;
     }
-    *place = {.there = true,
-              .is_push = push,
-              .broken = false,
-              .stamp = world.master_stamp,
-              .to_come = push ? world.master_clients : Clients{0},
-              .set = push ? world.master_clients : Clients{0}};
-}
-
-void edit(World& world, unsigned client) {
-    world.master_clients ^= static_cast<Clients>(1U << client);
-    world.master_changed = 1;
+    MasterStores stores(world, edited);
+    Line line(*place);
+    if (push_records(stores, line, CLIENT_SET)) {
+        drop_repeats(world);
+    }
+    if (place->stamp == world.backup_stamp && place->set != world.backup_clients) {
+        world.backup_stamp = NO_STAMP;  // it would come back with a stamp of other records
+    }
 }
 
 void swap_roles(World& world) {
@@ -319,7 +408,7 @@ void act_on_slave(const Event& event, const Bounds& bounds, Result& result) {
         pop(world.connections);
     }
     if (request && event.act != Act::REQUEST_LOST) {
-        add_datagram(world, Datagram::REQUEST, bounds.datagrams);
+        add_datagram(world, Waiting::REQUEST, bounds.datagrams);
     }
 }
 
@@ -351,15 +440,13 @@ void act_elsewhere(World& world, const Event& event, const Bounds& bounds) {
             edit(world, event.argument);
             break;
         case Act::NEW_STAMP:
-            world.master_stamp = ++world.last_stamp;
-            world.master_changed = 0;
+            give_new_stamp(world);
             break;
         case Act::SERVE_EDITED:
-            edit(world, event.argument);
-            serve(world, bounds.connections);
+            serve(world, bounds.connections, event.argument);
             break;
         case Act::SERVE:
-            serve(world, bounds.connections);
+            serve(world, bounds.connections, std::nullopt);
             break;
         case Act::CUT:
             world.connections[0].broken = true;
@@ -421,17 +508,17 @@ bool Explorer::possible(const World& world, Act act, std::uint8_t argument) cons
             return world.master_changed != 0;
         case Act::BEAT:
             return beats && world.master_runs != 0 &&
-                   world.datagrams[bounds_.datagrams - 1] == Datagram::NONE;
+                   world.datagrams[bounds_.datagrams - 1] == Waiting::NONE;
         case Act::RUN_OUT:
             return beats && world.bottle_empty == 0;
         case Act::FALL_SILENT:
             return slave && world.records_arrive != 0;
         case Act::SERVE:
-            return world.master_runs != 0 && world.datagrams[0] != Datagram::NONE &&
+            return world.master_runs != 0 && world.datagrams[0] != Waiting::NONE &&
                    !world.connections[bounds_.connections - 1].there;
         case Act::SERVE_EDITED:
             return possible(world, Act::SERVE, 0) && possible(world, Act::EDIT, argument) &&
-                   world.datagrams[0] == Datagram::REQUEST;
+                   world.datagrams[0] == Waiting::REQUEST;
         case Act::DELIVER:
             return slave && served.there;
         case Act::DELIVER_SLOWLY:
@@ -466,7 +553,7 @@ Result Explorer::apply(const World& world, const Event& event) const {
     Result result{.world = world, .violation = {}, .struck = false};
     World& next = result.world;
     if (event.act == Act::BEAT) {
-        add_datagram(next, Datagram::HEARTBEAT, bounds_.datagrams);
+        add_datagram(next, Waiting::HEARTBEAT, bounds_.datagrams);
     }
     if (uses_list(event.act)) {
         act_on_slave(event, bounds_, result);
@@ -539,13 +626,13 @@ Act Explorer::healing_act(const World& world) {
     if (world.connections[0].there) {
         return Act::DELIVER;
     }
-    return world.datagrams[0] != Datagram::NONE ? Act::SERVE : Act::BEAT;
+    return world.datagrams[0] != Waiting::NONE ? Act::SERVE : Act::BEAT;
 }
 
 bool Explorer::is_healed(const World& world) {
     const auto state = static_cast<ListState>(world.list_state);
     return world.slave_runs != 0 && world.stop_asked == 0 && world.master_changed == 0 &&
-           !world.connections[0].there && world.datagrams[0] == Datagram::NONE &&
+           !world.connections[0].there && world.datagrams[0] == Waiting::NONE &&
            world.stamp == world.master_stamp && world.clients == world.master_clients &&
            (state == ListState::COMPLETE || state == ListState::RESTORED);
 }
@@ -605,12 +692,14 @@ std::string act_text(const World& before, const Event& event) {
         case Act::FALL_SILENT:
             return "no record for two seconds";
         case Act::SERVE:
-            return before.datagrams[0] == Datagram::HEARTBEAT
+            return before.datagrams[0] == Waiting::HEARTBEAT
                        ? "the master answers a heartbeat with " + stamp_name(before.master_stamp)
                        : "the master pushes its list with " + stamp_name(before.master_stamp);
         case Act::SERVE_EDITED:
             return "the master pushes its list with " + stamp_name(before.master_stamp) +
-                   ", between stamp and records " + edit_text(before, event.argument);
+                   "; between stamp and records " + edit_text(before, event.argument) +
+                   ", whose list gets " +
+                   stamp_name(static_cast<StampNumber>(before.last_stamp + 1));
         case Act::DELIVER:
             return delivery_text(before);
         case Act::DELIVER_SLOWLY:

@@ -33,7 +33,7 @@ inline constexpr Clients NO_LIST = 0xff;  // there is no such list, which is not
 inline constexpr StampNumber NO_STAMP = 0;
 inline constexpr StampNumber NULL_STAMP = 9;  // what a master without a stamp answers
 
-enum class Datagram : std::uint8_t { NONE, HEARTBEAT, REQUEST };
+enum class Waiting : std::uint8_t { NONE, HEARTBEAT, REQUEST };
 
 // A connection of the master to the slave, with what is still to be read from it.
 struct Connection {
@@ -54,7 +54,7 @@ struct World {
     StampNumber master_stamp;
     std::uint8_t master_changed;  // the clients, but not yet the stamp
     StampNumber last_stamp;       // that was ever used
-    std::array<Datagram, 4> datagrams;
+    std::array<Waiting, 4> datagrams;
     std::array<Connection, 3> connections;  // the first one is being served
 
     // The slave's disk.
@@ -102,7 +102,8 @@ enum class Act : std::uint8_t {
     RUN_OUT,         // so many periods without an answer that the bottle is empty
     FALL_SILENT,     // no record for two seconds
     SERVE,           // the master serves the datagram that has waited longest
-    SERVE_EDITED,    // the same, and a client (argument) is changed between stamp and records
+    SERVE_EDITED,    // the same, and between stamp and records the list changes as by EDIT and
+                     // NEW_STAMP
     DELIVER,         // the slave reads the next message
     DELIVER_SLOWLY,  // as before, and the supervisor looks just as it is done with it
     REQUEST_LOST,    // the next message is an answer; the request that it makes gets lost
