@@ -9,7 +9,9 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
+#include <string>
 
 #include "PK_Socket.h"
 
@@ -62,16 +64,36 @@ public:
     int RecvAll(void* buffer, std::int32_t length) { return socket_.RecvAll(buffer, length); }
     int Close() { return socket_.Close(); }
 
+    // Why the last request failed: the line that was logged; empty when it did not.
+    const std::string& failure() const { return failure_; }
+
 private:
     int send_request(std::uint32_t dwBusinessId, const char* szCommand);
     int recv_reply(char* szRetMsg, std::int32_t nRetSize, std::int32_t* nErrCode);
     bool send_part(const void* data, std::int32_t size);
 
     PK_Socket socket_;
+    std::string failure_;
     std::uint32_t port_ = 3232;
     std::uint32_t timeout_ = 5;
     std::optional<FetchLimits> fetch_limits_ = FetchLimits{};
 };
+
+// What became of a fetch.
+struct FileFetch {
+    std::int32_t result = 0;      // as that of GetServerFile
+    std::int32_t peer_error = 0;  // the peer's own number, with -2
+    std::int64_t length = 0;      // in bytes, as the peer announced it; 0 before it did
+    std::int64_t received = 0;    // bytes that are in the local file
+    std::string failure;          // the line that was logged, with -1
+};
+
+// Is told with each piece how many bytes have come, and of how many; in the caller's thread.
+using FetchProgress = std::function<void(std::int64_t received, std::int64_t length)>;
+
+// GetServerFile with all that is known of its outcome. `progress` may be empty; no text is null.
+FileFetch fetch_server_file(PK_Request_Client& client, const char* server, const char* server_path,
+                            const char* local_path, const FetchProgress& progress = {});
 
 // Fetches `szServerFilePath` of the server at `szServerIp` (dotted) into `szLocalPath`. 0; -77 when
 // a text is null; -1 when the request failed or the local file cannot be opened; -2 for an error of

@@ -6,6 +6,8 @@
 // process and in others. Any thread.
 #pragma once
 
+#include <string>
+
 inline constexpr const char* DHCPD_CONF = "/etc/dhcpd.conf";
 
 // The host entry that keeps the block well formed before any client is added.
@@ -23,3 +25,17 @@ int write_dhcpd_conf();
 // or reopened stays as it is. The reason is logged.
 int update_dhcp_host(const char* host_name, const char* pxe_info,
                      const unsigned char hardware_address[6], const char* fixed_address);
+
+// What became of an entry.
+struct DhcpHostUpdate {
+    std::string failure;  // why it was not written, as it was logged; empty when it was
+    bool restarted = false;
+};
+
+// update_dhcp_host with all that is known of its outcome.
+DhcpHostUpdate put_dhcp_host(const char* host_name, const char* pxe_info,
+                             const unsigned char hardware_address[6], const char* fixed_address);
+
+// write_dhcpd_conf that returns why the file was not written, as it was logged, and an empty text
+// when it was.
+std::string replace_dhcpd_conf();

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <array>
+#include <string>
 #include <string_view>
 #include <type_traits>
 
@@ -77,6 +78,25 @@ void log_arguments(const Message* message, ...);
 template <typename... Arguments>
 void log_message(std::type_identity_t<MessageFor<Arguments...>> message, Arguments... arguments) {
     log_arguments(&message.get(), arguments...);
+}
+
+// Unchecked; for message_text only.
+std::string format_arguments(const Message* message, ...);
+
+// The text that log_message logs. Any thread.
+template <typename... Arguments>
+std::string message_text(std::type_identity_t<MessageFor<Arguments...>> message,
+                         Arguments... arguments) {
+    return format_arguments(&message.get(), arguments...);
+}
+
+// Logs the message and returns its text, for results that carry the reason of a failure. Any
+// thread; errno is kept.
+template <typename... Arguments>
+std::string log_failure(std::type_identity_t<MessageFor<Arguments...>> message,
+                        Arguments... arguments) {
+    log_arguments(&message.get(), arguments...);
+    return format_arguments(&message.get(), arguments...);
 }
 
 // The part of write_log that serves standard output and the daily file. Always returns 0.

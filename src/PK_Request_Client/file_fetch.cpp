@@ -66,8 +66,46 @@ bool admit_length(PK_Request_Client& client, Clock::time_point asked, std::int64
     return true;
 }
 
-std::int32_t recv_announced_file(PK_Request_Client& client, Clock::time_point asked,
-                                 const char* reply, const char* path) {
+// Receives `fetch.length` bytes into the file.
+std::int32_t recv_into(PK_Request_Client& client, PK_File& file, FileFetch& fetch,
+                       const FetchProgress& progress) {
+    std::array<char, CHUNK_SIZE> buffer;
+    while (fetch.received < fetch.length) {
+        const auto chunk =
+            static_cast<std::int32_t>(std::min(fetch.length - fetch.received, CHUNK_SIZE));
+        const int received = client.RecvAll(buffer.data(), chunk);
+        if (received != chunk) {
+            log_message(msg::DOWNLOAD_CUT, received, chunk, errno, ORIGIN, "recv_file", __LINE__);
+            return -4;
+        }
+        const ssize_t written =
+            file.Write(buffer.data(), static_cast<std::size_t>(chunk), fetch.received);
+        if (written != chunk) {
+            log_message(msg::DOWNLOAD_NOT_WRITTEN, static_cast<int>(written), chunk, errno, ORIGIN,
+                        "recv_file", __LINE__);
+            return -3;
+        }
+        fetch.received += chunk;
+        if (progress) {
+            progress(fetch.received, fetch.length);
+        }
+    }
+    return 0;
+}
+
+std::int32_t recv_announced(PK_Request_Client& client, const char* path, FileFetch& fetch,
+                            const FetchProgress& progress) {
+    PK_File file;
+    if (file.OpenRwEmpty(path) != 0) {
+        fetch.failure = log_failure(msg::DOWNLOAD_NOT_OPENED, path, ORIGIN, __LINE__);
+        return -1;
+    }
+    return recv_into(client, file, fetch, progress);
+}
+
+// Reads the length out of the peer's reply.
+std::int32_t take_length(PK_Request_Client& client, Clock::time_point asked, const char* reply,
+                         FileFetch& fetch) {
     const OwnedJson parsed(json_tokener_parse(reply));
     if (!parsed) {
         log_message(msg::REPLY_NOT_JSON, reply, ORIGIN, __LINE__);
@@ -78,57 +116,55 @@ std::int32_t recv_announced_file(PK_Request_Client& client, Clock::time_point as
         log_message(msg::REPLY_WITHOUT_LENGTH, reply, ORIGIN, __LINE__);
         return -3;
     }
-    return admit_length(client, asked, *length) ? recv_file(client, *length, path) : -3;
+    fetch.length = *length;
+    return admit_length(client, asked, *length) ? 0 : -3;
 }
 
-}  // namespace
-
-std::int32_t GetServerFile(PK_Request_Client& client, const char* szServerIp,
-                           const char* szServerFilePath, const char* szLocalPath) {
-    if (szServerIp == nullptr || szServerFilePath == nullptr || szLocalPath == nullptr) {
-        return -77;
-    }
-    const OwnedJson request = make_request(szServerFilePath);
+// Asks for the file; the reply tells its length.
+std::int32_t request_file(PK_Request_Client& client, const char* server, const char* server_path,
+                          FileFetch& fetch) {
+    const OwnedJson request = make_request(server_path);
     client.SetPort(FILE_SERVICE_PORT);
     const Clock::time_point asked = Clock::now();
     if (client.fetch_limits()) {
         client.SetDeadline(asked + client.fetch_limits()->time_for(0));
     }
     std::array<char, REPLY_SIZE> reply{};  // zeroed: an answer may come without a body
-    std::int32_t nErrCode = 0;
-    if (client.Hpc_RequestPro_NoClose(szServerIp, BUSINESS_GET_FILE,
+    if (client.Hpc_RequestPro_NoClose(server, BUSINESS_GET_FILE,
                                       json_object_to_json_string(request.get()), reply.data(),
-                                      REPLY_SIZE, &nErrCode) != 0) {
+                                      REPLY_SIZE, &fetch.peer_error) != 0) {
+        fetch.failure = client.failure();
         return -1;
     }
-    if (nErrCode != 0) {
-        log_message(msg::SERVICE_REFUSED, nErrCode, szServerIp, szServerFilePath, ORIGIN, __LINE__);
+    if (fetch.peer_error != 0) {
+        log_message(msg::SERVICE_REFUSED, fetch.peer_error, server, server_path, ORIGIN, __LINE__);
         return -2;
     }
-    return recv_announced_file(client, asked, reply.data(), szLocalPath);
+    return take_length(client, asked, reply.data(), fetch);
+}
+
+}  // namespace
+
+FileFetch fetch_server_file(PK_Request_Client& client, const char* server, const char* server_path,
+                            const char* local_path, const FetchProgress& progress) {
+    FileFetch fetch;
+    fetch.result = request_file(client, server, server_path, fetch);
+    if (fetch.result == 0) {
+        fetch.result = recv_announced(client, local_path, fetch, progress);
+    }
+    return fetch;
+}
+
+std::int32_t GetServerFile(PK_Request_Client& client, const char* szServerIp,
+                           const char* szServerFilePath, const char* szLocalPath) {
+    if (szServerIp == nullptr || szServerFilePath == nullptr || szLocalPath == nullptr) {
+        return -77;
+    }
+    return fetch_server_file(client, szServerIp, szServerFilePath, szLocalPath).result;
 }
 
 std::int32_t recv_file(PK_Request_Client& client, std::int64_t length, const char* szPath) {
-    PK_File file;
-    if (file.OpenRwEmpty(szPath) != 0) {
-        log_message(msg::DOWNLOAD_NOT_OPENED, szPath, ORIGIN, __LINE__);
-        return -1;
-    }
-    std::array<char, CHUNK_SIZE> buffer;
-    for (std::int64_t offset = 0; offset < length;) {
-        const auto chunk = static_cast<std::int32_t>(std::min(length - offset, CHUNK_SIZE));
-        const int received = client.RecvAll(buffer.data(), chunk);
-        if (received != chunk) {
-            log_message(msg::DOWNLOAD_CUT, received, chunk, errno, ORIGIN, "recv_file", __LINE__);
-            return -4;
-        }
-        const ssize_t written = file.Write(buffer.data(), static_cast<std::size_t>(chunk), offset);
-        if (written != chunk) {
-            log_message(msg::DOWNLOAD_NOT_WRITTEN, static_cast<int>(written), chunk, errno, ORIGIN,
-                        "recv_file", __LINE__);
-            return -3;
-        }
-        offset += chunk;
-    }
-    return 0;
+    FileFetch fetch;
+    fetch.length = length;
+    return recv_announced(client, szPath, fetch, {});
 }

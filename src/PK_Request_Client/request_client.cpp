@@ -35,9 +35,11 @@ int PK_Request_Client::Hpc_RequestPro_NoClose(const char* szIP, std::uint32_t dw
                                               std::int32_t nRetSize, std::int32_t* nErrCode) {
     log_message(msg::SERVICE_REQUEST, szIP, dwBusinessId, szCommand);
     *nErrCode = NO_ANSWER_YET;
+    failure_.clear();
     const int connected = socket_.Connect(szIP, static_cast<std::uint16_t>(port_), timeout_);
     if (connected != 0) {
-        log_message(msg::SERVICE_NOT_CONNECTED, strerror(connected), ORIGIN, FUNCTION, __LINE__);
+        failure_ = log_failure(msg::SERVICE_NOT_CONNECTED, strerror(connected), ORIGIN, FUNCTION,
+                               __LINE__);
         return REQUEST_NO_CONNECTION;
     }
     try {
@@ -60,7 +62,7 @@ int PK_Request_Client::Hpc_RequestPro(const char* szIP, std::uint32_t dwBusiness
 bool PK_Request_Client::send_part(const void* data, std::int32_t size) {
     const int sent = socket_.SendAll(data, size);
     if (sent != size) {
-        log_message(msg::REQUEST_NOT_SENT, sent, errno, ORIGIN, FUNCTION, __LINE__);
+        failure_ = log_failure(msg::REQUEST_NOT_SENT, sent, errno, ORIGIN, FUNCTION, __LINE__);
     }
     return sent == size;
 }
@@ -80,8 +82,8 @@ int PK_Request_Client::recv_reply(char* szRetMsg, std::int32_t nRetSize, std::in
     const auto header_size = static_cast<std::int32_t>(sizeof header);
     int received = socket_.RecvAll(&header, header_size);
     if (received != header_size) {
-        log_message(msg::REPLY_HEADER_CUT, received, header_size, errno, ORIGIN, FUNCTION,
-                    __LINE__);
+        failure_ = log_failure(msg::REPLY_HEADER_CUT, received, header_size, errno, ORIGIN,
+                               FUNCTION, __LINE__);
         return REQUEST_BROKEN;
     }
     if (header.nErrCode != 0 || header.dwResponedDataSize < 1) {
@@ -89,16 +91,16 @@ int PK_Request_Client::recv_reply(char* szRetMsg, std::int32_t nRetSize, std::in
         return 0;
     }
     if (header.dwResponedDataSize >= nRetSize) {
-        log_message(msg::REPLY_TOO_LONG, header.dwResponedDataSize, nRetSize, ORIGIN, FUNCTION,
-                    __LINE__);
+        failure_ = log_failure(msg::REPLY_TOO_LONG, header.dwResponedDataSize, nRetSize, ORIGIN,
+                               FUNCTION, __LINE__);
         return REQUEST_BROKEN;
     }
     std::string body(static_cast<std::size_t>(header.dwResponedDataSize), '\0');
     received = socket_.RecvAll(body.data(), header.dwResponedDataSize);
     if (received != header.dwResponedDataSize) {
         // The labels do not match the order of the values; other tools read it as it is.
-        log_message(msg::REPLY_BODY_CUT, received, errno, header.dwResponedDataSize, ORIGIN,
-                    FUNCTION, __LINE__);
+        failure_ = log_failure(msg::REPLY_BODY_CUT, received, errno, header.dwResponedDataSize,
+                               ORIGIN, FUNCTION, __LINE__);
         return REQUEST_BROKEN;
     }
     const std::string reply = decode_body(body);  // shorter than the body, thus than the buffer

@@ -65,14 +65,13 @@ int write_whole(int fd, std::string_view text) {
 }
 
 // Puts `text` in the place of the contents, where mode and owner stay and a symbolic link leads.
-// Whether it did.
-bool replace_contents(std::string_view text) {
+// Returns why it did not, or an empty text.
+std::string replace_contents(std::string_view text) {
     std::error_code missing;
     const std::filesystem::path target = std::filesystem::canonical(DHCPD_CONF, missing);
     struct stat old {};
     if (missing || stat(target.c_str(), &old) != 0 || !S_ISREG(old.st_mode)) {
-        log_message(msg::DHCPD_CONF_NOT_WRITTEN, DHCPD_CONF);
-        return false;
+        return log_failure(msg::DHCPD_CONF_NOT_WRITTEN, DHCPD_CONF);
     }
     bool created = false;
     const auto fill = [&](const std::string& fresh) {
@@ -88,11 +87,9 @@ bool replace_contents(std::string_view text) {
     const std::string fresh = target.parent_path() / ("." + target.filename().string() + ".new");
     const Replacement result = replace_file_by(fresh, target, fill);
     if (!created) {
-        log_message(msg::NO_TEMPORARY_FILE);
-    } else if (result.error != 0) {
-        log_message(msg::DHCPD_CONF_NOT_WRITTEN, DHCPD_CONF);
+        return log_failure(msg::NO_TEMPORARY_FILE);
     }
-    return result.in_place && result.error == 0;
+    return result.error == 0 ? std::string() : log_failure(msg::DHCPD_CONF_NOT_WRITTEN, DHCPD_CONF);
 }
 
 struct NetworkSettings {
@@ -178,42 +175,41 @@ std::string with_entry(std::string_view conf, std::string_view host_name, std::s
     return result + "}";
 }
 
-// Rewrites the file with `entry`. Whether it did.
-bool put_entry(std::string_view host_name, std::string_view entry) {
+// Rewrites the file with `entry`. Returns why it did not, or an empty text.
+std::string put_entry(std::string_view host_name, std::string_view entry) {
     const OwnedFd lock = lock_conf();
     const std::optional<std::string> conf = read_conf();
     if (!lock.valid() || !conf || access(DHCPD_CONF, W_OK) != 0) {
-        log_message(msg::DHCPD_CONF_UNREADABLE, DHCPD_CONF);
-        return false;
+        return log_failure(msg::DHCPD_CONF_UNREADABLE, DHCPD_CONF);
     }
     return replace_contents(with_entry(*conf, host_name, entry));
 }
 
 }  // namespace
 
-int write_dhcpd_conf() {
+std::string replace_dhcpd_conf() {
     const OwnedFd lock = lock_conf();
     // A missing one is made, empty: what a symbolic link leads to must be there to be replaced.
     const OwnedFd conf(open(DHCPD_CONF, O_WRONLY | O_CREAT | O_CLOEXEC, 0666));
     if (!lock.valid() || !conf.valid()) {
-        log_message(msg::DHCPD_CONF_NOT_OPENED, DHCPD_CONF);
-        return -1;
+        return log_failure(msg::DHCPD_CONF_NOT_OPENED, DHCPD_CONF);
     }
     const NetworkSettings settings = read_settings();
     if (!settings.complete()) {
         // In place: of an empty file, nothing can be left half.
-        if (ftruncate(conf.get(), 0) != 0) {
-            log_message(msg::DHCPD_CONF_NOT_WRITTEN, DHCPD_CONF);
-        }
-        return -1;
+        return ftruncate(conf.get(), 0) == 0 ? "a network setting is missing"
+                                             : log_failure(msg::DHCPD_CONF_NOT_WRITTEN, DHCPD_CONF);
     }
     log_message(msg::DHCPD_CONF_WRITTEN, DHCPD_CONF);
-    return replace_contents(std::string(HEAD) + subnet_text(settings) + placeholder_text()) ? 0
-                                                                                            : -1;
+    return replace_contents(std::string(HEAD) + subnet_text(settings) + placeholder_text());
 }
 
-int update_dhcp_host(const char* host_name, const char* pxe_info,
-                     const unsigned char hardware_address[6], const char* fixed_address) {
+int write_dhcpd_conf() {
+    return replace_dhcpd_conf().empty() ? 0 : -1;
+}
+
+DhcpHostUpdate put_dhcp_host(const char* host_name, const char* pxe_info,
+                             const unsigned char hardware_address[6], const char* fixed_address) {
     const unsigned char* mac = hardware_address;
     const std::string entry = fmt::format(
         "\thost {} {{\n"
@@ -222,8 +218,13 @@ int update_dhcp_host(const char* host_name, const char* pxe_info,
         "\toption PXE.info \"{}\";\n"
         "\t}}\n",
         host_name, mac[0], mac[1], mac[2], mac[3], mac[4], mac[5], fixed_address, pxe_info);
-    if (!put_entry(host_name, entry)) {
-        return -1;
-    }
-    return restart_system_dhcpd().success ? 0 : -1;
+    DhcpHostUpdate update;
+    update.failure = put_entry(host_name, entry);
+    update.restarted = update.failure.empty() && restart_system_dhcpd().success;
+    return update;
+}
+
+int update_dhcp_host(const char* host_name, const char* pxe_info,
+                     const unsigned char hardware_address[6], const char* fixed_address) {
+    return put_dhcp_host(host_name, pxe_info, hardware_address, fixed_address).restarted ? 0 : -1;
 }

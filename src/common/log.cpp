@@ -105,11 +105,18 @@ void append_to_daily_file(const LogSettings& settings, const StampedLine& line) 
     }
 }
 
-void log_formatted(int level, const char* format, va_list arguments) {
-    const int saved_errno = errno;
-    std::array<char, MESSAGE_SIZE> message;
+using FormattedMessage = std::array<char, MESSAGE_SIZE>;
+
+FormattedMessage formatted(const char* format, va_list arguments) {
+    FormattedMessage message;
     message.front() = '\0';
     (void)std::vsnprintf(message.data(), message.size(), format, arguments);
+    return message;
+}
+
+void log_formatted(int level, const char* format, va_list arguments) {
+    const int saved_errno = errno;
+    const FormattedMessage message = formatted(format, arguments);
     if (const LogSink sink = log_sink; sink != nullptr) {
         sink(level, message.data());
     } else {
@@ -164,6 +171,14 @@ void log_arguments(const Message* message, ...) {
     va_start(arguments, message);
     log_formatted(message->level, message->format, arguments);
     va_end(arguments);
+}
+
+std::string format_arguments(const Message* message, ...) {
+    va_list arguments;
+    va_start(arguments, message);
+    const FormattedMessage text = formatted(message->format, arguments);
+    va_end(arguments);
+    return text.data();
 }
 
 void close_logs() {

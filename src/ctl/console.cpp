@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
@@ -20,7 +21,10 @@ const char* code_of(Colour colour) {
 }
 
 bool is_terminal(int fd) {
-    return isatty(fd) == 1;
+    const int saved_errno = errno;  // a failure that is told afterwards may name it
+    const bool is = isatty(fd) == 1;
+    errno = saved_errno;
+    return is;
 }
 
 bool shows_colours(int fd) {
@@ -148,7 +152,7 @@ void print_json(const Json& object) {
 }
 
 ProgressBar::ProgressBar(std::string_view label)
-    : label_(label), shown_(is_terminal(STDERR_FILENO)) {}
+    : label_(label), visible_(is_terminal(STDERR_FILENO)) {}
 
 ProgressBar::~ProgressBar() {
     if (shown_) {
@@ -157,11 +161,15 @@ ProgressBar::~ProgressBar() {
     }
 }
 
-void ProgressBar::show(std::uint64_t done, std::uint64_t total, double seconds) {
+void ProgressBar::show(std::uint64_t done, std::uint64_t total) {
     constexpr std::size_t WIDTH = 30;
-    if (!shown_) {
+    constexpr std::chrono::milliseconds STEP{100};
+    const Clock::time_point now = Clock::now();
+    if (!visible_ || (shown_ && now - *shown_ < STEP)) {
         return;
     }
+    shown_ = now;
+    const double seconds = std::chrono::duration<double>(now - start_).count();
     const double share =
         total == 0 ? 0.0 : std::min(1.0, static_cast<double>(done) / static_cast<double>(total));
     const auto filled = static_cast<std::size_t>(share * static_cast<double>(WIDTH));

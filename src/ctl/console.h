@@ -4,9 +4,11 @@
 
 #include <fmt/format.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -87,10 +89,14 @@ public:
     ProgressBar(const ProgressBar&) = delete;
     ProgressBar& operator=(const ProgressBar&) = delete;
 
-    // `total` 0 when it is not known yet.
-    void show(std::uint64_t done, std::uint64_t total, double seconds);
+    // Bytes that have come, of how many; shown a few times a second, however often it is called.
+    void show(std::uint64_t done, std::uint64_t total);
 
 private:
+    using Clock = std::chrono::steady_clock;
+
     std::string label_;
-    bool shown_;
+    bool visible_;
+    Clock::time_point start_ = Clock::now();
+    std::optional<Clock::time_point> shown_;
 };

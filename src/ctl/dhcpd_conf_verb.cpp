@@ -153,21 +153,12 @@ int write_anew(const Options& options) {
             DHCPD_CONF, "has entries of boot clients, which would be lost; --force writes it anew");
     }
     begin_changes();
-    if (write_dhcpd_conf() != 0) {
-        complain("{}; is its file system full or read-only?", last_logged_error());
+    if (const std::string failure = replace_dhcpd_conf(); !failure.empty()) {
+        complain("{}; is its file system full or read-only?", failure);
         return EXIT_PROBLEM;
     }
     say("{} is written; the server reads it when it is stopped and started", DHCPD_CONF);
     return EXIT_FINE;
-}
-
-// By the last message that the library logged.
-std::string failure_text(const std::string& message) {
-    return message.starts_with("dhcpd start result:")
-               ? fmt::format(
-                     "{} has the entry, but dhcpd reports a failure; \"dhcpd -t\" examines it",
-                     DHCPD_CONF)
-               : message + "; is its file system full or read-only?";
 }
 
 int put_host(const Options& options) {
@@ -180,16 +171,18 @@ int put_host(const Options& options) {
     }
     begin_changes();
     const auto dying = processes_named("dhcpd");
-    std::string last_message;
-    listen_to_log([&last_message](int, const std::string& message) { last_message = message; });
-    const int result = [&] {
+    const DhcpHostUpdate update = [&] {
         const DetachedPrograms detached;
-        return update_dhcp_host(options.name.c_str(), options.pxe.c_str(), mac.data(),
-                                options.address.c_str());
+        return put_dhcp_host(options.name.c_str(), options.pxe.c_str(), mac.data(),
+                             options.address.c_str());
     }();
-    listen_to_log({});
-    if (result != 0) {
-        complain("{}", failure_text(last_message));
+    if (!update.failure.empty()) {
+        complain("{}; is its file system full or read-only?", update.failure);
+        return EXIT_PROBLEM;
+    }
+    if (!update.restarted) {
+        complain("{} has the entry, but dhcpd reports a failure; \"dhcpd -t\" examines it",
+                 DHCPD_CONF);
         return EXIT_PROBLEM;
     }
     if (!comes_to_run("dhcpd", true, dying)) {

@@ -16,7 +16,6 @@ struct Session {
     std::mutex mutex;
     bool changes = false;
     std::string last_error;
-    std::function<void(int, const std::string&)> listener;
 };
 
 Session& session() {
@@ -31,9 +30,6 @@ void take_message(int level, const char* text) {
     if (session().changes) {
         write_daily_log(log_settings, level, text);
     }
-    if (session().listener) {
-        session().listener(level, message);
-    }
     if (level >= LOG_ERROR) {
         session().last_error = std::move(message);
     }
@@ -41,7 +37,7 @@ void take_message(int level, const char* text) {
 
 }  // namespace
 
-void begin_looking() {
+void begin_inspection() {
     set_log_sink(take_message);
     set_store_use(StoreUse::INSPECT);
 }
@@ -70,9 +66,4 @@ DetachedPrograms::~DetachedPrograms() {
 std::string last_logged_error() {
     const std::lock_guard lock(session().mutex);
     return session().last_error;
-}
-
-void listen_to_log(std::function<void(int, const std::string&)> listener) {
-    const std::lock_guard lock(session().mutex);
-    session().listener = std::move(listener);
 }

@@ -7,13 +7,12 @@
 #pragma once
 
 #include <array>
-#include <functional>
 #include <string>
 
 #include "owned.h"
 
-// The tool only looks on from now on; called once, before any verb runs.
-void begin_looking();
+// The tool only reads from now on; called once, before any verb runs.
+void begin_inspection();
 
 // The tool changes something from now on.
 void begin_changes();
@@ -34,6 +33,3 @@ private:
 // The last message that the library logged at LOG_ERROR, without its newline, empty when there was
 // none: the reason for a failure of which only a result code is returned.
 std::string last_logged_error();
-
-// Calls `listener` with every message that the library logs, in the thread that logs it.
-void listen_to_log(std::function<void(int level, const std::string& message)> listener);

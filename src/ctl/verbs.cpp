@@ -73,7 +73,7 @@ int run_ctl(int argc, char** argv) {
     for (const auto add : VERBS) {
         add(app, status);
     }
-    begin_looking();
+    begin_inspection();
     try {
         app.parse(argc, argv);
         if (std::fflush(stdout) != 0) {
