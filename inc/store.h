@@ -66,6 +66,9 @@ public:
     // Whether it is unusable because its contents are damaged, not because the system refused it.
     bool damaged() const { return damaged_; }
 
+    // Why it is unusable, as it was logged; empty when it is not.
+    const std::string& failure() const { return failure_; }
+
     // Each returns 0 or the library's error code (DB_NOTFOUND for an absent key); none logs. Of a
     // value, no more than the first `most` bytes are read, not even from the disk.
     int get(std::string_view key, std::string& value, std::uint32_t most = WHOLE);
@@ -84,14 +87,14 @@ private:
     friend std::unique_ptr<Store> db_open(const char* path, std::uint32_t cache_bytes);
     friend std::unique_ptr<Store> db_open_snapshot(const char* path);
     static std::unique_ptr<Store> open(std::unique_ptr<StoreLock> lock, std::uint32_t cache_bytes);
-    Store(std::unique_ptr<StoreLock> lock, __db* db, int open_result);
-    Store(OwnedFd snapshot, __db* db, int open_result);
+    Store(const char* path, __db* db, int open_result);
 
     std::unique_ptr<StoreLock> lock_;  // a snapshot has none
     OwnedFd snapshot_;                 // the file itself, which has no name
     __db* db_;
     bool usable_;
     bool damaged_;
+    std::string failure_;
     bool written_ = false;
     bool put_failed_ = false;  // then nobody can say whether the file is sound
 };
@@ -126,6 +129,10 @@ std::unique_ptr<Store> db_open(const char* path, std::uint32_t cache_bytes = 0);
 // when there is none.
 std::unique_ptr<Store> db_open_present(const char* path);
 
+// Why db_open or db_open_snapshot returned this: the reason of a null one or of an unusable store,
+// as it was logged; empty for a usable one.
+std::string open_failure(const std::unique_ptr<Store>& store);
+
 // Opens a private copy of `path` as it is now, for a walk that may take long: the file itself is
 // locked only while it is copied, and what others write to it meanwhile is not seen. Nothing may be
 // put. Otherwise as db_open.
@@ -149,7 +156,10 @@ public:
     // or when the file cannot be read; failed() tells which.
     bool next_chunk(std::vector<StoredRecord>& chunk);
 
-    bool failed() const;
+    bool failed() const { return !failure().empty(); }
+
+    // Why it failed; empty when it did not.
+    std::string failure() const;
 
 private:
     std::unique_ptr<Store> store_;
@@ -214,10 +224,10 @@ int db_verify(const char* path);
 enum class Download { ANY_FILE, SOUND_DATABASE };
 
 // Moves `download` over `target`. A kill or a power failure at any moment leaves either the old
-// file or the new one. False, with the reason logged, when the old file had to stay; logged is also
-// that a power failure may bring it back.
-bool put_copy_in_place(const std::string& download, const std::string& target,
-                       Download kind = Download::ANY_FILE);
+// file or the new one. Returns an empty text, or why the old file had to stay, as it was logged;
+// logged is also that a power failure may bring it back.
+std::string put_copy_in_place(const std::string& download, const std::string& target,
+                              Download kind = Download::ANY_FILE);
 
 // Renames the file `source` over `target` as soon as nobody has that one open: a reader that finds
 // no file creates an empty one, which must not come after `source`. `renamed` is called after a
@@ -235,9 +245,8 @@ inline constexpr std::uint32_t HASH_MAGIC = 0x061561;
 // Nothing when the file cannot be read or is too short for a page. Takes no lock; logs nothing.
 std::optional<StoreFormat> db_format(const char* path);
 
-// --- Comma lists: items joined by "," without blanks
-// ----------------------------------------------- Each reads and writes in one go. A list that
-// cannot be read is left as it is.
+// --- Comma lists: items joined by "," without blanks ---------------------------------------------
+// Each reads and writes in one go. A list that cannot be read is left as it is.
 
 inline constexpr std::size_t MAX_LIST = 4095;  // characters; what the other tools' buffers hold
 
@@ -250,6 +259,10 @@ void db_list_remove(const char* path, const char* key, const char* item);
 
 // Appends `item` unless the list has it. A list beyond MAX_LIST characters is left as it is.
 void db_list_add(const char* path, const char* key, const char* item);
+
+// The same two; they return an empty text, or why the list is not as wanted.
+std::string remove_list_item(const char* path, const char* key, const char* item);
+std::string add_list_item(const char* path, const char* key, const char* item);
 
 // --- Scans of a whole file; keys are cut at 127, values at 1023 characters -----------------------
 

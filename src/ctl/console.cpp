@@ -5,10 +5,8 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <clocale>
 #include <cstdio>
 #include <cstdlib>
-#include <cwchar>
 
 namespace {
 
@@ -41,21 +39,6 @@ std::string paint_for(int fd, Colour colour, std::string_view text) {
 
 bool is_printable(char byte) {
     return byte >= ' ' && byte <= '~';
-}
-
-bool is_utf8(std::string_view text) {
-    static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", locale_t{});
-    const locale_t before = uselocale(utf8);
-    std::mbstate_t state{};
-    while (!text.empty()) {
-        const std::size_t length = std::mbrtowc(nullptr, text.data(), text.size(), &state);
-        if (length == 0 || length > text.size()) {
-            break;  // a zero byte, or one of the two error values
-        }
-        text.remove_prefix(length);
-    }
-    (void)uselocale(before);
-    return text.empty();
 }
 
 }  // namespace
@@ -113,42 +96,6 @@ std::string bytes_text(std::uint64_t bytes) {
         amount /= 1024;
     }
     return fmt::format("{:.1f} {}", amount, UNITS[unit]);
-}
-
-void Table::print(std::size_t indent) const {
-    std::vector<std::size_t> widths;
-    for (const auto& row : rows_) {
-        widths.resize(std::max(widths.size(), row.size()));
-        for (std::size_t n = 0; n < row.size(); ++n) {
-            widths[n] = std::max(widths[n], row[n].text.size());
-        }
-    }
-    for (const auto& row : rows_) {
-        std::string line(indent, ' ');
-        for (std::size_t n = 0; n < row.size(); ++n) {
-            line += paint(row[n].colour, row[n].text);
-            if (n + 1 < row.size()) {
-                line.append(widths[n] - row[n].text.size() + 2, ' ');
-            }
-        }
-        line.erase(line.find_last_not_of(' ') + 1);  // of empty cells at the end
-        print_line(line);
-    }
-}
-
-json_object* json_text(std::string_view text) {
-    const std::string shown = is_utf8(text) ? std::string(text) : escape(text);
-    return json_object_new_string_len(shown.data(), static_cast<int>(shown.size()));
-}
-
-void put_text(json_object* object, const char* name, std::string_view text) {
-    json_object_object_add(object, name, json_text(text));
-}
-
-void print_json(const Json& object) {
-    constexpr int FLAGS =
-        JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_SPACED | JSON_C_TO_STRING_NOSLASHESCAPE;
-    print_line(json_object_to_json_string_ext(object.get(), FLAGS));
 }
 
 ProgressBar::ProgressBar(std::string_view label)

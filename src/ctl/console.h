@@ -7,13 +7,9 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
-
-#include <json-c/json.h>
 
 enum class Colour { PLAIN, BOLD, DIM, GREEN, YELLOW, RED };
 
@@ -46,39 +42,6 @@ std::string age_text(long seconds);
 
 // "512 B", "2.0 KiB", "117.2 MiB".
 std::string bytes_text(std::uint64_t bytes);
-
-// Rows of cells in aligned columns. A cell may be coloured; the last column is not padded.
-struct Cell {
-    std::string text;
-    Colour colour = Colour::PLAIN;
-};
-class Table {
-public:
-    void add(std::vector<Cell> row) { rows_.push_back(std::move(row)); }
-    bool empty() const { return rows_.empty(); }
-
-    // Prints the rows, each behind `indent` blanks.
-    void print(std::size_t indent = 0) const;
-
-private:
-    std::vector<std::vector<Cell>> rows_;
-};
-
-// --- Machine output ------------------------------------------------------------------------------
-
-struct PutJsonObject {
-    void operator()(json_object* object) const { json_object_put(object); }
-};
-using Json = std::unique_ptr<json_object, PutJsonObject>;
-
-// A text as it is when it is UTF-8, else escape()d: not every byte may stand in JSON.
-json_object* json_text(std::string_view text);
-void put_text(json_object* object, const char* name, std::string_view text);
-
-// Prints the object on standard output, indented.
-void print_json(const Json& object);
-
-// --- Progress ------------------------------------------------------------------------------------
 
 // One line of standard error that is overwritten as a transfer goes on; without a terminal there,
 // nothing. One thread.

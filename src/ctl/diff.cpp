@@ -133,8 +133,7 @@ void print(const Options& options, const std::vector<Difference>& differences, s
         }
     }
     if (options.json) {
-        JsonValue::object({{"a", options.left}, {"b", options.right}, {"keys", list_of(rows)}})
-            .print();
+        Json::object({{"a", options.left}, {"b", options.right}, {"keys", list_of(rows)}}).print();
         return;
     }
     say("A {}\nB {}", options.left, options.right);

@@ -15,7 +15,6 @@
 #include "configured_role.h"
 #include "console.h"
 #include "history/log_reader.h"
-#include "session.h"
 #include "store.h"
 #include "verbs.h"
 
@@ -83,8 +82,9 @@ int fetch(const Options& options) {
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     if (fetched.result != 0) {
         complain("{}", failure_text(options, fetched));
-    } else if (!put_copy_in_place(beside, options.local)) {
-        complain("{}", last_logged_error());
+    } else if (const std::string failure = put_copy_in_place(beside, options.local);
+               !failure.empty()) {
+        complain("{}", failure);
     } else {
         const auto size = static_cast<std::uint64_t>(fetched.received);
         say("{}: {} in {:.2f} s, {}/s", options.local, bytes_text(size), seconds,

@@ -22,7 +22,7 @@ bool is_utf8(std::string_view text) {
 }
 
 // Not every byte may stand in JSON.
-std::string text_for_json(std::string_view text) {
+std::string json_text(std::string_view text) {
     return is_utf8(text) ? std::string(text) : escape(text);
 }
 
@@ -39,35 +39,34 @@ std::vector<std::size_t> widths_of(const Rows& rows) {
 
 }  // namespace
 
-JsonValue::JsonValue(json_object* value)
+Json::Json(json_object* value)
     : value_(value, [](json_object* object) { json_object_put(object); }) {}
 
-JsonValue::JsonValue(std::string_view text)
-    : JsonValue(json_object_new_string(text_for_json(text).c_str())) {}
+Json::Json(std::string_view text) : Json(json_object_new_string(json_text(text).c_str())) {}
 
-JsonValue::JsonValue(std::int64_t number) : JsonValue(json_object_new_int64(number)) {}
+Json::Json(std::int64_t number) : Json(json_object_new_int64(number)) {}
 
-JsonValue JsonValue::object(const std::vector<Member>& members) {
-    JsonValue object(json_object_new_object());
+Json Json::object(const std::vector<Member>& members) {
+    Json object(json_object_new_object());
     for (const Member& member : members) {
         object.add(member);
     }
     return object;
 }
 
-void JsonValue::add(const Member& member) {
-    json_object_object_add(value_.get(), text_for_json(member.name).c_str(), member.value.shared());
+void Json::add(const Member& member) {
+    json_object_object_add(value_.get(), json_text(member.name).c_str(), member.value.shared());
 }
 
-JsonValue JsonValue::list() {
-    return JsonValue(json_object_new_array());
+Json Json::list() {
+    return Json(json_object_new_array());
 }
 
-void JsonValue::append(const JsonValue& value) {
+void Json::append(const Json& value) {
     json_object_array_add(value_.get(), value.shared());
 }
 
-void JsonValue::print() const {
+void Json::print() const {
     constexpr int FLAGS =
         JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_SPACED | JSON_C_TO_STRING_NOSLASHESCAPE;
     print_line(json_object_to_json_string_ext(value_.get(), FLAGS));
@@ -89,16 +88,16 @@ void print_table(const Rows& rows) {
     }
 }
 
-JsonValue object_of(const Rows& rows) {
-    JsonValue object = JsonValue::object();
+Json object_of(const Rows& rows) {
+    Json object = Json::object();
     for (const Row& row : rows) {
-        for (const JsonValue::Member& member : row.members) {
+        for (const Json::Member& member : row.members) {
             object.add(member);
         }
     }
     return object;
 }
 
-JsonValue list_of(const Rows& rows) {
-    return json_list(rows, [](const Row& row) { return JsonValue::object(row.members); });
+Json list_of(const Rows& rows) {
+    return json_list(rows, [](const Row& row) { return Json::object(row.members); });
 }

@@ -15,53 +15,57 @@
 #include "console.h"
 
 // A JSON value; copies share it.
-class JsonValue {
+class Json {
 public:
-    JsonValue(std::nullptr_t = nullptr) {}
-    JsonValue(std::string_view text);  // as it is when it is UTF-8, else escape()d
-    JsonValue(const char* text) : JsonValue(std::string_view(text)) {}
-    JsonValue(const std::string& text) : JsonValue(std::string_view(text)) {}
-    JsonValue(std::int64_t number);
+    Json(std::nullptr_t = nullptr) {}
+    Json(std::string_view text);  // as it is when it is UTF-8, else escape()d
+    Json(const char* text) : Json(std::string_view(text)) {}
+    Json(const std::string& text) : Json(std::string_view(text)) {}
+    Json(std::int64_t number);
     template <typename Value>
-    JsonValue(const std::optional<Value>& value)
-        : JsonValue(value ? JsonValue(*value) : JsonValue()) {}
+    Json(const std::optional<Value>& value) : Json(value ? Json(*value) : Json()) {}
 
     struct Member;
-    static JsonValue object(const std::vector<Member>& members = {});
+    static Json object(const std::vector<Member>& members = {});
     void add(const Member& member);  // to an object, behind the others
 
-    static JsonValue list();
-    void append(const JsonValue& value);
+    static Json list();
+    void append(const Json& value);
 
     // Prints it on standard output, indented.
     void print() const;
 
 private:
-    explicit JsonValue(json_object* value);
+    explicit Json(json_object* value);
     json_object* shared() const { return json_object_get(value_.get()); }
 
     std::shared_ptr<json_object> value_;
 };
 
-struct JsonValue::Member {
+struct Json::Member {
     std::string name;  // escape()d where it is not UTF-8
-    JsonValue value;
+    Json value;
 };
 
 // The list of what `json_of` makes of each item.
 template <typename Items, typename Function>
-JsonValue json_list(const Items& items, Function json_of) {
-    JsonValue list = JsonValue::list();
+Json json_list(const Items& items, Function json_of) {
+    Json list = Json::list();
     for (const auto& item : items) {
         list.append(json_of(item));
     }
     return list;
 }
 
+struct Cell {
+    std::string text;
+    Colour colour = Colour::PLAIN;
+};
+
 // One without members is for people only.
 struct Row {
     std::vector<Cell> cells;
-    std::vector<JsonValue::Member> members;
+    std::vector<Json::Member> members;
 };
 using Rows = std::vector<Row>;
 
@@ -69,7 +73,7 @@ using Rows = std::vector<Row>;
 void print_table(const Rows& rows);
 
 // The members of all rows in one object.
-JsonValue object_of(const Rows& rows);
+Json object_of(const Rows& rows);
 
 // A list with an object for each row.
-JsonValue list_of(const Rows& rows);
+Json list_of(const Rows& rows);

@@ -3,35 +3,19 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
-#include <mutex>
-#include <utility>
 
 #include "log.h"
 #include "store.h"
 
 namespace {
 
-struct Session {
-    std::mutex mutex;
-    bool changes = false;
-    std::string last_error;
-};
-
-Session& session() {
-    static Session instance;
-    return instance;
-}
+std::atomic<bool> changes = false;
 
 void take_message(int level, const char* text) {
-    std::string message(text);
-    message.erase(message.find_last_not_of('\n') + 1);
-    const std::lock_guard lock(session().mutex);
-    if (session().changes) {
+    if (changes) {
         write_daily_log(log_settings, level, text);
-    }
-    if (level >= LOG_ERROR) {
-        session().last_error = std::move(message);
     }
 }
 
@@ -43,8 +27,7 @@ void begin_inspection() {
 }
 
 void begin_changes() {
-    const std::lock_guard lock(session().mutex);
-    session().changes = true;
+    changes = true;
     set_store_use(StoreUse::EDIT);
 }
 
@@ -61,9 +44,4 @@ DetachedPrograms::~DetachedPrograms() {
     for (int number = 0; number < 3; ++number) {
         (void)dup2(streams_[static_cast<std::size_t>(number)].get(), number);
     }
-}
-
-std::string last_logged_error() {
-    const std::lock_guard lock(session().mutex);
-    return session().last_error;
 }

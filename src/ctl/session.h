@@ -7,7 +7,6 @@
 #pragma once
 
 #include <array>
-#include <string>
 
 #include "owned.h"
 
@@ -29,7 +28,3 @@ public:
 private:
     std::array<OwnedFd, 3> streams_;
 };
-
-// The last message that the library logged at LOG_ERROR, without its newline, empty when there was
-// none: the reason for a failure of which only a result code is returned.
-std::string last_logged_error();

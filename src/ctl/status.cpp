@@ -16,7 +16,6 @@
 #include "proc_info.h"
 #include "role.h"
 #include "rows.h"
-#include "session.h"
 #include "store.h"
 #include "store_files.h"
 #include "verbs.h"
@@ -45,7 +44,7 @@ struct PeerCopy {
 };
 
 struct Status {
-    bool config_readable = false;
+    std::string config_failure;  // why config.db cannot be read; empty when it can
     ConfiguredRole configured;
     std::vector<ProcessInfo> daemons;
     std::vector<ProcessInfo> services;
@@ -76,10 +75,11 @@ std::vector<PeerCopy> peer_copies() {
     return copies;
 }
 
-bool read_settings(Status& status) {
+void read_settings(Status& status) {
     const std::unique_ptr<Store> store = db_open(CONFIG_DB);
-    if (!store || !store->usable()) {
-        return false;
+    status.config_failure = open_failure(store);
+    if (!status.config_failure.empty()) {
+        return;
     }
     for (const char* key : {KEY_DHCP, KEY_CONFIG_VERSION, KEY_CLIENT_VERSION, KEY_DSVER}) {
         std::string value;
@@ -87,7 +87,6 @@ bool read_settings(Status& status) {
             status.settings[key] = value;
         }
     }
-    return true;
 }
 
 std::string role_by_log(const LogState& state) {
@@ -121,9 +120,9 @@ SyncVerdict verdict_of(const Status& status) {
 
 Status gather(const Options& options) {
     Status status;
-    status.config_readable = read_settings(status);
+    read_settings(status);
     status.configured = own_configured_role();
-    if (!status.config_readable) {
+    if (!status.config_failure.empty()) {
         status.configured.text = fmt::format("cannot tell: {} cannot be read", CONFIG_DB);
     }
     status.daemons = processes_named(PROGRAM_NAME);
@@ -142,7 +141,7 @@ Status gather(const Options& options) {
 
 int exit_code_of(const Status& status) {
     const LogState& state = status.log.timeline.state();
-    if (!status.config_readable) {
+    if (!status.config_failure.empty()) {
         return EXIT_CANNOT_TELL;
     }
     const bool no_role = status.configured.decision.reason != RoleReason::DECIDED;
@@ -163,8 +162,8 @@ std::string ago(std::optional<LogTime> time) {
     return fmt::format("{}, {} ago", format_log_time(*time), age_text(seconds));
 }
 
-JsonValue json_time(std::optional<LogTime> time) {
-    return time ? JsonValue(format_log_time(*time)) : JsonValue();
+Json json_time(std::optional<LogTime> time) {
+    return time ? Json(format_log_time(*time)) : Json();
 }
 
 std::string processes_text(const std::vector<ProcessInfo>& processes) {
@@ -176,32 +175,32 @@ std::string processes_text(const std::vector<ProcessInfo>& processes) {
     return text.empty() ? "none runs" : text;
 }
 
-JsonValue json_of(const std::vector<ProcessInfo>& processes) {
+Json json_of(const std::vector<ProcessInfo>& processes) {
     return json_list(processes, [](const ProcessInfo& process) {
-        return JsonValue::object({{"name", process.name},
-                                  {"pid", process.pid},
-                                  {"since", json_time(log_time_of(process.since))}});
+        return Json::object({{"name", process.name},
+                             {"pid", process.pid},
+                             {"since", json_time(log_time_of(process.since))}});
     });
 }
 
 std::string setting(const Status& status, const char* key) {
     const auto found = status.settings.find(key);
-    return found != status.settings.end() ? escape(found->second)
-           : status.config_readable       ? "absent"
-                                          : "unreadable";
+    return found != status.settings.end()  ? escape(found->second)
+           : status.config_failure.empty() ? "absent"
+                                           : "unreadable";
 }
 
-JsonValue json_of_settings(const Status& status) {
-    JsonValue settings = JsonValue::object();
+Json json_of_settings(const Status& status) {
+    Json settings = Json::object();
     for (const auto& [key, value] : status.settings) {
         settings.add({key, value});
     }
     return settings;
 }
 
-JsonValue json_of_log(const Status& status) {
+Json json_of_log(const Status& status) {
     const LogState& state = status.log.timeline.state();
-    return JsonValue::object(
+    return Json::object(
         {{"role", state.stop     ? "none"
                   : state.acting ? "acting master"
                                  : state.role},
@@ -219,10 +218,10 @@ void add_configured_role(const ConfiguredRole& configured, Rows& rows) {
     const int role = configured.decision.role;
     const Colour colour = role == 0 ? Colour::RED : Colour::PLAIN;
     rows.push_back({{{"forecast"}, {escape(configured.text), colour}},
-                    {{"forecast", JsonValue::object({{"role", role == ROLE_MASTER  ? "master"
-                                                              : role == ROLE_SLAVE ? "slave"
-                                                                                   : "none"},
-                                                     {"text", configured.text}})}}});
+                    {{"forecast", Json::object({{"role", role == ROLE_MASTER  ? "master"
+                                                         : role == ROLE_SLAVE ? "slave"
+                                                                              : "none"},
+                                                {"text", configured.text}})}}});
 }
 
 void add_host(const Status& status, Rows& rows) {
@@ -287,15 +286,13 @@ void add_sync(const Status& status, Rows& rows) {
     const Style style = verdict == InSync::YES  ? Style{"yes", Colour::GREEN}
                         : verdict == InSync::NO ? Style{"no", Colour::RED}
                                                 : Style{"cannot tell", Colour::YELLOW};
-    const JsonValue copies = json_list(status.copies, [](const PeerCopy& copy) {
-        return JsonValue::object(
-            {{"address", copy.address}, {"dsver", copy.dsver}, {"age", copy.age}});
+    const Json copies = json_list(status.copies, [](const PeerCopy& copy) {
+        return Json::object({{"address", copy.address}, {"dsver", copy.dsver}, {"age", copy.age}});
     });
     rows.push_back(
         {{{"in sync"}, {fmt::format("{}: {}", style.word, status.sync.reason), style.colour}},
          {{"copies", copies},
-          {"in_sync",
-           JsonValue::object({{"verdict", style.word}, {"reason", status.sync.reason}})}}});
+          {"in_sync", Json::object({{"verdict", style.word}, {"reason", status.sync.reason}})}}});
 }
 
 Rows rows_of(const Status& status) {
@@ -309,8 +306,8 @@ Rows rows_of(const Status& status) {
 
 int show_status(const Options& options) {
     const Status status = gather(options);
-    if (!status.config_readable) {
-        complain("{}; \"quorsyncctl check\" tells what helps", last_logged_error());
+    if (!status.config_failure.empty()) {
+        complain("{}; \"quorsyncctl check\" tells what helps", status.config_failure);
     }
     if (!status.log.failure.empty()) {
         complain("{}", status.log.failure);

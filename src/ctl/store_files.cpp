@@ -12,7 +12,6 @@
 #include "data_sets.h"
 #include "keys.h"
 #include "peer_message.h"
-#include "session.h"
 #include "stamps.h"
 
 std::vector<std::string> names_in_store_directory() {
@@ -39,23 +38,22 @@ std::string store_path(const std::string& name) {
                               : name;
 }
 
-void complain_about_file(const std::string& path) {
+void complain_about_file(const std::string& path, const std::string& failure) {
     if (access(path.c_str(), F_OK) != 0) {
         complain("{}: {}; \"config\", \"client\", \"disk\" or a path name a file", path,
                  std::strerror(errno));
     } else if (geteuid() != 0) {
-        complain("{}; run this as root", last_logged_error());
+        complain("{}; run this as root", failure);
     } else {
-        complain("{}; \"quorsyncctl store verify --file {}\" examines it", last_logged_error(),
-                 path);
+        complain("{}; \"quorsyncctl store verify --file {}\" examines it", failure, path);
     }
 }
 
 std::unique_ptr<Store> open_store(const std::string& path) {
     std::unique_ptr<Store> store = db_open(path.c_str());
-    if (!store || !store->usable()) {
+    if (const std::string failure = open_failure(store); !failure.empty()) {
         store.reset();  // unlocked before anybody reads about it
-        complain_about_file(path);
+        complain_about_file(path, failure);
     }
     return store;
 }
@@ -70,7 +68,7 @@ std::optional<std::map<std::string, std::string>> read_records(const std::string
         }
     }
     if (walk.failed()) {
-        complain_about_file(path);
+        complain_about_file(path, walk.failure());
         return std::nullopt;
     }
     return records;

@@ -23,7 +23,7 @@ std::string peer_of_copy(std::string_view name);
 std::string store_path(const std::string& name);
 
 // Complains of a file that is missing or cannot be used, with what helps.
-void complain_about_file(const std::string& path);
+void complain_about_file(const std::string& path, const std::string& failure);
 
 // Opens the file; null after a complaint that says what is wrong with it and what helps.
 std::unique_ptr<Store> open_store(const std::string& path);

@@ -38,7 +38,7 @@ std::string shown(const std::string& text) {
 
 int absent(const Options& options) {
     if (access(options.path().c_str(), F_OK) != 0) {
-        complain_about_file(options.path());
+        complain_about_file(options.path(), {});
         return EXIT_PROBLEM;
     }
     complain("{} has no key \"{}\"; \"quorsyncctl store dump --file {}\" shows what it has",
@@ -62,7 +62,7 @@ int dump(const Options& options) {
     if (!records) {
         return EXIT_CANNOT_TELL;
     }
-    JsonValue object = JsonValue::object();
+    Json object = Json::object();
     for (const auto& [key, value] : *records) {
         if (options.json) {
             object.add({key, value});
@@ -85,8 +85,8 @@ int verify(const Options& options) {
             options.path());
         return EXIT_PROBLEM;
     }
-    if (!store || !store->usable()) {
-        complain_about_file(options.path());
+    if (const std::string failure = open_failure(store); !failure.empty()) {
+        complain_about_file(options.path(), failure);
         return EXIT_CANNOT_TELL;
     }
     say("{} is sound", options.path());
@@ -195,12 +195,13 @@ std::optional<std::string> present_list(const Options& options) {
     return list.substr(0, list.find('\0'));
 }
 
-// What is left to say after a change that should have led to the list with or without the item.
-int finish_list(const Options& options, bool with_item, const char* what) {
-    const auto list = present_list(options);
-    return list && list_has(*list, options.value) == with_item
-               ? changed(options, what)
-               : failed(options, last_logged_error());
+using ListChange = std::string (*)(const char* path, const char* key, const char* item);
+
+int change_list(const Options& options, ListChange change, const char* what) {
+    begin_changes();
+    const std::string failure =
+        change(options.path().c_str(), options.key.c_str(), options.value.c_str());
+    return failure.empty() ? changed(options, what) : failed(options, failure);
 }
 
 int list_add(const Options& options) {
@@ -219,9 +220,7 @@ int list_add(const Options& options) {
     }
     check_change(options, longer);
     check_place(options);
-    begin_changes();
-    db_list_add(options.path().c_str(), options.key.c_str(), options.value.c_str());
-    return finish_list(options, true, "list-add");
+    return change_list(options, add_list_item, "list-add");
 }
 
 int list_remove(const Options& options) {
@@ -236,9 +235,7 @@ int list_remove(const Options& options) {
         return EXIT_PROBLEM;
     }
     check_place(options);
-    begin_changes();
-    db_list_remove(options.path().c_str(), options.key.c_str(), options.value.c_str());
-    return finish_list(options, false, "list-remove");
+    return change_list(options, remove_list_item, "list-remove");
 }
 
 // Reads and writes in one go, so that no two can come to the same stamp.

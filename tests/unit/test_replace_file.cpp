@@ -82,7 +82,7 @@ TEST_F(ReplaceFile, ADatabaseThatMayComeBackIsNotEmptied) {
     EXPECT_TRUE(db_replace_empty(CLIENT_DB));
     fail_directory_flush = true;
     EXPECT_FALSE(db_replace_empty(CLIENT_DB));
-    EXPECT_TRUE(put_copy_in_place(fresh_, target_));
+    EXPECT_EQ(put_copy_in_place(fresh_, target_), "");
     fail_directory_flush = false;
     EXPECT_THAT(logged(), testing::HasSubstr(CLIENT_DB + " cannot be emptied:Input/output error"s));
     EXPECT_THAT(logged(), testing::HasSubstr(target_ + " cannot be flushed:Input/output error"));

@@ -24,7 +24,8 @@ int db_rename_over(const std::string& source, const std::string& target,
     return result;
 }
 
-bool put_copy_in_place(const std::string& download, const std::string& target, Download kind) {
+std::string put_copy_in_place(const std::string& download, const std::string& target,
+                              Download kind) {
     const auto keep_it_sound = [&target] {
         const OwnedFd fd(open(target.c_str(), O_RDONLY | O_CLOEXEC));
         keep_verdict(fd.get(), target);
@@ -48,9 +49,10 @@ bool put_copy_in_place(const std::string& download, const std::string& target, D
         }
     }
     if (!result.in_place) {
-        log_message(msg::COPY_NOT_PUT_IN_PLACE, target.c_str(), strerror(result.error));
-    } else if (result.error != 0) {
+        return log_failure(msg::COPY_NOT_PUT_IN_PLACE, target.c_str(), strerror(result.error));
+    }
+    if (result.error != 0) {
         log_message(msg::STORE_NOT_FLUSHED, target.c_str(), strerror(result.error));
     }
-    return result.in_place;
+    return {};
 }

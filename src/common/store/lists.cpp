@@ -29,10 +29,25 @@ std::optional<std::string> read_list(const std::unique_ptr<Store>& store, const 
     return list.substr(0, list.find('\0'));
 }
 
-void put_list(Store& store, const char* key, std::string_view list) {
+// Stores the list and closes the file. Returns why it is not stored, or an empty text.
+std::string put_list(Store& store, const char* key, std::string_view list) {
     if (const int result = store.put(key, list); result != 0) {
-        log_message(msg::RECORD_NOT_STORED, store_error_text(result));
+        return log_failure(msg::RECORD_NOT_STORED, store_error_text(result));
     }
+    const int closed = store.close();
+    return closed == 0 ? "" : store_error_text(closed);
+}
+
+// The same for a list without items, whose key goes.
+std::string delete_list(Store& store, const char* key) {
+    const int deleted = store.del(key);
+    const int closed = store.close();
+    return deleted == 0 && closed == 0 ? "" : store_error_text(deleted != 0 ? deleted : closed);
+}
+
+std::string read_failure(const std::unique_ptr<Store>& store) {
+    const std::string failure = open_failure(store);
+    return failure.empty() ? "the list cannot be read" : failure;
 }
 
 std::string join(const std::vector<std::string_view>& items) {
@@ -58,7 +73,7 @@ int db_list_index(const char* path, const char* key, const char* item) {
         return -1;
     }
     if (list->empty()) {
-        put_list(*store, key, item);
+        (void)put_list(*store, key, item);
         return -1;
     }
     const auto items = split(*list, ',');
@@ -66,31 +81,42 @@ int db_list_index(const char* path, const char* key, const char* item) {
     return found == items.end() ? -1 : static_cast<int>(found - items.begin()) + 1;
 }
 
-void db_list_remove(const char* path, const char* key, const char* item) {
+std::string remove_list_item(const char* path, const char* key, const char* item) {
     const std::unique_ptr<Store> store = db_open(path);
     const auto list = read_list(store, key);
-    if (!list || list->empty()) {
-        return;
+    if (!list) {
+        return read_failure(store);
+    }
+    if (list->empty()) {
+        return {};
     }
     if (*list == item) {
-        (void)store->del(key);
-        return;
+        return delete_list(*store, key);
     }
     auto items = split(*list, ',');
     std::erase(items, item);
-    put_list(*store, key, join(items));
+    return put_list(*store, key, join(items));
+}
+
+std::string add_list_item(const char* path, const char* key, const char* item) {
+    const std::unique_ptr<Store> store = db_open(path);
+    const auto list = read_list(store, key);
+    if (!list) {
+        return read_failure(store);
+    }
+    if (list_has(*list, item)) {
+        return {};
+    }
+    const std::string longer = list->empty() ? item : *list + "," + item;
+    return longer.size() > MAX_LIST ? "the list would be too long" : put_list(*store, key, longer);
+}
+
+void db_list_remove(const char* path, const char* key, const char* item) {
+    (void)remove_list_item(path, key, item);
 }
 
 void db_list_add(const char* path, const char* key, const char* item) {
-    const std::unique_ptr<Store> store = db_open(path);
-    const auto list = read_list(store, key);
-    if (!list || list_has(*list, item)) {
-        return;
-    }
-    const std::string longer = list->empty() ? item : *list + "," + item;
-    if (longer.size() <= MAX_LIST) {
-        put_list(*store, key, longer);
-    }
+    (void)add_list_item(path, key, item);
 }
 
 void db_next_numbered(const char* path, const char* key, const char* value) {

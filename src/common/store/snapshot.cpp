@@ -102,8 +102,7 @@ std::unique_ptr<Store> db_open_snapshot(const char* path) {
         result =
             db->open(db, nullptr, name_of(snapshot.file).c_str(), nullptr, DB_HASH, DB_RDONLY, 0);
     }
-    if (result != 0) {
-        log_message(msg::STORE_NOT_OPENED, db_strerror(result), path);
-    }
-    return std::unique_ptr<Store>(new Store(std::move(snapshot.file), db, result));
+    std::unique_ptr<Store> store(new Store(path, db, result));
+    store->snapshot_ = std::move(snapshot.file);
+    return store;
 }

@@ -54,23 +54,21 @@ std::unique_ptr<Store> Store::open(std::unique_ptr<StoreLock> lock, std::uint32_
         return nullptr;
     }
     const int result = open_file(*lock, db);
-    if (result != 0) {
-        log_message(msg::STORE_NOT_OPENED, db_strerror(result), lock->path().c_str());
-    }
-    return std::unique_ptr<Store>(new Store(std::move(lock), db, result));
+    std::unique_ptr<Store> store(new Store(lock->path().c_str(), db, result));
+    store->lock_ = std::move(lock);
+    return store;
 }
 
-Store::Store(std::unique_ptr<StoreLock> lock, DB* db, int open_result)
-    : lock_(std::move(lock)),
-      db_(db),
-      usable_(open_result == 0),
-      damaged_(is_damage(open_result)) {}
+std::string open_failure(const std::unique_ptr<Store>& store) {
+    return store ? store->failure() : message_text(msg::NO_STORE_HANDLE, db_strerror(1));
+}
 
-Store::Store(OwnedFd snapshot, DB* db, int open_result)
-    : snapshot_(std::move(snapshot)),
-      db_(db),
-      usable_(open_result == 0),
-      damaged_(is_damage(open_result)) {}
+Store::Store(const char* path, DB* db, int open_result)
+    : db_(db), usable_(open_result == 0), damaged_(is_damage(open_result)) {
+    if (!usable_) {
+        failure_ = log_failure(msg::STORE_NOT_OPENED, db_strerror(open_result), path);
+    }
+}
 
 Store::~Store() {
     (void)close();

@@ -14,8 +14,11 @@ RecordWalk::RecordWalk(const char* path) : store_(db_open_snapshot(path)) {
     }
 }
 
-bool RecordWalk::failed() const {
-    return !cursor_ || cursor_->failed();
+std::string RecordWalk::failure() const {
+    if (!cursor_) {
+        return open_failure(store_);
+    }
+    return cursor_->failed() ? "its records cannot be read" : "";
 }
 
 // Reuses the texts that the chunk holds.

@@ -73,7 +73,7 @@ void print(const Findings& findings, const Options& options) {
     Rows rows;
     std::transform(findings.all().begin(), findings.all().end(), std::back_inserter(rows), row_of);
     if (options.json) {
-        JsonValue::object({{"findings", list_of(rows)}}).print();
+        Json::object({{"findings", list_of(rows)}}).print();
     } else {
         print_table(rows);
     }

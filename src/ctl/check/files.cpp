@@ -12,7 +12,6 @@
 #include <optional>
 
 #include "ctl/console.h"
-#include "ctl/session.h"
 #include "ctl/store_files.h"
 #include "findings.h"
 #include "keys.h"
@@ -73,7 +72,7 @@ bool check_file(const std::string& path, Findings& findings) {
     if (store && store->damaged()) {
         findings.problem(name, fmt::format("{} does not verify", path), remedy_for(path));
     } else {
-        findings.unknown(name, fmt::format("{} cannot be opened: {}", path, last_logged_error()),
+        findings.unknown(name, fmt::format("{} cannot be opened: {}", path, open_failure(store)),
                          "try again; another process may keep it locked");
     }
     return false;

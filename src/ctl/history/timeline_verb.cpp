@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 #include <optional>
 #include <string>
 
@@ -95,7 +96,7 @@ int show_timeline(const Options& options) {
     Rows rows;
     std::transform(events.begin(), events.end(), std::back_inserter(rows), row_of);
     if (options.json) {
-        JsonValue::object({{"events", list_of(rows)}}).print();
+        Json::object({{"events", list_of(rows)}}).print();
     } else if (events.empty()) {
         say("Nothing happened{}.", since ? " since " + format_log_time(*since) : "");
     } else {
