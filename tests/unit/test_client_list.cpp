@@ -229,7 +229,7 @@ TEST_F(ClientListTest, OneThatCannotBeReadReplacesNothing) {
 // A kill between keeping the list and emptying it leaves two names of one file, with a journal or
 // without one. Daemons of before have left a kept list without a journal, too.
 TEST_F(ClientListTest, IsPutBackOverItself) {
-    for (const char* journal : {"", "part 1 kept "}) {
+    for (const char* journal : {"", "unfinished 1 kept "}) {
         std::filesystem::create_hard_link(CLIENT_DB, PREVIOUS_CLIENT_DB);
         if (*journal != '\0') {
             write_file(CLIENT_JOURNAL, journal);
@@ -251,8 +251,8 @@ TEST_F(ClientListTest, AMasterPutsBackAndForgetsItsLifeAsSlave) {
 }
 
 TEST_F(ClientListTest, AJournalThatMakesNoSenseDoesNoHarm) {
-    for (const char* journal :
-         {"", "part", "part x kept ", "whole 1", "part -1 kept ", "odd 1 kept "}) {
+    for (const char* journal : {"", "unfinished", "unfinished x kept ", "whole 1",
+                                "unfinished -1 kept ", "odd 1 kept "}) {
         SCOPED_TRACE(journal);
         write_file(CLIENT_JOURNAL, journal);
         restart();

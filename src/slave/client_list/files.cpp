@@ -21,11 +21,11 @@ using Phase = ListJournal::Phase;
 // Holds 600,000 clients; memory is taken as the file grows, and given back with the batch.
 constexpr std::uint32_t BATCH_CACHE = 256U << 20U;
 
-constexpr const char* PHASES[] = {"whole", "part", "closed"};
+constexpr const char* PHASES[] = {"whole", "unfinished", "closed"};
 constexpr const char* KEPT_WORDS[] = {"alone", "kept"};
 
-// "part 2 kept", "closed 0 alone STAMP": the phase, the pushes due, whether an old list is kept,
-// and the stamp, which may hold anything but a zero byte.
+// "unfinished 2 kept", "closed 0 alone STAMP": the phase, the pushes due, whether an old list is
+// kept, and the stamp, which may hold anything but a zero byte.
 std::string text_of(const ListJournal& journal) {
     return std::string(PHASES[static_cast<int>(journal.phase)]) + ' ' +
            std::to_string(journal.due) + ' ' + KEPT_WORDS[journal.kept ? 1 : 0] + ' ' +
