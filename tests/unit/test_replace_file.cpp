@@ -1,3 +1,4 @@
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -74,7 +75,8 @@ TEST_F(ReplaceFile, ALeftoverThatCannotBeRemovedIsNotFilled) {
     std::filesystem::create_directory(creation);
     std::filesystem::last_write_time(creation, {});
     EXPECT_FALSE(db_store(CONFIG_DB, "key", "value"));
-    EXPECT_THAT(logged(), testing::HasSubstr("ERROR :DB->open Is a directory "s + CONFIG_DB));
+    EXPECT_THAT(logged(),
+                testing::HasSubstr(fmt::format("ERROR :DB->open Is a directory {}", CONFIG_DB)));
 }
 
 TEST_F(ReplaceFile, ADatabaseThatMayComeBackIsNotEmptied) {

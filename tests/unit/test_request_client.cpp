@@ -1,3 +1,4 @@
+#include <fmt/format.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/mount.h>
@@ -346,7 +347,8 @@ TEST_F(FileFetch, RefusesATargetThatIsNotOursAlone) {
         const Peer peer({length_answer("5000") + NEW});
         EXPECT_EQ(fetch(), -1);
         client.Close();
-        EXPECT_THAT(logged(), HasSubstr("ERROR :"s + TARGET + " is no ordinary file of our own"));
+        EXPECT_THAT(logged(),
+                    HasSubstr(fmt::format("ERROR :{} is no ordinary file of our own", TARGET)));
         if (std::filesystem::is_regular_file(TARGET)) {
             EXPECT_EQ(contents(TARGET), OLD);
         }
