@@ -13,6 +13,8 @@
 #include <chrono>
 #include <cstring>
 #include <memory>
+#include <optional>
+#include <thread>
 #include <vector>
 
 #include "connections.h"
@@ -70,19 +72,26 @@ std::uint32_t peer_of(int connection) {
     return peer.sin_addr.s_addr;
 }
 
+// Exists while something of the master's is worked on: whatever that takes, the master has not
+// fallen silent.
+using MastersWork = std::optional<ClientList::Work>;
+
+void begin_work(MastersWork& work, bool from_master) {
+    if (from_master) {
+        work.emplace(client_list());
+    }
+}
+
 // Records of the master are as good as its answers, though they refill only what has run out.
 void act_on_record(const DataRecord& record, bool from_master, RecordSink& sink) {
-    if (!from_master) {
-        (void)sink.apply_data_record(record);
-        return;
-    }
-    const ClientList::Work work(client_list());
-    if (sink.apply_data_record(record) && bottle < 0) {
+    if (sink.apply_data_record(record) && from_master && bottle < 0) {
         reset_bottle();
     }
 }
 
 void act_on(const PeerMessage& message, int connection, bool from_master, RecordSink& sink) {
+    MastersWork work;
+    begin_work(work, from_master);
     if (message.type == MSG_DATA) {
         act_on_record(message.record, from_master, sink);
         return;
@@ -114,6 +123,7 @@ public:
 
 private:
     bool has_batch() const { return served_ != nullptr && served_->sink->has_batch(); }
+    void close_batch();
 
     // Waits for the next thing to happen, at most until the next one is due, and does it.
     void one_step(bool accepts);
@@ -136,13 +146,19 @@ void Receiver::one_step(bool accepts) {
     std::vector<Connection*> ready = wait_for(connections_.readable_beside(served_), accepts);
     if (Connection* next = choose(ready, served_); next != nullptr) {
         if (has_batch() && next != served_) {
-            served_->sink->close_batch();
+            close_batch();
         }
         serve(*next);
     }
     if (has_batch() && steady_clock::now() - acted_ >= BATCH_GAP) {
-        served_->sink->close_batch();
+        close_batch();
     }
+}
+
+void Receiver::close_batch() {
+    MastersWork work;
+    begin_work(work, served_->of_master);
+    served_->sink->close_batch();
 }
 
 int Receiver::milliseconds_until_due(const std::vector<Connection*>& readable) const {
@@ -169,6 +185,9 @@ std::vector<Connection*> Receiver::wait_for(const std::vector<Connection*>& read
         waits.push_back({each->fd.get(), POLLIN, 0});
     }
     if (poll(waits.data(), waits.size(), milliseconds_until_due(readable)) < 0) {
+        if (errno != EINTR) {
+            std::this_thread::sleep_for(BATCH_GAP);  // the system is out of memory
+        }
         return {};
     }
     std::vector<Connection*> ready;
@@ -234,6 +253,8 @@ void Receiver::close(const Connection& connection) {
         log_message(msg::NOTHING_RECEIVED, strerror(errno));
     }
     served_ = &connection == served_ ? nullptr : served_;
+    MastersWork work;
+    begin_work(work, connection.of_master && connection.sink);
     connections_.close(connection, steady_clock::now());
 }
 

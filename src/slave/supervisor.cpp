@@ -109,9 +109,10 @@ void on_sigterm(int /*signal_number*/) {
     semaphore_delete();
 }
 
-// Sends the beat on every other path to the master, too, as long as answers are missing.
+// Sends the beat on every other path to the master, too, as long as answers are missing. Not while
+// a push keeps arriving: an answer beside it would empty the list that it fills.
 void beat_on_other_paths(int fd) {
-    if (bottle <= ANSWER_MISSING) {
+    if (bottle <= ANSWER_MISSING && !client_list().grows()) {
         for (const std::string& path : master_paths()) {
             send_heartbeat(fd, path.c_str());
         }
@@ -146,8 +147,9 @@ void one_period(int fd) {
     decide_and_act();
 }
 
-// The rest of the period. A take-over that was put off comes as soon as the push falls silent.
-void rest() {
+// The rest of the period. A take-over that was put off comes as soon as the push falls silent,
+// unless the master answers on another path.
+void rest(int fd) {
     using Clock = std::chrono::steady_clock;
     if (action_now() != SlaveAction::AWAIT_PUSH) {
         sleep(HEARTBEAT_PERIOD);  // cut short by SIGTERM
@@ -157,6 +159,7 @@ void rest() {
     while (Clock::now() < end && slave_exit_requested != 1) {
         std::this_thread::sleep_for(LOOK_AGAIN);
         if (action_now() == SlaveAction::PROMOTE) {
+            beat_on_other_paths(fd);
             decide_and_act();
         }
     }
@@ -178,7 +181,7 @@ void run_slave() {
     }
     while (slave_exit_requested != 1) {
         one_period(fd.get());
-        rest();
+        rest(fd.get());
     }
     fd.reset();
     report_semaphore_delete();

@@ -106,8 +106,10 @@ bool start_thread(Work work) {
         return true;
     } catch (const std::system_error& failure) {
         log_message(msg::NO_THREAD_FOR_ANSWERS, strerror(failure.code().value()));
-        return false;
+    } catch (const std::bad_alloc&) {
+        log_message(msg::NO_THREAD_FOR_ANSWERS, strerror(ENOMEM));
     }
+    return false;
 }
 
 // Answers what comes into `inbox`, until nothing more comes or the process is asked to stop.

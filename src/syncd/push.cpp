@@ -109,7 +109,9 @@ bool push_records(PushSource& source, PushTarget& target, const DataSet& set) {
         }
     }
     if (source.failed()) {
-        // Without its stamp the slave asks again at the next heartbeat.
+        // Without its stamp the slave asks again at the next heartbeat. What was read goes out, as
+        // its lines say.
+        (void)target.send();
         log_message(msg::PUSH_BROKEN_OFF, set.path);
         return false;
     }

@@ -97,6 +97,10 @@ bool db_replace_empty(const char* path) {
 
 StoreKept db_keep(const char* path, const char* name) {
     const StoreLock lock(path);
+    if (lock.error() != 0) {
+        log_message(msg::PREVIOUS_LIST_NOT_KEPT, path, name, strerror(lock.error()));
+        return StoreKept::NO;
+    }
     if (lock.exists() && is_damage(verify_store(lock))) {
         return StoreKept::NO;
     }

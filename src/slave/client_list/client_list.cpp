@@ -225,6 +225,8 @@ void ClientList::look_for_kept() {
     if (is_part(memory_.state) && memory_.kept && !files_.has_kept()) {
         memory_.state = ListState::COMPLETE;
         memory_.kept = false;
+        memory_.put_back = false;
+        ++memory_.version;  // a push that is at work on the part belongs to no list any more
     }
 }
 

@@ -158,8 +158,14 @@ bool HostFiles::put_back() {
         return false;
     }
     // A kill right after the list was kept leaves two names of one file, which no rename ends.
-    (void)unlink(PREVIOUS_CLIENT_DB);
-    (void)flush_directory_of(PREVIOUS_CLIENT_DB);
+    if (unlink(PREVIOUS_CLIENT_DB) != 0 && errno != ENOENT) {
+        log_message(msg::FILE_NOT_REMOVED, PREVIOUS_CLIENT_DB, strerror(errno));
+    }
+    // A journal that calls the list whole must not be on disk before the name is.
+    if (const int failed = flush_directory_of(CLIENT_DB); failed != 0) {
+        log_message(msg::STORE_NOT_FLUSHED, CLIENT_DB, strerror(failed));
+        return false;
+    }
     log_message(msg::LIST_PUT_BACK, *kept, unfinished.value_or(0));
     return true;
 }
