@@ -7,7 +7,7 @@ from collections.abc import Callable
 from lab import Host, Pair, describe_difference, realistic_clients, wait_until
 from lab.pair import PUSHED_KEYS
 from lab.reload_pipe import PATH, RELOAD
-from story import LIMIT, Step, Story
+from run import LIMIT, Step, Run
 
 CLIENTS = realistic_clients(500)
 NEW_CLIENT = realistic_clients(1, seed=2)
@@ -20,7 +20,7 @@ FILLED = "master filled, slave empty"
 ROLES = "roles decided"
 SERVED = "boot services started"
 
-Chapter = Callable[[Story], None]
+Chapter = Callable[[Run], None]
 CHAPTERS: list[tuple[str, Chapter]] = []
 
 
@@ -33,9 +33,9 @@ def chapter(title: str) -> Callable[[Chapter], Chapter]:
 
 
 @chapter("Two servers, 500 boot clients")
-def meet(story: Story) -> None:
-    pair = story.pair
-    with story.step(FILLED) as step:
+def meet(run: Run) -> None:
+    pair = run.pair
+    with run.step(FILLED) as step:
         for host in (pair.master, pair.slave):
             counts = f"{len(host.config.items())} settings, {host.client.count()} clients"
             step.tell(f"{host.name} {host.address}: {counts}")
@@ -45,8 +45,8 @@ def meet(story: Story) -> None:
         assert pair.slave.client.count() == 0, "the slave has clients already"
         step.evidence = f"client.db: {len(CLIENTS)} records on the master, none on the slave"
 
-    with story.step(ROLES) as step:
-        story.start_clock()
+    with run.step(ROLES) as step:
+        run.start_clock()
         pair.start_master(foreground=False)
         pair.start_slave(foreground=False)
         for host in (pair.master, pair.slave):
@@ -55,48 +55,48 @@ def meet(story: Story) -> None:
 
 
 @chapter("The slave gets what the master has")
-def first_copy(story: Story) -> None:
-    with story.step("empty slave equal to the master") as step:
+def first_copy(run: Run) -> None:
+    with run.step("empty slave equal to the master") as step:
         step.needs(FILLED, ROLES)
-        step.evidence = wait_equal_records(story.pair)
+        step.evidence = wait_equal_records(run.pair)
         step.stop_clock()
         mac = next(iter(CLIENTS)).decode()
-        step.show_log(story.pair.master, "^beat back to")
-        step.show_log(story.pair.slave, "^request data", "^data 1:", f"^data 2: ({mac}|dbver)=")
+        step.show_log(run.pair.master, "^beat back to")
+        step.show_log(run.pair.slave, "^request data", "^data 1:", f"^data 2: ({mac}|dbver)=")
 
 
 @chapter("A client is changed on the master")
-def change(story: Story) -> None:
-    pair = story.pair
-    with story.step("change seen on the slave") as step:
+def change(run: Run) -> None:
+    pair = run.pair
+    with run.step("change seen on the slave") as step:
         step.needs(FILLED, ROLES)
         mac, record = next(iter(CLIENTS.items()))
         changed = re.sub(rb"^name=[^|]*", b"name=PC-RENAMED", record)
         pair.master.client.put(mac, changed)
         step.tell(f"on the master: {mac.decode()} = {changed.decode()}")
         raise_stamp(step, pair.master, "client-2")
-        story.start_clock()
+        run.start_clock()
         wait_until(lambda: pair.slave.client.get(mac) == changed, LIMIT, "the changed client")
         step.stop_clock()
         step.show_log(pair.slave, "master_client_version:client-2", f"^data 2: {mac.decode()}=")
         step.evidence = f"slave's client.db: {mac.decode()} = name=PC-RENAMED|..."
 
-    with story.step("all records equal") as step:
+    with run.step("all records equal") as step:
         step.needs(FILLED, ROLES)
         step.evidence = wait_equal_records(pair)
 
 
 @chapter("The slave's own configuration changes, and the master fetches it")
-def fetch(story: Story) -> None:
-    master, slave = story.pair.master, story.pair.slave
+def fetch(run: Run) -> None:
+    master, slave = run.pair.master, run.pair.slave
     copy = master.store(f"{slave.address}.db")
-    with story.step("master's copy of the slave's config.db") as step:
+    with run.step("master's copy of the slave's config.db") as step:
         step.needs(ROLES)
-        story.pipe.take(1, LIMIT)  # set off by the first copy, after the start
+        run.pipe.take(1, LIMIT)  # set off by the first copy, after the start
         slave.config.put("ip_begin", "10.77.0.100")
         slave.config.put("dsver", "20261121120000")
         step.tell("on the slave: ip_begin = 10.77.0.100, dsver = 20261121120000")
-        story.start_clock()
+        run.start_clock()
         wait_until(lambda: not copy.difference(slave.config), LIMIT, "an equal copy")
         step.stop_clock()
         step.show_log(master, "^serverip:.*--add_to_sync", "^Arg->op:256", "^refresh_dhcp$")
@@ -105,21 +105,21 @@ def fetch(story: Story) -> None:
         assert not unequal, unequal
         step.evidence = f"{slave.address}.db: {len(theirs)} records compared: none differs"
 
-    with story.step("DHCP wrapper told to reload") as step:
+    with run.step("DHCP wrapper told to reload") as step:
         step.needs(ROLES)
-        (record,) = story.pipe.take(1, LIMIT)
+        (record,) = run.pipe.take(1, LIMIT)
         step.stop_clock()
         assert record.command == RELOAD, f"command {record.command}"
         step.evidence = f"{PATH}: 68 bytes, command {record.command}, seconds {record.seconds}"
 
 
 @chapter("One line is cut, the other holds")
-def hold(story: Story) -> None:
-    pair = story.pair
-    with story.step("answers come over the other line") as step:
+def hold(run: Run) -> None:
+    pair = run.pair
+    with run.step("answers come over the other line") as step:
         step.needs(ROLES)
         mark = pair.slave.log_mark()
-        story.start_clock()
+        run.start_clock()
         pair.master.line.cut()
         step.tell(f"the line between {pair.master.address} and {pair.slave.address} is cut")
 
@@ -136,14 +136,14 @@ def hold(story: Story) -> None:
 
 
 @chapter("The master dies")
-def take_over(story: Story) -> None:
-    pair = story.pair
-    with story.step("slave takes over") as step:
+def take_over(run: Run) -> None:
+    pair = run.pair
+    with run.step("slave takes over") as step:
         step.needs(ROLES)
         early = running_services(pair.slave)
         assert not early, f"the slave runs {', '.join(early)} beside a healthy master"
         assert pair.master_daemon is not None
-        story.start_clock()
+        run.start_clock()
         pair.master_daemon.kill()
         step.tell(f"on the master: kill -9 {pair.master_daemon.pid}")
         step.wait_log(pair.slave, "^become a master host$")
@@ -151,11 +151,11 @@ def take_over(story: Story) -> None:
         step.show_log(pair.slave, "^bottle=", "^become a master host$")
         step.evidence = "logged: become a master host"
 
-    with story.step(f"event {TOOK_OVER} posted") as step:
+    with run.step(f"event {TOOK_OVER} posted") as step:
         step.needs(ROLES)
         show_event(step, pair.slave, TOOK_OVER)
 
-    with story.step(SERVED) as step:
+    with run.step(SERVED) as step:
         step.needs(ROLES)
         wait_until(lambda: all_services_run(pair.slave), LIMIT, "the boot services")
         show_service_calls(step, pair.slave)
@@ -163,16 +163,16 @@ def take_over(story: Story) -> None:
 
 
 @chapter("The master returns; clients were changed while its daemon was down")
-def give_back(story: Story) -> None:
-    pair = story.pair
-    with story.step("changes made meanwhile arrive") as step:
+def give_back(run: Run) -> None:
+    pair = run.pair
+    with run.step("changes made meanwhile arrive") as step:
         step.needs(ROLES)
         gone, new = list(CLIENTS)[1], next(iter(NEW_CLIENT))
         pair.master.client.delete(gone)
         pair.master.client.fill(NEW_CLIENT)
         step.tell(f"on the master: {gone.decode()} deleted, {new.decode()} added")
         raise_stamp(step, pair.master, "client-3")
-        story.start_clock()
+        run.start_clock()
         daemon = pair.start_master(foreground=False)
         step.tell(f"on the master: daemon started again, pid {daemon.pid}")
         wait_until(lambda: pair.slave.client.get(new), LIMIT, "the new client on the slave")
@@ -180,34 +180,34 @@ def give_back(story: Story) -> None:
         step.show_log(pair.master, "^quorsyncd_role:master$", "^beat back to")
         step.evidence = f"slave's client.db: {new.decode()} = {NEW_CLIENT[new].decode()}"
 
-    with story.step("slave steps down") as step:
+    with run.step("slave steps down") as step:
         step.needs(ROLES)
         step.wait_log(pair.slave, "^restore to be a slave host$")
         step.stop_clock()
         step.show_log(pair.slave, "^bottle=", "^restore to be a slave host$")
         step.evidence = "logged: restore to be a slave host"
 
-    with story.step(f"event {STEPPED_DOWN} posted") as step:
+    with run.step(f"event {STEPPED_DOWN} posted") as step:
         step.needs(ROLES)
         show_event(step, pair.slave, STEPPED_DOWN)
 
-    with story.step("boot services stopped") as step:
+    with run.step("boot services stopped") as step:
         step.needs(SERVED)
         wait_until(lambda: not running_services(pair.slave), LIMIT, "the services' end")
         step.stop_clock()
         step.evidence = f"no process {' or '.join(SERVICES)} on the slave"
 
-    with story.step("stores equal again") as step:
+    with run.step("stores equal again") as step:
         step.needs(ROLES)
         step.evidence = wait_equal_records(pair)
 
 
 @chapter("What an operator sees of it")
-def look_back(story: Story) -> None:
-    pair = story.pair
+def look_back(run: Run) -> None:
+    pair = run.pair
     for host in (pair.master, pair.slave):
         for verb in ("status", "timeline"):
-            with story.step(f"{verb} of the {host.name}") as step:
+            with run.step(f"{verb} of the {host.name}") as step:
                 step.needs(ROLES)
                 step.tell(f"on the {host.name}: quorsyncctl {verb}")
                 program = host.expose(pair.executable.parent / "quorsyncctl")

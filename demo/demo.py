@@ -14,14 +14,14 @@ from console import BOLD, Console
 from lab import LabError, Pair
 from lab.file_service import FileService
 from lab.reload_pipe import ReloadPipe
-from story import Story
+from run import Run
 
 DAEMON = Path(__file__).resolve().parent.parent / "build/release/quorsyncd"
 FAILED, INTERRUPTED = 1, 130
 
 
 def play(console: Console, daemon: Path) -> bool:
-    """Tell the story from start to end; whether every step held."""
+    """Run the chapters from start to end; whether every step held."""
     if not os.access(daemon, os.X_OK) or not daemon.is_file():
         raise LabError(f"there is no program {daemon}; ./run build makes the daemon")
     console.line("A pair of servers on this machine, in namespaces of their own", BOLD)
@@ -30,12 +30,12 @@ def play(console: Console, daemon: Path) -> bool:
         pair = stack.enter_context(Pair(daemon, clients=CLIENTS, second_lines=True))
         stack.enter_context(FileService(pair.slave))
         pipe = stack.enter_context(ReloadPipe(pair.master))
-        story = Story(console, pair, pipe)
+        run = Run(console, pair, pipe)
         for number, (title, chapter) in enumerate(CHAPTERS, 1):
-            story.begin_chapter(number, title)
-            chapter(story)
-        story.summary()
-        return story.held
+            run.begin_chapter(number, title)
+            chapter(run)
+        run.summary()
+        return run.held
 
 
 def main() -> int:

@@ -36,6 +36,6 @@ struct DhcpHostUpdate {
 DhcpHostUpdate put_dhcp_host(const char* host_name, const char* pxe_info,
                              const unsigned char hardware_address[6], const char* fixed_address);
 
-// write_dhcpd_conf that returns why the file was not written, as it was logged, and an empty text
-// when it was.
+// write_dhcpd_conf that returns why the file was not written, and an empty text when it was. The
+// reason is logged unless it is a missing setting.
 std::string replace_dhcpd_conf();

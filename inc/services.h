@@ -30,9 +30,9 @@ ServiceResult stop_boot_services();
 // Ends the whole process with status 255 when it cannot fork.
 ServiceResult start_boot_services();
 
-// Asks a running quordhcpd to reload, through its pipe "/var/lib/quoradmind/dhcp_fifo"; without a
-// reader the request is dropped. Never blocks. Any thread. Logs DHCP_RELOAD,
-// by which the timeline knows that a fetch is done, and a failed open and write alike.
+// Asks a running quordhcpd to reload, through its pipe RELOAD_PIPE; without a reader the request is
+// dropped. Never blocks. Any thread. Logs DHCP_RELOAD, by which the timeline knows that a fetch is
+// done, and a failed open and write alike.
 void refresh_dhcp();
 
 // Services of the same module that the daemon does not move. Each logs its message with the text

@@ -17,6 +17,9 @@
 // never agree.
 inline constexpr std::size_t MAX_STAMP = 127;
 
+// Stands for a stamp that is missing, in a master's answers and pushes.
+inline constexpr const char* NO_STAMP = "null";
+
 // The stamps of both data sets, as they are compared.
 struct StampPair {
     std::string config;

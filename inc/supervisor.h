@@ -5,3 +5,8 @@
 // is no datagram socket. Main thread. Logs BEAT_COUNTED every 2 seconds, by which operators and the
 // timeline see that the process lives.
 void run_slave();
+
+// What a host does that was a slave and starts as the master: a client list that was kept for an
+// unfinished push is put back, since the list of a master changes by other means. Before other
+// threads are started.
+void leave_slave_role();

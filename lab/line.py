@@ -5,7 +5,7 @@ from contextlib import AbstractContextManager
 from pathlib import Path
 
 from .namespaces import Namespaces
-from .network import Fault, Switch
+from .network import Loss, Switch
 from .wait import LabError
 
 TCP_LISTEN = "0A"  # where /proc/net/tcp shows connections as if they were bytes
@@ -34,10 +34,10 @@ class Line:
             raise ValueError(f"direction {direction!r} is not both, in or out")
         other = peer._port if peer else None
         all_frames = direction == "both"
-        outward = Fault(self._port, other, share, all_frames)
-        inward = Fault(other, self._port, share, all_frames)
-        faults = {"both": [outward, inward], "out": [outward], "in": [inward]}
-        self._switch.add_faults(faults[direction])
+        outward = Loss(self._port, other, share, all_frames)
+        inward = Loss(other, self._port, share, all_frames)
+        losses = {"both": [outward, inward], "out": [outward], "in": [inward]}
+        self._switch.add_losses(losses[direction])
 
     def slow(self, shortest: float, longest: float) -> AbstractContextManager[None]:
         """Meanwhile, each frame in or out takes its own time, between so many seconds."""

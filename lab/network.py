@@ -1,4 +1,4 @@
-"""The switch between the hosts, and the faults of its lines."""
+"""The switch between the hosts, and the losses of its lines."""
 
 import os
 import subprocess
@@ -11,12 +11,12 @@ from pathlib import Path
 from .namespaces import PYTHON, Namespaces, Process
 from .wait import LabError
 
-TABLE = "table bridge faults"
+TABLE = "table bridge losses"
 SLOW_LINE = Path(__file__).resolve().parent / "slow_line.py"
 
 
 @dataclass(frozen=True)
-class Fault:
+class Loss:
     """Frames from one port to another get lost; None stands for every port.
 
     `share` is the part of them that does. Without `all_frames` only IPv4 gets lost.
@@ -50,7 +50,7 @@ class Switch:
 
     def __init__(self) -> None:
         self._inside = Namespaces("switch", files=False)
-        self._faults: list[Fault] = []
+        self._losses: list[Loss] = []
         self._lock = threading.Lock()
 
     def wait_ready(self) -> None:
@@ -96,22 +96,22 @@ class Switch:
     def _ip(self, *commands: str) -> None:
         self._run("/usr/sbin/ip", "-batch", "-", text="\n".join([*commands, ""]))
 
-    def add_faults(self, faults: Sequence[Fault]) -> None:
+    def add_losses(self, losses: Sequence[Loss]) -> None:
         with self._lock:
-            self._apply([*self._faults, *faults])
+            self._apply([*self._losses, *losses])
 
     def heal(self, port: str) -> None:
         """Remove every fault that the port takes part in."""
         with self._lock:
-            self._apply([f for f in self._faults if port not in (f.source, f.target)])
+            self._apply([f for f in self._losses if port not in (f.source, f.target)])
 
-    def _apply(self, faults: list[Fault]) -> None:
+    def _apply(self, losses: list[Loss]) -> None:
         """Exchange all rules in one transaction."""
-        rules = "\n".join(fault.rule() for fault in faults)
+        rules = "\n".join(fault.rule() for fault in losses)
         chain = f"chain lines {{\ntype filter hook forward priority 0\n{rules}\n}}"
         text = f"{TABLE}\ndelete {TABLE}\n{TABLE} {{\n{chain}\n}}\n"
         self._run("/usr/sbin/nft", "-f", "-", text=text)
-        self._faults = faults
+        self._losses = losses
 
     def begin_close(self) -> None:
         self._inside.begin_close()

@@ -53,7 +53,7 @@ std::optional<StampPair> read_stamps(const char* missing) {
 
 std::optional<StampPair> current_stamps() {
     const std::lock_guard lock(last_read_lock);
-    if (auto read = read_stamps("null")) {
+    if (auto read = read_stamps(NO_STAMP)) {
         last_read = std::move(read);
     }
     return last_read;

@@ -18,9 +18,10 @@ public:
 
     // Stores one record. Kind 1 goes to config.db, kind 2 to the client list; the key "dbver"
     // becomes that set's stamp in config.db, unless a record of the set could not be stored on this
-    // connection, which is logged. Other kinds are ignored. A damaged client.db
-    // is replaced by an empty one. Logs every record as RECORD_RECEIVED. Returns
-    // whether it was the closing record of a push of clients that was asked for.
+    // connection, or the list is no longer the one that was being filled; either is logged. Other
+    // kinds are ignored. A damaged client.db is replaced by an empty one. Logs every record as
+    // RECORD_RECEIVED. Returns whether it was the closing record of a push of clients that was
+    // asked for.
     bool apply_data_record(const DataRecord& record);
 
     bool has_batch() { return clients_.holds_batch(push_); }

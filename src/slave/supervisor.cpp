@@ -167,6 +167,10 @@ void rest(int fd) {
 
 }  // namespace
 
+void leave_slave_role() {
+    client_list().start_as_master();
+}
+
 void run_slave() {
     init_semaphore();
     slave_exit_requested = 0;

@@ -13,7 +13,6 @@
 #include "master.h"
 #include "own_role.h"
 #include "role.h"
-#include "slave/client_list/client_list.h"
 #include "stamps.h"
 #include "store.h"
 #include "supervisor.h"
@@ -82,7 +81,7 @@ int run_daemon() {
     ensure_dsver();
     if (role == ROLE_MASTER) {
         log_message(msg::ROLE_IS_MASTER);
-        client_list().start_as_master();
+        leave_slave_role();
         start_master();
         idle();
     }

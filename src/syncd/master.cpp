@@ -163,7 +163,7 @@ void serve(OwnedFd fd) {
 }  // namespace
 
 void send_beat_back(int connection, const sockaddr_in& sender) {
-    const StampPair stamps = current_stamps().value_or(StampPair{"null", "null"});
+    const StampPair stamps = current_stamps().value_or(StampPair{NO_STAMP, NO_STAMP});
     const PeerMessage message = make_beat_back(join_stamps(stamps));
     const OwnedText ip(ip_to_string(sender.sin_addr.s_addr));
     if (ip) {

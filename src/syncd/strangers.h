@@ -24,8 +24,8 @@ class Strangers {
 public:
     static constexpr std::size_t MOST = 64;
 
-    // Takes a datagram. When too many wait it is dropped: "too many datagrams of strangers, %zu
-    // dropped, the last one of %s" (LOG_ERROR), at most once a second. One thread at a time.
+    // Takes a datagram. When too many wait it is dropped, which is logged as STRANGERS_DROPPED, at
+    // most once a second. One thread at a time.
     void take(const Datagram& datagram);
 
     Inbox& inbox() { return inbox_; }
@@ -36,6 +36,6 @@ private:
     std::chrono::steady_clock::time_point reported_at_{};
 };
 
-// Drops the repeats of `request`, whose answer has just been sent, from `inbox`. "%zu requests for
-// data set %d dropped, %s has just been sent it" (LOG_INFO) if there were any. Any thread.
+// Drops the repeats of `request`, whose answer has just been sent, from `inbox`, and logs
+// REPEATS_DROPPED if there were any. Any thread.
 void drop_repeats(Inbox& inbox, const Datagram& request);

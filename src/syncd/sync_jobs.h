@@ -38,11 +38,12 @@ inline constexpr std::uint32_t SYNC_OP_GET_DB = 256;
 void check_server_dsver(const HeartbeatBody& heartbeat);
 
 // Queues a fetch from `server` (dotted; null does nothing). A refused job is dropped; the next
-// heartbeat queues another one. Main thread of the master. Logs FETCH_QUEUED.
+// heartbeat queues another one. Either answering thread of the master. Logs FETCH_QUEUED.
 void add_to_sync_config_db(const char* server);
 
 // The job: fetches the server's config.db and puts it in place, if it is a sound database. Owns and
-// releases `arg`. 0 when done or nothing is to do, else GetServerFile's result or -5 for a damaged
-// download, and the old copy stays. Worker thread. Logs JOB_BEGINS and, for a failure, FETCH_FAILED
-// or COPY_DAMAGED.
+// releases `arg`. 0 when done or nothing is to do, and also when a sound download could not be put
+// in place, which is logged as COPY_NOT_PUT_IN_PLACE; else GetServerFile's result, or -5 for a
+// damaged download. The old copy stays then. Worker thread. Logs JOB_BEGINS and, for a failure,
+// FETCH_FAILED or COPY_DAMAGED.
 int SyncQueueProcessor(PSYNCQUEUEARG arg);

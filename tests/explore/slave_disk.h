@@ -17,7 +17,7 @@ public:
 
     // The closing record of that push is being read. Where the closing of another one is still to
     // be finished, it does not count before the list is emptied for it.
-    void closes(const Connection& push, bool other_first) {
+    void closes(const Channel& push, bool other_first) {
         push_ = push;
         push_counts_ = !other_first;
     }
@@ -47,7 +47,7 @@ private:
     unsigned at_;
     unsigned changes_ = 0;
     bool struck_ = false;
-    Connection push_{};
+    Channel push_{};
     bool push_counts_ = false;
 };
 

@@ -67,7 +67,7 @@ public:
     void pause() { list_.flush(push_); }
 
     // Whether the master was asked for its clients.
-    bool read_answer(const Connection& answer) {
+    bool read_answer(const Channel& answer) {
         bool asked = false;
         if (stamp_text(answer.stamp) != list_.stamps()->client) {
             asked = list_.ask();
@@ -82,7 +82,7 @@ public:
     }
 
     // Whether the connection is at its end.
-    bool read_push(Connection& push, bool slowly) {
+    bool read_push(Channel& push, bool slowly) {
         if (push.to_come == 0 && push.broken) {
             end_push();
             return true;
@@ -184,7 +184,7 @@ private:
         }
     }
 
-    void close_push(const Connection& push) {
+    void close_push(const Channel& push) {
         const bool closing_before = list_.memory().state == ListState::CLOSING;
         disk_.closes(push, closing_before);
         if (list_.close(push_, stamp_text(push.stamp))) {
@@ -285,7 +285,7 @@ private:
 // What the slave is going to read.
 class Line : public PushTarget {
 public:
-    explicit Line(Connection& connection) : connection_(connection) {}
+    explicit Line(Channel& connection) : connection_(connection) {}
 
     void add(const PeerMessage& message) override {
         const std::string key(field_text(message.record.key));
@@ -301,7 +301,7 @@ public:
     bool whole() const override { return true; }
 
 private:
-    Connection& connection_;
+    Channel& connection_;
 };
 
 // The master's own way to drop requests that a push has made superfluous.
@@ -329,7 +329,7 @@ void serve(World& world, unsigned most, std::optional<unsigned> edited) {
     pop(world.datagrams);
     const auto end = world.connections.begin() + most;
     const auto place = std::find_if(world.connections.begin(), end,
-                                    [](const Connection& each) { return !each.there; });
+                                    [](const Channel& each) { return !each.there; });
     if (world.slave_runs == 0 || place == end) {
         return;  // refused
     }
@@ -366,7 +366,7 @@ void act_on_slave(const Event& event, const Bounds& bounds, Result& result) {
     World& world = result.world;
     Slave slave(world, event);
     bool request = false;
-    Connection& served = world.connections[0];
+    Channel& served = world.connections[0];
     bool ended = false;
     try {
         switch (event.act) {
@@ -497,7 +497,7 @@ std::vector<World> Explorer::beginnings() const {
 }
 
 bool Explorer::possible(const World& world, Act act, std::uint8_t argument) const {
-    const Connection& served = world.connections[0];
+    const Channel& served = world.connections[0];
     const bool slave = world.slave_runs != 0;
     const bool beats = slave && world.stop_asked == 0;
     switch (act) {
@@ -656,7 +656,7 @@ std::string stamp_name(StampNumber stamp) {
 }
 
 std::string delivery_text(const World& before) {
-    const Connection& served = before.connections[0];
+    const Channel& served = before.connections[0];
     if (!served.is_push) {
         return "an answer with " + stamp_name(served.stamp) +
                (served.stamp == before.stamp ? ": equal" : ": the list is emptied and asked for");

@@ -36,7 +36,7 @@ inline constexpr StampNumber NULL_STAMP = 9;  // what a master without a stamp a
 enum class Waiting : std::uint8_t { NONE, HEARTBEAT, REQUEST };
 
 // A connection of the master to the slave, with what is still to be read from it.
-struct Connection {
+struct Channel {
     bool there;
     bool is_push;  // else an answer
     bool broken;   // nothing behind the records, not even the closing one
@@ -55,7 +55,7 @@ struct World {
     std::uint8_t master_changed;  // the clients, but not yet the stamp
     StampNumber last_stamp;       // that was ever used
     std::array<Waiting, 4> datagrams;
-    std::array<Connection, 3> connections;  // the first one is being served
+    std::array<Channel, 3> connections;  // the first one is being served
 
     // The slave's disk.
     Clients clients;

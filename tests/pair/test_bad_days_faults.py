@@ -49,7 +49,7 @@ class BadDay:
         self.pair.start()
 
     def break_it(self):
-        self.begin, self.turns_before = time.monotonic(), len(self.turns())
+        self.begin, self.role_changes_before = time.monotonic(), len(self.role_changes())
         self._fault_on = self._fault(self.pair)
         self._fault_on.__enter__()
         try:
@@ -67,7 +67,7 @@ class BadDay:
         self.pair.master.client.fill({f"changed {when}": when})
         self.pair.master.config.put("client_db_version", when)
 
-    def turns(self):
+    def role_changes(self):
         """Take-overs and steps back. Standard output has them, whatever becomes of the log."""
         return TURN.findall(self.pair.slave_daemon.output_text())
 
@@ -83,17 +83,17 @@ class BadDay:
         pair.wait_equal(MARGIN)
         self._change("after")
         pair.wait_equal(MARGIN)
-        wait_until(lambda: self.turns()[-1:] != [PROMOTED], LIMIT, "the way back")
-        turns = self.turns()
-        assert turns == [PROMOTED, RESTORED] * (len(turns) // 2)
+        wait_until(lambda: self.role_changes()[-1:] != [PROMOTED], LIMIT, "the way back")
+        changes = self.role_changes()
+        assert changes == [PROMOTED, RESTORED] * (len(changes) // 2)
         # In the order of the roles, not one too many, and none is left; so are never both active.
-        wanted = (START + STOP) * (len(turns) // 2)
+        wanted = (START + STOP) * (len(changes) // 2)
         wait_until(lambda: len(steps(slave)) >= len(wanted), LIMIT, "the last stop")
         assert steps(slave) == wanted
         wait_until(lambda: not slave.services.running(), LIMIT, "their end")
         wait_until(lambda: slave.config.get("dhcp") is None, LIMIT, "the mark to go")
         assert not steps(pair.master)
-        assert self.takes_over in (None, len(turns) > self.turns_before), turns
+        assert self.takes_over in (None, len(changes) > self.role_changes_before), changes
 
     def assert_copy(self):
         """The master gets the slave's settings again."""
@@ -101,7 +101,7 @@ class BadDay:
         copy = self.pair.master.store(f"{self.pair.slave.address}.db")
         wait_until(lambda: not copy.difference(self.pair.slave.config), MARGIN, "an equal copy")
 
-    def story(self):
+    def summary(self):
         told = [f"{self.name}, {self.end - self.begin:.1f} s:"]
         for event in sorted(self.pair.slave.services.events(), key=lambda event: event.monotonic):
             what = {720007: "took over", 720008: "gave back"}.get(event.code, str(event.code))
@@ -131,7 +131,7 @@ def heal_from(pair_factory, clients, trials):
         for day in days:
             day.assert_healed()
             day.assert_copy()
-            print(day.story())
+            print(day.summary())
 
 
 def random_trial(dice):

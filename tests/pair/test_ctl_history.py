@@ -10,7 +10,7 @@ from peer import LIMIT
 FINE, PROBLEM, WRONG_USE, CANNOT_TELL = range(4)
 
 
-def test_a_pair_tells_its_story(pair_factory, ctl):
+def test_the_timeline_of_a_pair(pair_factory, ctl):
     pair = pair_factory(clients=realistic_clients(50))
     master, slave = pair.master, pair.slave
     code, _, complaint = ctl(slave, "timeline")

@@ -8,14 +8,14 @@ import pytest
 from lab import wait_until
 from peer import LIMIT, PORT, FakeMaster, beat_back
 
-TURNS = re.compile(r"^(bottle=|become a|restore to)")
+ROLE_LINES = re.compile(r"^(bottle=|become a|restore to)")
 OUT_OF_BEATS = ["bottle=1, status=71", "bottle=0, status=71", "bottle=-1, status=71"]
 PROMOTED = "become a master host"
 RESTORED = "restore to be a slave host"
 
 
-def turns(host, after=None):
-    return [line.text for line in host.find_log(TURNS, after)]
+def role_lines(host, after=None):
+    return [line.text for line in host.find_log(ROLE_LINES, after)]
 
 
 def service_calls(host):
@@ -51,7 +51,7 @@ def test_a_silent_master_is_replaced_and_gets_its_place_back(lonely_slaves, run_
     daemon = run_daemon(slave)
     slave.wait_log(PROMOTED, LIMIT)
     await_services(slave)
-    seen = turns(slave)
+    seen = role_lines(slave)
     assert seen[: seen.index(PROMOTED)] == OUT_OF_BEATS
 
     dhcpd, stagd = service_calls(slave)
@@ -70,7 +70,7 @@ def test_a_silent_master_is_replaced_and_gets_its_place_back(lonely_slaves, run_
         master.tell(beat_back("#"))
     slave.wait_log(RESTORED, LIMIT, mark)
     slave.wait_log(PROMOTED, LIMIT, mark)
-    seen = turns(slave, mark)
+    seen = role_lines(slave, mark)
     back, gone = seen.index(RESTORED), seen.index(PROMOTED)
     # The answer gives three beats; mostly the next period has taken one when it is noticed.
     assert seen[back - 1] in ("bottle=2, status=75", "bottle=3, status=75")

@@ -1,4 +1,4 @@
-"""The story of a demo: steps that hold or not, what proves them, and the table at its end."""
+"""A run of the demo: steps that hold or not, what proves them, and the table at its end."""
 
 import re
 import time
@@ -20,44 +20,44 @@ class NotTried(Exception):
 
 
 class Step:
-    """One promise. Its seconds and its log lines count from the last start of the story's clock."""
+    """One promise. Its seconds and its log lines count from the last start of the run's clock."""
 
-    def __init__(self, story: "Story", title: str) -> None:
+    def __init__(self, run: "Run", title: str) -> None:
         self.title = title
         self.seconds: float | None = None
         self.evidence = ""
         self.outcome = Outcome.SKIPPED
-        self._story = story
+        self._run = run
 
     def needs(self, *titles: str) -> None:
         """Skip the rest of this step unless those steps held."""
-        for step in self._story.steps:
+        for step in self._run.steps:
             if step.title in titles and step.outcome is not Outcome.HELD:
                 raise NotTried(f"needs: {step.title}")
 
     def stop_clock(self, moment: float | None = None) -> None:
         """The effect is there, or came at that monotonic time; what follows only shows it."""
-        self.seconds = (time.monotonic() if moment is None else moment) - self._story.cause
+        self.seconds = (time.monotonic() if moment is None else moment) - self._run.cause
 
     def tell(self, text: str) -> None:
-        self._story.tell(text)
+        self._run.tell(text)
 
     def wait_log(self, host: Host, pattern: str) -> None:
         """Wait for a line that matches the regular expression."""
-        host.wait_log(re.compile(pattern), LIMIT, self._story.marks[host])
+        host.wait_log(re.compile(pattern), LIMIT, self._run.marks[host])
 
     def show_log(self, host: Host, *patterns: str) -> None:
         """Show the lines that match, in their order; the step fails if a pattern finds none."""
         for pattern in patterns:
             self.wait_log(host, pattern)
-        for line in host.find_log(re.compile("|".join(patterns)), self._story.marks[host]):
+        for line in host.find_log(re.compile("|".join(patterns)), self._run.marks[host]):
             self.quote(host, str(line))
 
     def quote(self, host: Host, line: str) -> None:
-        self._story.console.line(f"{MARGIN}{host.name:6} | {line}", DIM)
+        self._run.console.line(f"{MARGIN}{host.name:6} | {line}", DIM)
 
 
-class Story:
+class Run:
     """Steps in chapters. A step that fails ends its own block and nothing else."""
 
     def __init__(self, console: Console, pair: Pair, pipe: ReloadPipe) -> None:
