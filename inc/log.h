@@ -1,5 +1,4 @@
-// The daemon's diagnostic calls: log_message for the messages of messages.def, and write_log for
-// lines outside that list, such as the tool's.
+// The daemon's one diagnostic call.
 //
 // Every message goes to three places, in this order: the rolling debug log (when switched on, see
 // SGCLog.h), standard output, and a file of the current day, "/var/log//quorsyncd_2026_11_16.log".

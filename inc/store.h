@@ -210,8 +210,8 @@ const char* store_error_text(int code);
 bool db_replace_empty(const char* path);
 
 // Gives the file `path` the second name `name`, in the place of what has it. Not so a damaged one,
-// nor one that is missing or has no records. A failure of the system is logged, a damaged file is
-// not. The name is on disk with the next flush of the directory.
+// nor one that is missing or has no records. A failure is logged. The name is
+// on disk with the next flush of the directory.
 enum class StoreKept { YES, NO_RECORDS, NO };
 StoreKept db_keep(const char* path, const char* name);
 

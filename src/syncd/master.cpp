@@ -62,11 +62,9 @@ OwnedFd open_peer_socket() {
     return fd;
 }
 
-// Answers one datagram over a connection of its own; whoever sent it is answered. Whether it was a
-// request and all that it asks for has been sent.
-bool answer(const Datagram& datagram) {
+// Answers one datagram of `inbox` over a connection of its own; whoever sent it is answered.
+void answer(const Datagram& datagram, Inbox& inbox) {
     const auto& [message, sender] = datagram;
-    bool sent = false;
     if (message.type == MSG_HEARTBEAT) {
         check_server_dsver(message.heartbeat);
     }
@@ -77,14 +75,16 @@ bool answer(const Datagram& datagram) {
         log_message(msg::NO_SOCKET_TO_SLAVE, cause, ip.get(), "start_master", __LINE__);
     }
     if (message.type == MSG_DATA_REQUEST) {
-        sent = push_master_data(connection, sender, message.record);
+        if (push_master_data(connection, sender, message.record)) {
+            // Before the connection ends: whoever asks when it has ended asks anew.
+            drop_repeats(inbox, datagram);
+        }
     } else if (message.type == MSG_HEARTBEAT) {
         send_beat_back(connection, sender);
     } else {
         log_message(msg::UNKNOWN_DATAGRAM);
     }
     (void)TcpClose(connection);
-    return sent;
 }
 
 std::optional<Datagram> receive(int fd) {
@@ -119,9 +119,7 @@ void answer_all(Inbox& inbox) {
         if (!datagram) {
             return;
         }
-        if (answer(*datagram)) {
-            drop_repeats(inbox, *datagram);
-        }
+        answer(*datagram, inbox);
     }
 }
 
