@@ -3,11 +3,11 @@
 #include <utility>
 
 std::string stamp_text(StampNumber stamp) {
-    return stamp == NO_STAMP ? "" : std::to_string(stamp);
+    return stamp == NO_STAMP_YET ? "" : std::to_string(stamp);
 }
 
 StampNumber stamp_number(const std::string& text) {
-    return text.empty() ? NO_STAMP : static_cast<StampNumber>(text[0] - '0');
+    return text.empty() ? NO_STAMP_YET : static_cast<StampNumber>(text[0] - '0');
 }
 
 std::chrono::nanoseconds TestClock::now() {
@@ -104,7 +104,7 @@ bool SlaveDisk::store_stamp(const std::string& stamp) {
 
 bool SlaveDisk::delete_stamp() {
     return durable(true, [&] {
-        world_.stamp = NO_STAMP;
+        world_.stamp = NO_STAMP_YET;
         world_.stamp_set = NO_LIST;
     });
 }

@@ -18,7 +18,7 @@ void forget(World& world) {
     world.slave_runs = world.stop_asked = world.promoted = 0;
     world.bottle_empty = world.records_arrive = 0;
     world.list_state = world.list_kept = world.list_due = world.list_put_back = 0;
-    world.list_closing = NO_STAMP;
+    world.list_closing = NO_STAMP_YET;
     world.batch_open = world.batch = 0;
     world.push_begun = world.push_asked = world.push_refused = 0;
     world.push_failed = world.push_stored = world.push_current = 0;
@@ -108,7 +108,7 @@ public:
         world_.list_kept = memory.kept ? 1 : 0;
         world_.list_due = static_cast<std::uint8_t>(memory.due);
         const bool closing = memory.state == ListState::CLOSING;
-        world_.list_closing = closing ? stamp_number(memory.closing_stamp) : NO_STAMP;
+        world_.list_closing = closing ? stamp_number(memory.closing_stamp) : NO_STAMP_YET;
         world_.push_begun = push_.begun ? 1 : 0;
         world_.push_asked = push_.asked ? 1 : 0;
         world_.push_refused = push_.refused ? 1 : 0;
@@ -344,17 +344,17 @@ void serve(World& world, unsigned most, std::optional<unsigned> edited) {
         drop_repeats(world);
     }
     if (place->stamp == world.backup_stamp && place->set != world.backup_clients) {
-        world.backup_stamp = NO_STAMP;  // it would come back with a stamp of other records
+        world.backup_stamp = NO_STAMP_YET;  // it would come back with a stamp of other records
     }
 }
 
 void swap_roles(World& world) {
     std::swap(world.clients, world.master_clients);
     std::swap(world.stamp, world.master_stamp);
-    world.master_stamp = world.master_stamp == NO_STAMP ? NULL_STAMP : world.master_stamp;
+    world.master_stamp = world.master_stamp == NO_STAMP_YET ? NULL_STAMP : world.master_stamp;
     world.kept = NO_LIST;
     world.journal_there = world.journal_phase = world.journal_due = world.journal_kept = 0;
-    world.journal_stamp = NO_STAMP;
+    world.journal_stamp = NO_STAMP_YET;
     world.stamp_set = NO_LIST;
     world.closed_set = NO_LIST;
     world.complete = world.clients;
@@ -490,7 +490,7 @@ std::vector<World> Explorer::beginnings() const {
     equal.backup_stamp = 1;
     World fresh = equal;
     fresh.clients = 0;
-    fresh.stamp = NO_STAMP;
+    fresh.stamp = NO_STAMP_YET;
     fresh.stamp_set = fresh.complete = NO_LIST;
     fresh.master_clients = fresh.backup_clients = 3;
     return {equal, fresh};
@@ -542,7 +542,7 @@ bool Explorer::possible(const World& world, Act act, std::uint8_t argument) cons
             return world.master_runs == 0;
         case Act::RESTORE_BACKUP:
             return world.master_runs == 0 && world.swaps > 0 && world.master_changed == 0 &&
-                   world.backup_stamp != NO_STAMP;
+                   world.backup_stamp != NO_STAMP_YET;
         case Act::SWAP_ROLES:
             return world.master_runs == 0 && !slave && world.swaps > 0 && world.master_changed == 0;
     }
@@ -652,7 +652,7 @@ std::string names_of(Clients clients) {
 }
 
 std::string stamp_name(StampNumber stamp) {
-    return stamp == NO_STAMP ? "no stamp" : "stamp " + std::to_string(stamp);
+    return stamp == NO_STAMP_YET ? "no stamp" : "stamp " + std::to_string(stamp);
 }
 
 std::string delivery_text(const World& before) {

@@ -30,7 +30,7 @@ using Clients = std::uint8_t;  // a bit for each
 using StampNumber = std::uint8_t;
 
 inline constexpr Clients NO_LIST = 0xff;  // there is no such list, which is not an empty one
-inline constexpr StampNumber NO_STAMP = 0;
+inline constexpr StampNumber NO_STAMP_YET = 0;
 inline constexpr StampNumber NULL_STAMP = 9;  // what a master without a stamp answers
 
 enum class Waiting : std::uint8_t { NONE, HEARTBEAT, REQUEST };
