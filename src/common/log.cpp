@@ -15,6 +15,7 @@
 #include <string_view>
 
 #include "SGCLog.h"
+#include "local_time.h"
 #include "owned.h"
 
 LogSettings log_settings;
@@ -54,9 +55,7 @@ void SecondText::update() {
         return;
     }
     second = now;
-    tzset();  // looks whether the system's time zone has changed, which localtime_r does not
-    std::tm local{};
-    localtime_r(&now, &local);
+    const std::tm local = local_time(now);
     (void)std::snprintf(prefix.data(), prefix.size(), "%s:%s %04d-%02d-%02d %02d:%02d:%02d ",
                         PROGRAM_NAME, PROGRAM_VERSION, local.tm_year + 1900, local.tm_mon + 1,
                         local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);

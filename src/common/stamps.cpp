@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "keys.h"
+#include "local_time.h"
 #include "store.h"
 
 namespace {
@@ -60,10 +61,7 @@ std::optional<StampPair> current_stamps() {
 }
 
 char* format_timestamp(char* buffer, std::size_t size) {
-    const std::time_t seconds = std::time(nullptr);
-    tzset();  // the system's time zone may have changed
-    std::tm now{};
-    localtime_r(&seconds, &now);
+    const std::tm now = local_time(std::time(nullptr));
     std::memset(buffer, 0, size);
     (void)std::snprintf(buffer, size, "%04d%02d%02d%02d%02d%02d", now.tm_year + 1900,
                         now.tm_mon + 1, now.tm_mday, now.tm_hour, now.tm_min, now.tm_sec);

@@ -35,8 +35,9 @@ public:
 }  // namespace
 
 ClientList& client_list() {
-    static SteadyClock clock;
-    static ClientList list(list_files(), clock);
+    // Never destroyed: the receiver may be at work on it while the process ends.
+    static auto& clock = *new SteadyClock;
+    static auto& list = *new ClientList(list_files(), clock);
     return list;
 }
 

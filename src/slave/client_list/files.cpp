@@ -206,6 +206,6 @@ bool HostFiles::close_batch() {
 }  // namespace
 
 ListFiles& list_files() {
-    static HostFiles files;
+    static auto& files = *new HostFiles;  // never destroyed, as the list that works on it
     return files;
 }
