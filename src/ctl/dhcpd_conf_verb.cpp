@@ -51,21 +51,21 @@ Mac parse_mac(const std::string& text) {
         sound = error == std::errc() && end == digits + 2 && (n + 1 == mac.size() || *end == ':');
     }
     if (!sound) {
-        throw CLI::ValidationError("MAC", "\"" + text + "\" is not like 00:1e:4f:aa:0b:31");
+        throw WrongUse("MAC", "\"" + text + "\" is not like 00:1e:4f:aa:0b:31");
     }
     return mac;
 }
 
 void check_address(const std::string& name, const std::string& address) {
     if (!is_dotted_address(address)) {
-        throw CLI::ValidationError(name, "\"" + address + "\" is no dotted address");
+        throw WrongUse(name, "\"" + address + "\" is no dotted address");
     }
 }
 
 void check_text(const std::string& name, const std::string& text) {
     if (has_syntax(text)) {
-        throw CLI::ValidationError(
-            name, "\"" + text + "\" holds a quote, brace, backslash or control character");
+        throw WrongUse(name,
+                       "\"" + text + "\" holds a quote, brace, backslash or control character");
     }
 }
 
@@ -95,16 +95,15 @@ void check_not_part_of_another(const std::string& name) {
         return !found.empty();
     });
     if (!found.empty() && found != "\thost " + name + " {") {
-        throw CLI::ValidationError("NAME", "\"" + name + "\" also stands in the line \"" + found +
-                                               "\" of " + DHCPD_CONF +
-                                               ", whose block would be replaced: choose another");
+        throw WrongUse("NAME", "\"" + name + "\" also stands in the line \"" + found + "\" of " +
+                                   DHCPD_CONF + ", whose block would be replaced: choose another");
     }
 }
 
 void check_client(const Options& options) {
     check_text("NAME", options.name);
     if (options.name.find_first_of(" ;#") != std::string::npos || options.name.empty()) {
-        throw CLI::ValidationError("NAME", "is empty or holds a blank, \";\" or \"#\"");
+        throw WrongUse("NAME", "is empty or holds a blank, \";\" or \"#\"");
     }
     check_text("PXE", options.pxe);
     check_address("ADDRESS", options.address);
@@ -149,8 +148,8 @@ int write_anew(const Options& options) {
         return begins_host(line) && line.find(PLACEHOLDER_HOST) == std::string::npos;
     });
     if (has_clients && !options.force) {
-        throw CLI::ValidationError(
-            DHCPD_CONF, "has entries of boot clients, which would be lost; --force writes it anew");
+        throw WrongUse(DHCPD_CONF,
+                       "has entries of boot clients, which would be lost; --force writes it anew");
     }
     begin_changes();
     if (const std::string failure = replace_dhcpd_conf(); !failure.empty()) {
@@ -195,24 +194,23 @@ int put_host(const Options& options) {
 
 }  // namespace
 
-void add_dhcpd_conf(CLI::App& app, int& status) {
-    CLI::App* verb =
-        add_verb(app, "dhcpd-conf", "Write the system DHCP server's configuration.",
-                 "Settings come from config.db: default_address, netmask, gateway, dns_list,\n"
-                 "ip_begin and ip_end; domain_name (localdomain) and boot_file (pxelinux.0).\n"
-                 "Examples:\n"
-                 "  quorsyncctl dhcpd-conf write\n"
-                 "  quorsyncctl dhcpd-conf host PC-A-00001 00:1e:4f:aa:0b:31 192.168.0.21 win11");
-    verb->require_subcommand(1);
+void add_dhcpd_conf(const Command& tool) {
+    const Command verb =
+        tool.command("dhcpd-conf", "Write the system DHCP server's configuration.")
+            .notes(
+                "Settings come from config.db: default_address, netmask, gateway, dns_list,\n"
+                "ip_begin and ip_end; domain_name (localdomain) and boot_file (pxelinux.0).\n"
+                "Examples:\n"
+                "  quorsyncctl dhcpd-conf write\n"
+                "  quorsyncctl dhcpd-conf host PC-A-00001 00:1e:4f:aa:0b:31 192.168.0.21 win11");
     const auto options = std::make_shared<Options>();
-    CLI::App* write = verb->add_subcommand("write", "Write the file anew, without boot clients.");
-    write->add_flag("--force", options->force, "Even if entries of boot clients are lost");
-    write->callback([options, &status] { status = write_anew(*options); });
-    CLI::App* host = verb->add_subcommand(
-        "host", "Put or replace a boot client's entry, then restart the server.");
-    host->add_option("NAME", options->name, "Name of the client")->required();
-    host->add_option("MAC", options->mac, "Its hardware address")->required();
-    host->add_option("ADDRESS", options->address, "The address that it gets")->required();
-    host->add_option("PXE", options->pxe, "Its PXE information text")->required();
-    host->callback([options, &status] { status = put_host(*options); });
+    verb.command("write", "Write the file anew, without boot clients.")
+        .flag("--force", options->force, "Even if entries of boot clients are lost")
+        .runs([options] { return write_anew(*options); });
+    verb.command("host", "Put or replace a boot client's entry, then restart the server.")
+        .argument("NAME", options->name, "Name of the client")
+        .argument("MAC", options->mac, "Its hardware address")
+        .argument("ADDRESS", options->address, "The address that it gets")
+        .argument("PXE", options->pxe, "Its PXE information text")
+        .runs([options] { return put_host(*options); });
 }

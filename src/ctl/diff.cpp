@@ -150,8 +150,8 @@ bool hold_clients(const Options& options) {
     }
     const bool any = std::any_of(paths.begin(), paths.end(), holds_clients);
     if (any && std::any_of(paths.begin(), paths.end(), holds_settings)) {
-        throw CLI::ValidationError(
-            "B.db", "one file holds clients, the other settings; --set tells what both hold");
+        throw WrongUse("B.db",
+                       "one file holds clients, the other settings; --set tells what both hold");
     }
     return any;
 }
@@ -175,20 +175,19 @@ int diff(const Options& options) {
 
 }  // namespace
 
-void add_diff(CLI::App& app, int& status) {
-    CLI::App* verb = add_verb(
-        app, "diff", "Compare two database files key by key.",
-        "Shows the keys that differ, and always both stamps and dsver. \"pushed\" keys and\n"
-        "the stamps are mirrored: where one of them differs, the exit code is 1.\n"
-        "Examples:\n"
-        "  quorsyncctl diff config /etc/quoradmind/192.168.0.2.db\n"
-        "  quorsyncctl diff client /mnt/backup/client.db --json");
+void add_diff(const Command& tool) {
     const auto options = std::make_shared<Options>();
-    verb->add_option("A.db", options->left, "config, client, disk or a path")->required();
-    verb->add_option("B.db", options->right, "config, client, disk or a path")->required();
-    verb->add_option("--set", options->set, "What they hold: config or client; auto goes by name")
-        ->check(CLI::IsMember({"auto", "config", "client"}))
-        ->capture_default_str();
-    verb->add_flag("--json", options->json, "As a JSON object");
-    verb->callback([options, &status] { status = diff(*options); });
+    tool.command("diff", "Compare two database files key by key.")
+        .notes(
+            "Shows the keys that differ, and always both stamps and dsver. \"pushed\" keys and\n"
+            "the stamps are mirrored: where one of them differs, the exit code is 1.\n"
+            "Examples:\n"
+            "  quorsyncctl diff config /etc/quoradmind/192.168.0.2.db\n"
+            "  quorsyncctl diff client /mnt/backup/client.db --json")
+        .argument("A.db", options->left, "config, client, disk or a path")
+        .argument("B.db", options->right, "config, client, disk or a path")
+        .option("--set", options->set, "What they hold: config or client; auto goes by name",
+                {"auto", "config", "client"})
+        .flag("--json", options->json, "As a JSON object")
+        .runs([options] { return diff(*options); });
 }

@@ -65,16 +65,16 @@ FileFetch receive(const Options& options, const std::string& beside) {
 
 int fetch(const Options& options) {
     if (!is_dotted_address(options.address)) {
-        throw CLI::ValidationError("ADDRESS", "\"" + options.address + "\" is no dotted address");
+        throw WrongUse("ADDRESS", "\"" + options.address + "\" is no dotted address");
     }
     // It is replaced and not written to: a device would be gone.
     if (std::filesystem::exists(options.local) &&
         !std::filesystem::is_regular_file(options.local)) {
-        throw CLI::ValidationError("LOCAL", "\"" + options.local + "\" is no ordinary file");
+        throw WrongUse("LOCAL", "\"" + options.local + "\" is no ordinary file");
     }
     const std::string directory = std::filesystem::absolute(options.local).parent_path();
     if (access(directory.c_str(), W_OK) != 0) {
-        throw CLI::ValidationError("LOCAL", directory + ": " + std::strerror(errno));
+        throw WrongUse("LOCAL", directory + ": " + std::strerror(errno));
     }
     const std::string beside = options.local + ".part";  // what is there stays until all has come
     const Clock::time_point start = Clock::now();
@@ -97,15 +97,15 @@ int fetch(const Options& options) {
 
 }  // namespace
 
-void add_fetch(CLI::App& app, int& status) {
-    CLI::App* verb =
-        add_verb(app, "fetch", "Fetch a file of a peer through its file service.",
-                 "LOCAL is replaced only when the whole file has come.\n"
-                 "Example:\n"
-                 "  quorsyncctl fetch 192.168.0.2 /etc/quoradmind/config.db /tmp/slave.db");
+void add_fetch(const Command& tool) {
     const auto options = std::make_shared<Options>();
-    verb->add_option("ADDRESS", options->address, "The peer, dotted")->required();
-    verb->add_option("REMOTE", options->remote, "Path of the file there")->required();
-    verb->add_option("LOCAL", options->local, "Path of the file here")->required();
-    verb->callback([options, &status] { status = fetch(*options); });
+    tool.command("fetch", "Fetch a file of a peer through its file service.")
+        .notes(
+            "LOCAL is replaced only when the whole file has come.\n"
+            "Example:\n"
+            "  quorsyncctl fetch 192.168.0.2 /etc/quoradmind/config.db /tmp/slave.db")
+        .argument("ADDRESS", options->address, "The peer, dotted")
+        .argument("REMOTE", options->remote, "Path of the file there")
+        .argument("LOCAL", options->local, "Path of the file here")
+        .runs([options] { return fetch(*options); });
 }

@@ -22,6 +22,13 @@
 
 namespace {
 
+constexpr const char* NOTES = R"(
+A daemon that was killed as an acting master leaves its services behind, and the slave
+that starts again does not know of them: its unit runs "stop boot --if-slave" before.
+Examples:
+  quorsyncctl service stop boot --if-slave
+  quorsyncctl service start tftp)";
+
 struct Service {
     const char* name;
     const char* summary;
@@ -89,10 +96,14 @@ bool program_is_there(const Service& service) {
     return false;
 }
 
+// Whether these are the services that move between the servers of the pair.
+bool moves(const Service& service) {
+    return service.start == start_boot_services;
+}
+
 int start(const Service& service, const Options& options) {
-    const bool moves = service.start == start_boot_services;
-    if (moves && !options.force && stands_by_for_the_master()) {
-        throw CLI::ValidationError(
+    if (moves(service) && !options.force && stands_by_for_the_master()) {
+        throw WrongUse(
             service.name,
             "this host is the slave: beside its master, both would serve the clients; --force "
             "starts them all the same");
@@ -143,26 +154,21 @@ int stop(const Service& service, const Options& options) {
 
 }  // namespace
 
-void add_service(CLI::App& app, int& status) {
-    CLI::App* verb = add_verb(
-        app, "service", "Start and stop the boot services of this host.",
-        "A daemon that was killed as an acting master leaves its services behind, and the slave\n"
-        "that starts again does not know of them: its unit runs \"stop boot --if-slave\" before.\n"
-        "Examples:\n"
-        "  quorsyncctl service stop boot --if-slave\n"
-        "  quorsyncctl service start tftp");
-    verb->require_subcommand(1);
+void add_service(const Command& tool) {
+    const Command verb =
+        tool.command("service", "Start and stop the boot services of this host.").notes(NOTES);
     const auto options = std::make_shared<Options>();
-    CLI::App* starts = verb->add_subcommand("start", "Start a service.")->require_subcommand(1);
-    CLI::App* stops = verb->add_subcommand("stop", "Stop a service.")->require_subcommand(1);
+    const Command starts = verb.command("start", "Start a service.");
+    const Command stops = verb.command("stop", "Stop a service.");
     for (const Service& service : SERVICES) {
-        CLI::App* one = starts->add_subcommand(service.name, service.summary);
-        CLI::App* other = stops->add_subcommand(service.name, service.summary);
-        one->callback([&service, options, &status] { status = start(service, *options); });
-        other->callback([&service, options, &status] { status = stop(service, *options); });
+        const Command one = starts.command(service.name, service.summary);
+        const Command other = stops.command(service.name, service.summary);
+        if (moves(service)) {
+            one.flag("--force", options->force, "Even beside a living master");
+            other.flag("--if-slave", options->if_slave,
+                       "Only if this host is the slave of the pair");
+        }
+        one.runs([&service, options] { return start(service, *options); });
+        other.runs([&service, options] { return stop(service, *options); });
     }
-    starts->get_subcommand("boot")->add_flag("--force", options->force,
-                                             "Even beside a living master");
-    stops->get_subcommand("boot")->add_flag("--if-slave", options->if_slave,
-                                            "Only if this host is the slave of the pair");
 }

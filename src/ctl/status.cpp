@@ -323,11 +323,11 @@ int show_status(const Options& options) {
 
 }  // namespace
 
-void add_status(CLI::App& app, int& status) {
-    CLI::App* verb = add_verb(app, "status", "Show this host of the pair at a glance.", NOTES);
+void add_status(const Command& tool) {
     const auto options = std::make_shared<Options>();
-    verb->add_option("--dir", options->directory, "Where the daily logs are")
-        ->capture_default_str();
-    verb->add_flag("--json", options->json, "Print machine-readable output");
-    verb->callback([options, &status] { status = show_status(*options); });
+    tool.command("status", "Show this host of the pair at a glance.")
+        .notes(NOTES)
+        .option("--dir", options->directory, "Where the daily logs are")
+        .flag("--json", options->json, "Print machine-readable output")
+        .runs([options] { return show_status(*options); });
 }

@@ -106,24 +106,23 @@ void check_change(const Options& options, const std::string& value) {
     const std::string misfit =
         message_fault(replication_of(holds_clients(path), options.key), options.key, value);
     if (options.key.empty()) {
-        throw CLI::ValidationError("KEY", "is empty");
+        throw WrongUse("KEY", "is empty");
     }
     if (path.find('/') == std::string::npos && access(path.c_str(), F_OK) != 0) {
-        throw CLI::ValidationError("--file", "\"" + path +
-                                                 "\" is neither config, client or disk nor a file "
-                                                 "here; a new one wants its whole path");
+        throw WrongUse("--file", "\"" + path +
+                                     "\" is neither config, client or disk nor a file "
+                                     "here; a new one wants its whole path");
     }
     if (!misfit.empty()) {
-        throw CLI::ValidationError(options.key, misfit);
+        throw WrongUse(options.key, misfit);
     }
 }
 
 void check_place(const Options& options) {
     if (!options.force && is_mirrored(pair_replication(options)) && is_configured_slave()) {
-        throw CLI::ValidationError(
-            options.key,
-            "this host is the slave: change it on the master, which overwrites it here; "
-            "--force changes it all the same");
+        throw WrongUse(options.key,
+                       "this host is the slave: change it on the master, which overwrites it here; "
+                       "--force changes it all the same");
     }
 }
 
@@ -177,7 +176,7 @@ int del(const Options& options) {
 
 void check_item(const Options& options) {
     if (options.value.empty() || options.value.find(',') != std::string::npos) {
-        throw CLI::ValidationError("ITEM", "is empty or holds the list's own \",\"");
+        throw WrongUse("ITEM", "is empty or holds the list's own \",\"");
     }
 }
 
@@ -216,7 +215,7 @@ int list_add(const Options& options) {
     }
     const std::string longer = list->empty() ? options.value : *list + "," + options.value;
     if (longer.size() > MAX_LIST) {
-        throw CLI::ValidationError(options.key, "a list ends at 4095 characters");
+        throw WrongUse(options.key, "a list ends at 4095 characters");
     }
     check_change(options, longer);
     check_place(options);
@@ -262,75 +261,70 @@ int bump(const Options& options) {
 using Operation = int (*)(const Options&);
 using SharedOptions = std::shared_ptr<Options>;
 
-CLI::App* add_operation(CLI::App& verb, int& status, const char* name, const char* summary,
-                        Operation operation, const SharedOptions& options) {
-    CLI::App* sub = verb.add_subcommand(name, summary);
-    sub->add_option("-f,--file", options->file, "config, client, disk or a path")
-        ->capture_default_str();
-    sub->callback([options, operation, &status] { status = operation(*options); });
-    return sub;
+Command add_operation(const Command& verb, const char* name, const char* summary,
+                      Operation operation, const SharedOptions& options) {
+    const Command added = verb.command(name, summary)
+                              .option("-f,--file", options->file, "config, client, disk or a path");
+    added.runs([options, operation] { return operation(*options); });
+    return added;
 }
 
-void add_key(CLI::App* sub, const SharedOptions& options) {
-    sub->add_option("KEY", options->key, "Key of the record")->required();
+void add_key(const Command& operation, const SharedOptions& options) {
+    operation.argument("KEY", options->key, "Key of the record");
 }
 
-void add_force(CLI::App* sub, const SharedOptions& options) {
-    sub->add_flag("--force", options->force, "Change mirrored data on the slave, too");
+void add_force(const Command& operation, const SharedOptions& options) {
+    operation.flag("--force", options->force, "Change mirrored data on the slave, too");
 }
 
-void add_readers(CLI::App& verb, int& status, const SharedOptions& options) {
-    add_key(add_operation(verb, status, "get", "Print the value of a key.", get, options), options);
-    add_operation(verb, status, "dump", "Print all records as key=value.", dump, options)
-        ->add_flag("--json", options->json, "As a JSON object");
-    add_operation(verb, status, "verify", "Examine whether the file is sound.", verify, options);
+void add_readers(const Command& verb, const SharedOptions& options) {
+    add_key(add_operation(verb, "get", "Print the value of a key.", get, options), options);
+    add_operation(verb, "dump", "Print all records as key=value.", dump, options)
+        .flag("--json", options->json, "As a JSON object");
+    add_operation(verb, "verify", "Examine whether the file is sound.", verify, options);
 }
 
-void add_writers(CLI::App& verb, int& status, const SharedOptions& options) {
-    CLI::App* sub = add_operation(verb, status, "put", "Store a value.", put, options);
-    add_key(sub, options);
-    sub->add_option("VALUE", options->value, "The new value")->required();
-    add_force(sub, options);
-
-    sub = add_operation(verb, status, "del", "Delete a record.", del, options);
-    add_key(sub, options);
-    add_force(sub, options);
-
-    const auto add_list_operation = [&](const char* name, const char* summary, Operation change) {
-        sub = add_operation(verb, status, name, summary, change, options);
-        add_key(sub, options);
-        sub->add_option("ITEM", options->value, "The item")->required();
-        add_force(sub, options);
+void add_writers(const Command& verb, const SharedOptions& options) {
+    const auto add_with_value = [&](const char* name, const char* summary, Operation change,
+                                    const char* value, const char* help) {
+        const Command added = add_operation(verb, name, summary, change, options);
+        add_key(added, options);
+        added.argument(value, options->value, help);
+        add_force(added, options);
     };
-    add_list_operation("list-add", "Add an item to a comma list.", list_add);
-    add_list_operation("list-remove", "Take an item out of a comma list.", list_remove);
+    add_with_value("put", "Store a value.", put, "VALUE", "The new value");
+    const Command del_verb = add_operation(verb, "del", "Delete a record.", del, options);
+    add_key(del_verb, options);
+    add_force(del_verb, options);
+    add_with_value("list-add", "Add an item to a comma list.", list_add, "ITEM", "The item");
+    add_with_value("list-remove", "Take an item out of a comma list.", list_remove, "ITEM",
+                   "The item");
 }
 
-void add_bump(CLI::App& verb, int& status, const SharedOptions& options) {
-    CLI::App* sub = verb.add_subcommand("bump", "Raise a version stamp: the slaves fetch the set.");
-    sub->add_option("SET", options->set, "config or client")
-        ->required()
-        ->check(CLI::IsMember({"config", "client"}));
-    add_force(sub, options);
-    sub->callback([options, &status] {
+void add_bump(const Command& verb, const SharedOptions& options) {
+    const Command added =
+        verb.command("bump", "Raise a version stamp: the slaves fetch the set.")
+            .argument("SET", options->set, "config or client", {"config", "client"});
+    add_force(added, options);
+    added.runs([options] {
         options->key = options->set == "client" ? KEY_CLIENT_VERSION : KEY_CONFIG_VERSION;
-        status = bump(*options);
+        return bump(*options);
     });
 }
 
 }  // namespace
 
-void add_store(CLI::App& app, int& status) {
-    CLI::App* verb = add_verb(app, "store", "Read and change the configuration store.",
-                              "Examples:\n"
-                              "  quorsyncctl store get server_list\n"
-                              "  quorsyncctl store dump --file client --json\n"
-                              "  quorsyncctl store put default_writeback /srv/writeback\n"
-                              "  quorsyncctl store list-add server_list 192.168.0.2\n"
-                              "  quorsyncctl store bump config");
-    verb->require_subcommand(1);
+void add_store(const Command& tool) {
+    const Command verb = tool.command("store", "Read and change the configuration store.")
+                             .notes(
+                                 "Examples:\n"
+                                 "  quorsyncctl store get server_list\n"
+                                 "  quorsyncctl store dump --file client --json\n"
+                                 "  quorsyncctl store put default_writeback /srv/writeback\n"
+                                 "  quorsyncctl store list-add server_list 192.168.0.2\n"
+                                 "  quorsyncctl store bump config");
     const auto options = std::make_shared<Options>();
-    add_readers(*verb, status, options);
-    add_writers(*verb, status, options);
-    add_bump(*verb, status, options);
+    add_readers(verb, options);
+    add_writers(verb, options);
+    add_bump(verb, options);
 }

@@ -6,6 +6,9 @@
 #include <exception>
 #include <string>
 #include <system_error>
+#include <utility>
+
+#include <CLI/CLI.hpp>
 
 #include "console.h"
 #include "log.h"
@@ -49,29 +52,59 @@ std::string fault_text(const CLI::App& verb, const CLI::ParseError& error) {
 // Complains of a wrong command line.
 void complain_about(const CLI::App& verb, const CLI::ParseError& error) {
     if (dynamic_cast<const CLI::ValidationError*>(&error) != nullptr) {
-        complain("{}", escape(error.what()));  // in the verb's own words
+        complain("{}", escape(error.what()));  // names the option
         return;
     }
     complain("{}", escape(fault_text(verb, error)));
     complain("\"{} --help\" tells more", words_of(verb));
 }
 
+void limit(CLI::Option* option, const std::vector<std::string>& choices) {
+    if (!choices.empty()) {
+        option->check(CLI::IsMember(choices));
+    }
+}
+
 }  // namespace
 
-CLI::App* add_verb(CLI::App& parent, const char* name, const char* summary, const char* notes) {
-    CLI::App* verb = parent.add_subcommand(name, summary);
-    verb->footer(notes + (*notes == '\n' ? 1 : 0) + std::string(EXIT_CODES));
-    return verb;
+Command Command::command(const char* name, const char* summary) const {
+    m_app.require_subcommand(1);
+    return {*m_app.add_subcommand(name, summary), m_status};
+}
+
+const Command& Command::notes(const char* notes) const {
+    m_app.footer(notes + (*notes == '\n' ? 1 : 0) + std::string(EXIT_CODES));
+    return *this;
+}
+
+const Command& Command::argument(const char* name, std::string& value, const char* help,
+                                 const std::vector<std::string>& choices) const {
+    limit(m_app.add_option(name, value, help)->required(), choices);
+    return *this;
+}
+
+const Command& Command::option(const char* name, std::string& value, const char* help,
+                               const std::vector<std::string>& choices) const {
+    limit(m_app.add_option(name, value, help)->capture_default_str(), choices);
+    return *this;
+}
+
+const Command& Command::flag(const char* name, bool& value, const char* help) const {
+    m_app.add_flag(name, value, help);
+    return *this;
+}
+
+void Command::runs(std::function<int()> function) const {
+    m_app.callback([function = std::move(function), &status = m_status] { status = function(); });
 }
 
 int run_ctl(int argc, char** argv) {
     CLI::App app("Looks after this host of a quorsyncd pair.", "quorsyncctl");
     app.set_version_flag("--version", std::string("quorsyncctl ") + PROGRAM_VERSION);
-    app.require_subcommand(1);
     app.footer(std::string("\"quorsyncctl VERB --help\" has examples.") + EXIT_CODES);
     int status = EXIT_FINE;
     for (const auto add : VERBS) {
-        add(app, status);
+        add(Command(app, status));
     }
     begin_inspection();
     try {
@@ -82,6 +115,9 @@ int run_ctl(int argc, char** argv) {
         return status;
     } catch (const CLI::Success& help) {
         return app.exit(help);
+    } catch (const WrongUse& error) {
+        complain("{}", escape(error.what()));
+        return EXIT_WRONG_USE;
     } catch (const CLI::ParseError& error) {
         complain_about(chosen_verb(app), error);
         return EXIT_WRONG_USE;

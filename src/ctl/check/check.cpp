@@ -99,12 +99,12 @@ int check(const Options& options) {
 
 }  // namespace
 
-void add_check(CLI::App& app, int& status) {
-    CLI::App* verb = add_verb(app, "check",
-                              "Check what the daemon needs on this host, and why it waits.", NOTES);
+void add_check(const Command& tool) {
     const auto options = std::make_shared<Options>();
-    verb->add_flag("--warn", options->warn,
-                   "Only warn: print what is wrong on standard error, exit with 0");
-    verb->add_flag("--json", options->json, "Print machine-readable output");
-    verb->callback([options, &status] { status = check(*options); });
+    tool.command("check", "Check what the daemon needs on this host, and why it waits.")
+        .notes(NOTES)
+        .flag("--warn", options->warn,
+              "Only warn: print what is wrong on standard error, exit with 0")
+        .flag("--json", options->json, "Print machine-readable output")
+        .runs([options] { return check(*options); });
 }

@@ -81,10 +81,9 @@ int show_timeline(const Options& options) {
     if (!options.since.empty()) {
         since = parse_since(options.since, log_time_now());
         if (!since) {
-            throw CLI::ValidationError("--since",
-                                       "\"" + options.since +
-                                           "\" is no time; say "
-                                           "\"2026-11-16 03:00\", \"03:00\", \"2h\" or \"today\"");
+            throw WrongUse("--since", "\"" + options.since +
+                                          "\" is no time; say "
+                                          "\"2026-11-16 03:00\", \"03:00\", \"2h\" or \"today\"");
         }
     }
     History history = read_history(options.directory, since);
@@ -110,14 +109,13 @@ int show_timeline(const Options& options) {
 
 }  // namespace
 
-void add_timeline(CLI::App& app, int& status) {
-    CLI::App* verb = add_verb(app, "timeline", "Show what happened, by the daemon's logs.", NOTES);
+void add_timeline(const Command& tool) {
     const auto options = std::make_shared<Options>();
-    verb->add_option("--since", options->since,
-                     "Begin at a time, a day, or so long ago: 30m, 2h, 3d, today, yesterday")
-        ->type_name("TIME");
-    verb->add_option("--dir", options->directory, "Where the daily logs are")
-        ->capture_default_str();
-    verb->add_flag("--json", options->json, "Print machine-readable output");
-    verb->callback([options, &status] { status = show_timeline(*options); });
+    tool.command("timeline", "Show what happened, by the daemon's logs.")
+        .notes(NOTES)
+        .option("--since", options->since,
+                "Begin at a time, a day, or so long ago: 30m, 2h, 3d, today, yesterday")
+        .option("--dir", options->directory, "Where the daily logs are")
+        .flag("--json", options->json, "Print machine-readable output")
+        .runs([options] { return show_timeline(*options); });
 }
