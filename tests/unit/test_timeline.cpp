@@ -196,6 +196,19 @@ TEST(Timeline, CallsEndlessReSyncByItsName) {
                             "again, though it came to its end each time, stamp same"));
 }
 
+TEST(Timeline, TakesRequestsOfOneMomentForOneAttempt) {
+    std::vector<std::string> lines;
+    add_sync(lines, 0, "one", 0, false);
+    add_sync(lines, 0, "one", 0, false);
+    add_sync(lines, 1, "one", 0, false);
+    for (int n = 0; n < 3; ++n) {
+        lines.push_back("00:00:02 INFO :data 2: MAC=v");
+        lines.push_back("00:00:02 INFO :data 2: dbver=one");
+    }
+    EXPECT_THAT(told(lines), ElementsAre("00:00:00 sync: client set received: 1 record in less "
+                                         "than a second, stamp one"));
+}
+
 TEST(Timeline, TellsConfigSetsThatNeverEnd) {
     const auto asked = [](int start) {
         return std::vector<std::string>{clock_text(start) + " INFO :start_data_syncd CONFIG",

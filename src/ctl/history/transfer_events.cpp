@@ -14,6 +14,8 @@ namespace {
 constexpr std::size_t CONFIG = DATA_KIND_CONFIG;
 constexpr std::size_t CLIENT = DATA_KIND_CLIENT;
 
+constexpr std::chrono::seconds AT_ONCE{2};  // the answers to one heartbeat come within its period
+
 std::string set_name(std::size_t kind) {
     return data_set_of(static_cast<std::uint32_t>(kind))->name + std::string(" set");
 }
@@ -34,10 +36,10 @@ std::size_t set_of(std::string_view number) {
 bool TransferEvents::handle(const ParsedMessage& message) {
     switch (message.meaning()) {
         case Meaning::CONFIG_ASKED_FOR:
-            begin(EventKind::SYNC, CONFIG, message.time);
+            ask(CONFIG, message.time);
             return true;
         case Meaning::CLIENTS_ASKED_FOR:
-            begin(EventKind::SYNC, CLIENT, message.time);
+            ask(CLIENT, message.time);
             return true;
         case Meaning::CONFIG_STAMPS:
             transfers_[CONFIG].stamp = message.arguments[3];
@@ -99,6 +101,16 @@ void TransferEvents::report_open_ones() {
 }
 
 // --- On a slave --------------------------------------------------------------------------------
+
+// Answers that come at once, over two lines or after a standstill, make several requests: these are
+// one attempt.
+void TransferEvents::ask(std::size_t set, LogTime time) {
+    const Transfer& transfer = transfers_[set];
+    if (!transfer.open || transfer.records > 0 || time - transfer.begin >= AT_ONCE) {
+        begin(EventKind::SYNC, set, time);
+        transfers_[set].asked = true;
+    }
+}
 
 void TransferEvents::receive(LogTime time, std::size_t set, std::string_view key,
                              std::string_view value) {
@@ -200,12 +212,15 @@ void TransferEvents::report(std::size_t set, bool whole) {
         transfer.event_role_changes = transfer.role_changes;
         transfer.times = transfer.whole_times = 0;
     }
-    ++transfer.times;
-    transfer.whole_times += whole ? 1 : 0;
-    if (transfer.times < ENDLESS) {
+    // A push that nobody asked for anew belongs to the attempt before it.
+    const bool repeated = again && kind_ == EventKind::SYNC && !transfer.asked;
+    transfer.asked = false;
+    transfer.times += repeated ? 0 : 1;
+    transfer.whole_times = std::min(transfer.whole_times + (whole ? 1 : 0), transfer.times);
+    if (!repeated && transfer.times < ENDLESS) {
         transfer.event = events_.size();
         events_.add(kind_, transfer.begin, {});
-    } else if (transfer.times == ENDLESS) {
+    } else if (!repeated && transfer.times == ENDLESS) {
         events_.remove(*transfer.event);  // one reports all from now on
         transfer.event = transfer.first_event;
     }

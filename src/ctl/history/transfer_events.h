@@ -28,6 +28,7 @@ private:
     // A set on its way, and the events that report it and those before it with the same stamp.
     struct Transfer {
         bool open = false;
+        bool asked = false;  // it began with a request
         LogTime begin{};
         LogTime last{};
         std::string stamp;
@@ -44,6 +45,7 @@ private:
     };
 
     void note_failure(const ParsedMessage& failure);
+    void ask(std::size_t set, LogTime time);
     void receive(LogTime time, std::size_t set, std::string_view key, std::string_view value);
     void note_missing_stamp(const ParsedMessage& failure);
     void answer_beat(LogTime time, std::string_view slave);
