@@ -34,14 +34,18 @@ bool is_masters(std::uint32_t address) {
     });
 }
 
-std::string masters_end_of(int connection) {
+std::uint32_t peer_of(int connection) {
     sockaddr_in peer{};
     socklen_t length = sizeof peer;
-    if (getpeername(connection, reinterpret_cast<sockaddr*>(&peer), &length) != 0 ||
-        peer.sin_family != AF_INET || !is_masters(peer.sin_addr.s_addr) ||
-        peer.sin_addr.s_addr == inet_addr(master_ip)) {
+    (void)getpeername(connection, reinterpret_cast<sockaddr*>(&peer), &length);
+    return peer.sin_addr.s_addr;
+}
+
+std::string masters_end_of(int connection) {
+    const std::uint32_t peer = peer_of(connection);
+    if (peer == inet_addr(master_ip) || !is_masters(peer)) {
         return master_ip;
     }
-    const OwnedText dotted(ip_to_string(peer.sin_addr.s_addr));
+    const OwnedText dotted(ip_to_string(peer));
     return dotted ? dotted.get() : master_ip;
 }

@@ -14,6 +14,10 @@ std::vector<std::string> master_paths();
 // does.
 bool is_masters(std::uint32_t address);
 
+// The address (network byte order) from which `connection`, a TCP descriptor, comes; 0 when it is
+// not connected. Any thread.
+std::uint32_t peer_of(int connection);
+
 // The address (dotted) from which `connection`, a TCP descriptor, comes, if it is one of the
 // master's; otherwise the one in `master`. Any thread; logs as the store does.
 std::string masters_end_of(int connection);

@@ -65,13 +65,6 @@ void set_connection_options(int connection) {
     (void)setsockopt(connection, IPPROTO_TCP, TCP_CORK, &on, sizeof on);
 }
 
-std::uint32_t peer_of(int connection) {
-    sockaddr_in peer{};
-    socklen_t length = sizeof peer;
-    (void)getpeername(connection, reinterpret_cast<sockaddr*>(&peer), &length);
-    return peer.sin_addr.s_addr;
-}
-
 // Exists while something of the master's is worked on: whatever that takes, the master has not
 // fallen silent.
 using MastersWork = std::optional<ClientList::Work>;
@@ -237,7 +230,7 @@ void Receiver::serve(Connection& connection) {
     }
     while (const PeerMessage* message = connection.stream.next()) {
         if (!connection.sink) {
-            connection.sink = std::make_unique<RecordSink>();
+            connection.sink = std::make_unique<RecordSink>(connection.of_master);
         }
         served_ = &connection;
         act_on(*message, connection.fd.get(), connection.of_master, *connection.sink);

@@ -11,7 +11,9 @@
 // close it whenever the connection falls silent. The destructor closes it.
 class RecordSink {
 public:
-    explicit RecordSink(ClientList& clients = client_list()) : clients_(clients) {}
+    // `of_master`: they come from one of the master's addresses, so they may have been asked for.
+    explicit RecordSink(bool of_master, ClientList& clients = client_list())
+        : clients_(clients), push_{.of_master = of_master} {}
     RecordSink(const RecordSink&) = delete;
     RecordSink& operator=(const RecordSink&) = delete;
     ~RecordSink();

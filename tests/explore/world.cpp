@@ -77,7 +77,7 @@ public:
         }
         world_.bottle_empty = 0;
         list_.end(push_);
-        push_ = {};
+        push_ = {.of_master = true};
         return asked;
     }
 
@@ -121,7 +121,8 @@ public:
 
 private:
     static ClientPush push_in(const World& world) {
-        return {.begun = world.push_begun != 0,
+        return {.of_master = true,
+                .begun = world.push_begun != 0,
                 .asked = world.push_asked != 0,
                 .refused = world.push_refused != 0,
                 .failed = world.push_failed != 0,
@@ -197,7 +198,7 @@ private:
     }
     void end_push() {
         list_.end(push_);
-        push_ = {};
+        push_ = {.of_master = true};
     }
 
     void check_equal() {

@@ -44,8 +44,8 @@ protected:
         }
     }
     // The records of one connection; without a stamp it breaks off.
-    void push(const std::vector<std::string>& clients, const char* stamp) {
-        ClientPush push;
+    void push(const std::vector<std::string>& clients, const char* stamp, bool of_master = true) {
+        ClientPush push{.of_master = of_master};
         for (const std::string& client : clients) {
             list_->put(push, client, "new");
         }
@@ -144,11 +144,20 @@ TEST_F(ClientListTest, RecordsThatNobodyAskedForAreAdded) {
     EXPECT_EQ(clients(), (std::vector{"first"s, "second"s}));
     EXPECT_EQ(stamp(), "v4");
     EXPECT_EQ(names(), only_files_);
+    // Nor does a request that got lost make a push of what a tool sends.
+    ask(2);
+    push({"third"}, "v5");
+    push({"of a tool"}, nullptr, false);
+    EXPECT_EQ(clients(), (std::vector{"of a tool"s, "third"s}));
+    push({"of a tool, too"}, "v6", false);
+    list_->equal_stamps();
+    EXPECT_EQ(clients(), (std::vector{"of a tool"s, "of a tool, too"s, "third"s}));
+    EXPECT_EQ(stamp(), "v6");
 }
 
 TEST_F(ClientListTest, AnAnswerInTheMiddleOfAPushMakesItAnother) {
     ask(1);
-    ClientPush first;
+    ClientPush first{.of_master = true};
     list_->put(first, "of the first", "new");
     EXPECT_TRUE(list_->ask());  // came by another connection
     list_->put(first, "of the first, too", "new");
@@ -157,7 +166,7 @@ TEST_F(ClientListTest, AnAnswerInTheMiddleOfAPushMakesItAnother) {
     EXPECT_EQ(stamp(), "v1");
     EXPECT_EQ(clients(), std::vector<std::string>{});
 
-    ClientPush second;
+    ClientPush second{.of_master = true};
     list_->put(second, "before the answer", "new");
     EXPECT_TRUE(list_->ask());
     list_->answered(second);
@@ -184,7 +193,7 @@ TEST_F(ClientListTest, IsPutBackWhenAPushBreaksOff) {
     ask(1);
     push({"new"}, nullptr);
     ask(1);  // and again
-    ClientPush late;
+    ClientPush late{.of_master = true};
     list_->put(late, "new", "new");
     list_->flush(late);
     list_->take_over();
@@ -276,7 +285,7 @@ TEST_F(ClientListTest, ATakeOverWaitsForTheOpenBatchAndTheReceiverForTheTakeOver
     ask(1);
     std::thread supervisor;
     {
-        ClientPush push;
+        ClientPush push{.of_master = true};
         for (int n = 0; n < 5000; ++n) {
             list_->put(push, std::to_string(n), "new");
             if (n == 0) {

@@ -58,13 +58,13 @@ TEST_F(ConnectionsTest, TheMasterComesBeforeStrangers) {
     EXPECT_EQ(choose({stranger, other}, master), stranger);
     EXPECT_EQ(choose({}, master), nullptr);
     // While its records are not on disk yet, no stranger may have them written out in pieces.
-    master->sink = std::make_unique<RecordSink>();
+    master->sink = std::make_unique<RecordSink>(true);
     master->sink->apply_data_record(make_data_record(DATA_KIND_CLIENT, "a", "1").record);
     EXPECT_THAT(connections.readable_beside(master), ElementsAre(master));
     master->sink->close_batch();
     EXPECT_THAT(connections.readable_beside(master), ElementsAre(stranger, other, master));
     // But the other way round.
-    stranger->sink = std::make_unique<RecordSink>();
+    stranger->sink = std::make_unique<RecordSink>(false);
     stranger->sink->apply_data_record(make_data_record(DATA_KIND_CLIENT, "b", "1").record);
     EXPECT_THAT(connections.readable_beside(stranger), ElementsAre(stranger, other, master));
 }

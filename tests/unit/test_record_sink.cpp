@@ -15,7 +15,7 @@ protected:
 };
 
 TEST_F(Sink, StoresRecordsAndStampsInTheirPlaces) {
-    RecordSink sink;
+    RecordSink sink(true);
     apply(sink, DATA_KIND_CONFIG, "dhcpcfg", "x=1");
     apply(sink, DATA_KIND_CONFIG, "dbverx", "a record");
     apply(sink, DATA_KIND_CONFIG, "dbver", "v1");
@@ -38,7 +38,7 @@ TEST_F(Sink, StoresRecordsAndStampsInTheirPlaces) {
 }
 
 TEST_F(Sink, IgnoresOtherKinds) {
-    RecordSink sink;
+    RecordSink sink(true);
     for (const std::uint32_t kind : {DATA_KIND_ALL, DATA_KIND_DISK, 4U}) {
         apply(sink, kind, "key", "value");
         apply(sink, kind, "dbver", "v9");
@@ -51,7 +51,7 @@ TEST_F(Sink, TakesFieldsWithoutTerminator) {
     std::memset(&record, 'z', sizeof record);
     record.kind = DATA_KIND_CLIENT;
     {
-        RecordSink sink;
+        RecordSink sink(true);
         sink.apply_data_record(record);
     }
     EXPECT_EQ(stored(CLIENT_DB, std::string(128, 'z')), std::string(1024, 'z'));
@@ -59,7 +59,7 @@ TEST_F(Sink, TakesFieldsWithoutTerminator) {
 
 TEST_F(Sink, WithholdsTheStampOfASetThatCouldNotBeStored) {
     std::filesystem::create_directory(CLIENT_DB);  // no file of records can be there
-    RecordSink sink;
+    RecordSink sink(true);
     apply(sink, DATA_KIND_CLIENT, "client1", "value");
     apply(sink, DATA_KIND_CLIENT, "dbver", "v2");
     apply(sink, DATA_KIND_CONFIG, "dbver", "v1");
@@ -68,14 +68,14 @@ TEST_F(Sink, WithholdsTheStampOfASetThatCouldNotBeStored) {
     EXPECT_EQ(count_of(logged(), "ERROR :client_db_version not stored: "), 1U);
     // The next connection starts afresh.
     std::filesystem::remove(CLIENT_DB);
-    RecordSink next;
+    RecordSink next(true);
     apply(next, DATA_KIND_CLIENT, "client1", "value");
     apply(next, DATA_KIND_CLIENT, "dbver", "v2");
     EXPECT_EQ(stored(CONFIG_DB, KEY_CLIENT_VERSION), "v2");
 }
 
 TEST_F(Sink, WithholdsTheStampOfASetOfWhichAPartWasLost) {
-    RecordSink sink;
+    RecordSink sink(true);
     apply(sink, DATA_KIND_CLIENT, "client1", "value");
     sink.close_batch();
     std::filesystem::resize_file(CLIENT_DB, 4096);
@@ -88,7 +88,7 @@ TEST_F(Sink, WithholdsTheStampOfASetOfWhichAPartWasLost) {
 // The settings that follow find the file sound again.
 TEST_F(Sink, WithholdsTheStampBehindASettingThatWasLost) {
     write_file(CONFIG_DB, std::string(8192, 'x'));
-    RecordSink sink;
+    RecordSink sink(true);
     apply(sink, DATA_KIND_CONFIG, "dhcpcfg", "lost");
     std::filesystem::remove(CONFIG_DB);
     apply(sink, DATA_KIND_CONFIG, "default_writeback", "stored");
@@ -101,7 +101,7 @@ TEST_F(Sink, WithholdsTheStampBehindASettingThatWasLost) {
 TEST_F(Sink, ReplacesADamagedClientFileButNotADamagedConfiguration) {
     const std::string damaged(8192, 'x');
     write_file(CLIENT_DB, damaged);
-    RecordSink sink;
+    RecordSink sink(true);
     apply(sink, DATA_KIND_CLIENT, "client1", "value");
     apply(sink, DATA_KIND_CLIENT, "dbver", "v2");
     EXPECT_EQ(stored(CLIENT_DB, "client1"), "value");

@@ -113,9 +113,7 @@ bool ClientList::close(ClientPush& push, const std::string& stamp) {
 void ClientList::answered(ClientPush& push) {
     const Turn turn(*this);
     if (outdated(push)) {
-        const bool stored = push.stored;
-        push = {};
-        push.stored = stored;
+        push = {.of_master = push.of_master, .stored = push.stored};
     }
 }
 
@@ -340,7 +338,7 @@ void ClientList::begin(ClientPush& push) {
         return;
     }
     push.begun = true;
-    if (memory_.due > 0) {
+    if (push.of_master && memory_.due > 0) {
         --memory_.due;
         push.asked = true;
         push.refused = !move(ListEvent::PUSH_BEGINS);

@@ -19,8 +19,9 @@
 //
 // Several requests may be on their way: each answer of a master that stood still makes one. So the
 // list counts the pushes that are due, also across a restart, and starts each of them on an empty
-// list. A count that is too high (a lost request) does no harm: a master pushes nothing unasked.
-// Records that nobody asked for, of tools for instance, are added to what is there.
+// list. Only a connection of the master can be one of them. A count that is too high (a lost
+// request) does no harm: a master pushes nothing unasked. Records that nobody asked for, of tools
+// for instance, are added to what is there, and their stamp is stored.
 #pragma once
 
 #include <atomic>
@@ -44,6 +45,7 @@ public:
 // What the list knows of the client records of one connection. The connection makes it and hands it
 // over with each of them; nobody else looks inside.
 struct ClientPush {
+    bool of_master = false;  // it comes from one of the master's addresses
     bool begun = false;
     bool asked = false;    // it is one of those that were due
     bool refused = false;  // it could not begin on an empty list
