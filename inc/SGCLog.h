@@ -5,7 +5,7 @@
 
 #include <log4cplus/logger.h>
 
-#include <string>
+#include <string_view>
 
 class SGCLog {
 public:
@@ -15,7 +15,7 @@ public:
 
     // Writes `message` at DEBUG level when the log is on. Any thread. Flushed by the library when
     // its buffer is full, and by close().
-    void printDebug(const std::string& message);
+    void printDebug(std::string_view message);
 
     // Writes out what is buffered and closes the file; later messages are dropped. Any thread.
     void close();

@@ -6,8 +6,8 @@
 //
 //   quorsyncd:2.1 2026-11-16 03:52:26 INFO :restore to be a slave host
 //
-// The daily file is opened and closed for every message, so it may be moved or deleted at any time.
-// Nothing is filtered by level.
+// The daily file is opened and closed for every message, or for the lines of a burst of records
+// (log_burst.h), so it may be moved or deleted at any time. Nothing is filtered by level.
 #pragma once
 
 #include <array>
@@ -111,6 +111,7 @@ void write_daily_log(const LogSettings& settings, int level, const char* message
 using LogSink = void (*)(int level, const char* message);
 void set_log_sink(LogSink sink);
 
-// Hands everything logged so far to the system: standard output and the rolling debug log, which
-// takes no messages afterwards. For the moment before the process ends or detaches. Any thread.
+// Hands everything logged so far to the system: the lines that threads have in hand, standard
+// output and the rolling debug log, which takes no messages afterwards. For the moment before the
+// process ends or detaches. Any thread.
 void close_logs();

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <memory>
+#include <string>
 
 namespace {
 
@@ -32,12 +33,12 @@ SGCLog::SGCLog() {
     enabled = access(MARKER_FILE, R_OK) == 0;
 }
 
-void SGCLog::printDebug(const std::string& message) {
+void SGCLog::printDebug(std::string_view message) {
     if (!enabled || !logger.isEnabledFor(log4cplus::DEBUG_LOG_LEVEL)) {
         return;
     }
     // The origin is a fixed text: the event must not change with the layout of this file.
-    logger.forcedLog(log4cplus::DEBUG_LOG_LEVEL, message, "src/SGCLog.cpp", 40,
+    logger.forcedLog(log4cplus::DEBUG_LOG_LEVEL, std::string(message), "src/SGCLog.cpp", 40,
                      "void SGCLog::printDebug(const std::string&)");
 }
 

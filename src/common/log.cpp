@@ -1,35 +1,22 @@
 #include "log.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <string>
-#include <string_view>
 
 #include "SGCLog.h"
-#include "local_time.h"
-#include "owned.h"
+#include "common/log_lines.h"
+#include "log_burst.h"
 
 LogSettings log_settings;
 
 namespace {
 
 constexpr std::size_t MESSAGE_SIZE = 4096;
-constexpr std::size_t LINE_SIZE = 5000;  // the longest message, its prefix and a newline
-
-const char* level_word(int level) {
-    constexpr std::array<const char*, 4> WORDS = {"DEBUG ", "INFO ", "ERROR ", "FATAL "};
-    return level >= LOG_DEBUG && level <= LOG_FATAL ? WORDS[static_cast<std::size_t>(level)]
-                                                    : "OTHER ";
-}
 
 std::atomic<bool> debug_log_built = false;
 std::atomic<LogSink> log_sink = nullptr;
@@ -38,70 +25,6 @@ SGCLog& debug_log() {
     static SGCLog instance;  // built by the first message, under the language's own guard
     debug_log_built = true;
     return instance;
-}
-
-// What all lines of one second share: making it costs as much as writing a line.
-struct SecondText {
-    std::time_t second = -1;
-    std::array<char, 64> prefix{};
-    std::array<char, 64> file_name{};
-
-    void update();
-};
-
-void SecondText::update() {
-    const std::time_t now = std::time(nullptr);
-    if (now == second) {
-        return;
-    }
-    second = now;
-    const std::tm local = local_time(now);
-    (void)std::snprintf(prefix.data(), prefix.size(), "%s:%s %04d-%02d-%02d %02d:%02d:%02d ",
-                        PROGRAM_NAME, PROGRAM_VERSION, local.tm_year + 1900, local.tm_mon + 1,
-                        local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
-    (void)std::snprintf(file_name.data(), file_name.size(), "/%s_%04d_%02d_%02d.log", PROGRAM_NAME,
-                        local.tm_year + 1900, local.tm_mon + 1, local.tm_mday);
-}
-
-const SecondText& this_second() {
-    thread_local SecondText text;
-    text.update();
-    return text;
-}
-
-// A message as a line of standard output and of the daily file, with its newline.
-struct StampedLine {
-    const SecondText& second = this_second();
-    std::array<char, LINE_SIZE> text;
-    std::size_t length = 0;
-
-    StampedLine(int level, const char* message);
-
-private:
-    void append(std::string_view piece) {
-        length += piece.copy(text.data() + length, text.size() - 2 - length);
-    }
-};
-
-StampedLine::StampedLine(int level, const char* message) {
-    append(second.prefix.data());
-    append(level_word(level));
-    append(":");
-    append(message);
-    // A message that holds a newline anywhere, not only at its end, is written as it stands.
-    if (std::memchr(text.data(), '\n', length) == nullptr) {
-        text[length++] = '\n';
-    }
-}
-
-void append_to_daily_file(const LogSettings& settings, const StampedLine& line) {
-    std::string name(settings.dir, strnlen(settings.dir, sizeof settings.dir));
-    name += line.second.file_name.data();
-    // One write in append mode: lines of several threads never mix.
-    const OwnedFd file(open(name.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0666));
-    if (file.valid()) {
-        (void)!write(file.get(), line.text.data(), line.length);
-    }
 }
 
 using FormattedMessage = std::array<char, MESSAGE_SIZE>;
@@ -113,16 +36,30 @@ FormattedMessage formatted(const char* format, va_list arguments) {
     return message;
 }
 
-void log_formatted(int level, const char* format, va_list arguments) {
+// Hands the message to `write` as well as to the debug log, unless a tool takes it.
+template <typename Write>
+void log_formatted(int level, const char* format, va_list arguments, Write write) {
     const int saved_errno = errno;
     const FormattedMessage message = formatted(format, arguments);
     if (const LogSink sink = log_sink; sink != nullptr) {
         sink(level, message.data());
     } else {
         debug_log().printDebug(message.data());
-        write_log_file(log_settings, level, message.data());
+        write(level, message.data());
     }
     errno = saved_errno;
+}
+
+void write_now(int level, const char* message) {
+    (void)write_log_file(log_settings, level, message);
+}
+
+void write_with_burst(int level, const char* message) {
+    if (LogBurst* burst = LogBurst::of_this_thread(); burst != nullptr) {
+        burst->add(level, message);
+    } else {
+        write_now(level, message);
+    }
 }
 
 }  // namespace
@@ -141,16 +78,17 @@ int set_log_settings(LogSettings& settings, const char* dir, int level) {
 
 int write_log_file(const LogSettings& settings, int level, const char* message) {
     const int saved_errno = errno;
+    end_log_burst();
     const StampedLine line(level, message);
-    std::fwrite(line.text.data(), 1, line.length, stdout);
-    std::fflush(stdout);  // a line must not wait in a buffer for the next one
-    append_to_daily_file(settings, line);
+    print_lines(line.text());
+    append_to_daily_file(settings, line.file_name(), line.text());
     errno = saved_errno;
     return 0;
 }
 
 void write_daily_log(const LogSettings& settings, int level, const char* message) {
-    append_to_daily_file(settings, StampedLine(level, message));
+    const StampedLine line(level, message);
+    append_to_daily_file(settings, line.file_name(), line.text());
 }
 
 void set_log_sink(LogSink sink) {
@@ -160,7 +98,7 @@ void set_log_sink(LogSink sink) {
 int write_log(int level, const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
-    log_formatted(level, format, arguments);
+    log_formatted(level, format, arguments, write_now);
     va_end(arguments);
     return 0;
 }
@@ -168,7 +106,14 @@ int write_log(int level, const char* format, ...) {
 void log_arguments(const Message* message, ...) {
     va_list arguments;
     va_start(arguments, message);
-    log_formatted(message->level, message->format, arguments);
+    log_formatted(message->level, message->format, arguments, write_now);
+    va_end(arguments);
+}
+
+void log_record_arguments(const Message* message, ...) {
+    va_list arguments;
+    va_start(arguments, message);
+    log_formatted(message->level, message->format, arguments, write_with_burst);
     va_end(arguments);
 }
 
@@ -181,6 +126,7 @@ std::string format_arguments(const Message* message, ...) {
 }
 
 void close_logs() {
+    end_all_log_bursts();
     std::fflush(stdout);
     if (debug_log_built) {
         debug_log().close();

@@ -21,6 +21,7 @@
 #include "end_process.h"
 #include "events.h"
 #include "log.h"
+#include "log_burst.h"
 #include "logged_lines.h"
 #include "master_addresses.h"
 #include "message_stream.h"
@@ -228,6 +229,7 @@ void Receiver::serve(Connection& connection) {
         close(connection);
         return;
     }
+    const LogBurst burst;
     while (const PeerMessage* message = connection.stream.next()) {
         if (!connection.sink) {
             connection.sink = std::make_unique<RecordSink>(connection.of_master);

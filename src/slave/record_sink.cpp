@@ -6,6 +6,7 @@
 
 #include "keys.h"
 #include "log.h"
+#include "log_burst.h"
 #include "store.h"
 
 RecordSink::~RecordSink() {
@@ -18,7 +19,10 @@ RecordSink::~RecordSink() {
 bool RecordSink::apply_data_record(const DataRecord& record) {
     const std::string key(field_text(record.key));
     const std::string value(field_text(record.value));
-    log_message(msg::RECORD_RECEIVED, static_cast<int>(record.kind), key.c_str(), value.c_str());
+    log_record(msg::RECORD_RECEIVED, static_cast<int>(record.kind), key.c_str(), value.c_str());
+    if (record.kind != DATA_KIND_CLIENT || key == DBVER_KEY) {
+        end_log_burst();  // lines are written before the stamp of their records is stored
+    }
     if (record.kind == DATA_KIND_CLIENT && key == DBVER_KEY) {
         return clients_.close(push_, value);
     }

@@ -10,6 +10,7 @@
 #include "events.h"
 #include "keys.h"
 #include "log.h"
+#include "log_burst.h"
 #include "owned.h"
 #include "stamps.h"
 #include "store.h"
@@ -32,6 +33,7 @@ public:
 
     // Logs a line for each record that was not sent.
     bool send() override {
+        end_log_burst();  // a line is written before its record leaves the machine
         const std::size_t before = patience_.sent;
         const bool all = TcpSendAllWithin(connection_, messages_.data(),
                                           messages_.size() * sizeof(PeerMessage), patience_) == 0;
@@ -73,7 +75,7 @@ void push_record(PushTarget& target, const DataSet& set, const StoredRecord& rec
     // Other tools may have stored the terminating zero byte with the text.
     const std::string_view key = record.key.c_str();
     const std::string_view value = record.value.c_str();
-    log_message(msg::RECORD_SENT, key.data(), value.data());
+    log_record(msg::RECORD_SENT, key.data(), value.data());
     if (!travels(set, key)) {
         return;
     }
@@ -86,7 +88,7 @@ void push_record(PushTarget& target, const DataSet& set, const StoredRecord& rec
 }
 
 void push_stamp(PushTarget& target, const DataSet& set, const std::string& stamp) {
-    log_message(msg::RECORD_SENT, DBVER_KEY, stamp.c_str());
+    log_record(msg::RECORD_SENT, DBVER_KEY, stamp.c_str());
     target.add(make_data_record(set.kind, DBVER_KEY, stamp));
     if (!target.send() && set.kind == DATA_KIND_CLIENT) {
         (void)post_event(EVENT_ERROR, EVENT_SEND_FAILED, errno, nullptr);
@@ -103,6 +105,7 @@ bool push_records(PushSource& source, PushTarget& target, const DataSet& set) {
         return false;
     }
     source.begin_walk(set.path);
+    const LogBurst burst;
     for (std::vector<StoredRecord> chunk; source.next_chunk(chunk);) {
         for (const StoredRecord& record : chunk) {
             push_record(target, set, record);

@@ -5,6 +5,7 @@
 
 #include "SGCLog.h"
 #include "log.h"
+#include "log_burst.h"
 #include "stamps.h"
 #include "support.h"
 
@@ -58,6 +59,59 @@ TEST_F(Log, EveryLineFindsItsFileAnew) {
     write_log(LOG_INFO, "two");
     write_log(LOG_INFO, "three");
     EXPECT_THAT(logged(), MatchesRegex("[^\n]*:two\n[^\n]*:three\n"));
+}
+
+void log_client(const std::string& key, const std::string& value = "value") {
+    log_record(msg::RECORD_SENT, key.c_str(), value.c_str());
+}
+
+TEST_F(Log, TheLinesOfABurstComeTogetherAndBeforeAnyOther) {
+    log_client("a");  // without a burst it does not wait
+    EXPECT_EQ(count_of(logged(), "send data: a = value"), 1U);
+    CaptureStdout();
+    {
+        const LogBurst burst;
+        log_client("b");
+        log_client("c", "x\ny");
+        EXPECT_EQ(count_of(logged(), "\n"), 1U);
+        errno = EPIPE;
+        log_message(msg::TOOK_OVER);
+        EXPECT_EQ(errno, EPIPE);
+        EXPECT_THAT(logged(), MatchesRegex("[^\n]*\n[^\n]*: b = value\n[^\n]*: c = x\ny\n"
+                                           "[^\n]*become a master host\n"));
+        WithFiles::SetUp();  // the file is found anew by the next lines
+        log_client("d");
+        end_log_burst();
+        EXPECT_THAT(logged(), MatchesRegex("quorsyncd:2[^\n]*DEBUG :[^\n]*: d = value\n"));
+        log_client("e");
+    }
+    EXPECT_THAT(logged(), MatchesRegex("[^\n]*: d = value\n[^\n]*: e = value\n"));
+    EXPECT_THAT(GetCapturedStdout(), EndsWith(logged()));
+}
+
+TEST_F(Log, ABurstEndsWhenItIsLargeOrOld) {
+    const LogBurst burst;
+    std::size_t lines = 0;
+    for (; logged().empty(); ++lines) {
+        log_client("a", std::string(1000, 'x'));
+    }
+    EXPECT_LE(logged().size(), 64U * 1024);
+    end_log_burst();
+    EXPECT_EQ(count_of(logged(), "\n"), lines);
+
+    WithFiles::SetUp();
+    EXPECT_TRUE(eventually([] {
+        log_client("a");
+        return !logged().empty();
+    }));
+    EXPECT_LT(logged().size(), 60U * 1024);  // it was not their number
+}
+
+TEST_F(Log, TheEndOfTheProcessWritesTheBurstsOfAllThreads) {
+    const LogBurst burst;
+    log_client("a");
+    std::thread([] { close_logs(); }).join();
+    EXPECT_THAT(logged(), EndsWith(": a = value\n"));
 }
 
 // The compiler refuses a message whose arguments do not fit; here it says what it would refuse.

@@ -94,6 +94,7 @@ TEST_F(Push, ClosesASetWithTheStampFromBeforeIt) {
     });
     PeerMessage message;
     EXPECT_EQ(TcpRecvExact(far.get(), &message, sizeof message), 0);
+    EXPECT_EQ(count_of(logged(), "send data: "s + message.record.key + " = value\n"), 1U);
     put(CONFIG_DB, KEY_CLIENT_VERSION, "v3");  // the rest of the set waits for its reader
     put(CLIENT_DB, "more0", "changed");
     while (TcpRecvExact(far.get(), &message, sizeof message) == 0) {}

@@ -1,6 +1,7 @@
 #include <cstring>
 
 #include "keys.h"
+#include "log_burst.h"
 #include "slave/record_sink.h"
 #include "support.h"
 
@@ -35,6 +36,18 @@ TEST_F(Sink, StoresRecordsAndStampsInTheirPlaces) {
     EXPECT_EQ(stored(CONFIG_DB, DBVER_KEY), "(absent)");
     EXPECT_EQ(stored(CLIENT_DB, DBVER_KEY), "(absent)");
     EXPECT_EQ(count_of(logged(), "INFO :data 2: client1=new\n"), 1U);
+}
+
+TEST_F(Sink, ALineIsWrittenBeforeItsStampIsStored) {
+    RecordSink sink;
+    const LogBurst burst;
+    apply(sink, DATA_KIND_CONFIG, "dbver", "v1");
+    EXPECT_EQ(count_of(logged(), "INFO :data 1: dbver=v1\n"), 1U);
+    apply(sink, DATA_KIND_CLIENT, "client1", "value");
+    EXPECT_EQ(count_of(logged(), "client1"), 0U);
+    apply(sink, DATA_KIND_CLIENT, "dbver", "v2");
+    EXPECT_EQ(count_of(logged(), "client1=value\n"), 1U);
+    EXPECT_EQ(count_of(logged(), "INFO :data 2: dbver=v2\n"), 1U);
 }
 
 TEST_F(Sink, IgnoresOtherKinds) {

@@ -5,6 +5,7 @@
 
 #include "keys.h"
 #include "log.h"
+#include "log_burst.h"
 
 namespace {
 
@@ -185,6 +186,11 @@ ClientList::Turn::~Turn() {
 bool ClientList::Turn::take() {
     std::unique_lock lock(list_.mutex_);
     const bool must_wait = list_.taking_over_ && list_.memory_.batch == nullptr;
+    if (must_wait) {
+        lock.unlock();
+        end_log_burst();  // its lines need not wait
+        lock.lock();
+    }
     list_.changed_.wait(lock, [this, must_wait] { return !must_wait || !list_.taking_over_; });
     list_.busy_ = true;
     return !list_.taking_over_;

@@ -11,6 +11,7 @@
 
 #include "keys.h"
 #include "log.h"
+#include "log_burst.h"
 #include "replace_file.h"
 #include "store.h"
 
@@ -195,6 +196,7 @@ bool HostFiles::put(const std::string& key, const std::string& value) {
 }
 
 bool HostFiles::close_batch() {
+    end_log_burst();  // flushing takes its time
     const int result = batch_->close();
     batch_.reset();
     if (result != 0) {
