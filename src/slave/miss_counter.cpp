@@ -163,7 +163,7 @@ void reset_bottle() {
     }
 }
 
-void await_refill(std::chrono::milliseconds longest) {
+void await_refill(int least, std::chrono::milliseconds longest) {
     std::unique_lock lock(refill_lock);
-    (void)refilled.wait_for(lock, longest, [] { return bottle >= 0; });
+    (void)refilled.wait_for(lock, longest, [least] { return bottle >= least; });
 }

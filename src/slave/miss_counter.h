@@ -62,5 +62,5 @@ void count_missed_beat();
 // too, the bottle is changed without it.
 void reset_bottle();
 
-// Waits until the bottle is no longer below zero, at most so long. Supervisor thread.
-void await_refill(std::chrono::milliseconds longest);
+// Waits until the bottle holds `least`, at most so long. Supervisor thread.
+void await_refill(int least, std::chrono::milliseconds longest);

@@ -34,11 +34,13 @@
 
 namespace {
 
-constexpr unsigned HEARTBEAT_PERIOD = 2;  // seconds
-constexpr int ANSWER_MISSING = 1;         // the bottle after the count-down, or less
+using Clock = std::chrono::steady_clock;
 
-// How long the beat that has just been sent may take to be answered, where that decides about a
-// take-over: a line that is whole again answers within milliseconds.
+constexpr std::chrono::seconds HEARTBEAT_PERIOD{2};
+constexpr int ANSWER_MISSING = 1;  // the bottle after the count-down, or less
+
+// How long the beat that has just been sent may take to be answered, where something is decided
+// without its answer: a line that is whole again answers within milliseconds.
 constexpr std::chrono::milliseconds LAST_CHANCE{250};
 
 constexpr std::chrono::milliseconds LOOK_AGAIN{50};  // whether a push is still alive
@@ -109,14 +111,30 @@ void on_sigterm(int /*signal_number*/) {
     semaphore_delete();
 }
 
-// Sends the beat on every other path to the master, too, as long as answers are missing. Not while
-// a push keeps arriving: an answer beside it would empty the list that it fills.
-void beat_on_other_paths(int fd) {
-    if (bottle <= ANSWER_MISSING && !client_list().grows()) {
-        for (const std::string& path : master_paths()) {
+bool answer_is_missing() {
+    return bottle <= ANSWER_MISSING;
+}
+
+// Sends the beat on every other path to the master, too, as long as answers are missing. An answer
+// to the beat on the first path comes before that: two answers to one beat would ask for the same
+// set twice. Not while a push keeps arriving: an answer beside it would empty the list that it
+// fills. Returns how long it waited.
+Clock::duration beat_on_other_paths(int fd) {
+    if (!answer_is_missing() || client_list().grows()) {
+        return {};
+    }
+    const std::vector<std::string> paths = master_paths();
+    if (paths.empty()) {
+        return {};
+    }
+    const auto begin = Clock::now();
+    await_refill(ANSWER_MISSING + 1, LAST_CHANCE);
+    for (const std::string& path : paths) {
+        if (answer_is_missing()) {
             send_heartbeat(fd, path.c_str());
         }
     }
+    return Clock::now() - begin;
 }
 
 SlaveAction action_now() {
@@ -129,7 +147,7 @@ SlaveAction action_now() {
 void decide_and_act() {
     SlaveAction action = action_now();
     if (action == SlaveAction::PROMOTE) {
-        await_refill(LAST_CHANCE);
+        await_refill(0, LAST_CHANCE);
         action = action_now();
     }
     if (action == SlaveAction::PROMOTE) {
@@ -139,27 +157,35 @@ void decide_and_act() {
     }
 }
 
-void one_period(int fd) {
+// Returns how much of the period went by with waiting.
+Clock::duration one_period(int fd) {
     send_heartbeat(fd, master_ip);
     count_missed_beat();
-    beat_on_other_paths(fd);
     log_message(msg::BEAT_COUNTED, bottle.load(), status.load());
+    const Clock::duration waited = beat_on_other_paths(fd);
     decide_and_act();
+    return waited;
+}
+
+// Waits for so long, or until SIGTERM.
+void pause_for(std::chrono::nanoseconds time) {
+    const auto whole = std::chrono::floor<std::chrono::seconds>(time);
+    const timespec wanted{.tv_sec = whole.count(), .tv_nsec = (time - whole).count()};
+    (void)nanosleep(&wanted, nullptr);
 }
 
 // The rest of the period. A take-over that was put off comes as soon as the push falls silent,
 // unless the master answers on another path.
-void rest(int fd) {
-    using Clock = std::chrono::steady_clock;
+void rest(int fd, Clock::duration left) {
     if (action_now() != SlaveAction::AWAIT_PUSH) {
-        sleep(HEARTBEAT_PERIOD);  // cut short by SIGTERM
+        pause_for(left);
         return;
     }
-    const auto end = Clock::now() + std::chrono::seconds(HEARTBEAT_PERIOD);
+    const auto end = Clock::now() + left;
     while (Clock::now() < end && slave_exit_requested != 1) {
         std::this_thread::sleep_for(LOOK_AGAIN);
         if (action_now() == SlaveAction::PROMOTE) {
-            beat_on_other_paths(fd);
+            (void)beat_on_other_paths(fd);
             decide_and_act();
         }
     }
@@ -184,8 +210,8 @@ void run_slave() {
         return;
     }
     while (slave_exit_requested != 1) {
-        one_period(fd.get());
-        rest(fd.get());
+        const Clock::duration waited = one_period(fd.get());
+        rest(fd.get(), HEARTBEAT_PERIOD - waited);
     }
     fd.reset();
     report_semaphore_delete();

@@ -117,13 +117,13 @@ TEST_F(MissCounter, UsesTheSemaphoreThatAnotherProcessHasMadeMeanwhile) {
 
 TEST_F(MissCounter, WakesWhoeverWaitsForARefill) {
     bottle = -1;
-    await_refill(1ms);
+    await_refill(0, 1ms);
     EXPECT_EQ(bottle, -1);
     std::thread receiver(reset_bottle);
-    await_refill(1h);
+    await_refill(0, 1h);
     receiver.join();
     EXPECT_EQ(bottle, SLAVE_BEAT_RESET);
-    await_refill(1h);  // nothing to wait for
+    await_refill(0, 1h);  // nothing to wait for
 }
 
 TEST_F(MissCounter, GivesUpOnceTheProcessIsAskedToStop) {
