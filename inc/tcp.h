@@ -78,6 +78,13 @@ int TcpRecvSome(int fd, void* buffer, std::size_t length);
 // Shuts both directions down, then closes. Returns 0.
 int TcpClose(int fd);
 
+// Ends the sending side and waits, at most so long, until the peer has ended its own: by then it
+// has read all that was sent. Whether it has. The descriptor is still to be closed.
+bool TcpAwaitEnd(int fd, std::chrono::milliseconds longest);
+
+// Whether the peer has ended its sending side, or the connection has failed. Does not wait.
+bool TcpPeerHasEnded(int fd);
+
 // Sets both time-outs. Returns 0, whatever the system says.
 int TcpSetTimeout(int fd, long seconds, long microseconds);
 

@@ -67,6 +67,12 @@ void disable(int fd) {
     (void)getsockopt(fd, SOL_SOCKET, SO_ERROR, &pending, &length);
 }
 
+// Whether the peer has ended within so many milliseconds. Bytes of the peer do not matter.
+bool ends_within(int fd, std::int64_t milliseconds) {
+    pollfd wait{fd, POLLRDHUP, 0};
+    return poll(&wait, 1, static_cast<int>(std::max<std::int64_t>(milliseconds, 0))) > 0;
+}
+
 }  // namespace
 
 int TcpBuildListen(const char* /*address*/, std::uint16_t port, int /*timeout*/) {
@@ -222,6 +228,21 @@ int TcpClose(int fd) {
     (void)shutdown(fd, SHUT_RDWR);
     (void)close(fd);
     return 0;
+}
+
+bool TcpAwaitEnd(int fd, std::chrono::milliseconds longest) {
+    const auto end = steady_clock::now() + longest;
+    (void)shutdown(fd, SHUT_WR);
+    for (auto now = steady_clock::now(); now < end; now = steady_clock::now()) {
+        if (ends_within(fd, std::chrono::ceil<std::chrono::milliseconds>(end - now).count())) {
+            return true;
+        }
+    }
+    return TcpPeerHasEnded(fd);
+}
+
+bool TcpPeerHasEnded(int fd) {
+    return ends_within(fd, 0);
 }
 
 int TcpSetBufferSize(int fd, int size) {

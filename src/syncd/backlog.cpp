@@ -1,5 +1,11 @@
 #include "backlog.h"
 
+bool is_repeat(const Datagram& datagram, const Datagram& request) {
+    return datagram.message.type == MSG_DATA_REQUEST &&
+           datagram.message.record.kind == request.message.record.kind &&
+           datagram.sender.sin_addr.s_addr == request.sender.sin_addr.s_addr;
+}
+
 bool Backlog::add(const Datagram& datagram) {
     if (full()) {
         return false;
@@ -18,9 +24,6 @@ std::optional<Datagram> Backlog::next() {
 }
 
 std::size_t Backlog::drop_repeats(const Datagram& request) {
-    return std::erase_if(datagrams_, [&request](const Datagram& waiting) {
-        return waiting.message.type == MSG_DATA_REQUEST &&
-               waiting.message.record.kind == request.message.record.kind &&
-               waiting.sender.sin_addr.s_addr == request.sender.sin_addr.s_addr;
-    });
+    return std::erase_if(
+        datagrams_, [&request](const Datagram& waiting) { return is_repeat(waiting, request); });
 }

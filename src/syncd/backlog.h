@@ -14,12 +14,16 @@ struct Datagram {
     sockaddr_in sender;
 };
 
+// Whether `datagram` asks for the same set as `request`, from the same address. When all of that
+// has just been sent, such a request is superfluous: a slave only asks because of an answer, and
+// every answer that it has had is older than what was sent.
+bool is_repeat(const Datagram& datagram, const Datagram& request);
+
 // One thread at a time. Logs nothing.
 class Backlog {
 public:
     explicit Backlog(std::size_t most) : most_(most) {}
 
-    bool full() const { return datagrams_.size() >= most_; }
     bool empty() const { return datagrams_.empty(); }
 
     // False, and the datagram is not kept, when as many wait as may.
@@ -28,12 +32,12 @@ public:
     // Takes the oldest one out.
     std::optional<Datagram> next();
 
-    // Takes out the requests for the set that `request` asks for, from the same address. To be used
-    // when all that it asks for has just been sent: a slave only asks because of an answer, and
-    // every answer that it has had is older than what was sent. Returns how many there were.
+    // Takes out the repeats of `request`. Returns how many there were.
     std::size_t drop_repeats(const Datagram& request);
 
 private:
+    bool full() const { return datagrams_.size() >= most_; }
+
     std::size_t most_;
     std::deque<Datagram> datagrams_;
 };

@@ -2,8 +2,18 @@
 
 #include <cerrno>
 
+#include "log.h"
+#include "owned.h"
+#include "resolve.h"
+#include "tcp.h"
+
 bool Inbox::put(const Datagram& datagram) {
     const std::lock_guard hold(lock_);
+    // Whoever asks when it has read the push to its end asks anew.
+    if (ending_ && is_repeat(datagram, ending_->request) && !TcpPeerHasEnded(ending_->connection)) {
+        ++ending_->repeats;
+        return true;
+    }
     changed_.notify_one();
     return waiting_.add(datagram);
 }
@@ -22,7 +32,18 @@ std::optional<Datagram> Inbox::next() {
     return oldest;
 }
 
-std::size_t Inbox::drop_repeats(const Datagram& request) {
-    const std::lock_guard hold(lock_);
-    return waiting_.drop_repeats(request);
+void Inbox::end_push(int connection, const Datagram& request) {
+    std::unique_lock hold(lock_);
+    ending_.emplace(Push{connection, request, waiting_.drop_repeats(request)});
+    hold.unlock();
+    (void)TcpAwaitEnd(connection, longest_end_);
+    hold.lock();
+    const std::size_t dropped = ending_->repeats;
+    ending_.reset();
+    hold.unlock();
+    if (dropped > 0) {
+        const OwnedText address(ip_to_string(request.sender.sin_addr.s_addr));
+        log_message(msg::REPEATS_DROPPED, dropped, static_cast<int>(request.message.record.kind),
+                    address.get());
+    }
 }

@@ -76,8 +76,7 @@ void answer(const Datagram& datagram, Inbox& inbox) {
     }
     if (message.type == MSG_DATA_REQUEST) {
         if (push_master_data(connection, sender, message.record)) {
-            // Before the connection ends: whoever asks when it has ended asks anew.
-            drop_repeats(inbox, datagram);
+            inbox.end_push(connection, datagram);
         }
     } else if (message.type == MSG_HEARTBEAT) {
         send_beat_back(connection, sender);

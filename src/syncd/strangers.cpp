@@ -32,14 +32,6 @@ bool ServerList::has(const sockaddr_in& sender) {
     return address && list_has(list_, address.get());
 }
 
-void drop_repeats(Inbox& inbox, const Datagram& request) {
-    if (const std::size_t dropped = inbox.drop_repeats(request); dropped > 0) {
-        const OwnedText address(ip_to_string(request.sender.sin_addr.s_addr));
-        log_message(msg::REPEATS_DROPPED, dropped, static_cast<int>(request.message.record.kind),
-                    address.get());
-    }
-}
-
 void Strangers::take(const Datagram& datagram) {
     if (inbox_.put(datagram)) {
         return;

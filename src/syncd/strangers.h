@@ -35,7 +35,3 @@ private:
     std::size_t dropped_ = 0;  // since the last line about it
     std::chrono::steady_clock::time_point reported_at_{};
 };
-
-// Drops the repeats of `request`, whose answer has just been sent, from `inbox`, and logs
-// REPEATS_DROPPED if there were any. Any thread.
-void drop_repeats(Inbox& inbox, const Datagram& request);

@@ -7,7 +7,7 @@ from socket import SOCK_DGRAM
 import lab
 import pytest
 from lab import wait_until
-from peer import CLIENT, LIMIT, PORT, SIZE, request
+from peer import CLIENT, LIMIT, PORT, SIZE, heartbeat, request
 
 PROMOTED = "become a master host"
 RESTORED = "restore to be a slave host"
@@ -58,6 +58,28 @@ def test_a_pair_through_its_life(pair_factory):
     assert not master.services.calls()  # A configured master leaves its services to others.
     pair.master_daemon.signal(SIGTERM)
     assert pair.master_daemon.wait(LIMIT) == -SIGTERM
+
+
+@pytest.mark.sanitizer
+def test_a_master_that_stood_still_pushes_twice_at_most(pair_factory):
+    """Ten answers come at once, and each makes the slave ask, before or after the first push."""
+    pair = pair_factory(clients=lab.realistic_clients(20))
+    master, slave = pair.master, pair.slave
+    pair.start()
+    pair.wait_equal(LIMIT)
+    with slave.line.open_socket(SOCK_DGRAM) as outlet:
+        for number in range(3):
+            marks = master.log_mark(), slave.log_mark()
+            pair.master_daemon.freeze()
+            change(pair, f"again {number}", new=f"{number}")
+            for _ in range(10):
+                outlet.sendto(heartbeat("", ""), (master.address, PORT))
+            pair.master_daemon.thaw()
+            pair.wait_equal(LIMIT)
+            await_beats(slave, 2)
+            assert len(slave.find_log("request data(2)", marks[1])) > 2
+            assert 1 <= len(master.find_log(re.compile("^db:2$"), marks[0])) <= 2
+            assert not slave.find_log(PROMOTED, marks[1])
 
 
 @pytest.mark.parametrize("direction", ["in", "out"])
