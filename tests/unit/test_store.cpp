@@ -225,6 +225,19 @@ TEST_F(StoreTest, ASoundFileIsReplacedWithoutATrace) {
     EXPECT_EQ(logged(), "");
 }
 
+// Verifying it again would take as long as a push of it.
+TEST_F(StoreTest, ALargeFileStaysSoundUnderASecondName) {
+    {
+        const auto store = db_open(CLIENT_DB);
+        for (int n = 0; n < 60; ++n) {
+            ASSERT_EQ(store->put("key" + std::to_string(n), std::string(30'000, 'x')), 0);
+        }
+    }
+    ASSERT_TRUE(verdict_known(StoreLock(CLIENT_DB)));
+    EXPECT_EQ(db_keep(CLIENT_DB, PREVIOUS_CLIENT_DB), StoreKept::YES);
+    EXPECT_TRUE(verdict_known(StoreLock(CLIENT_DB)));
+}
+
 // Leaves what a killed creation does, last written to so many seconds from now.
 std::time_t make_leftover(int seconds) {
     write_file(LEFTOVER, "half a page");

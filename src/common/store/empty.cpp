@@ -107,6 +107,7 @@ StoreKept db_keep(const char* path, const char* name) {
     if (!lock.exists() || !has_records(lock)) {
         return StoreKept::NO_RECORDS;
     }
+    const bool sound = verdict_known(lock);
     int failed = link(path, name) == 0 ? 0 : errno;
     if (failed == EEXIST && unlink(name) == 0) {
         failed = link(path, name) == 0 ? 0 : errno;
@@ -114,6 +115,9 @@ StoreKept db_keep(const char* path, const char* name) {
     if (failed != 0) {
         log_message(msg::PREVIOUS_LIST_NOT_KEPT, path, name, strerror(failed));
         return StoreKept::NO;
+    }
+    if (sound) {
+        keep_verdict(lock);  // the second name has changed its time, and nothing else
     }
     return StoreKept::YES;
 }
