@@ -36,6 +36,13 @@ constexpr const DataSet* data_set_of(std::uint32_t kind) {
     return found == DATA_SETS.end() ? nullptr : found;
 }
 
+// The set of that name, or null.
+constexpr const DataSet* data_set_named(std::string_view name) {
+    const auto* found = std::find_if(DATA_SETS.begin(), DATA_SETS.end(),
+                                     [name](const DataSet& set) { return set.name == name; });
+    return found == DATA_SETS.end() ? nullptr : found;
+}
+
 // Whether the master sends the record with that key of the set's file.
 constexpr bool travels(const DataSet& set, std::string_view key) {
     return set.keys.empty() || std::find(set.keys.begin(), set.keys.end(), key) != set.keys.end();

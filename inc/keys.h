@@ -5,6 +5,7 @@
 
 // --- Files ---------------------------------------------------------------------------------
 
+inline constexpr const char* STORE_DIRECTORY = "/etc/quoradmind";
 inline constexpr const char* CONFIG_DB = "/etc/quoradmind/config.db";  // settings and stamps
 inline constexpr const char* CLIENT_DB = "/etc/quoradmind/client.db";  // boot client records
 inline constexpr const char* PREVIOUS_CLIENT_DB =
@@ -15,9 +16,16 @@ inline constexpr const char* DISK_DB = "/etc/quoradmind/disk.db";  // disk recor
 inline constexpr const char* SERVER_DB_FORMAT =
     "/etc/quoradmind/%s.db";  // copy of a peer's config.db
 
+inline constexpr const char* OWED_RELOAD =
+    "/etc/quoradmind/dhcp_reload.owed";  // no database: there while a reload of DHCP is due
+
 // Not a database: only the path from which the semaphore key is derived.
 inline constexpr const char* SEMAPHORE_KEY_PATH = "/etc/quorsyncd/config.db";
 inline constexpr int SEMAPHORE_PROJECT = 1;  // the other half of the key
+
+// The longest key and value that travel between the servers, in bytes.
+inline constexpr unsigned MAX_RECORD_KEY = 127;
+inline constexpr unsigned MAX_RECORD_VALUE = 1023;
 
 // --- Keys of config.db ---------------------------------------------------------------------
 

@@ -1,4 +1,4 @@
-// The daemon's one diagnostic call.
+// The daemon's diagnostic call, log_message(), and what stands behind it.
 //
 // Every message goes to three places, in this order: the rolling debug log (when switched on, see
 // SGCLog.h), standard output, and a file of the current day, "/var/log//quorsyncd_2026_11_16.log".
@@ -20,6 +20,8 @@
 // Identity of the program in every line and file name.
 inline constexpr const char* PROGRAM_NAME = "quorsyncd";
 inline constexpr const char* PROGRAM_VERSION = "2.1";
+
+inline constexpr const char* LOG_DIRECTORY = "/var/log";  // of the daily files
 
 struct LogSettings {
     int level = LOG_INFO;         // kept, but never consulted

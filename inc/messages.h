@@ -9,6 +9,7 @@ inline constexpr int LOG_DEBUG = 0;
 inline constexpr int LOG_INFO = 1;
 inline constexpr int LOG_ERROR = 2;
 inline constexpr int LOG_FATAL = 3;
+inline constexpr std::array<std::string_view, 4> LEVEL_WORDS = {"DEBUG", "INFO", "ERROR", "FATAL"};
 
 // What the timeline of a pair makes of a message. Failures are told there in any case.
 enum class Meaning {

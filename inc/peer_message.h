@@ -13,6 +13,8 @@
 #include <string_view>
 #include <type_traits>
 
+#include "keys.h"
+
 inline constexpr std::uint16_t PEER_PORT = 13233;  // the master's UDP and the slave's TCP port
 
 // Values of PeerMessage::type. 1 is a request in a datagram and a record on a connection.
@@ -36,8 +38,8 @@ inline constexpr const char* DBVER_KEY = "dbver";
 struct DataRecord {
     std::uint32_t kind;
     std::uint32_t tag;
-    char key[128];
-    char value[1024];
+    char key[MAX_RECORD_KEY + 1];
+    char value[MAX_RECORD_VALUE + 1];
 };
 
 struct HeartbeatBody {
@@ -83,7 +85,7 @@ PeerMessage make_data_request(std::uint32_t kind);
 // The answer to a heartbeat: both stamps of the master as one text (join_stamps in stamps.h).
 PeerMessage make_beat_back(std::string_view stamps);
 
-// Whether `key` and `value` fit a data record with their terminators: 127 and 1023 bytes.
+// Whether `key` and `value` fit a data record with their terminators.
 bool fits_data_record(std::string_view key, std::string_view value);
 
 // One record of the data set `kind`. The pair must fit (fits_data_record); what does not is cut.

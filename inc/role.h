@@ -16,6 +16,10 @@ inline constexpr int ROLE_ACTING_MASTER = 0x1111;  // a slave that has taken ove
 inline constexpr int STATUS_STANDBY = 71;   // standing by as slave
 inline constexpr int STATUS_PROMOTED = 75;  // this host has taken over the services
 
+// What an answer of the master sets the slave's miss counter to; each heartbeat period takes one
+// off.
+inline constexpr int SLAVE_BEAT_RESET = 3;
+
 // Why a host goes on waiting. Only the reasons from NO_SERVER_LIST to NO_MASTER are logged.
 enum class RoleReason {
     DECIDED,

@@ -10,9 +10,16 @@
 // wrapper.
 inline constexpr const char* DHCP_WRAPPER = "/usr/local/bin/quordhcpd";
 inline constexpr const char* BOOT_LOADER = "/usr/local/bin/stagd";
+inline constexpr const char* TFTP_SERVER = "/usr/sbin/in.tftpd";
+inline constexpr const char* RAVLO_SCRIPT = "/etc/init.d/ravlo";
 inline constexpr const char* SYSTEM_DHCPD = "/usr/sbin/dhcpd";
 inline constexpr const char* DHCP_START_LOG = "/var/log/dhcpd_start.log";
 inline constexpr const char* RELOAD_PIPE = "/var/lib/quoradmind/dhcp_fifo";
+
+// What stops them, by the names of their processes.
+inline constexpr const char* KILLALL = "/usr/bin/killall";
+inline constexpr const char* WRAPPER_PROCESS = "quordhcpd";
+inline constexpr const char* BOOT_LOADER_PROCESS = "stagd";
 
 // Whether an operation succeeded, and the text that says so: "Success", or the system's text of the
 // error number after a failed start.

@@ -14,10 +14,9 @@
 
 namespace {
 
-const char* level_word(int level) {
-    constexpr std::array<const char*, 4> WORDS = {"DEBUG ", "INFO ", "ERROR ", "FATAL "};
-    return level >= LOG_DEBUG && level <= LOG_FATAL ? WORDS[static_cast<std::size_t>(level)]
-                                                    : "OTHER ";
+std::string_view level_word(int level) {
+    return level >= LOG_DEBUG && level <= LOG_FATAL ? LEVEL_WORDS[static_cast<std::size_t>(level)]
+                                                    : "OTHER";
 }
 
 // What all lines of one second share: making it costs as much as writing a line.
@@ -56,7 +55,7 @@ StampedLine::StampedLine(int level, const char* message) {
     file_name_ = second.file_name.data();
     append(second.prefix.data());
     append(level_word(level));
-    append(":");
+    append(" :");
     append(message);
     // A message that holds a newline anywhere, not only at its end, is written as it stands.
     if (std::memchr(text_.data(), '\n', length_) == nullptr) {

@@ -41,10 +41,10 @@ struct Service {
 constexpr std::array SERVICES = {
     Service{"boot", "The wrapper quordhcpd and the boot loader stagd.", start_boot_services,
             stop_boot_services, DHCP_WRAPPER, "quordhcpd,stagd"},
-    Service{"tftp", "The TFTP server.", start_tftp_service, stop_tftp_service, "/usr/sbin/in.tftpd",
+    Service{"tftp", "The TFTP server.", start_tftp_service, stop_tftp_service, TFTP_SERVER,
             "in.tftpd"},
     Service{"ravlo", "The init script ravlo.", start_ravlo_service, stop_ravlo_service,
-            "/etc/init.d/ravlo", ""},
+            RAVLO_SCRIPT, ""},
     Service{"dhcpd", "The system's own DHCP server.", start_system_dhcpd, stop_system_dhcpd,
             SYSTEM_DHCPD, "dhcpd"},
 };

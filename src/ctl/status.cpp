@@ -16,6 +16,7 @@
 #include "proc_info.h"
 #include "role.h"
 #include "rows.h"
+#include "services.h"
 #include "store.h"
 #include "store_files.h"
 #include "verbs.h"
@@ -126,7 +127,7 @@ Status gather(const Options& options) {
         status.configured.text = fmt::format("cannot tell: {} cannot be read", CONFIG_DB);
     }
     status.daemons = processes_named(PROGRAM_NAME);
-    for (const char* name : {"quordhcpd", "stagd"}) {
+    for (const char* name : {WRAPPER_PROCESS, BOOT_LOADER_PROCESS}) {
         const auto found = processes_named(name);
         status.services.insert(status.services.end(), found.begin(), found.end());
     }

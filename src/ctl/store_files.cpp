@@ -32,10 +32,10 @@ std::string peer_of_copy(std::string_view name) {
 }
 
 std::string store_path(const std::string& name) {
-    return name == "config"   ? CONFIG_DB
-           : name == "client" ? CLIENT_DB
-           : name == "disk"   ? DISK_DB
-                              : name;
+    if (const DataSet* set = data_set_named(name)) {
+        return set->path;
+    }
+    return name == "disk" ? DISK_DB : name;
 }
 
 void complain_about_file(const std::string& path, const std::string& failure) {
@@ -100,8 +100,8 @@ bool is_mirrored(Replication replication) {
 
 std::string message_fault(Replication replication, std::string_view key, std::string_view value) {
     if (replication == Replication::PUSHED && !fits_data_record(key, value)) {
-        return fmt::format("too long for a message: key {} of 127 bytes, value {} of 1023",
-                           key.size(), value.size());
+        return fmt::format("too long for a message: key {} of {} bytes, value {} of {}", key.size(),
+                           MAX_RECORD_KEY, value.size(), MAX_RECORD_VALUE);
     }
     if (replication == Replication::PUSHED && key == DBVER_KEY) {
         return "a slave would take it for the stamp that ends the set";

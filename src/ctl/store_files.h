@@ -10,9 +10,7 @@
 
 #include "store.h"
 
-inline constexpr const char* STORE_DIRECTORY = "/etc/quoradmind";
-
-// The names in it, sorted; none when it cannot be read.
+// The names in STORE_DIRECTORY, sorted; none when it cannot be read.
 std::vector<std::string> names_in_store_directory();
 
 // The address that a copy of a peer's config.db has for its name, "10.77.0.2.db"; empty for any

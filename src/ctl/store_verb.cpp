@@ -8,6 +8,7 @@
 
 #include "configured_role.h"
 #include "console.h"
+#include "data_sets.h"
 #include "keys.h"
 #include "log.h"
 #include "rows.h"
@@ -132,7 +133,7 @@ int changed(const Options& options, const char* what) {
               options.path().c_str());
     if (pair_replication(options) == Replication::PUSHED) {
         say("\"quorsyncctl store bump {}\" makes the slave fetch it",
-            options.path() == CLIENT_DB ? "client" : "config");
+            (options.path() == CLIENT_SET.path ? CLIENT_SET : CONFIG_SET).name);
     }
     return EXIT_FINE;
 }
@@ -215,7 +216,7 @@ int list_add(const Options& options) {
     }
     const std::string longer = list->empty() ? options.value : *list + "," + options.value;
     if (longer.size() > MAX_LIST) {
-        throw WrongUse(options.key, "a list ends at 4095 characters");
+        throw WrongUse(options.key, fmt::format("a list ends at {} characters", MAX_LIST));
     }
     check_change(options, longer);
     check_place(options);
@@ -307,7 +308,7 @@ void add_bump(const Command& verb, const SharedOptions& options) {
             .argument("SET", options->set, "config or client", {"config", "client"});
     add_force(added, options);
     added.runs([options] {
-        options->key = options->set == "client" ? KEY_CLIENT_VERSION : KEY_CONFIG_VERSION;
+        options->key = data_set_named(options->set)->stamp_key;
         return bump(*options);
     });
 }

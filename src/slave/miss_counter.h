@@ -16,7 +16,6 @@
 #include "role.h"
 
 inline constexpr int INITIAL_BOTTLE = 2;
-inline constexpr int SLAVE_BEAT_RESET = 3;
 
 extern std::atomic<int> bottle;
 extern std::atomic<int> status;  // STATUS_*; written by the supervisor only

@@ -181,6 +181,6 @@ void start_master() {
         return;
     }
     (void)current_stamps();  // to have some to answer, whatever becomes of config.db
-    pay_reload_of_last_run();
+    reload_for_last_run();
     serve(std::move(fd));
 }

@@ -6,33 +6,28 @@
 #include <cerrno>
 #include <cstring>
 
+#include "keys.h"
 #include "log.h"
 #include "owned.h"
 #include "services.h"
 
-namespace {
-
-constexpr const char* OWED = "/etc/quoradmind/dhcp_reload.owed";
-
-}  // namespace
-
-void owe_reload() {
-    const OwnedFd file(open(OWED, O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+void note_reload() {
+    const OwnedFd file(open(OWED_RELOAD, O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
     if (!file.valid()) {
-        log_message(msg::FILE_NOT_WRITTEN, OWED, strerror(errno));
+        log_message(msg::FILE_NOT_WRITTEN, OWED_RELOAD, strerror(errno));
     }
 }
 
-void pay_reload() {
+void reload_as_noted() {
     refresh_dhcp();
-    if (unlink(OWED) != 0 && errno != ENOENT) {
-        log_message(msg::FILE_NOT_REMOVED, OWED, strerror(errno));
+    if (unlink(OWED_RELOAD) != 0 && errno != ENOENT) {
+        log_message(msg::FILE_NOT_REMOVED, OWED_RELOAD, strerror(errno));
     }
 }
 
-void pay_reload_of_last_run() {
-    if (access(OWED, F_OK) == 0) {
+void reload_for_last_run() {
+    if (access(OWED_RELOAD, F_OK) == 0) {
         log_message(msg::RELOAD_OWED);
-        pay_reload();
+        reload_as_noted();
     }
 }

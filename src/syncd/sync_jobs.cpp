@@ -53,9 +53,9 @@ int use_download(const std::string& server) {
         return COPY_DAMAGED;
     }
     // Whoever ends between the two steps still owes the reload: the stamps will agree.
-    owe_reload();
+    note_reload();
     (void)put_copy_in_place(DOWNLOAD, target, Download::SOUND_DATABASE);
-    pay_reload();
+    reload_as_noted();
     return 0;
 }
 

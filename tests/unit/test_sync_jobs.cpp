@@ -68,11 +68,11 @@ TEST_F(SyncJobs, OfAHugeStampOnlyTheBeginningIsRead) {
 
 TEST_F(SyncJobs, AnOwedReloadIsPaidOnce) {
     ASSERT_EQ(mount("tmpfs", "/var/lib", "tmpfs", 0, "mode=755"), 0);
-    pay_reload_of_last_run();
+    reload_for_last_run();
     EXPECT_THAT(logged(), IsEmpty());
-    owe_reload();
-    pay_reload_of_last_run();
-    pay_reload_of_last_run();
+    note_reload();
+    reload_for_last_run();
+    reload_for_last_run();
     EXPECT_EQ(count_of(logged(), "INFO :reload owed since the last run\n"), 1U);
     EXPECT_EQ(count_of(logged(), "DEBUG :refresh_dhcp\n"), 1U);
     EXPECT_TRUE(std::filesystem::is_empty("/etc/quoradmind"));

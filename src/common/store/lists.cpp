@@ -9,14 +9,12 @@
 #include <string_view>
 #include <vector>
 
+#include "keys.h"
 #include "log.h"
 #include "store.h"
 #include "text.h"
 
 namespace {
-
-constexpr std::size_t MAX_KEY = 127;
-constexpr std::size_t MAX_VALUE = 1023;
 
 // The list under `key` of a file that stays open for its change, empty when there is none. Nothing
 // when it cannot be read: taken for an empty one, it would lose all its items.
@@ -130,8 +128,8 @@ void db_next_numbered(const char* path, const char* key, const char* value) {
     int largest = 0;
     bool found = false;
     while (cursor.next(name, data)) {
-        found = found || cut(name, MAX_KEY) == key;
-        largest = std::max(largest, leading_number(cut(data, MAX_VALUE)));
+        found = found || cut(name, MAX_RECORD_KEY) == key;
+        largest = std::max(largest, leading_number(cut(data, MAX_RECORD_VALUE)));
     }
     const std::string_view given(value);
     const std::size_t separator = given.find('#');
@@ -151,6 +149,6 @@ void db_dump(const char* path) {
     std::string_view key;
     std::string_view value;
     while (cursor.next(key, value)) {
-        log_message(msg::STORE_RECORD, cut(key, MAX_KEY).c_str(), cut(value, MAX_VALUE).c_str());
+        log_message(msg::STORE_RECORD, cut(key, MAX_RECORD_KEY).c_str(), cut(value, MAX_RECORD_VALUE).c_str());
     }
 }

@@ -32,7 +32,7 @@ constexpr std::array<Program, 4> PROGRAMS = {{
     {DHCP_WRAPPER, "a take-over cannot start DHCP"},
     {BOOT_LOADER, "a take-over cannot start the boot loader service"},
     {EVENT_TOOL, "no event reaches the site's event system"},
-    {"/usr/bin/killall", "boot services cannot be stopped (Debian: psmisc)"},
+    {KILLALL, "boot services cannot be stopped (Debian: psmisc)"},
 }};
 
 std::string names_of(const std::vector<ProcessInfo>& processes) {
@@ -60,7 +60,7 @@ void check_programs(Findings& findings) {
 
 // Never opens the pipe: closing it again could give its reader an end of file.
 void check_pipe(Findings& findings) {
-    const bool wrapper_runs = !processes_named("quordhcpd").empty();
+    const bool wrapper_runs = !processes_named(WRAPPER_PROCESS).empty();
     struct stat status {};
     if (stat(RELOAD_PIPE, &status) != 0) {
         const std::string text = fmt::format("{}: a reload of DHCP is dropped", strerror(errno));
@@ -128,8 +128,8 @@ bool check_port(Transport transport, std::string_view name, Findings& findings) 
 }
 
 void check_ports(bool daemon_runs, Findings& findings) {
-    const bool master = check_port(Transport::UDP, "port 13233/udp", findings);
-    const bool slave = check_port(Transport::TCP, "port 13233/tcp", findings);
+    const bool master = check_port(Transport::UDP, fmt::format("port {}/udp", PEER_PORT), findings);
+    const bool slave = check_port(Transport::TCP, fmt::format("port {}/tcp", PEER_PORT), findings);
     if (daemon_runs && !master && !slave) {
         findings.problem("daemon", "runs, but listens on no port",
                          "it waits for a role (see above) or was asked to end: kill -9 ends it");

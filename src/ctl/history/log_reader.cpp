@@ -96,9 +96,8 @@ std::optional<seconds> parse_span(std::string_view text) {
 }
 
 int level_of(std::string_view word) {
-    constexpr std::array<std::string_view, 4> WORDS = {"DEBUG", "INFO", "ERROR", "FATAL"};
-    const auto* found = std::find(WORDS.begin(), WORDS.end(), word);
-    return found == WORDS.end() ? -1 : static_cast<int>(found - WORDS.begin());
+    const auto* found = std::find(LEVEL_WORDS.begin(), LEVEL_WORDS.end(), word);
+    return found == LEVEL_WORDS.end() ? -1 : static_cast<int>(found - LEVEL_WORDS.begin());
 }
 
 // A message from its very first byte: "quorsyncd:2.1 2026-11-16 03:52:26 INFO :text".
@@ -197,7 +196,7 @@ std::optional<std::vector<DailyLog>> daily_logs(const std::string& directory) {
     if (!open) {
         return std::nullopt;
     }
-    constexpr std::string_view START = "quorsyncd_";
+    const std::string START = PROGRAM_NAME + std::string("_");
     constexpr std::string_view END = ".log";
     std::vector<DailyLog> logs;
     while (const dirent* entry = readdir(open.get())) {

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "ctl/configured_role.h"
+#include "role.h"
 #include "text.h"
 
 namespace {
@@ -155,13 +156,13 @@ void RoleEvents::stop(LogTime time) {
 
 // --- Heartbeats --------------------------------------------------------------------------------
 
-// Once per beat, after the countdown from 3: any bottle from 2 up means that the master has
+// Once per beat, after the countdown: a bottle that was full before it means that the master has
 // answered since the beat before.
 void RoleEvents::count_beat(LogTime time, int bottle, int status) {
     note_silence(time);
     state_.role = "slave";
     state_.acting = !state_.stop && status == STATUS_PROMOTED;
-    if (bottle >= 2) {
+    if (bottle >= SLAVE_BEAT_RESET - 1) {
         beat_before_answer_ = state_.beat ? state_.beat : state_.start;
         state_.answer = time;
         ++state_.quiet_beats;

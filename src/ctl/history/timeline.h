@@ -32,8 +32,6 @@ private:
     std::unique_ptr<Parts> parts_;
 };
 
-inline constexpr const char* LOG_DIRECTORY = "/var/log";
-
 // What all daily logs in a directory tell.
 struct History {
     Timeline timeline;

@@ -11,6 +11,7 @@
 #include "ctl/console.h"
 #include "ctl/rows.h"
 #include "ctl/verbs.h"
+#include "log.h"
 #include "timeline.h"
 
 namespace {
