@@ -39,7 +39,7 @@ TEST_F(Sink, StoresRecordsAndStampsInTheirPlaces) {
 }
 
 TEST_F(Sink, ALineIsWrittenBeforeItsStampIsStored) {
-    RecordSink sink;
+    RecordSink sink(true);
     const LogBurst burst;
     apply(sink, DATA_KIND_CONFIG, "dbver", "v1");
     EXPECT_EQ(count_of(logged(), "INFO :data 1: dbver=v1\n"), 1U);

@@ -149,6 +149,7 @@ void db_dump(const char* path) {
     std::string_view key;
     std::string_view value;
     while (cursor.next(key, value)) {
-        log_message(msg::STORE_RECORD, cut(key, MAX_RECORD_KEY).c_str(), cut(value, MAX_RECORD_VALUE).c_str());
+        log_message(msg::STORE_RECORD, cut(key, MAX_RECORD_KEY).c_str(),
+                    cut(value, MAX_RECORD_VALUE).c_str());
     }
 }
