@@ -79,13 +79,22 @@ private:
     std::optional<FetchLimits> fetch_limits_ = FetchLimits{};
 };
 
+// Results of a fetch.
+inline constexpr std::int32_t FETCH_WHOLE = 0;
+inline constexpr std::int32_t FETCH_NOT_BEGUN = -1;  // no connection, request, reply or local file
+inline constexpr std::int32_t FETCH_REFUSED = -2;    // an error of the peer
+// A reply without a usable "length", one beyond the client's limits, or a short write.
+inline constexpr std::int32_t FETCH_NOT_KEPT = -3;
+inline constexpr std::int32_t FETCH_CUT = -4;  // a short receive, as at the end of the time allowed
+inline constexpr std::int32_t FETCH_NULL_TEXT = -77;
+
 // What became of a fetch.
 struct FileFetch {
-    std::int32_t result = 0;      // as that of GetServerFile
-    std::int32_t peer_error = 0;  // the peer's own number, with -2
+    std::int32_t result = FETCH_WHOLE;
+    std::int32_t peer_error = 0;  // the peer's own number, with FETCH_REFUSED
     std::int64_t length = 0;      // in bytes, as the peer announced it; 0 before it did
     std::int64_t received = 0;    // bytes that are in the local file
-    std::string failure;          // the line that was logged, with -1
+    std::string failure;          // the line that was logged, with FETCH_NOT_BEGUN
 };
 
 // Is told with each piece how many bytes have come, and of how many; in the caller's thread.
@@ -95,15 +104,13 @@ using FetchProgress = std::function<void(std::int64_t received, std::int64_t len
 FileFetch fetch_server_file(PK_Request_Client& client, const char* server, const char* server_path,
                             const char* local_path, const FetchProgress& progress = {});
 
-// Fetches `szServerFilePath` of the server at `szServerIp` (dotted) into `szLocalPath`. 0; -77 when
-// a text is null; -1 when the request failed or the local file cannot be opened; -2 for an error of
-// the peer; -3 for a reply without a usable "length", one beyond the client's limits, or a short
-// write; -4 for a short receive, which the end of the time allowed is, too. What arrived before a
-// failure stays in the local file. The connection stays open.
+// Fetches `szServerFilePath` of the server at `szServerIp` (dotted) into `szLocalPath`. One of
+// the results above. What arrived before a failure stays in the local file. The connection stays
+// open.
 std::int32_t GetServerFile(PK_Request_Client& client, const char* szServerIp,
                            const char* szServerFilePath, const char* szLocalPath);
 
 // Receives `length` raw bytes of the client's connection into `szPath`, which then holds just what
 // arrived. What is there but is no ordinary file of this user with one name is refused and left as
-// it is. 0, -1, -3 or -4 as above.
+// it is. One of the results above.
 std::int32_t recv_file(PK_Request_Client& client, std::int64_t length, const char* szPath);

@@ -76,14 +76,14 @@ std::int32_t recv_into(PK_Request_Client& client, PK_File& file, FileFetch& fetc
         const int received = client.RecvAll(buffer.data(), chunk);
         if (received != chunk) {
             log_message(msg::DOWNLOAD_CUT, received, chunk, errno, ORIGIN, "recv_file", __LINE__);
-            return -4;
+            return FETCH_CUT;
         }
         const ssize_t written =
             file.Write(buffer.data(), static_cast<std::size_t>(chunk), fetch.received);
         if (written != chunk) {
             log_message(msg::DOWNLOAD_NOT_WRITTEN, static_cast<int>(written), chunk, errno, ORIGIN,
                         "recv_file", __LINE__);
-            return -3;
+            return FETCH_NOT_KEPT;
         }
         fetch.received += chunk;
         if (progress) {
@@ -98,7 +98,7 @@ std::int32_t recv_announced(PK_Request_Client& client, const char* path, FileFet
     PK_File file;
     if (file.OpenRwEmpty(path) != 0) {
         fetch.failure = log_failure(msg::DOWNLOAD_NOT_OPENED, path, ORIGIN, __LINE__);
-        return -1;
+        return FETCH_NOT_BEGUN;
     }
     return recv_into(client, file, fetch, progress);
 }
@@ -109,15 +109,15 @@ std::int32_t take_length(PK_Request_Client& client, Clock::time_point asked, con
     const OwnedJson parsed(json_tokener_parse(reply));
     if (!parsed) {
         log_message(msg::REPLY_NOT_JSON, reply, ORIGIN, __LINE__);
-        return -3;
+        return FETCH_NOT_KEPT;
     }
     const auto length = length_in(parsed.get());
     if (!length) {
         log_message(msg::REPLY_WITHOUT_LENGTH, reply, ORIGIN, __LINE__);
-        return -3;
+        return FETCH_NOT_KEPT;
     }
     fetch.length = *length;
-    return admit_length(client, asked, *length) ? 0 : -3;
+    return admit_length(client, asked, *length) ? 0 : FETCH_NOT_KEPT;
 }
 
 // Asks for the file; the reply tells its length.
@@ -134,11 +134,11 @@ std::int32_t request_file(PK_Request_Client& client, const char* server, const c
                                       json_object_to_json_string(request.get()), reply.data(),
                                       REPLY_SIZE, &fetch.peer_error) != 0) {
         fetch.failure = client.failure();
-        return -1;
+        return FETCH_NOT_BEGUN;
     }
     if (fetch.peer_error != 0) {
         log_message(msg::SERVICE_REFUSED, fetch.peer_error, server, server_path, ORIGIN, __LINE__);
-        return -2;
+        return FETCH_REFUSED;
     }
     return take_length(client, asked, reply.data(), fetch);
 }
@@ -158,7 +158,7 @@ FileFetch fetch_server_file(PK_Request_Client& client, const char* server, const
 std::int32_t GetServerFile(PK_Request_Client& client, const char* szServerIp,
                            const char* szServerFilePath, const char* szLocalPath) {
     if (szServerIp == nullptr || szServerFilePath == nullptr || szLocalPath == nullptr) {
-        return -77;
+        return FETCH_NULL_TEXT;
     }
     return fetch_server_file(client, szServerIp, szServerFilePath, szLocalPath).result;
 }

@@ -30,19 +30,18 @@ struct Options {
 
 std::string failure_text(const Options& options, const FileFetch& fetch) {
     switch (fetch.result) {
-        case -2:
-            // The service's own numbers; most are the system's.
-            return fmt::format("{} refuses {}: error {}, as one of the system's: {}",
-                               options.address, options.remote, fetch.peer_error,
-                               std::strerror(std::abs(fetch.peer_error)));
-        case -3:
+        case FETCH_REFUSED:
+            // The service has its own numbers; most of them are the system's.
+            return fmt::format("{} refuses {} (errno {}: {})", options.address, options.remote,
+                               fetch.peer_error, std::strerror(std::abs(fetch.peer_error)));
+        case FETCH_NOT_KEPT:
             return fetch.length == 0
                        ? fmt::format("{} answers without the length of {}", options.address,
                                      options.remote)
                        : fmt::format(
                              "{}.part cannot be written to its end; is its file system full?",
                              options.local);
-        case -4:
+        case FETCH_CUT:
             return fmt::format("{} ended {} after {} of {}", options.address, options.remote,
                                bytes_text(fetch.received), bytes_text(fetch.length));
         default:

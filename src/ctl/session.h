@@ -16,7 +16,7 @@ void begin_inspection();
 // The tool changes something from now on.
 void begin_changes();
 
-// While one of these lives, programs that are started get /dev/null in place of the tool's own
+// While one of these exists, programs that are started get /dev/null in place of the tool's own
 // streams: a boot service that kept a pipe or a terminal open would make its reader wait for ever.
 class DetachedPrograms {
 public:

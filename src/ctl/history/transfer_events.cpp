@@ -6,6 +6,7 @@
 
 #include "ctl/console.h"
 #include "data_sets.h"
+#include "keys.h"
 #include "peer_message.h"
 #include "text.h"
 
