@@ -1,16 +1,16 @@
 // A pair as the explorer sees it: everything that decides what can happen next, as one value, and
 // the events that lead from one value to another.
 //
-// The slave's client list, its decisions about a take-over and what the master pushes are the
-// daemon's own code. The files, the lines, the clock, the administrator and the mishaps are the
-// explorer's.
+// The slave's client list, what a start as the master does to it, the decisions about a take-over
+// and what the master pushes are the daemon's own code. The files, the lines, the clock, the
+// administrator and the mishaps are the explorer's.
 #pragma once
 
 #include <array>
-#include <compare>
 #include <cstdint>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "slave/client_list/client_list.h"
@@ -23,7 +23,8 @@ struct Bounds {
     unsigned connections;  // waiting at the slave, with the one that is served
     unsigned due;          // pushes that were asked for
     unsigned mishaps;      // kills, cuts, losses and refusals of the disk, taken together
-    unsigned swaps;        // of roles, and returns of the master with a backup
+    unsigned backups;      // with which the master returns
+    unsigned swaps;        // of roles
 };
 
 using Clients = std::uint8_t;  // a bit for each
@@ -45,53 +46,53 @@ struct Channel {
     Clients set;  // all its records
 };
 
-// Zero-filled where nothing else is said, and without padding, so that equal worlds are equal
-// bytes.
-struct World {
-    // The master.
-    std::uint8_t master_runs;
-    Clients master_clients;
-    StampNumber master_stamp;
-    std::uint8_t master_changed;  // the clients, but not yet the stamp
-    StampNumber last_stamp;       // that was ever used
-    std::array<Waiting, 4> datagrams;
-    std::array<Channel, 3> connections;  // the first one is being served
-
-    // The slave's disk.
+struct Disk {
     Clients clients;
     Clients kept;
     StampNumber stamp;
-    std::uint8_t journal_there;
-    std::uint8_t journal_phase;
-    std::uint8_t journal_due;
-    std::uint8_t journal_kept;
-    StampNumber journal_stamp;
-
-    // The slave's memory.
-    std::uint8_t slave_runs;
-    std::uint8_t stop_asked;
-    std::uint8_t promoted;
-    std::uint8_t bottle_empty;
-    std::uint8_t records_arrive;
-    std::uint8_t list_state;
-    std::uint8_t list_kept;
-    std::uint8_t list_due;
-    StampNumber list_closing;
-    std::uint8_t list_put_back;
-    std::uint8_t batch_open;
-    Clients batch;  // records that a kill loses
-    std::uint8_t push_begun, push_asked, push_refused, push_failed, push_stored, push_current;
+    bool has_journal;
+    ListJournal::Phase phase;
+    std::uint8_t due;
+    bool says_kept;
+    StampNumber closing;
+    StampNumber own;
 
     // What the explorer remembers.
-    Clients stamp_set;   // the records of the push that ended with the slave's stamp
+    Clients stamp_set;   // the records that belong to the stamp
     Clients closed_set;  // those of the last push that came whole
     Clients complete;    // the last complete list
+};
+
+// What the slave's list remembers of itself and of the push that it reads.
+struct Memory {
+    ListState state;
+    bool kept;
+    std::uint8_t due;
+    StampNumber closing;
+    bool batch_open;
+    Clients batch;  // records that a kill loses
+    bool begun, asked, refused, failed, stored, current;
+};
+
+// Zero-filled where nothing else is said, and without padding, so that equal worlds are equal
+// bytes.
+struct World {
+    Disk of_master;
+    bool master_runs;
+    bool master_changed;     // the clients, but not yet the stamp
+    StampNumber last_stamp;  // that was ever used
     Clients backup_clients;
     StampNumber backup_stamp;
-    std::uint8_t mishaps;  // still to come
-    std::uint8_t swaps;
+    std::array<Waiting, 4> datagrams;
+    std::array<Channel, 3> connections;  // the first one is being served
 
-    bool operator==(const World&) const = default;
+    Disk of_slave;
+    bool slave_runs, stop_asked, promoted, bottle_empty, records_arrive;
+    Memory memory;
+
+    std::uint8_t mishaps;  // still to come
+    std::uint8_t backups;
+    std::uint8_t swaps;
 };
 static_assert(std::has_unique_object_representations_v<World>);
 
@@ -115,28 +116,29 @@ enum class Act : std::uint8_t {
     KILL_MASTER,
     START_MASTER,
     RESTORE_BACKUP,  // the master's disk is replaced by its backup
-    SWAP_ROLES,      // both end, and start with the other role
+    SWAP_ROLES,      // both end; each is going to start with the other role
+    END,
 };
 
 // What the disk does to an event, counted in its durable changes.
 enum class Mishap : std::uint8_t {
     NONE,
-    KILLED,        // the slave is killed when `at` changes are done
+    KILLED,        // the host that uses it is killed when `at` changes are done
     REFUSED,       // change number `at` fails
     HALF_REFUSED,  // it fails when it is done, as a flush does
 };
 
 struct Event {
     Act act;
-    std::uint8_t argument;
-    Mishap mishap;
-    std::uint8_t at;
+    std::uint8_t argument = 0;
+    Mishap mishap = Mishap::NONE;
+    std::uint8_t at = 0;
 };
 
 struct Result {
     World world;
-    std::string violation;  // empty: none
-    bool struck;            // the event had enough steps for its mishap to come
+    std::string violation{};  // empty: none
+    bool struck = false;      // the event had enough steps for its mishap to come
 };
 
 class Explorer {
@@ -154,13 +156,14 @@ public:
 
     Result apply(const World& world, const Event& event) const;
 
-    static std::string text_of(const World& before, const Event& event);
-    static std::string text_of(const World& world);
-
 private:
     void with_mishaps(const World& world, const Event& plain,
                       std::vector<std::pair<Event, Result>>& found) const;
-    bool possible(const World& world, Act act, std::uint8_t argument) const;
+    bool possible(const World& world, Act act, unsigned argument) const;
 
     Bounds bounds_;
 };
+
+// In words.
+std::string text_of(const World& before, const Event& event);
+std::string text_of(const World& world);

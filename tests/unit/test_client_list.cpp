@@ -37,6 +37,10 @@ protected:
         list_.emplace(list_files(), clock_);
         list_->start_as_slave();
     }
+    void start_as_master() {
+        list_.emplace(list_files(), clock_);
+        list_->start_as_master();
+    }
     // So many answers with another stamp, and a request for each.
     void ask(int times) {
         for (int n = 0; n < times; ++n) {
@@ -181,10 +185,35 @@ TEST_F(ClientListTest, AStampThatAKillKeptBackIsStoredByTheNextStart) {
     put(CONFIG_DB, KEY_CLIENT_VERSION, "v1");
     push({"new"}, nullptr);
     std::filesystem::create_hard_link(CLIENT_DB, PREVIOUS_CLIENT_DB);
-    write_file(CLIENT_JOURNAL, "closed 0 kept v 2");
+    write_file(CLIENT_JOURNAL, "closed 0 kept v 2\0v1"s);
     restart();
     EXPECT_EQ(stamp(), "v 2");
     EXPECT_EQ(names(), only_files_);
+    // But not over one that a tool has stored since.
+    put(CONFIG_DB, KEY_CLIENT_VERSION, "of a tool");
+    write_file(CLIENT_JOURNAL, "closed 0 alone v 2\0v1"s);
+    restart();
+    EXPECT_EQ(stamp(), "of a tool");
+    EXPECT_EQ(names(), only_files_);
+}
+
+TEST_F(ClientListTest, ADamagedFileThatIsReplacedHasNoStamp) {
+    write_file(CLIENT_DB, std::string(8192, 'x'));
+    push({"not asked"}, nullptr, false);
+    EXPECT_EQ(clients(), std::vector{"not asked"s});
+    EXPECT_EQ(stamp(), "(absent)");
+    // Nor does a push end whose records were in it.
+    put(CONFIG_DB, KEY_CLIENT_VERSION, "v1");
+    ask(1);
+    ClientPush asked{.of_master = true};
+    list_->put(asked, "lost", "new");
+    list_->flush(asked);
+    write_file(CLIENT_DB, std::string(8192, 'x'));
+    push({"not asked"}, nullptr, false);
+    list_->put(asked, "more", "new");
+    EXPECT_TRUE(list_->close(asked, "v2"));
+    list_->end(asked);
+    EXPECT_EQ(stamp(), "v1");
 }
 
 // --- The way back to the list from before --------------------------------------------------------
@@ -243,20 +272,47 @@ TEST_F(ClientListTest, IsPutBackOverItself) {
         if (*journal != '\0') {
             write_file(CLIENT_JOURNAL, journal);
         }
-        list_.emplace(list_files(), clock_);
-        list_->start_as_master();
+        start_as_master();
         EXPECT_EQ(records_of(CLIENT_DB), old_);
         EXPECT_EQ(names(), only_files_);
     }
 }
 
-TEST_F(ClientListTest, AMasterPutsBackAndForgetsItsLifeAsSlave) {
+TEST_F(ClientListTest, AStartAsTheMasterPutsBackAndForgetsWhatWasDue) {
     ask(2);
     push({"new"}, nullptr);
-    list_.emplace(list_files(), clock_);
-    list_->start_as_master();
+    start_as_master();
     EXPECT_EQ(records_of(CLIENT_DB), old_);
     EXPECT_EQ(names(), only_files_);
+    EXPECT_EQ(stamp(), "v1");
+}
+
+TEST_F(ClientListTest, WhatAMasterHasMadeOfAPartIsWhole) {
+    std::filesystem::remove(CLIENT_DB);
+    ask(1);
+    push({"part"}, nullptr);
+    const std::string journal = contents(CLIENT_JOURNAL);
+    start_as_master();
+    EXPECT_EQ(clients(), std::vector{"part"s});
+    EXPECT_EQ(stamp(), "(absent)");  // it named a list without records
+    EXPECT_EQ(names(), only_files_);
+    put(CLIENT_DB, "more", "new");
+    put(CONFIG_DB, KEY_CLIENT_VERSION, "v2");
+    write_file(CLIENT_JOURNAL, journal);  // as if it could not be removed
+    restart();
+    list_->equal_stamps();
+    EXPECT_EQ(clients(), (std::vector{"more"s, "part"s}));
+    EXPECT_EQ(stamp(), "v2");
+}
+
+TEST_F(ClientListTest, AKeptListIsNotPutBackUnderAStampThatOthersStored) {
+    ask(1);
+    push({"part"}, nullptr);
+    put(CONFIG_DB, KEY_CLIENT_VERSION, "of a tool");
+    restart();
+    EXPECT_EQ(stamp(), "(absent)");
+    list_->take_over();
+    EXPECT_EQ(records_of(CLIENT_DB), old_);
 }
 
 TEST_F(ClientListTest, AJournalThatMakesNoSenseDoesNoHarm) {

@@ -49,17 +49,17 @@ ClientList::ClientList(ListFiles& files, ListClock& clock, ListMemory memory)
 
 void ClientList::start_as_slave() {
     const Turn turn(*this);
-    load();
+    if (load() && memory_.kept) {
+        (void)files_.delete_stamp();  // it does not name the list that would be put back
+    }
     (void)finish_closing();
 }
 
 void ClientList::start_as_master() {
     const Turn turn(*this);
-    load();
+    (void)load();
     memory_.due = 0;
-    if (finish_closing() && move(ListEvent::TAKE_OVER) && is_whole(memory_.state)) {
-        (void)note(Phase::WHOLE);
-    }
+    (void)move(ListEvent::MASTER_STARTS);
 }
 
 std::optional<StampPair> ClientList::stamps() {
@@ -202,13 +202,19 @@ void ClientList::Turn::end() {
     list_.changed_.notify_all();
 }
 
-void ClientList::load() {
+// Returns whether the list is a part although the own stamp is newer than that.
+bool ClientList::load() {
     ListJournal journal = files_.read_journal();
     const bool kept = files_.has_kept();
-    if (kept && !files_.has_journal()) {
-        journal = {
-            .phase = Phase::PART, .due = 1, .kept = true, .stamp = {}};  // of a daemon before
+    const bool before_journals = kept && !files_.has_journal();
+    if (before_journals) {
+        journal = {.phase = Phase::PART, .due = 1, .kept = true, .stamp = {}, .own = {}};
     }
+    std::optional<StampPair> own;
+    if (journal.phase != Phase::WHOLE && !before_journals) {
+        own = files_.stamps();
+    }
+    const bool newer = own && !own->client.empty() && own->client != journal.own;
     const unsigned version = memory_.version;
     memory_ = {};
     memory_.version = version + 1;
@@ -216,13 +222,14 @@ void ClientList::load() {
     if (journal.phase == Phase::CLOSED) {
         memory_.state = ListState::CLOSING;
         memory_.kept = kept;
-        memory_.closing_stamp = std::move(journal.stamp);
-    } else if (journal.phase == Phase::PART && (kept || !journal.kept)) {
+        memory_.closing_stamp = newer ? own->client : journal.stamp;
+    } else if (journal.phase == Phase::PART && (kept || !(journal.kept || newer))) {
         memory_.state = ListState::BROKEN;
         memory_.kept = kept;
     } else if (kept) {
         (void)files_.drop_kept();  // another name of client.db: a kill came before it was emptied
     }
+    return newer && is_part(memory_.state);
 }
 
 // Whoever puts a list in the place of a part by hand removes the kept one.
@@ -281,6 +288,8 @@ bool ClientList::take(ListStep step, const std::string& stamp) {
         case ListStep::STORE_STAMP:
             return files_.store_stamp(memory_.state == ListState::CLOSING ? memory_.closing_stamp
                                                                           : stamp);
+        case ListStep::DELETE_STAMP:
+            return files_.delete_stamp();
         case ListStep::NOTE_WHOLE:
             return note(Phase::WHOLE) || is_whole(memory_.state);
         case ListStep::PUT_BACK:
@@ -321,13 +330,20 @@ bool ClientList::put_back() {
 }
 
 bool ClientList::note(Phase phase) {
-    ListJournal journal{.phase = phase, .due = memory_.due, .kept = false, .stamp = {}};
+    ListJournal journal{.phase = phase, .due = memory_.due, .kept = false, .stamp = {}, .own = {}};
+    if (phase == Phase::WHOLE) {
+        return files_.write_journal(journal);
+    }
     if (phase == Phase::PART) {
         journal.kept = memory_.kept;
-    } else if (phase == Phase::CLOSED) {
+    } else {
         journal.stamp = memory_.closing_stamp;
     }
-    return files_.write_journal(journal);
+    const std::optional<StampPair> own = files_.stamps();
+    if (own) {
+        journal.own = own->client;
+    }
+    return own && files_.write_journal(journal);
 }
 
 // After a move from a whole list that failed before it was emptied: it stays whole.
@@ -379,9 +395,20 @@ bool ClientList::open_batch(ClientPush& push) {
     if (batch == Batch::FAILED) {
         return false;
     }
-    push.failed = push.failed || (batch == Batch::OPEN_EMPTY && push.stored);
+    if (batch == Batch::OPEN_EMPTY) {
+        replaced_by_empty(push);
+    }
     memory_.batch = &push;
     return true;
+}
+
+// What client.db held is gone: the records of this push and of others, and what the stamp names.
+void ClientList::replaced_by_empty(ClientPush& push) {
+    push.failed = push.failed || push.stored;
+    push.version = ++memory_.version;
+    if (is_whole(memory_.state)) {
+        (void)files_.delete_stamp();
+    }
 }
 
 void ClientList::close_batch() {

@@ -142,7 +142,7 @@ private:
         ClientList& list_;
     };
 
-    void load();
+    bool load();
     void look_for_kept();
     bool finish_closing();
     bool move(ListEvent event, const std::string& stamp = {});
@@ -156,6 +156,7 @@ private:
     void refuse_stamp(const ClientPush& push) const;
     bool outdated(const ClientPush& push) const;
     bool open_batch(ClientPush& push);
+    void replaced_by_empty(ClientPush& push);
     void close_batch();
 
     ListFiles& files_;

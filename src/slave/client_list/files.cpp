@@ -25,12 +25,12 @@ constexpr std::uint32_t BATCH_CACHE = 256U << 20U;
 constexpr const char* PHASES[] = {"whole", "unfinished", "closed"};
 constexpr const char* KEPT_WORDS[] = {"alone", "kept"};
 
-// "unfinished 2 kept", "closed 0 alone STAMP": the phase, the pushes due, whether an old list is
-// kept, and the stamp, which may hold anything but a zero byte.
+// "unfinished 2 kept ", "closed 0 alone STAMP": the phase, the pushes due, whether an old list is
+// kept, and the stamp, which may hold anything but a zero byte; behind such a one, the own stamp.
 std::string text_of(const ListJournal& journal) {
     return std::string(PHASES[static_cast<int>(journal.phase)]) + ' ' +
            std::to_string(journal.due) + ' ' + KEPT_WORDS[journal.kept ? 1 : 0] + ' ' +
-           journal.stamp;
+           journal.stamp + (journal.own.empty() ? "" : '\0' + journal.own);
 }
 
 // Takes the next word off `text`; -1 when it is none of `words`.
@@ -54,7 +54,9 @@ std::optional<ListJournal> parse_journal(std::string_view text) {
     const int kept = take_word(text, KEPT_WORDS);
     journal.phase = static_cast<Phase>(phase);
     journal.kept = kept == 1;
-    journal.stamp = text;
+    journal.stamp = text.substr(0, text.find('\0'));
+    text.remove_prefix(std::min(text.size(), journal.stamp.size() + 1));
+    journal.own = text;
     return kept < 0 ? std::nullopt : std::optional(journal);
 }
 
@@ -117,7 +119,7 @@ ListJournal HostFiles::read_journal() {
     }
     std::ostringstream text;
     text << std::ifstream(CLIENT_JOURNAL, std::ios::binary).rdbuf();
-    return parse_journal(text.str()).value_or(ListJournal{Phase::PART, 1, true, {}});
+    return parse_journal(text.str()).value_or(ListJournal{Phase::PART, 1, true, {}, {}});
 }
 
 bool HostFiles::write_journal(const ListJournal& journal) {

@@ -23,6 +23,8 @@ struct ListJournal {
     int due = 0;  // at most so many pushes that were asked for are still to come
     bool kept = false;
     std::string stamp;
+    std::string own;  // the own stamp when a PART or CLOSED was written: who finds another one
+                      // there knows that the list has been given it by others since
 
     bool operator==(const ListJournal&) const = default;
 };

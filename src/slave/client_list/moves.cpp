@@ -56,6 +56,11 @@ constexpr ListMove MOVES[] = {
     {bit(BROKEN),   TAKE_OVER,        NONE_KEPT, {},                                   BROKEN},
     {bit(COMPLETE), TAKE_OVER,        ALWAYS,    {},                                   COMPLETE},
     {bit(RESTORED), TAKE_OVER,        ALWAYS,    {},                                   RESTORED},
+
+    // What a master has is its list. A stamp that stood over a part would name two lists.
+    {PART,          MASTER_STARTS,    KEPT,      {PUT_BACK, NOTE_WHOLE},               RESTORED},
+    {PART,          MASTER_STARTS,    NONE_KEPT, {DELETE_STAMP, NOTE_WHOLE},           COMPLETE},
+    {WHOLE,         MASTER_STARTS,    ALWAYS,    {NOTE_WHOLE},                         COMPLETE},
 };
 // clang-format on
 
@@ -103,6 +108,8 @@ const char* name_of(ListEvent event) {
             return "a stamp comes unasked";
         case TAKE_OVER:
             return "take-over";
+        case MASTER_STARTS:
+            return "start as the master";
         case CLOSING_GOES_ON:
             return "the closing goes on";
     }

@@ -21,6 +21,7 @@ enum class ListEvent : std::uint8_t {
     PUSH_BREAKS,       // its connection has ended without that
     STAMP_COMES,       // a closing record that nobody asked for
     TAKE_OVER,         // the boot services are about to start on this list
+    MASTER_STARTS,     // the host becomes the master, which changes its list by other means
     CLOSING_GOES_ON,   // right after the closing record, and again if that failed
 };
 
@@ -37,8 +38,9 @@ enum class ListStep : std::uint8_t {
     NOTE_CLOSED,  // journal: client.db is whole; the next three are still to be done
     DROP_KEPT,    // removes client.db.previous
     STORE_STAMP,  // stores the stamp of the closing record
-    NOTE_WHOLE,   // journal: client.db is whole
-    PUT_BACK,     // gives client.db.previous the name client.db
+    DELETE_STAMP,
+    NOTE_WHOLE,  // journal: client.db is whole
+    PUT_BACK,    // gives client.db.previous the name client.db
 };
 
 // A row of the table: on `event` in one of the states `from`, the steps, and where they end when

@@ -1,4 +1,4 @@
-// The slave's files, in a World, and the list that works on them.
+// The files of one host, in a World, as its client list works on them.
 #pragma once
 
 #include <functional>
@@ -7,11 +7,11 @@
 
 struct Killed {};
 
-class SlaveDisk : public ListFiles {
+class DiskFiles : public ListFiles {
 public:
-    SlaveDisk(World& world, Mishap mishap, unsigned at) : world_(world), mishap_(mishap), at_(at) {}
+    DiskFiles(Disk& disk, Memory& memory, const Event& event)
+        : disk_(disk), memory_(memory), mishap_(event.mishap), at_(event.at) {}
 
-    unsigned changes() const { return changes_; }
     bool struck() const { return struck_; }
     bool push_counts() const { return push_counts_; }
 
@@ -23,9 +23,9 @@ public:
     }
 
     ListJournal read_journal() override;
-    bool has_journal() override { return world_.journal_there != 0; }
+    bool has_journal() override { return disk_.has_journal; }
     bool write_journal(const ListJournal& journal) override;
-    bool has_kept() override { return world_.kept != NO_LIST; }
+    bool has_kept() override { return disk_.kept != NO_LIST; }
     Kept keep() override;
     bool drop_kept() override;
     bool put_back() override;
@@ -38,11 +38,12 @@ public:
     bool close_batch() override;
 
 private:
-    enum class Fate { DONE, REFUSED, HALF };
+    enum class Fate : std::uint8_t { DONE, REFUSED, HALF };
     Fate change();
     bool durable(bool can_be_half, const auto& effect);
 
-    World& world_;
+    Disk& disk_;
+    Memory& memory_;
     Mishap mishap_;
     unsigned at_;
     unsigned changes_ = 0;
