@@ -18,7 +18,7 @@ _quorsyncctl() {
     case "$previous ${verbs[*]}" in
         --file\ * | -f\ store*) found="config client disk" ;;
         --set\ *) found="auto config client" ;;
-        bump\ *) found="config client" ;;
+        bump\ *) found="config client dsver" ;;
         diff\ * | *\ diff) found="config client disk" ;;
         --since\ *) found="today yesterday 30m 2h 3d" ;;
         --dir\ *) mapfile -t COMPREPLY < <(compgen -d -- "$current"); return ;;

@@ -11,8 +11,10 @@
 #include "data_sets.h"
 #include "keys.h"
 #include "log.h"
+#include "proc_info.h"
 #include "rows.h"
 #include "session.h"
+#include "setting_rules.h"
 #include "stamps.h"
 #include "store.h"
 #include "store_files.h"
@@ -28,6 +30,8 @@ struct Options {
     std::string set;    // of bump: config or client
     bool json = false;
     bool force = false;
+    bool bump = false;        // the stamp of the set that the change belongs to
+    bool keep_dsver = false;  // although a slave's own setting changes
 
     std::string path() const { return store_path(file); }
 };
@@ -101,6 +105,22 @@ Replication pair_replication(const Options& options) {
                                                   : Replication::NONE;
 }
 
+// Throws what the daemon could not use; --force stores it all the same.
+void check_text(const Options& options, const std::string& value) {
+    if (options.force) {
+        return;
+    }
+    std::string fault = control_fault(options.key);
+    fault = fault.empty() ? control_fault(value) : fault;
+    if (fault.empty() && options.path() == CONFIG_DB) {
+        fault = setting_fault(options.key, value);
+    }
+    if (!fault.empty()) {
+        throw WrongUse(escape(options.key),
+                       fmt::format("{}; --force stores it all the same", escape(fault)));
+    }
+}
+
 // Throws what the operator did wrong.
 void check_change(const Options& options, const std::string& value) {
     const std::string path = options.path();
@@ -117,9 +137,13 @@ void check_change(const Options& options, const std::string& value) {
     if (!misfit.empty()) {
         throw WrongUse(options.key, misfit);
     }
+    check_text(options, value);
 }
 
 void check_place(const Options& options) {
+    if (options.bump && pair_replication(options) != Replication::PUSHED) {
+        throw WrongUse("--bump", "the record is in no set that the slave fetches");
+    }
     if (!options.force && is_mirrored(pair_replication(options)) && is_configured_slave()) {
         throw WrongUse(options.key,
                        "this host is the slave: change it on the master, which overwrites it here; "
@@ -127,14 +151,29 @@ void check_place(const Options& options) {
     }
 }
 
+// What the operator may want to know of a change. On standard error: standard output is for data.
+void print_hints(const Options& options) {
+    const bool settings = options.path() == CONFIG_DB;
+    if (pair_replication(options) == Replication::PUSHED && !options.bump) {
+        complain("\"quorsyncctl store bump {}\" makes the slave fetch it",
+                 (settings ? CONFIG_SET : CLIENT_SET).name);
+    }
+    if (!settings) {
+        return;
+    }
+    if (const auto meant = similar_setting(options.key); !meant.empty()) {
+        complain("the daemon reads no \"{}\"; did you mean \"{}\"?", escape(options.key), meant);
+    }
+    if (needs_restart(options.key) && !processes_named(PROGRAM_NAME).empty()) {
+        complain("\"{}\" takes effect when the daemon is restarted", options.key);
+    }
+}
+
 // The last words on a change that has succeeded: a line for the log, a hint for the operator.
 int changed(const Options& options, const char* what) {
     write_log(LOG_INFO, "quorsyncctl: %s %s in %s", what, escape(options.key).c_str(),
               options.path().c_str());
-    if (pair_replication(options) == Replication::PUSHED) {
-        say("\"quorsyncctl store bump {}\" makes the slave fetch it",
-            (options.path() == CLIENT_SET.path ? CLIENT_SET : CONFIG_SET).name);
-    }
+    print_hints(options);
     return EXIT_FINE;
 }
 
@@ -143,11 +182,54 @@ int failed(const Options& options, const std::string& reason) {
     return EXIT_PROBLEM;
 }
 
+// Puts another stamp under `key`. Reads and writes in one opening, so that no two come to the same.
+int raise_stamp(Store& store, const char* key, std::string& before, std::string& stamp) {
+    (void)store.get(key, before);
+    char now[20];
+    stamp = next_stamp(before, format_timestamp(now, sizeof now));
+    return store.put(key, stamp);
+}
+
+// The stamp in config.db that has to follow a change of the record; null for none. A slave's own
+// settings go to its master, which looks at their stamp.
+const char* stamp_of_change(const Options& options) {
+    const Replication replication = pair_replication(options);
+    if (options.bump && replication == Replication::PUSHED) {
+        return (options.path() == CLIENT_DB ? CLIENT_SET : CONFIG_SET).stamp_key;
+    }
+    const bool own = options.path() == CONFIG_DB && replication != Replication::STAMP &&
+                     replication != Replication::DSVER;
+    return own && !options.keep_dsver && is_configured_slave() ? KEY_DSVER : nullptr;
+}
+
+// After the change: a stamp that came first could be fetched with the old record.
+int follow_with_stamp(const Options& options) {
+    const char* key = stamp_of_change(options);
+    if (key == nullptr) {
+        return EXIT_FINE;
+    }
+    const std::unique_ptr<Store> store = open_store(CONFIG_DB);
+    std::string before;
+    std::string stamp;
+    const int result = store ? raise_stamp(*store, key, before, stamp) : EINVAL;
+    const int closed = store ? store->close() : 0;
+    if (result == 0 && closed == 0) {
+        return EXIT_FINE;
+    }
+    complain("{}: \"{}\" is changed, but \"{}\" is not: {}", options.path(), escape(options.key),
+             key, store_error_text(result != 0 ? result : closed));
+    return EXIT_PROBLEM;
+}
+
 // Closes the file after a change whose result is known; what is left to say.
 int finish(const Options& options, Store& store, int result, const char* what) {
     const int closed = store.close();
     const int error = result != 0 ? result : closed;
-    return error == 0 ? changed(options, what) : failed(options, store_error_text(error));
+    if (error != 0) {
+        return failed(options, store_error_text(error));
+    }
+    (void)changed(options, what);
+    return follow_with_stamp(options);
 }
 
 int put(const Options& options) {
@@ -201,7 +283,11 @@ int change_list(const Options& options, ListChange change, const char* what) {
     begin_changes();
     const std::string failure =
         change(options.path().c_str(), options.key.c_str(), options.value.c_str());
-    return failure.empty() ? changed(options, what) : failed(options, failure);
+    if (!failure.empty()) {
+        return failed(options, failure);
+    }
+    (void)changed(options, what);
+    return follow_with_stamp(options);
 }
 
 int list_add(const Options& options) {
@@ -238,19 +324,33 @@ int list_remove(const Options& options) {
     return change_list(options, remove_list_item, "list-remove");
 }
 
-// Reads and writes in one go, so that no two can come to the same stamp.
+// Throws where the new stamp would make the slave replace its clients by nothing.
+void check_clients(const Options& options) {
+    if (options.force || options.key != CLIENT_SET.stamp_key) {
+        return;
+    }
+    const std::unique_ptr<Store> clients = db_open_present(CLIENT_DB);
+    std::string_view key;
+    std::string_view value;
+    if (!clients || (clients->usable() && !StoreCursor(*clients).next(key, value))) {
+        throw WrongUse(CLIENT_DB, fmt::format("{}: the slave would drop its clients; --force bumps "
+                                              "it all the same",
+                                              clients ? "holds no record" : "is missing"));
+    }
+}
+
 int bump(const Options& options) {
     check_place(options);
+    check_clients(options);
     begin_changes();
     const std::unique_ptr<Store> store = open_store(options.path());
     if (!store) {
         return EXIT_PROBLEM;
     }
     std::string before;
-    (void)store->get(options.key, before);
-    char now[20];
-    const std::string stamp = next_stamp(before, format_timestamp(now, sizeof now));
-    const int status = finish(options, *store, store->put(options.key, stamp), "bump");
+    std::string stamp;
+    const int result = raise_stamp(*store, options.key.c_str(), before, stamp);
+    const int status = finish(options, *store, result, "bump");
     if (status == EXIT_FINE) {
         say("{}: {} -> {}", options.key, before.empty() ? "none" : escape(before), stamp);
     }
@@ -275,7 +375,15 @@ void add_key(const Command& operation, const SharedOptions& options) {
 }
 
 void add_force(const Command& operation, const SharedOptions& options) {
-    operation.flag("--force", options->force, "Change mirrored data on the slave, too");
+    operation.flag("--force", options->force,
+                   "Even on the slave, or what the daemon cannot use, or an empty list");
+}
+
+// What a change of a record takes besides its key.
+void add_change_flags(const Command& operation, const SharedOptions& options) {
+    add_force(operation, options);
+    operation.flag("--bump", options->bump, "Then raise the set's stamp, too")
+        .flag("--keep-dsver", options->keep_dsver, "Leave a slave's 'dsver' as it is");
 }
 
 void add_readers(const Command& verb, const SharedOptions& options) {
@@ -291,24 +399,25 @@ void add_writers(const Command& verb, const SharedOptions& options) {
         const Command added = add_operation(verb, name, summary, change, options);
         add_key(added, options);
         added.argument(value, options->value, help);
-        add_force(added, options);
+        add_change_flags(added, options);
     };
     add_with_value("put", "Store a value.", put, "VALUE", "The new value");
     const Command del_verb = add_operation(verb, "del", "Delete a record.", del, options);
     add_key(del_verb, options);
-    add_force(del_verb, options);
+    add_change_flags(del_verb, options);
     add_with_value("list-add", "Add an item to a comma list.", list_add, "ITEM", "The item");
     add_with_value("list-remove", "Take an item out of a comma list.", list_remove, "ITEM",
                    "The item");
 }
 
 void add_bump(const Command& verb, const SharedOptions& options) {
-    const Command added =
-        verb.command("bump", "Raise a version stamp: the slaves fetch the set.")
-            .argument("SET", options->set, "config or client", {"config", "client"});
+    const Command added = verb.command("bump", "Raise a version stamp: the slaves fetch the set.")
+                              .argument("SET", options->set, "config, client or dsver",
+                                        {"config", "client", "dsver"});
     add_force(added, options);
     added.runs([options] {
-        options->key = data_set_named(options->set)->stamp_key;
+        const DataSet* set = data_set_named(options->set);
+        options->key = set == nullptr ? KEY_DSVER : set->stamp_key;
         return bump(*options);
     });
 }

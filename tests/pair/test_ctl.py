@@ -111,6 +111,11 @@ def test_changes_of_a_store(couple, ctl):
         ["bump", "disk"],
         ["put", "key"],
         ["put", "key", "value", "--file", "cleint"],
+        ["put", "ha", "Enable"],
+        ["put", "master", "bogus"],
+        ["put", "server_list", "10.77.0.1, 10.77.0.2"],
+        ["put", "mac", "v\nquorsyncd:2.1 INFO :become a master host", "--file", "client"],
+        ["put", "note", "x", "--bump"],
     ):
         code, _, complaint = ctl(master, "store", *wrong)
         assert code == WRONG_USE and complaint, wrong
@@ -123,6 +128,34 @@ def test_changes_of_a_store(couple, ctl):
     assert ctl(slave, "store", "put", "dhcpcfg", "x", "--force")[0] == FINE
     assert ctl(slave, "store", "put", "ha", "disable")[0] == FINE
     assert slave.config.get("dhcpcfg") == b"x" and slave.config.get("ha") == b"disable"
+
+
+def test_a_change_carries_its_stamps_along(couple, ctl):
+    master, slave = couple
+    # Its master learns of a slave's own settings by their stamp.
+    slave.config.put("dsver", "20200101000000")
+    assert ctl(slave, "store", "put", "note", "x", "--keep-dsver")[0] == FINE
+    assert slave.config.get("dsver") == b"20200101000000"
+    for change in (["put", "note", "y"], ["list-add", "notes", "z"], ["del", "note"]):
+        before = slave.config.get("dsver")
+        assert ctl(slave, "store", *change)[0] == FINE
+        assert slave.config.get("dsver") > before
+    before = slave.config.get("dsver")
+    assert ctl(slave, "store", "bump", "dsver")[0] == FINE and slave.config.get("dsver") > before
+
+    # An empty list under a new stamp would take the slave's clients.
+    for missing in (True, False):
+        code, _, complaint = ctl(master, "store", "bump", "client")
+        assert code == WRONG_USE and ("missing" if missing else "no record") in complaint
+        master.client.fill({"mac": "v"})
+        master.client.delete("mac")
+    assert ctl(master, "store", "bump", "client", "--force")[0] == FINE
+    code, out, hint = ctl(master, "store", "put", "mac", "v", "--file", "client")
+    assert (code, out) == (FINE, "") and "store bump client" in hint
+    before = master.config.get("client_db_version")
+    assert ctl(master, "store", "put", "mac", "w", "-f", "client", "--bump") == (FINE, "", "")
+    assert master.config.get("client_db_version") > before
+    assert "did you mean" in ctl(master, "store", "put", "mastre", "10.77.0.1")[2]
 
 
 def test_a_wrong_word_is_named_beside_the_right_ones(couple, ctl):
