@@ -26,9 +26,25 @@ constexpr useconds_t RETRY_MICROSECONDS = 10;
 std::atomic<int> semaphore_id = -1;
 std::atomic<bool> delete_failed = false;
 
+// The argument of semctl, as the system wants it to be defined here.
+union SemaphoreArgument {
+    int value;
+    semid_ds* state;
+};
+
+// How long a P waits; what is guarded takes milliseconds.
+constexpr timespec LONGEST_P{.tv_sec = 2, .tv_nsec = 0};
+
 int operate(short operation) {
     sembuf step{0, operation, SEM_UNDO};
-    return semop(semaphore_id, &step, 1);
+    return semtimedop(semaphore_id, &step, 1, &LONGEST_P);
+}
+
+// Whether nobody has ever taken or released it.
+bool is_unused() {
+    semid_ds state{};
+    const SemaphoreArgument argument{.state = &state};
+    return semctl(semaphore_id, 0, IPC_STAT, argument) == 0 && state.sem_otime == 0;
 }
 
 std::mutex renewal;  // one thread makes the semaphore anew, the other one finds it made
@@ -75,6 +91,9 @@ bool hold_counter() {
         log_message(msg::SEMAPHORE_TRIED_AGAIN);
         if (slave_exit_requested == 1) {
             return false;
+        }
+        if (cause == EAGAIN && is_unused()) {
+            (void)semaphore_set_initial();  // whoever made it has ended before it set its value
         }
         if ((cause == EIDRM || cause == EINVAL) && !renew_semaphore(id)) {
             return true;  // threads of this process do not need it: `bottle` is atomic
@@ -123,10 +142,7 @@ int semaphore_v() {
 }
 
 int semaphore_set_initial() {
-    union {
-        int val;
-        void* unused;  // the width that the system call expects
-    } argument{1};
+    const SemaphoreArgument argument{.value = 1};
     if (semctl(semaphore_id, 0, SETVAL, argument) < 0) {
         log_message(msg::SEMAPHORE_NOT_SET);
         return 0;

@@ -24,7 +24,7 @@ extern std::atomic<int> status;  // STATUS_*; written by the supervisor only
 struct SlaveView {
     int status;
     int bottle;
-    bool records_arrive;  // from the master: it lives, whatever the bottle says
+    bool records_arrive;  // from the master: it is at work, whatever the bottle says
     bool stop_asked;      // by SIGTERM: nobody would stop again what starts now
 };
 
@@ -37,8 +37,8 @@ SlaveAction next_action(const SlaveView& view);
 // cannot, logs so and ends the process with status 1.
 void init_semaphore();
 
-// One P or V, undone by the system if the process dies in between. 1 on success; 0 for a
-// failure, which is logged. Any thread.
+// One P or V, undone by the system if the process ends in between. 1 on success; 0 for a
+// failure, which is logged: also for a P that has waited 2 seconds. Any thread.
 int semaphore_p();
 int semaphore_v();
 
@@ -58,7 +58,7 @@ void count_missed_beat();
 // Refills the bottle. Receiver thread. Both try the semaphore until they have it, logging every
 // failure, but give up once the process is asked to stop: the semaphore is gone then, and every try
 // would fail. If it went for any other reason, it is made anew, which is logged; if that fails,
-// too, the bottle is changed without it.
+// too, the bottle is changed without it. One that was made and never set is set.
 void reset_bottle();
 
 // Waits until the bottle holds `least`, at most so long. Supervisor thread.

@@ -115,6 +115,26 @@ TEST_F(MissCounter, UsesTheSemaphoreThatAnotherProcessHasMadeMeanwhile) {
     EXPECT_EQ(semctl(theirs, 0, GETPID), getpid());  // the last to operate on it
 }
 
+TEST_F(MissCounter, SetsASemaphoreWhoseMakerEndedBeforeItDid) {
+    semaphore_delete();
+    const int theirs = semget(ftok(SEMAPHORE_KEY_PATH, 1), 1, IPC_CREAT | 0666);
+    reset_bottle();  // would wait for ever
+    EXPECT_EQ(bottle, SLAVE_BEAT_RESET);
+    EXPECT_EQ(semaphore_there(), theirs);
+    EXPECT_EQ(semctl(theirs, 0, GETVAL), 1);
+}
+
+TEST_F(MissCounter, LeavesASemaphoreThatIsHeldForLong) {
+    ASSERT_EQ(semaphore_p(), 1);
+    std::thread receiver(reset_bottle);
+    ASSERT_TRUE(eventually([] { return count_of(logged(), "semaphore_p failed.\n") > 0; }));
+    EXPECT_EQ(bottle, INITIAL_BOTTLE);
+    ASSERT_EQ(semaphore_v(), 1);
+    receiver.join();
+    EXPECT_EQ(bottle, SLAVE_BEAT_RESET);
+    EXPECT_EQ(semctl(semaphore_there(), 0, GETVAL), 1);
+}
+
 TEST_F(MissCounter, WakesWhoeverWaitsForARefill) {
     bottle = -1;
     await_refill(0, 1ms);
