@@ -64,23 +64,41 @@ OwnedText own_dsver() {
     return dsver;
 }
 
-// Sends one heartbeat over the datagram socket `fd` to the master at `master_address` (dotted
-// text). One that cannot be sent is simply missed.
-void send_heartbeat(int fd, const char* master_address) {
+PeerMessage own_heartbeat() {
+    char serverip[sizeof HeartbeatBody::serverip] = {};
+    (void)first_local_server_ip(serverip, sizeof serverip);
+    return make_heartbeat(serverip, text_of(own_dsver()));
+}
+
+// The beat of one period, the same on each path.
+class Beat {
+public:
+    // It goes over the datagram socket `fd`.
+    explicit Beat(int fd) : fd_(fd) {}
+
+    // Sends it to the master at `master_address` (dotted text). One that cannot be sent is simply
+    // missed.
+    void send(const char* master_address);
+
+private:
+    int fd_;
+    std::optional<PeerMessage> message_;  // made when it is first sent
+};
+
+void Beat::send(const char* master_address) {
     // Only a check: the datagram goes to what inet_addr makes of the text.
     if (!resolve_ipv4(master_address)) {
         log_message(msg::NO_MASTER_ADDRESS_TO_BEAT, master_address, strerror(errno));
         return;
     }
-    char serverip[sizeof HeartbeatBody::serverip] = {};
-    (void)first_local_server_ip(serverip, sizeof serverip);
-    const PeerMessage message = make_heartbeat(serverip, text_of(own_dsver()));
-
+    if (!message_) {
+        message_ = own_heartbeat();
+    }
     sockaddr_in master{};
     master.sin_family = AF_INET;
     master.sin_addr.s_addr = inet_addr(master_address);
     master.sin_port = htons(PEER_PORT);
-    if (sendto(fd, &message, sizeof message, MSG_NOSIGNAL,
+    if (sendto(fd_, &*message_, sizeof *message_, MSG_NOSIGNAL,
                reinterpret_cast<const sockaddr*>(&master), sizeof master) < 0) {
         log_message(msg::HEARTBEAT_NOT_SENT, "src/slave", LINE_HEARTBEAT_NOT_SENT, strerror(errno));
     }
@@ -119,7 +137,7 @@ bool answer_is_missing() {
 // to the beat on the first path comes before that: two answers to one beat would ask for the same
 // set twice. Not while a push keeps arriving: an answer beside it would empty the list that it
 // fills. Returns how long it waited.
-Clock::duration beat_on_other_paths(int fd) {
+Clock::duration beat_on_other_paths(Beat& beat) {
     if (!answer_is_missing() || client_list().grows()) {
         return {};
     }
@@ -130,8 +148,8 @@ Clock::duration beat_on_other_paths(int fd) {
     const auto begin = Clock::now();
     await_refill(ANSWER_MISSING + 1, LAST_CHANCE);
     for (const std::string& path : paths) {
-        if (answer_is_missing()) {
-            send_heartbeat(fd, path.c_str());
+        if (answer_is_missing() && !client_list().grows()) {
+            beat.send(path.c_str());
         }
     }
     return Clock::now() - begin;
@@ -159,10 +177,11 @@ void decide_and_act() {
 
 // Returns how much of the period went by with waiting.
 Clock::duration one_period(int fd) {
-    send_heartbeat(fd, master_ip);
+    Beat beat(fd);
+    beat.send(master_ip);
     count_missed_beat();
     log_message(msg::BEAT_COUNTED, bottle.load(), status.load());
-    const Clock::duration waited = beat_on_other_paths(fd);
+    const Clock::duration waited = beat_on_other_paths(beat);
     decide_and_act();
     return waited;
 }
@@ -185,7 +204,8 @@ void rest(int fd, Clock::duration left) {
     while (Clock::now() < end && slave_exit_requested != 1) {
         std::this_thread::sleep_for(LOOK_AGAIN);
         if (action_now() == SlaveAction::PROMOTE) {
-            (void)beat_on_other_paths(fd);
+            Beat beat(fd);
+            (void)beat_on_other_paths(beat);
             decide_and_act();
         }
     }
