@@ -46,17 +46,18 @@ def test_a_stranger_sends_anything(pair_factory, seed, rounds):
             stream.connect((pair.slave.address, PORT))
             stream.sendall(data)
 
-    def master_has_read():
-        waiting, lost = pair.master.line.udp_queue(PORT)
-        assert lost == 0, "the master's queue overflowed"
-        return waiting == 0
-
     with stranger.line.open_socket(SOCK_DGRAM) as outlet:
-        for _ in range(40 * rounds):
+        for number in range(40 * rounds):
+            mark = pair.master.log_mark()
             for _ in range(20):
                 outlet.sendto(garbage(dice), (pair.master.address, PORT))
+            # Its datagrams are answered in their order, each before the next one is looked at.
+            outlet.sendto(heartbeat("", f"number {number}"), (pair.master.address, PORT))
             tell(b"".join(garbage(dice) for _ in range(dice.randrange(5))))
-            wait_until(master_has_read, LIMIT, "the master's reading", 0.002)
+            pair.master.wait_log(f"serverip: dsver:number {number}", LIMIT, mark)
+            assert not pair.master.find_log("too many datagrams", mark)
+    _, lost = pair.master.line.udp_queue(PORT)
+    assert lost == 0, "the master's queue overflowed"
     # Connections are served in their order: none of the stranger's may follow the last push.
     tell(record(CONFIG, "the end", "of it"))
     wait_until(lambda: pair.slave.config.get("the end"), LIMIT, "the end of the strange streams")
