@@ -111,6 +111,8 @@ class Bench:
         )
         self.master, self.slave = self.pair.master, self.pair.slave
         self.asker = self.pair.lab.add_host("asker")
+        servers = ",".join(host.address for host in (self.master, self.slave, self.asker))
+        self.master.config.put("server_list", servers)  # asks as a server does, not as a stranger
         # The master holds the others' data-set stamps: no beat makes it fetch a file.
         for host in (self.slave, self.asker):
             self.master.store(f"{host.address}.db").put("dsver", DSVER)
