@@ -3,7 +3,7 @@
 
 // Runs as slave until SIGTERM; returns after the receiver thread has ended, or at once when there
 // is no datagram socket. Main thread. Logs BEAT_COUNTED every 2 seconds, by which operators and the
-// timeline see that the process lives.
+// timeline see that the process is at work.
 void run_slave();
 
 // What a host does that was a slave and starts as the master: a client list that was kept for an

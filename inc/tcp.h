@@ -21,8 +21,8 @@ inline constexpr int KEEPALIVE_COUNT = 3;     // probes
 // A listener (backlog 1024) on every local address, whatever `address` says; `address` and
 // `timeout` are not used. Returns the descriptor, or -1 when no socket can be made. A failed bind
 // still returns a descriptor, which then listens on another port (TcpLocalPort tells), with errno
-// as the bind left it. The port of a process that has just ended is taken over; a living listener's
-// is not.
+// as the bind left it. The port of a process that has just ended is taken over; that of an
+// open listener is not.
 int TcpBuildListen(const char* address, std::uint16_t port, int timeout);
 
 // The local port of a socket in host byte order; 0 when it has none.

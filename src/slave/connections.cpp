@@ -21,8 +21,8 @@ std::unique_ptr<Connection> Connections::take(std::unique_ptr<Connection> fresh,
         // The master's sort last.
         const auto silent =
             std::min_element(open_.begin(), open_.end(), [](const auto& left, const auto& right) {
-                return std::pair(left->of_master, left->heard) <
-                       std::pair(right->of_master, right->heard);
+                return std::pair(left->of_master, left->silent_since) <
+                       std::pair(right->of_master, right->silent_since);
             });
         given_up = std::move(*silent);
         open_.erase(silent);
@@ -61,7 +61,7 @@ void Connections::give_turns(Moment now) {
         });
         if (first && !(*each)->at_turn) {
             (*each)->at_turn = true;
-            (*each)->heard = now;
+            (*each)->silent_since = now;
         }
     }
 }

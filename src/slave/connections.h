@@ -20,7 +20,11 @@ using Moment = std::chrono::steady_clock::time_point;
 // One connection. Its end shuts it down and closes it.
 struct Connection {
     Connection(int descriptor, std::uint32_t peer, bool is_masters, Moment now)
-        : fd(descriptor), address(peer), of_master(is_masters), heard(now), stream(descriptor) {}
+        : fd(descriptor),
+          address(peer),
+          of_master(is_masters),
+          silent_since(now),
+          stream(descriptor) {}
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
     ~Connection();
@@ -29,7 +33,7 @@ struct Connection {
     std::uint32_t address;  // of the peer, network byte order
     bool of_master;
     bool at_turn = false;  // no older one of its address is open
-    Moment heard;          // when bytes came last, or its turn began
+    Moment silent_since;   // when bytes came last, or its turn began
     MessageStream stream;
     std::unique_ptr<RecordSink> sink;  // from its first message on
 };
@@ -57,7 +61,6 @@ public:
     std::vector<Connection*> readable_beside(const Connection* served) const;
 
     bool empty() const { return open_.empty(); }
-    std::size_t size() const { return open_.size(); }
 
 private:
     void give_turns(Moment now);

@@ -5,28 +5,33 @@
 
 #include <algorithm>
 
+#include "address_list.h"
 #include "keys.h"
 #include "own_role.h"
 #include "owned.h"
 #include "resolve.h"
-#include "store.h"
-#include "text.h"
+
+namespace {
+
+AddressList& listed_paths() {
+    // Never destroyed: the receiver may ask for it while the process ends.
+    static auto& list = *new AddressList(KEY_MASTER_PATHS);
+    return list;
+}
+
+}  // namespace
 
 std::vector<std::string> master_paths() {
-    const OwnedText list(db_get(CONFIG_DB, KEY_MASTER_PATHS));
-    std::vector<std::string> paths;
-    for (const std::string_view item : split(text_of(list), ',')) {
-        const std::string path(item);
-        if (path != master_ip && inet_addr(path.c_str()) != INADDR_NONE) {
-            paths.push_back(path);
-        }
-    }
+    std::vector<std::string> paths = listed_paths().items().value_or(std::vector<std::string>{});
+    std::erase_if(paths, [](const std::string& path) {
+        return path == master_ip || inet_addr(path.c_str()) == INADDR_NONE;
+    });
     return paths;
 }
 
 bool is_masters(std::uint32_t address) {
     if (address == inet_addr(master_ip)) {
-        return true;  // without a look at the store: so comes almost every connection
+        return true;
     }
     const auto paths = master_paths();
     return std::any_of(paths.begin(), paths.end(), [address](const std::string& path) {

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-// The items of `master_paths` in config.db as it is now, without the address in `master` and
-// without what is no dotted address. Any thread; logs as the store does.
+// The items of `master_paths` in config.db as it was within the last second, without the address in
+// `master` and without what is no dotted address. Any thread; logs as the store does.
 std::vector<std::string> master_paths();
 
 // Whether `address` (network byte order) is one of the master's. Any thread; logs as the store

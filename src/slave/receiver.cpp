@@ -28,6 +28,7 @@
 #include "miss_counter.h"
 #include "owned.h"
 #include "peer_message.h"
+#include "rare_line.h"
 #include "record_sink.h"
 #include "resolve.h"
 #include "signals.h"
@@ -42,6 +43,7 @@ using std::chrono::steady_clock;
 constexpr int UNREACHABLE_STATUS = 11;
 constexpr unsigned UNREACHABLE_SECONDS = 3;
 constexpr int CONNECTION_TIMEOUT = 20;  // seconds
+constexpr int MOST_ACCEPTED = 64;       // in a row
 constexpr auto LONGEST_SILENCE = std::chrono::seconds(CONNECTION_TIMEOUT);
 
 // A sender at work is back within this time; then the batch of records stays open.
@@ -123,10 +125,11 @@ private:
     void one_step(bool accepts);
 
     // Those of `readable` that have something to read, or have ended. Closes those that have been
-    // silent for too long, and takes a new connection.
+    // silent for too long, and takes new connections.
     std::vector<Connection*> wait_for(const std::vector<Connection*>& readable, bool accepts);
     int milliseconds_until_due(const std::vector<Connection*>& readable) const;
-    void accept_one();
+    void accept_waiting();
+    bool accept_one();
     void serve(Connection& connection);
     void close(const Connection& connection);
 
@@ -134,6 +137,7 @@ private:
     Connections connections_;
     Connection* served_ = nullptr;  // the one whose message was acted on last, while it is open
     Moment acted_{};                // when that was
+    RareLine given_up_;
 };
 
 void Receiver::one_step(bool accepts) {
@@ -158,7 +162,7 @@ void Receiver::close_batch() {
 int Receiver::milliseconds_until_due(const std::vector<Connection*>& readable) const {
     Moment due = Moment::max();
     for (const Connection* each : readable) {
-        due = std::min(due, each->heard + LONGEST_SILENCE);
+        due = std::min(due, each->silent_since + LONGEST_SILENCE);
     }
     if (has_batch()) {
         due = std::min(due, acted_ + BATCH_GAP);
@@ -188,14 +192,14 @@ std::vector<Connection*> Receiver::wait_for(const std::vector<Connection*>& read
     for (std::size_t n = 0; n < readable.size(); ++n) {
         if (waits[n + 2].revents != 0) {
             ready.push_back(readable[n]);
-        } else if (steady_clock::now() - readable[n]->heard >= LONGEST_SILENCE) {
+        } else if (steady_clock::now() - readable[n]->silent_since >= LONGEST_SILENCE) {
             errno = EAGAIN;
             close(*readable[n]);
         }
     }
     if (waits.front().revents != 0 && slave_exit_requested != 1) {
-        accept_one();
-        // It may have taken the place of one of these.
+        accept_waiting();
+        // They may have taken the place of some of these.
         const auto open = connections_.readable_beside(served_);
         std::erase_if(ready, [&open](const Connection* each) {
             return std::find(open.begin(), open.end(), each) == open.end();
@@ -204,10 +208,17 @@ std::vector<Connection*> Receiver::wait_for(const std::vector<Connection*>& read
     return ready;
 }
 
-void Receiver::accept_one() {
+// Those that wait come before the next message is acted on: the master's is to be among the open
+// ones then, however many of strangers came before it.
+void Receiver::accept_waiting() {
+    for (int n = 0; n < MOST_ACCEPTED && connections_.can_take() && accept_one(); ++n) {}
+}
+
+// False when none waits.
+bool Receiver::accept_one() {
     const int fd = TcpSvAccept(listener_, CONNECTION_TIMEOUT);
     if (fd < 0 && errno == EAGAIN) {
-        return;  // it has gone again
+        return false;
     }
     if (fd < 0) {
         end_unreachable(msg::CANNOT_ACCEPT, LINE_CANNOT_ACCEPT);
@@ -217,10 +228,13 @@ void Receiver::accept_one() {
     const std::uint32_t peer = peer_of(fd);
     auto fresh = std::make_unique<Connection>(fd, peer, is_masters(peer), now);
     if (const auto given_up = connections_.take(std::move(fresh), now)) {
-        const OwnedText address(ip_to_string(given_up->address));
-        log_message(msg::CONNECTION_GIVEN_UP, address.get());
         served_ = given_up.get() == served_ ? nullptr : served_;
+        if (const std::size_t all = given_up_.count(); all > 0) {
+            const OwnedText address(ip_to_string(given_up->address));
+            log_message(msg::CONNECTION_GIVEN_UP, all, address.get());
+        }
     }
+    return true;
 }
 
 void Receiver::serve(Connection& connection) {
@@ -239,7 +253,7 @@ void Receiver::serve(Connection& connection) {
         acted_ = steady_clock::now();
     }
     if (received == MessageStream::Received::SOME) {
-        connection.heard = steady_clock::now();
+        connection.silent_since = steady_clock::now();
     }
 }
 

@@ -7,8 +7,18 @@
 #include "resolve.h"
 #include "tcp.h"
 
-bool Inbox::put(const Datagram& datagram) {
-    const std::lock_guard hold(lock_);
+void Inbox::put(const Datagram& datagram) {
+    std::unique_lock hold(lock_);
+    const std::size_t dropped = keep(datagram) ? 0 : dropped_.count();
+    hold.unlock();
+    if (dropped > 0) {
+        const OwnedText address(ip_to_string(datagram.sender.sin_addr.s_addr));
+        log_message(msg::DATAGRAMS_DROPPED, whose_, dropped, address.get());
+    }
+}
+
+// False when as many wait as may.
+bool Inbox::keep(const Datagram& datagram) {
     // Whoever asks when it has read the push to its end asks anew.
     if (ending_ && is_repeat(datagram, ending_->request) && !TcpPeerHasEnded(ending_->connection)) {
         ++ending_->repeats;

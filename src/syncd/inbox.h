@@ -8,19 +8,21 @@
 #include <optional>
 
 #include "backlog.h"
+#include "rare_line.h"
 
 // Any thread.
 class Inbox {
 public:
-    // At most `most` wait, and the end of a push is awaited for `longest_end`: a slave that still
-    // deals with the answers of a master that stood still comes to the push later.
-    explicit Inbox(std::size_t most,
-                   std::chrono::milliseconds longest_end = std::chrono::seconds(2))
-        : longest_end_(longest_end), waiting_(most) {}
+    // Of `whose` datagrams, a word for the log, at most `most` wait, and the end of a push is
+    // awaited for `longest_end`: a slave that still deals with the answers of a master that stood
+    // still comes to the push later.
+    Inbox(const char* whose, std::size_t most,
+          std::chrono::milliseconds longest_end = std::chrono::seconds(2))
+        : whose_(whose), longest_end_(longest_end), waiting_(most) {}
 
-    // False, and the datagram is dropped, when as many wait as may. True also for a repeat of a
-    // request whose push is ending.
-    bool put(const Datagram& datagram);
+    // The datagram waits for its answer. Dropped is a repeat of a request whose push is ending; and
+    // any, when as many wait as may, which is logged as DATAGRAMS_DROPPED, at most once a second.
+    void put(const Datagram& datagram);
 
     // No more will come, for the reason `cause` (errno).
     void close(int cause);
@@ -42,10 +44,14 @@ private:
         std::size_t repeats;  // that were dropped
     };
 
+    bool keep(const Datagram& datagram);
+
+    const char* whose_;
     std::chrono::milliseconds longest_end_;
     std::mutex lock_;  // guards all below
     std::condition_variable changed_;
     Backlog waiting_;
     std::optional<Push> ending_;
     std::optional<int> closed_;
+    RareLine dropped_;
 };

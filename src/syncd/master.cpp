@@ -11,6 +11,7 @@
 #include <thread>
 #include <utility>
 
+#include "address_list.h"
 #include "end_process.h"
 #include "inbox.h"
 #include "keys.h"
@@ -23,14 +24,16 @@
 #include "signals.h"
 #include "stamps.h"
 #include "store.h"
-#include "strangers.h"
 #include "sync_jobs.h"
 #include "tcp.h"
 
 namespace {
 
-constexpr int ANSWER_TIMEOUT = 20;         // seconds
-constexpr std::size_t MOST_WAITING = 128;  // about as many as the kernel keeps for a socket
+constexpr int ANSWER_TIMEOUT = 20;  // seconds
+
+// How many datagrams may wait: of servers about as many as the kernel keeps for a socket.
+constexpr std::size_t MOST_OF_SERVERS = 128;
+constexpr std::size_t MOST_OF_STRANGERS = 64;
 
 // Binds the master's port. SO_REUSEADDR is cleared afterwards: two sockets that both have it share
 // a UDP port, and a second master would go unnoticed.
@@ -122,31 +125,35 @@ void answer_all(Inbox& inbox) {
     }
 }
 
-// Receives everything. An answer that takes its time thus delays no datagram of another kind.
-void receive_all(OwnedFd fd, Inbox& from_servers, Strangers& strangers) {
-    ServerList servers;
+// Whether one of the configured servers has sent it. While nobody knows these, each counts as one.
+bool is_from_server(AddressList& servers, const Datagram& datagram) {
+    const OwnedText sender(ip_to_string(datagram.sender.sin_addr.s_addr));
+    return sender && servers.has(sender.get(), true);
+}
+
+// Receives everything. An answer that takes its time thus delays no datagram of another kind: an
+// address that cannot be reached never delays a server's answer.
+void receive_all(OwnedFd fd, Inbox& from_servers, Inbox& from_strangers) {
+    AddressList servers(KEY_SERVER_LIST);
     while (slave_exit_requested != 1) {
         const std::optional<Datagram> datagram = receive(fd.get());
         if (!datagram) {
             from_servers.close(errno);
             return;
         }
-        if (servers.has(datagram->sender)) {
-            (void)from_servers.put(*datagram);
-        } else {
-            strangers.take(*datagram);
-        }
+        Inbox& inbox = is_from_server(servers, *datagram) ? from_servers : from_strangers;
+        inbox.put(*datagram);
     }
 }
 
 // Serves until a receive fails or the process is asked to stop.
 void serve(OwnedFd fd) {
-    const auto from_servers = std::make_shared<Inbox>(MOST_WAITING);
-    const auto strangers = std::make_shared<Strangers>();
+    const auto from_servers = std::make_shared<Inbox>("servers", MOST_OF_SERVERS);
+    const auto from_strangers = std::make_shared<Inbox>("strangers", MOST_OF_STRANGERS);
     const int number = fd.release();
-    const bool apart = start_thread([strangers] { answer_all(strangers->inbox()); }) &&
-                       start_thread([number, from_servers, strangers] {
-                           receive_all(OwnedFd(number), *from_servers, *strangers);
+    const bool apart = start_thread([from_strangers] { answer_all(*from_strangers); }) &&
+                       start_thread([number, from_servers, from_strangers] {
+                           receive_all(OwnedFd(number), *from_servers, *from_strangers);
                        });
     if (!apart) {
         return;  // the socket stays bound: no second master may start beside a broken one

@@ -4,10 +4,10 @@
 #include <array>
 #include <cerrno>
 
-#include "keys.h"
 #include "owned.h"
+#include "rare_line.h"
 #include "support.h"
-#include "syncd/strangers.h"
+#include "syncd/inbox.h"
 #include "tcp.h"
 
 namespace {
@@ -55,43 +55,35 @@ TEST(Backlog, DropsTheRepeatsOfARequestAndNothingElse) {
 
 class Answering : public WithFiles {};
 
-TEST_F(Answering, TheListSaysWhoIsAServer) {
-    put(CONFIG_DB, KEY_SERVER_LIST, "10.0.0.1,10.0.0.12");
-    ServerList servers;
-    EXPECT_TRUE(servers.has(address("10.0.0.1")));
-    EXPECT_TRUE(servers.has(address("10.0.0.12")));
-    EXPECT_FALSE(servers.has(address("10.0.0.2")));
-    put(CONFIG_DB, KEY_SERVER_LIST, "10.0.0.2");
-    EXPECT_TRUE(eventually([&] { return servers.has(address("10.0.0.2")); }));
-    write_file(CONFIG_DB, std::string(8192, 'x'));
-    ServerList blind;
-    EXPECT_FALSE(blind.has(address("10.0.0.2")));
-    const auto end = std::chrono::steady_clock::now() + 1500ms;  // beyond the next reading
-    EXPECT_TRUE(eventually([&] {
-        return !servers.has(address("10.0.0.2")) || std::chrono::steady_clock::now() > end;
-    }));
-    EXPECT_TRUE(servers.has(address("10.0.0.2")));  // the last list that could be read
-}
-
-TEST_F(Answering, StrangersWaitInABoundedQueueAndTheRestIsCounted) {
-    Strangers strangers;
+TEST_F(Answering, OnlySoManyDatagramsWaitAndTheRestIsCounted) {
+    Inbox inbox("strangers", 64);
     const Datagram beat{make_heartbeat("10.0.0.9", "x"), address("10.0.0.9")};
-    for (std::size_t n = 0; n < Strangers::MOST; ++n) {
-        strangers.take(beat);
+    for (int n = 0; n < 64; ++n) {
+        inbox.put(beat);
     }
     EXPECT_EQ(logged(), "");
     for (int n = 0; n < 100; ++n) {
-        strangers.take(beat);
+        inbox.put(beat);
     }
     EXPECT_THAT(logged(), HasSubstr("too many datagrams of strangers, 1 dropped, the last one of "
                                     "10.0.0.9\n"));
     EXPECT_LT(count_of(logged(), "dropped"), 50U);  // and not a line for each
-    for (std::size_t n = 0; n < Strangers::MOST; ++n) {
-        EXPECT_TRUE(strangers.inbox().next().has_value());
+    for (int n = 0; n < 64; ++n) {
+        EXPECT_TRUE(inbox.next().has_value());
     }
-    strangers.inbox().close(EBADF);
-    EXPECT_FALSE(strangers.inbox().next().has_value());
+    inbox.close(EBADF);
+    EXPECT_FALSE(inbox.next().has_value());
     EXPECT_EQ(errno, EBADF);
+}
+
+TEST(RareLine, IsDueOnceASecondAndCountsAll) {
+    RareLine line;
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(line.count(begin), 1U);
+    EXPECT_EQ(line.count(begin), 0U);
+    EXPECT_EQ(line.count(begin + 999ms), 0U);
+    EXPECT_EQ(line.count(begin + 1s), 3U);
+    EXPECT_EQ(line.count(begin + 3s), 1U);
 }
 
 TEST_F(Answering, RepeatsAreDroppedUntilThePushWasRead) {
@@ -99,21 +91,25 @@ TEST_F(Answering, RepeatsAreDroppedUntilThePushWasRead) {
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
     const OwnedFd master(ends[0]);
     OwnedFd slave(ends[1]);
-    Inbox inbox(3, 1h);
+    Inbox inbox("servers", 3, 1h);
     const Datagram pushed = request(2, "10.0.0.2");
-    ASSERT_TRUE(inbox.put(pushed));
+    inbox.put(pushed);
     std::thread answerer([&] { inbox.end_push(master.get(), pushed); });
     char byte = 0;
     EXPECT_EQ(recv(slave.get(), &byte, 1, 0), 0);  // the end of the push
-    EXPECT_TRUE(inbox.put(pushed));                // caused by an answer from before it
-    EXPECT_TRUE(inbox.put(request(1, "10.0.0.2")));
-    EXPECT_TRUE(inbox.put(pushed));
+    inbox.put(pushed);                             // caused by an answer from before it
+    inbox.put(request(1, "10.0.0.2"));
+    inbox.put(pushed);
     slave.reset();
-    EXPECT_TRUE(inbox.put(pushed));  // whoever has read it to its end asks anew
+    inbox.put(pushed);  // whoever has read it to its end asks anew
     answerer.join();
+    inbox.close(0);
     EXPECT_THAT(logged(), HasSubstr("3 requests for data set 2 dropped, 10.0.0.2 has just been"));
-    EXPECT_EQ(inbox.next()->message.record.kind, 1U);
-    EXPECT_EQ(inbox.next()->message.record.kind, 2U);
+    for (const std::uint32_t kind : {1U, 2U}) {
+        const std::optional<Datagram> left = inbox.next();
+        ASSERT_TRUE(left.has_value());
+        EXPECT_EQ(left->message.record.kind, kind);
+    }
 }
 
 TEST_F(Answering, AReceiverThatNeverEndsIsNotWaitedFor) {
@@ -122,21 +118,21 @@ TEST_F(Answering, AReceiverThatNeverEndsIsNotWaitedFor) {
     const OwnedFd master(ends[0]);
     const OwnedFd slave(ends[1]);
     ASSERT_EQ(TcpSendAll(slave.get(), "junk", 4), 0);
-    Inbox inbox(1, 20ms);
+    Inbox inbox("servers", 1, 20ms);
     inbox.end_push(master.get(), request(2, "10.0.0.2"));
     EXPECT_FALSE(TcpPeerHasEnded(master.get()));
-    EXPECT_TRUE(inbox.put(request(2, "10.0.0.2")));
+    inbox.put(request(2, "10.0.0.2"));
     EXPECT_TRUE(inbox.next().has_value());
     EXPECT_EQ(logged(), "");
 }
 
 TEST(Inbox, WakesTheOneThatAnswers) {
-    Inbox inbox(2);
+    Inbox inbox("servers", 2);
     std::thread answerer([&inbox] {
         EXPECT_TRUE(inbox.next().has_value());
         EXPECT_FALSE(inbox.next().has_value());
     });
-    EXPECT_TRUE(inbox.put(request(1, "10.0.0.2")));
+    inbox.put(request(1, "10.0.0.2"));
     inbox.close(0);
     answerer.join();
 }

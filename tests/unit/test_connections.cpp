@@ -1,6 +1,7 @@
 #include <arpa/inet.h>
 #include <sys/socket.h>
 
+#include "address_list.h"
 #include "keys.h"
 #include "own_role.h"
 #include "slave/connections.h"
@@ -41,7 +42,7 @@ TEST_F(ConnectionsTest, OfOneAddressAreServedOneAfterTheOther) {
     EXPECT_THAT(connections.readable_beside(nullptr), ElementsAre(first, stranger));
     connections.close(*first, BEGIN + 30s);
     EXPECT_THAT(connections.readable_beside(nullptr), ElementsAre(stranger, second));
-    EXPECT_EQ(second->heard, BEGIN + 30s);  // its silence begins with its turn
+    EXPECT_EQ(second->silent_since, BEGIN + 30s);  // its silence begins with its turn
     connections.close(*stranger, BEGIN + 31s);
     connections.close_all_but(third, BEGIN + 32s);
     EXPECT_THAT(connections.readable_beside(nullptr), ElementsAre(third));
@@ -73,7 +74,7 @@ TEST_F(ConnectionsTest, AreBoundedAndTheMostSilentStrangerGivesWay) {
     take(MASTER, BEGIN);
     take(7, BEGIN + 3s);
     Connection* silent = take(8, BEGIN + 1s);
-    for (std::uint32_t n = 0; connections.size() < Connections::MOST; ++n) {
+    for (std::uint32_t n = 3; n < Connections::MOST; ++n) {
         take(100 + n, BEGIN + 4s);
         EXPECT_EQ(given_up, nullptr);
     }
@@ -84,7 +85,6 @@ TEST_F(ConnectionsTest, AreBoundedAndTheMostSilentStrangerGivesWay) {
         take(MASTER, BEGIN + 6s);
         EXPECT_FALSE(given_up->of_master);
     }
-    EXPECT_EQ(connections.size(), Connections::MOST);
     EXPECT_FALSE(connections.can_take());  // all are the master's
 }
 
@@ -94,11 +94,41 @@ TEST_F(ConnectionsTest, TheMasterHasFurtherAddresses) {
     EXPECT_FALSE(is_masters(inet_addr("10.1.0.1")));
     EXPECT_THAT(master_paths(), IsEmpty());
     put(CONFIG_DB, KEY_MASTER_PATHS, "10.1.0.1,,10.0.0.1,name,10.2.0.1");
+    ASSERT_TRUE(eventually([] { return !master_paths().empty(); }));  // read once a second
     EXPECT_THAT(master_paths(), ElementsAre("10.1.0.1", "10.2.0.1"));
     EXPECT_TRUE(is_masters(inet_addr("10.2.0.1")));
     EXPECT_FALSE(is_masters(inet_addr("10.3.0.1")));
     EXPECT_EQ(masters_end_of(-1), "10.0.0.1");
     master_ip[0] = '\0';
+}
+
+TEST_F(ConnectionsTest, AListOfAddressesIsReadOnceASecondAndOutlivesItsFile) {
+    put(CONFIG_DB, KEY_SERVER_LIST, "10.0.0.1,10.0.0.12");
+    AddressList servers(KEY_SERVER_LIST);
+    EXPECT_TRUE(servers.has("10.0.0.1", false));
+    EXPECT_TRUE(servers.has("10.0.0.12", false));
+    EXPECT_FALSE(servers.has("10.0.0.2", true));
+    put(CONFIG_DB, KEY_SERVER_LIST, "10.0.0.2");
+    EXPECT_TRUE(eventually([&] { return servers.has("10.0.0.2", false); }));
+    write_file(CONFIG_DB, std::string(8192, 'x'));
+    AddressList unknown(KEY_SERVER_LIST);
+    EXPECT_TRUE(unknown.has("10.0.0.2", true));
+    EXPECT_FALSE(unknown.has("10.0.0.2", false));
+    const std::size_t before = count_of(logged(), "DB->open");
+    EXPECT_TRUE(eventually([&] {  // until it was looked for again
+        (void)servers.items();
+        return count_of(logged(), "DB->open") > before;
+    }));
+    EXPECT_TRUE(servers.has("10.0.0.2", false));
+    EXPECT_FALSE(servers.has("10.0.0.1", true));
+    const std::size_t one_reading = count_of(logged(), "DB->open") - before;
+    const auto begin = std::chrono::steady_clock::now();
+    for (int n = 0; n < 100; ++n) {
+        (void)servers.items();
+    }
+    const auto seconds = (std::chrono::steady_clock::now() - begin) / 1s;
+    EXPECT_LE(count_of(logged(), "DB->open") - before - one_reading,
+              one_reading * static_cast<std::size_t>(seconds + 1));
 }
 
 }  // namespace
