@@ -37,7 +37,7 @@ inline constexpr const char* INSIDE = "--inside-own-namespaces";
 
 // Covers these directories, and what the daemon would write to or run, with empty ones.
 inline bool make_private_places(std::initializer_list<const char*> others) {
-    std::vector<const char*> places = {"/etc", "/var/log", "/usr/local/bin"};
+    std::vector<const char*> places = {"/etc", "/run", "/var/log", "/usr/local/bin"};
     places.insert(places.end(), others);
     for (const char* place : places) {
         if (mount("tmpfs", place, "tmpfs", 0, "mode=755") != 0) {

@@ -11,6 +11,7 @@
 #include "SGCLog.h"
 #include "common/log_lines.h"
 #include "log_burst.h"
+#include "state_page.h"
 
 LogSettings log_settings;
 
@@ -44,6 +45,7 @@ void log_formatted(int level, const char* format, va_list arguments, Write write
     if (const LogSink sink = log_sink; sink != nullptr) {
         sink(level, message.data());
     } else {
+        page::message_logged(level);
         debug_log().printDebug(message.data());
         write(level, message.data());
     }

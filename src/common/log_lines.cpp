@@ -11,6 +11,7 @@
 
 #include "local_time.h"
 #include "owned.h"
+#include "state_page.h"
 
 namespace {
 
@@ -88,7 +89,7 @@ void append_to_daily_file(const LogSettings& settings, const char* file_name,
     name += file_name;
     // One write in append mode: lines of several threads never mix.
     const OwnedFd file(open(name.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC, 0666));
-    if (file.valid()) {
-        (void)!write(file.get(), lines.data(), lines.size());
-    }
+    const bool written =
+        file.valid() && write(file.get(), lines.data(), lines.size()) == std::ssize(lines);
+    page::lines_written(lines, written ? 0 : errno);
 }

@@ -13,6 +13,7 @@
 #include "log.h"
 #include "own_role.h"
 #include "owned.h"
+#include "state_page.h"
 #include "store.h"
 #include "text.h"
 
@@ -154,6 +155,7 @@ int determine_role() {
     for (;; sleep(RETRY_SECONDS)) {
         RoleInputs inputs;
         read_inputs(inputs);
+        page::waits_for_role(static_cast<int>(missing_input(inputs)));
         if (missing_input(inputs) != RoleReason::DECIDED) {
             continue;
         }
@@ -163,7 +165,9 @@ int determine_role() {
         copy_address(master_ip, inputs.master);
         if (decision.reason == RoleReason::DECIDED) {
             copy_address(slave_ip, decision.slave_ip);
+            page::takes_role(decision.role, master_ip, slave_ip);
             return decision.role;
         }
+        page::waits_for_role(static_cast<int>(decision.reason));
     }
 }

@@ -13,6 +13,7 @@
 #include "keys.h"
 #include "log.h"
 #include "signals.h"
+#include "state_page.h"
 #include "store.h"
 
 std::atomic<int> bottle = INITIAL_BOTTLE;
@@ -123,6 +124,8 @@ void init_semaphore() {
     bottle = db_get_int(CONFIG_DB, KEY_BEAT_OUT, DEFAULT_BEAT_OUT);
     bottle = INITIAL_BOTTLE;  // the configured value is read, but has no effect
     status = STATUS_STANDBY;
+    page::own().bottle = INITIAL_BOTTLE;
+    page::own().status = STATUS_STANDBY;
 }
 
 int semaphore_p() {
@@ -164,7 +167,7 @@ void report_semaphore_delete() {
 
 void count_missed_beat() {
     if (hold_counter()) {
-        --bottle;
+        page::own().bottle = --bottle;
         (void)db_del(CONFIG_DB, KEY_DHCP);
         (void)semaphore_v();
     }
@@ -172,7 +175,7 @@ void count_missed_beat() {
 
 void reset_bottle() {
     if (hold_counter()) {
-        bottle = SLAVE_BEAT_RESET;
+        page::own().bottle = bottle = SLAVE_BEAT_RESET;
         (void)semaphore_v();
         const std::lock_guard lock(refill_lock);  // a waiter is before its test or in its wait
         refilled.notify_all();

@@ -32,6 +32,7 @@
 #include "record_sink.h"
 #include "resolve.h"
 #include "signals.h"
+#include "state_page.h"
 #include "sync_trigger.h"
 #include "tcp.h"
 
@@ -94,6 +95,7 @@ void act_on(const PeerMessage& message, int connection, bool from_master, Record
     }
     sink.close_batch();  // what follows may put another file in the batch's place
     if (message.type == MSG_BEAT_BACK) {
+        page::answer_received();
         data_sync_trigger(connection, message.record);
         sink.answered();
         reset_bottle();

@@ -6,6 +6,7 @@
 
 #include "client_list/client_list.h"
 #include "peer_message.h"
+#include "state_page.h"
 
 // The records of one connection. Receiver thread only. While a batch is open, client.db is locked:
 // close it whenever the connection falls silent. The destructor closes it.
@@ -40,4 +41,5 @@ private:
     ClientList& clients_;
     ClientPush push_;
     bool config_failed_ = false;
+    page::Transfer reception_;
 };

@@ -30,6 +30,7 @@
 #include "services.h"
 #include "signals.h"
 #include "stamps.h"
+#include "state_page.h"
 #include "store.h"
 
 namespace {
@@ -101,6 +102,8 @@ void Beat::send(const char* master_address) {
     if (sendto(fd_, &*message_, sizeof *message_, MSG_NOSIGNAL,
                reinterpret_cast<const sockaddr*>(&master), sizeof master) < 0) {
         log_message(msg::HEARTBEAT_NOT_SENT, "src/slave", LINE_HEARTBEAT_NOT_SENT, strerror(errno));
+    } else {
+        page::heartbeat_sent();
     }
 }
 
@@ -109,9 +112,11 @@ void become_master() {
     (void)post_event(EVENT_NOTICE, EVENT_TOOK_OVER, errno, nullptr);
     log_message(msg::TOOK_OVER);
     role = ROLE_ACTING_MASTER;
+    page::takes_over(role, status);
     client_list().take_over();
     if (slave_exit_requested != 1) {  // else nobody would stop them
-        (void)start_boot_services();
+        const ServiceResult started = start_boot_services();
+        page::services_started(started.success, started.text);
     }
 }
 
@@ -120,12 +125,14 @@ void restore_slave() {
     (void)post_event(EVENT_NOTICE, EVENT_STEPPED_DOWN, errno, nullptr);
     log_message(msg::STEPPED_DOWN);
     role = ROLE_SLAVE;
+    page::steps_down(role, status);
     (void)stop_boot_services();
 }
 
 // The SIGTERM handler: async-signal-safe.
 void on_sigterm(int /*signal_number*/) {
     slave_exit_requested = 1;  // first: a thread that finds no semaphore must not make it anew
+    page::stops();
     semaphore_delete();
 }
 
@@ -177,6 +184,7 @@ void decide_and_act() {
 
 // Returns how much of the period went by with waiting.
 Clock::duration one_period(int fd) {
+    page::period_begins();
     Beat beat(fd);
     beat.send(master_ip);
     count_missed_beat();

@@ -15,6 +15,7 @@
 #include "owned.h"
 #include "resolve.h"
 #include "stamps.h"
+#include "state_page.h"
 
 void data_sync_trigger(int connection, const DataRecord& answer) {
     const std::optional<StampPair> own = client_list().stamps();
@@ -28,6 +29,7 @@ void data_sync_trigger(int connection, const DataRecord& answer) {
     if (!has_separator) {
         log_message(msg::ANSWER_WITHOUT_STAMPS);
     }
+    page::stamps_compared(masters.config != own->config, masters.client != own->client);
     if (masters.config != own->config) {
         log_message(msg::CONFIG_DIFFERS);
         log_message(msg::CONFIG_STAMPS, "data_sync_trigger", LINE_CONFIG_DIFFERS,
@@ -68,5 +70,7 @@ void start_data_sync(int /*connection*/, const char* master_address, std::uint32
     if (sendto(fd.get(), &message, sizeof message, MSG_NOSIGNAL,
                reinterpret_cast<const sockaddr*>(&master), sizeof master) < 0) {
         log_message(msg::DATA_NOT_REQUESTED, "start_data_sync", LINE_DATA_NOT_REQUESTED);
+    } else {
+        ++page::own().counters.requests;
     }
 }

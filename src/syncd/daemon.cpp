@@ -14,6 +14,7 @@
 #include "own_role.h"
 #include "role.h"
 #include "stamps.h"
+#include "state_page.h"
 #include "store.h"
 #include "supervisor.h"
 
@@ -76,6 +77,9 @@ int run_daemon() {
     (void)!chdir("/");
     std::memset(master_ip, 0, sizeof master_ip);
     std::memset(slave_ip, 0, sizeof slave_ip);
+    if (const int failure = publish_state_page(PROGRAM_VERSION); failure != 0) {
+        log_message(msg::NO_STATE_PAGE, STATE_PAGE, strerror(failure));
+    }
     role = determine_role();
     log_message(msg::STARTED, master_ip, slave_ip);
     ensure_dsver();

@@ -23,6 +23,7 @@
 #include "resolve.h"
 #include "signals.h"
 #include "stamps.h"
+#include "state_page.h"
 #include "store.h"
 #include "sync_jobs.h"
 #include "tcp.h"
@@ -125,6 +126,17 @@ void answer_all(Inbox& inbox) {
     }
 }
 
+// What the state page tells of a datagram.
+void note_datagram(const Datagram& datagram, bool of_server) {
+    if (!of_server) {
+        ++page::own().counters.strangers_datagrams;
+    } else if (datagram.message.type == MSG_HEARTBEAT) {
+        page::heartbeat_received(datagram.sender.sin_addr.s_addr);
+    } else if (datagram.message.type == MSG_DATA_REQUEST) {
+        page::request_received(datagram.message.record.kind);
+    }
+}
+
 // Whether one of the configured servers has sent it. While nobody knows these, each counts as one.
 bool is_from_server(AddressList& servers, const Datagram& datagram) {
     const OwnedText sender(ip_to_string(datagram.sender.sin_addr.s_addr));
@@ -141,7 +153,9 @@ void receive_all(OwnedFd fd, Inbox& from_servers, Inbox& from_strangers) {
             from_servers.close(errno);
             return;
         }
-        Inbox& inbox = is_from_server(servers, *datagram) ? from_servers : from_strangers;
+        const bool of_server = is_from_server(servers, *datagram);
+        note_datagram(*datagram, of_server);
+        Inbox& inbox = of_server ? from_servers : from_strangers;
         inbox.put(*datagram);
     }
 }
@@ -176,6 +190,8 @@ void send_beat_back(int connection, const sockaddr_in& sender) {
     TcpPatience patience;
     if (TcpSendAllWithin(connection, &message, sizeof message, patience) != 0) {
         log_message(msg::BEAT_BACK_NOT_SENT, strerror(errno));
+    } else {
+        page::answer_sent(sender.sin_addr.s_addr);
     }
 }
 

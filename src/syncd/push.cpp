@@ -13,6 +13,7 @@
 #include "log_burst.h"
 #include "owned.h"
 #include "stamps.h"
+#include "state_page.h"
 #include "store.h"
 #include "tcp.h"
 
@@ -39,6 +40,8 @@ public:
                                           messages_.size() * sizeof(PeerMessage), patience_) == 0;
         const std::size_t sent = patience_.sent - before;
         const int cause = errno;
+        page::records_sent(sent / sizeof(PeerMessage), sent,
+                           messages_.size() - sent / sizeof(PeerMessage));
         for (std::size_t n = sent / sizeof(PeerMessage); n < messages_.size(); ++n) {
             log_message(msg::RECORD_NOT_SENT, strerror(cause));
         }
@@ -99,6 +102,8 @@ void push_stamp(PushTarget& target, const DataSet& set, const std::string& stamp
 
 // The stamp is read before the walk: a record changed meanwhile comes with the next stamp.
 bool push_records(PushSource& source, PushTarget& target, const DataSet& set) {
+    page::Transfer transfer;
+    transfer.begins(set.kind);
     const std::optional<StampPair> stamps = source.stamps();
     if (!stamps) {
         log_message(msg::PUSH_WITHOUT_STAMP, set.stamp_key, set.path);
@@ -119,7 +124,7 @@ bool push_records(PushSource& source, PushTarget& target, const DataSet& set) {
         return false;
     }
     push_stamp(target, set, stamps->of(set));
-    return target.whole();
+    return transfer.ends(target.whole(), stamps->of(set));
 }
 
 bool push_data_set(int connection, std::uint32_t kind) {

@@ -13,6 +13,7 @@
 #include "keys.h"
 #include "log.h"
 #include "owed_reload.h"
+#include "state_page.h"
 #include "store.h"
 
 std::unique_ptr<PK_SyncServer<PSYNCQUEUEARG>> m_SyncServer;
@@ -118,13 +119,14 @@ int SyncQueueProcessor(PSYNCQUEUEARG arg) {
     if (arg->op != SYNC_OP_GET_DB || server.empty()) {
         return 0;
     }
+    page::fetch_begins(server);
     (void)unlink(DOWNLOAD);  // what cannot be removed is not written to, and recv_file says so
     PK_Request_Client client;
     const int result = GetServerFile(client, server.c_str(), CONFIG_DB, DOWNLOAD);
     if (result != 0) {
         log_message(msg::FETCH_FAILED, result, ORIGIN, __LINE__);
-        return result;
+        return page::fetch_ends(result);
     }
     (void)client.Close();
-    return use_download(server);
+    return page::fetch_ends(use_download(server));
 }

@@ -6,6 +6,7 @@
 #include "keys.h"
 #include "log.h"
 #include "log_burst.h"
+#include "state_page.h"
 
 namespace {
 
@@ -89,10 +90,13 @@ void ClientList::put(ClientPush& push, const std::string& key, const std::string
     const Turn turn(*this);
     begin(push);
     if (outdated(push) || !open_batch(push)) {
+        page::record_stored(false);
         push.failed = true;
         return;
     }
-    push.failed = !files_.put(key, value) || push.failed;
+    const bool stored = files_.put(key, value);
+    page::record_stored(stored);
+    push.failed = !stored || push.failed;
     push.stored = true;
 }
 
@@ -101,11 +105,12 @@ bool ClientList::close(ClientPush& push, const std::string& stamp) {
     begin(push);
     close_batch();
     const bool asked = push.asked;
+    push.whole = false;
     if (push.failed || outdated(push)) {
         refuse_stamp(push);
         return asked;
     }
-    (void)move(asked ? ListEvent::PUSH_CLOSES : ListEvent::STAMP_COMES, stamp);
+    push.whole = move(asked ? ListEvent::PUSH_CLOSES : ListEvent::STAMP_COMES, stamp);
     // What may follow on this connection was not asked for.
     push.asked = asked && memory_.state == ListState::FILLING;
     return asked;

@@ -43,7 +43,7 @@ public:
 };
 
 // What the list knows of the client records of one connection. The connection makes it and hands it
-// over with each of them; nobody else looks inside.
+// over with each of them; nobody else changes it.
 struct ClientPush {
     bool of_master = false;  // it comes from one of the master's addresses
     bool begun = false;
@@ -51,6 +51,7 @@ struct ClientPush {
     bool refused = false;  // it could not begin on an empty list
     bool failed = false;   // a record could not be stored
     bool stored = false;   // any record could
+    bool whole = false;    // its closing record came and was obeyed: for whoever tells of it
     unsigned version = 0;  // of client.db, when the push began
 };
 
