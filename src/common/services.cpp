@@ -39,8 +39,8 @@ static_assert(sizeof(ReloadRecord) == 68);
 
 constexpr std::uint32_t RELOAD_COMMAND = 23322;
 
-// Writes to a pipe whose reader may have left: SIGPIPE is held back in this thread and taken out
-// again. Ignoring it for the whole process would be inherited by the boot services.
+// Writes to a pipe whose reader may have left. SIGPIPE is held back in this thread and taken out
+// again, whatever the process does about it otherwise.
 ssize_t write_to_pipe(int fd, const void* data, std::size_t size) {
     sigset_t pipe_only;
     sigset_t before;

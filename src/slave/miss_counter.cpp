@@ -25,6 +25,7 @@ constexpr int DEFAULT_BEAT_OUT = 5;
 constexpr useconds_t RETRY_MICROSECONDS = 10;
 
 std::atomic<int> semaphore_id = -1;
+std::atomic<int> deleted_id = -1;  // the last one that was to be deleted
 std::atomic<bool> delete_failed = false;
 
 // The argument of semctl, as the system wants it to be defined here.
@@ -117,6 +118,7 @@ SlaveAction next_action(const SlaveView& view) {
 
 void init_semaphore() {
     semaphore_id = open_semaphore(IPC_CREAT);
+    deleted_id = -1;
     if (semaphore_set_initial() == 0) {
         log_message(msg::NO_SEMAPHORE);
         end_process(1);
@@ -154,8 +156,12 @@ int semaphore_set_initial() {
 }
 
 void semaphore_delete() {
+    const int id = semaphore_id;
+    if (deleted_id.exchange(id) == id) {
+        return;
+    }
     const int saved_errno = errno;
-    delete_failed = semctl(semaphore_id, 0, IPC_RMID) < 0;
+    delete_failed = semctl(id, 0, IPC_RMID) < 0;
     errno = saved_errno;
 }
 

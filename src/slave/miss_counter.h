@@ -45,7 +45,8 @@ int semaphore_v();
 // Sets the semaphore to 1. 1, or 0 for a failure, which is logged.
 int semaphore_set_initial();
 
-// Removes the semaphore. For the signal handler: async-signal-safe, logs nothing, keeps errno.
+// Removes the semaphore, once: the signal handler and a thread that has just made it anew may both
+// come here. Async-signal-safe, logs nothing, keeps errno.
 void semaphore_delete();
 
 // Logs if semaphore_delete failed.
