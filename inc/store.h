@@ -209,9 +209,9 @@ const char* store_error_text(int code);
 // logged.
 bool db_replace_empty(const char* path);
 
-// Gives the file `path` the second name `name`, in the place of what has it. Not so a damaged one,
-// nor one that is missing or has no records. A failure is logged. The name is
-// on disk with the next flush of the directory.
+// Gives the file `path` the second name `name`, in the place of what has it. NO_RECORDS for one
+// that is missing or has none. NO for a damaged one, which is not logged, and for one whose lock or
+// name the system refuses, which is. The name is on disk with the next flush of the directory.
 enum class StoreKept { YES, NO_RECORDS, NO };
 StoreKept db_keep(const char* path, const char* name);
 

@@ -67,8 +67,9 @@ struct ListMemory {
     bool put_back = false;        // how the version before this one ended
 };
 
-// Any thread, unless it says otherwise. Logs what the files log, and why the stamp of a closing
-// record must not be stored.
+// Any thread, unless it says otherwise. Logs what the files log, why the stamp of a closing record
+// must not be stored, and LIST_MOVE_REFUSED for a move that the table does not have, which ends the
+// process.
 class ClientList {
 public:
     // Both outlive the list.
@@ -113,7 +114,7 @@ public:
     // Whether records have arrived within the last 2 seconds, or one is being worked on.
     bool grows();
 
-    // Lives while the receiver works on a record.
+    // Exists while the receiver works on a record.
     class Work {
     public:
         explicit Work(ClientList& list);
@@ -128,7 +129,7 @@ public:
     const ListMemory& memory() const { return memory_; }
 
 private:
-    // Lives while the receiver is at work on the list; a take-over that waits comes first.
+    // Exists while the receiver is at work on the list; a take-over that waits comes first.
     class Turn {
     public:
         explicit Turn(ClientList& list);
@@ -168,8 +169,8 @@ private:
     std::mutex mutex_;
     std::condition_variable changed_;
     bool busy_ = false;  // the receiver's
-    bool taking_over_ =
-        false;  // the supervisor's, once the receiver's has ended and no batch is open
+    // The supervisor's, once the receiver's has ended and no batch is open.
+    bool taking_over_ = false;
     ListMemory memory_;
 
     // When the last record was dealt with; one value, so that no reader sees a half of a change.

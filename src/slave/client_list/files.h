@@ -2,7 +2,8 @@
 // that makes sense of the files after a kill.
 //
 // An operation that returns is on disk; one that fails has changed nothing, or something that a
-// repetition sets right. Each logs why it failed. Called with the list's own lock held.
+// repetition sets right. Each logs why it failed, but keep() does not log a damaged file: empty(),
+// which follows, does. Called with the list's own lock held.
 #pragma once
 
 #include <cstdint>
