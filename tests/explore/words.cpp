@@ -5,6 +5,8 @@
 
 namespace {
 
+using enum Act;
+
 std::string names_of(Clients clients) {
     std::string names;
     for (unsigned n = 0; n < 3; ++n) {
@@ -47,52 +49,35 @@ std::string edit_text(const World& before, unsigned client) {
 std::string act_text(const World& before, const Event& event) {
     const std::string stamp = stamp_name(before.of_master.stamp);
     const std::string new_stamp = "list gets " + stamp_name(before.last_stamp + 1U);
+    // clang-format off
     switch (event.act) {
-        case Act::EDIT:
-            return edit_text(before, event.argument);
-        case Act::NEW_STAMP:
-            return "the master's " + new_stamp;
-        case Act::BEAT:
-            return "a heartbeat; it waits at the master";
-        case Act::RUN_OUT:
-            return "no answer until the bottle is empty";
-        case Act::FALL_SILENT:
-            return "no record for two seconds";
-        case Act::SERVE:
-            return (before.datagrams[0] == Waiting::HEARTBEAT
-                        ? "the master answers a heartbeat with "
-                        : "the master pushes its list with ") +
-                   stamp;
-        case Act::SERVE_EDITED:
-            return "the master pushes its list with " + stamp + "; between stamp and records " +
-                   edit_text(before, event.argument) + ", whose " + new_stamp;
-        case Act::DELIVER:
-            return delivery_text(before);
-        case Act::DELIVER_SLOWLY:
-            return delivery_text(before) + ", stored slowly while the bottle runs out";
-        case Act::REQUEST_LOST:
-            return delivery_text(before) + "; the request gets lost";
-        case Act::PAUSE:
-            return "no message for 50 ms: the records go to disk";
-        case Act::CUT:
-            return "the connection of the push breaks";
-        case Act::KILL_SLAVE:
-            return "the slave is killed";
-        case Act::START_SLAVE:
-            return "the slave is started";
-        case Act::STOP_SLAVE:
-            return "SIGTERM to the slave";
-        case Act::KILL_MASTER:
-            return "the master is killed";
-        case Act::START_MASTER:
-            return "the master is started";
-        case Act::RESTORE_BACKUP:
-            return "the master gets its backup back, " + stamp_name(before.backup_stamp);
-        case Act::SWAP_ROLES:
-            return "both are stopped, and their roles are swapped";
-        case Act::END:
-            break;
+        case EDIT:           return edit_text(before, event.argument);
+        case NEW_STAMP:      return "the master's " + new_stamp;
+        case SERVE:          return (before.datagrams[0] == Waiting::HEARTBEAT
+                                         ? "the master answers a heartbeat with "
+                                         : "the master pushes its list with ") + stamp;
+        case SERVE_EDITED:   return "the master pushes its list with " + stamp +
+                                    "; between stamp and records " +
+                                    edit_text(before, event.argument) + ", whose " + new_stamp;
+        case BEAT:           return "a heartbeat; it waits at the master";
+        case RUN_OUT:        return "no answer until the bottle is empty";
+        case FALL_SILENT:    return "no record for two seconds";
+        case DELIVER:        return delivery_text(before);
+        case DELIVER_SLOWLY: return delivery_text(before) + ", stored slowly while the bottle runs out";
+        case REQUEST_LOST:   return delivery_text(before) + "; the request gets lost";
+        case PAUSE:          return "no message for 50 ms: the records go to disk";
+        case START_SLAVE:    return "the slave is started";
+        case START_MASTER:   return "the master is started";
+        case CUT:            return "the connection of the push breaks";
+        case KILL_SLAVE:     return "the slave is killed";
+        case STOP_SLAVE:     return "SIGTERM to the slave";
+        case KILL_MASTER:    return "the master is killed";
+        case RESTORE_BACKUP: return "the master gets its backup back, " +
+                                    stamp_name(before.backup_stamp);
+        case SWAP_ROLES:     return "both are stopped, and their roles are swapped";
+        case END:            break;
     }
+    // clang-format on
     return "";
 }
 

@@ -12,6 +12,7 @@
 namespace {
 
 using namespace std::chrono_literals;
+using enum Act;
 
 std::string name_of_client(unsigned client) {
     return {static_cast<char>('A' + client)};
@@ -90,9 +91,8 @@ public:
         }
     }
 
-    // Whether the master was asked for its clients.
-    bool read_answer(const Channel& answer) {
-        bool asked = false;
+    // Both return whether the connection is at its end.
+    bool read_answer(const Channel& answer, bool& asked) {
         if (stamp_text(answer.stamp) != list_.stamps()->client) {
             asked = list_.ask();
         } else {
@@ -101,10 +101,8 @@ public:
         }
         world_.bottle_empty = false;
         end_push();
-        return asked;
+        return true;
     }
-
-    // Whether the connection is at its end.
     bool read_push(Channel& push, bool slowly) {
         std::optional<ClientList::Work> work;
         if (push.to_come != 0 || !push.broken) {
@@ -285,7 +283,7 @@ public:
         if (key == DBVER_KEY) {
             connection_.stamp = stamp_number(std::string(field_text(message.record.value)));
         } else {
-            connection_.set |= static_cast<Clients>(1U << static_cast<unsigned>(key[0] - 'A'));
+            connection_.set |= bit_of(key);
             connection_.to_come = connection_.set;
         }
     }
@@ -340,6 +338,11 @@ void serve(World& world, unsigned most, std::optional<unsigned> edited) {
     }
 }
 
+void cut(Channel& connection) {
+    connection.broken = true;
+    connection.to_come = 0;
+}
+
 void add_datagram(World& world, Waiting datagram, unsigned most) {
     const auto end = world.datagrams.begin() + most;
     const auto place = std::find(world.datagrams.begin(), end, Waiting::NONE);
@@ -368,93 +371,74 @@ void start_master(const Event& event, Result& result) {
 void act_on_list(const Event& event, const Bounds& bounds, Result& result) {
     World& world = result.world;
     Slave slave(world, event);
-    bool request = false;
     Channel& served = world.connections[0];
+    bool request = false;
     bool ended = false;
-    if (event.act == Act::START_SLAVE) {
-        slave.start();
-    } else if (event.act == Act::BEAT) {
-        add_datagram(world, Waiting::HEARTBEAT, bounds.datagrams);
-        slave.look();
-    } else if (event.act == Act::RUN_OUT) {
-        slave.run_out();
-    } else if (event.act == Act::FALL_SILENT) {
-        slave.fall_silent();
-    } else if (event.act == Act::PAUSE) {
-        slave.pause();
-    } else if (served.is_push) {
-        ended = slave.read_push(served, event.act == Act::DELIVER_SLOWLY);
-    } else {
-        ended = true;
-        request = slave.read_answer(served);
+    // clang-format off
+    switch (event.act) {
+        case START_SLAVE: slave.start(); break;
+        case BEAT:        add_datagram(world, Waiting::HEARTBEAT, bounds.datagrams);
+                          slave.look(); break;
+        case RUN_OUT:     slave.run_out(); break;
+        case FALL_SILENT: slave.fall_silent(); break;
+        case PAUSE:       slave.pause(); break;
+        default:          ended = served.is_push ? slave.read_push(served, event.act == DELIVER_SLOWLY)
+                                                 : slave.read_answer(served, request);
     }
+    // clang-format on
     slave.remember();
     result.struck = slave.struck();
     result.violation = slave.violation();
     if (ended) {
         pop(world.connections);
     }
-    if (request && event.act != Act::REQUEST_LOST) {
+    if (request && event.act != REQUEST_LOST) {
         add_datagram(world, Waiting::REQUEST, bounds.datagrams);
     }
 }
 
-bool uses_files(Act act) {
-    return (act >= Act::BEAT && act <= Act::PAUSE && act != Act::SERVE &&
-            act != Act::SERVE_EDITED) ||
-           act == Act::START_SLAVE || act == Act::START_MASTER;
+constexpr bool uses_files(Act act) {
+    return act >= BEAT && act <= START_MASTER;
 }
 
 unsigned cost_of(const World& world, const Event& event) {
-    const bool goes_wrong = event.act == Act::REQUEST_LOST || event.act == Act::CUT ||
-                            (event.act == Act::KILL_SLAVE && !world.stop_asked) ||
-                            event.act == Act::STOP_SLAVE || event.act == Act::KILL_MASTER;
+    const bool goes_wrong = event.act == REQUEST_LOST || event.act == CUT ||
+                            (event.act == KILL_SLAVE && !world.stop_asked) ||
+                            event.act == STOP_SLAVE || event.act == KILL_MASTER;
     return (goes_wrong ? 1U : 0U) + (event.mishap != Mishap::NONE ? 1U : 0U);
 }
 
+void restore_backup(World& world) {
+    world.of_master.stamp = world.backup_stamp;
+    world.of_master.clients = world.of_master.complete = world.of_master.stamp_set =
+        world.backup_clients;
+    --world.backups;
+}
+
+void swap_roles(World& world) {
+    end_slave(world);
+    end_master(world);
+    std::swap(world.of_master, world.of_slave);
+    world.backup_stamp = NO_STAMP_YET;
+    --world.swaps;
+}
+
 void act_elsewhere(World& world, const Event& event, const Bounds& bounds) {
+    // clang-format off
     switch (event.act) {
-        case Act::EDIT:
-            edit(world, event.argument);
-            break;
-        case Act::NEW_STAMP:
-            give_new_stamp(world);
-            break;
-        case Act::SERVE_EDITED:
-            serve(world, bounds.connections, event.argument);
-            break;
-        case Act::SERVE:
-            serve(world, bounds.connections, std::nullopt);
-            break;
-        case Act::CUT:
-            world.connections[0].broken = true;
-            world.connections[0].to_come = 0;
-            break;
-        case Act::KILL_SLAVE:
-            end_slave(world);
-            break;
-        case Act::STOP_SLAVE:
-            world.stop_asked = true;
-            break;
-        case Act::KILL_MASTER:
-            end_master(world);
-            break;
-        case Act::RESTORE_BACKUP:
-            world.of_master.clients = world.of_master.complete = world.of_master.stamp_set =
-                world.backup_clients;
-            world.of_master.stamp = world.backup_stamp;
-            --world.backups;
-            break;
-        case Act::SWAP_ROLES:
-            end_slave(world);
-            end_master(world);
-            std::swap(world.of_master, world.of_slave);
-            world.backup_stamp = NO_STAMP_YET;
-            --world.swaps;
-            break;
-        default:
-            break;
+        case EDIT:           return edit(world, event.argument);
+        case NEW_STAMP:      return give_new_stamp(world);
+        case SERVE:          return serve(world, bounds.connections, std::nullopt);
+        case SERVE_EDITED:   return serve(world, bounds.connections, event.argument);
+        case CUT:            return cut(world.connections[0]);
+        case KILL_SLAVE:     return end_slave(world);
+        case STOP_SLAVE:     world.stop_asked = true; return;
+        case KILL_MASTER:    return end_master(world);
+        case RESTORE_BACKUP: return restore_backup(world);
+        case SWAP_ROLES:     return swap_roles(world);
+        default:             return;
     }
+    // clang-format on
 }
 
 }  // namespace
@@ -493,57 +477,42 @@ bool Explorer::possible(const World& world, Act act, unsigned argument) const {
     const Channel& served = world.connections[0];
     const bool beats = world.slave_runs && !world.stop_asked;
     const bool reads = world.slave_runs && served.there;
+    // A list that its start as the master may still put back is left alone.
+    const bool editable =
+        !world.master_changed &&
+        (world.master_runs || (world.of_master.kept == NO_LIST && !world.of_master.has_journal));
+    const bool served_waits = world.master_runs && world.datagrams[0] != Waiting::NONE &&
+                              !world.connections[bounds_.connections - 1].there;
+    // clang-format off
     switch (act) {
-        case Act::EDIT:
-            // A list that its start as the master may still put back is left alone.
-            return !world.master_changed && world.last_stamp < bounds_.stamps &&
-                   argument < bounds_.clients &&
-                   (world.master_runs ||
-                    (world.of_master.kept == NO_LIST && !world.of_master.has_journal));
-        case Act::NEW_STAMP:
-            return world.master_changed;
-        case Act::BEAT:
-            return beats && world.master_runs &&
-                   world.datagrams[bounds_.datagrams - 1] == Waiting::NONE;
-        case Act::RUN_OUT:
-            return beats && !world.bottle_empty;
-        case Act::FALL_SILENT:
-            return world.slave_runs && world.records_arrive;
-        case Act::SERVE:
-            return world.master_runs && world.datagrams[0] != Waiting::NONE &&
-                   !world.connections[bounds_.connections - 1].there;
-        case Act::SERVE_EDITED:
-            return possible(world, Act::SERVE, 0) && possible(world, Act::EDIT, argument) &&
-                   world.datagrams[0] == Waiting::REQUEST;
-        case Act::DELIVER:
-            return reads;
-        case Act::DELIVER_SLOWLY:
-            return beats && reads && served.is_push && served.to_come != 0 && !world.bottle_empty &&
-                   !world.promoted;
-        case Act::REQUEST_LOST:
-            return reads && !served.is_push && served.stamp != world.of_slave.stamp;
-        case Act::PAUSE:
-            return world.slave_runs && world.memory.batch_open;
-        case Act::CUT:
-            return reads && served.is_push && !served.broken;
-        case Act::KILL_SLAVE:
-            return world.slave_runs;
-        case Act::STOP_SLAVE:
-            return beats;
-        case Act::START_SLAVE:
-            return !world.slave_runs;
-        case Act::KILL_MASTER:
-            return world.master_runs;
-        case Act::START_MASTER:
-            return !world.master_runs;
-        case Act::RESTORE_BACKUP:
-            return !world.master_runs && world.backups > 0 && !world.master_changed &&
-                   world.backup_stamp != NO_STAMP_YET;
-        case Act::SWAP_ROLES:
-            return world.swaps > 0 && !world.master_changed;
-        case Act::END:
-            break;
+        case EDIT:           return editable && world.last_stamp < bounds_.stamps &&
+                                    argument < bounds_.clients;
+        case NEW_STAMP:      return world.master_changed;
+        case SERVE:          return served_waits;
+        case SERVE_EDITED:   return served_waits && world.datagrams[0] == Waiting::REQUEST &&
+                                    possible(world, EDIT, argument);
+        case BEAT:           return beats && world.master_runs &&
+                                    world.datagrams[bounds_.datagrams - 1] == Waiting::NONE;
+        case RUN_OUT:        return beats && !world.bottle_empty;
+        case FALL_SILENT:    return world.slave_runs && world.records_arrive;
+        case DELIVER:        return reads;
+        case DELIVER_SLOWLY: return beats && reads && served.is_push && served.to_come != 0 &&
+                                    !world.bottle_empty && !world.promoted;
+        case REQUEST_LOST:   return reads && !served.is_push &&
+                                    served.stamp != world.of_slave.stamp;
+        case PAUSE:          return world.slave_runs && world.memory.batch_open;
+        case START_SLAVE:    return !world.slave_runs;
+        case START_MASTER:   return !world.master_runs;
+        case CUT:            return reads && served.is_push && !served.broken;
+        case KILL_SLAVE:     return world.slave_runs;
+        case STOP_SLAVE:     return beats;
+        case KILL_MASTER:    return world.master_runs;
+        case RESTORE_BACKUP: return !world.master_runs && world.backups > 0 &&
+                                    !world.master_changed && world.backup_stamp != NO_STAMP_YET;
+        case SWAP_ROLES:     return world.swaps > 0 && !world.master_changed;
+        case END:            break;
     }
+    // clang-format on
     return false;
 }
 
@@ -553,7 +522,7 @@ Result Explorer::apply(const World& world, const Event& event) const {
     const unsigned cost = cost_of(world, event);
     next.mishaps = static_cast<std::uint8_t>(next.mishaps - std::min<unsigned>(next.mishaps, cost));
     try {
-        if (event.act == Act::START_MASTER) {
+        if (event.act == START_MASTER) {
             start_master(event, result);
         } else if (uses_files(event.act)) {
             act_on_list(event, bounds_, result);
@@ -562,7 +531,7 @@ Result Explorer::apply(const World& world, const Event& event) const {
         }
     } catch (const Killed&) {
         result.struck = true;
-        if (event.act != Act::START_MASTER) {
+        if (event.act != START_MASTER) {
             end_slave(next);
         }
     }
@@ -572,7 +541,7 @@ Result Explorer::apply(const World& world, const Event& event) const {
 void Explorer::with_mishaps(const World& world, const Event& plain,
                             std::vector<std::pair<Event, Result>>& found) const {
     for (const Mishap mishap : {Mishap::KILLED, Mishap::REFUSED, Mishap::HALF_REFUSED}) {
-        if (plain.act == Act::START_MASTER && mishap != Mishap::KILLED) {
+        if (plain.act == START_MASTER && mishap != Mishap::KILLED) {
             break;  // a master that cannot read its list needs an operator
         }
         // To be killed before the first step is an event of its own.
@@ -588,9 +557,9 @@ void Explorer::with_mishaps(const World& world, const Event& plain,
 }
 
 void Explorer::successors(const World& world, std::vector<std::pair<Event, Result>>& found) const {
-    for (Event plain{Act::EDIT}; plain.act != Act::END;
+    for (Event plain{EDIT}; plain.act != END;
          plain.act = static_cast<Act>(static_cast<unsigned>(plain.act) + 1)) {
-        const bool edits = plain.act == Act::EDIT || plain.act == Act::SERVE_EDITED;
+        const bool edits = plain.act == EDIT || plain.act == SERVE_EDITED;
         const unsigned cost = cost_of(world, plain);
         for (plain.argument = 0; plain.argument < (edits ? bounds_.clients : 1U);
              ++plain.argument) {
@@ -608,22 +577,13 @@ void Explorer::successors(const World& world, std::vector<std::pair<Event, Resul
 }
 
 Act Explorer::healing_act(const World& world) {
-    if (!world.master_runs) {
-        return Act::START_MASTER;
-    }
-    if (world.master_changed) {
-        return Act::NEW_STAMP;
-    }
-    if (world.stop_asked) {
-        return Act::KILL_SLAVE;
-    }
-    if (!world.slave_runs) {
-        return Act::START_SLAVE;
-    }
-    if (world.connections[0].there) {
-        return Act::DELIVER;
-    }
-    return world.datagrams[0] != Waiting::NONE ? Act::SERVE : Act::BEAT;
+    return !world.master_runs                    ? START_MASTER
+           : world.master_changed                ? NEW_STAMP
+           : world.stop_asked                    ? KILL_SLAVE
+           : !world.slave_runs                   ? START_SLAVE
+           : world.connections[0].there          ? DELIVER
+           : world.datagrams[0] != Waiting::NONE ? SERVE
+                                                 : BEAT;
 }
 
 bool Explorer::is_healed(const World& world) {

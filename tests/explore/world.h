@@ -97,24 +97,27 @@ struct World {
 static_assert(std::has_unique_object_representations_v<World>);
 
 enum class Act : std::uint8_t {
-    EDIT,            // the administrator adds or removes a client (argument) on the master
-    NEW_STAMP,       // and gives the list a new stamp
+    EDIT,          // the administrator adds or removes a client (argument) on the master
+    NEW_STAMP,     // and gives the list a new stamp
+    SERVE,         // the master serves the datagram that has waited longest
+    SERVE_EDITED,  // the same, and between stamp and records the list changes as by EDIT and
+                   // NEW_STAMP
+
+    // These work on a client list, and its disk can go wrong.
     BEAT,            // a period of the slave; its heartbeat waits at the master
     RUN_OUT,         // so many periods without an answer that the bottle is empty
     FALL_SILENT,     // no record for two seconds
-    SERVE,           // the master serves the datagram that has waited longest
-    SERVE_EDITED,    // the same, and between stamp and records the list changes as by EDIT and
-                     // NEW_STAMP
     DELIVER,         // the slave reads the next message
     DELIVER_SLOWLY,  // as before, and the supervisor looks just as it is done with it
     REQUEST_LOST,    // the next message is an answer; the request that it makes gets lost
     PAUSE,           // no message for 50 ms
-    CUT,             // the connection breaks
-    KILL_SLAVE,
     START_SLAVE,
+    START_MASTER,
+
+    CUT,  // the connection breaks
+    KILL_SLAVE,
     STOP_SLAVE,  // SIGTERM
     KILL_MASTER,
-    START_MASTER,
     RESTORE_BACKUP,  // the master's disk is replaced by its backup
     SWAP_ROLES,      // both end; each is going to start with the other role
     END,
