@@ -8,10 +8,17 @@
 // Every operation opens the file, does one thing and closes it. From open to close it holds
 // - a process-wide lock of that path, because several threads writing one file without it lose
 //   records and corrupt the file without any error, and
-// - flock() on the file against other processes, waited for only a bounded time: a reader that
-//   holds it must never cause a take-over.
+// - flock() on the file against other processes. The daemon waits until one holder has kept it for
+//   250 milliseconds, and then does without, as a process that holds it must never cause a
+//   take-over; a change is logged then.
 // A thread must not open a file that it has open already, and must not keep one open while it
 // sends, forks or runs outside programs.
+//
+// A change is made to a copy of the file in memory, which takes the file's place when the store is
+// closed: a kill, a power failure or a full disk at any moment leaves the old file or the new one.
+// Mode and owner stay, and a symbolic link is followed. If a program that takes no lock has written
+// to the file meanwhile, the changes are made again to what it has written. Only a batch, and a
+// change to a large client.db, are written in place.
 //
 // A tool says how it uses the files by set_store_use(): one that inspects creates and changes
 // nothing, whatever operation it calls.
@@ -38,13 +45,14 @@
 
 struct __db;
 struct __dbc;
+class StoreChange;
 class StoreLock;
 
 // How this process uses the database files: the daemon's way, unless it says otherwise.
 enum class StoreUse {
-    SERVE,    // creates missing files; a lock that another process keeps is done without
-    INSPECT,  // creates and changes nothing, shares its locks; waits longer for one, then fails
-    EDIT,     // creates missing files; waits longer for a lock, then fails (EBUSY)
+    SERVE,    // creates missing files; a lock that somebody keeps for 250 ms is done without
+    INSPECT,  // creates and changes nothing, shares its locks; waits for one as EDIT does
+    EDIT,     // creates missing files; waits 10 s for a lock that somebody keeps, then EBUSY
 };
 
 // For tools, which have no heartbeat to miss. Holds for every file that is opened from then on.
@@ -69,14 +77,18 @@ public:
     // Why it is unusable, as it was logged; empty when it is not.
     const std::string& failure() const { return failure_; }
 
-    // Each returns 0 or the library's error code (DB_NOTFOUND for an absent key); none logs. Of a
-    // value, no more than the first `most` bytes are read, not even from the disk.
+    // Each returns 0 or the library's error code (DB_NOTFOUND for an absent key). Of a value, no
+    // more than the first `most` bytes are read, not even from the disk. The first change logs
+    // whether it is made without the lock; otherwise none logs. After a change that failed, close()
+    // leaves the file as it was.
     int get(std::string_view key, std::string& value, std::uint32_t most = WHOLE);
     int put(std::string_view key, std::string_view value);
     int del(std::string_view key);
 
-    // Flushes, closes and unlocks; the destructor does it otherwise. Returns 0 or the library's
-    // error code: then what was put may not be on disk.
+    // Puts the changes in place, flushes, closes and unlocks; the destructor does it otherwise.
+    // Returns 0 or the library's error code: then the file is as it was or, after a batch and where
+    // only the directory could not be flushed, what was put may not be on disk. Logged, except for
+    // a batch. EBUSY: another program kept changing the file.
     int close();
 
     static constexpr std::uint32_t WHOLE = UINT32_MAX;
@@ -88,18 +100,25 @@ private:
     friend std::unique_ptr<Store> db_open_snapshot(const char* path);
     static std::unique_ptr<Store> open(std::unique_ptr<StoreLock> lock, std::uint32_t cache_bytes);
     Store(const char* path, __db* db, int open_result);
+    __db* current() const;
+    bool stays_in_place() const;
+    int begin_change();
 
-    std::unique_ptr<StoreLock> lock_;  // a snapshot has none
-    OwnedFd snapshot_;                 // the file itself, which has no name
+    std::unique_ptr<StoreLock> lock_;      // a snapshot has none
+    std::unique_ptr<StoreChange> change_;  // once something is changed, but not in place
+    OwnedFd snapshot_;                     // the file itself, which has no name
     __db* db_;
     bool usable_;
     bool damaged_;
     std::string failure_;
-    bool written_ = false;
+    bool batch_ = false;
+    bool changing_ = false;
+    bool written_ = false;     // in place
     bool put_failed_ = false;  // then nobody can say whether the file is sound
 };
 
-// A walk over the records of an open store, in the file's own order.
+// A walk over the records of an open store, in the file's own order. It may or may
+// not see what is changed meanwhile.
 class StoreCursor {
 public:
     explicit StoreCursor(Store& store);
@@ -112,17 +131,14 @@ public:
     bool next(std::string_view& key, std::string_view& value);
     bool failed() const { return failed_; }
 
-    // Writes a record through the cursor (DB_KEYLAST). 0 or the library's error code.
-    int put_last(std::string_view key, std::string_view value);
-
 private:
     __dbc* cursor_ = nullptr;
     bool failed_ = false;
 };
 
 // Opens `path`, creating it when missing. Null only when no handle could be made; a store that
-// could not be opened comes back unusable. `cache_bytes` 0 takes the library's small default; a
-// batch of writes wants a cache that holds the whole file.
+// could not be opened comes back unusable. `cache_bytes` makes it a batch: many changes, written in
+// place, for which a cache of that size holds the whole file.
 std::unique_ptr<Store> db_open(const char* path, std::uint32_t cache_bytes = 0);
 
 // The same for a file whose absence is nothing unusual: it is not created. Null, without a line,
@@ -185,14 +201,14 @@ StoreRead db_read_settled(const char* path, const char* key, std::string& value)
 bool db_read_settled(const char* path, std::span<const char* const> keys,
                      std::span<std::optional<std::string>> values);
 
-// Stores `value` under `key`, replacing an older one. Returns the result of closing the file, 0 on
+// Stores `value` under `key`, replacing an older one. Returns the result of Store::close(), 0 on
 // success; a failed put is only logged.
 int db_put(const char* path, const char* key, const char* value);
 
 // As db_put, but returns whether the record is stored.
 bool db_store(const char* path, const char* key, const char* value);
 
-// Deletes `key`; an absent one is no error. Returns the result of closing the file.
+// Deletes `key`; an absent one is no error. Returns the result of Store::close().
 int db_del(const char* path, const char* key);
 
 // The value of `key` as a decimal number, or `fallback` when it is absent, empty or below 1.

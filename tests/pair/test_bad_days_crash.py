@@ -98,6 +98,7 @@ def test_killed_at_any_moment(pair_factory, seed, rounds):
 
 STEPS = "link,linkat,rename,renameat,renameat2,unlink,unlinkat,fsync,fdatasync,sync_file_range"
 OLD, NEW = {b"old": b"1"}, {b"new": b"1", b"newer": b"1"}
+SETTINGS = f"{FOLDER}/config.db.changed"  # What becomes config.db, a stamp included.
 BEHIND = record(DISK, "behind", "it")
 
 
@@ -169,7 +170,7 @@ class Disk:
             self.unflushed.add(FOLDER)
 
     def write(self, path):
-        if path == f"{FOLDER}/config.db":
+        if path == SETTINGS:
             assert f"{FOLDER}/client.db" not in self.unflushed, "records behind their stamp"
             assert FOLDER not in self.unflushed, "a list or its end behind its stamp"
         self.unflushed.add(path)
@@ -203,7 +204,7 @@ def test_what_a_power_failure_leaves_is_whole(pair_factory):
             pair.slave.config.put("dsver", stamp)
             wait_until(lambda stamp=stamp: copy.get("dsver") == stamp.encode(), LIMIT, "a copy")
     disk = follow_disk(pair.slave, trace)
-    assert disk.last_written == f"{FOLDER}/config.db" and not disk.unflushed
+    assert disk.last_written == SETTINGS and not disk.unflushed
     assert (f"{FOLDER}/client.db.new", f"{FOLDER}/client.db") in disk.names
     assert (f"{FOLDER}/client.db.previous",) in disk.names
     names = follow_disk(pair.master, trace).names

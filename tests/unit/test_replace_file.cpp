@@ -5,6 +5,7 @@
 
 #include <cerrno>
 
+#include "common/store/handle.h"
 #include "keys.h"
 #include "replace_file.h"
 #include "support.h"
@@ -12,6 +13,7 @@
 namespace {
 
 bool fail_directory_flush = false;
+std::function<void()> at_flush;  // of a file
 
 class ReplaceFile : public WithFiles {
 protected:
@@ -115,6 +117,47 @@ TEST_F(ReplaceFile, AFileThatCannotBeMovedStays) {
     std::filesystem::remove(target_);
 }
 
+void put_without_lock(const char* path, const std::string& value) {
+    DB* db = create_handle(0);
+    ASSERT_EQ(db->open(db, nullptr, path, nullptr, DB_HASH, 0, 0), 0);
+    std::string key = "foreign";
+    std::string text = value;
+    DBT name{};
+    DBT data{};
+    name.data = key.data();
+    name.size = static_cast<u_int32_t>(key.size());
+    data.data = text.data();
+    data.size = static_cast<u_int32_t>(text.size());
+    EXPECT_EQ(db->put(db, nullptr, &name, &data, 0), 0);
+    EXPECT_EQ(db->close(db, 0), 0);
+}
+
+TEST_F(ReplaceFile, AChangeIsMadeAgainToWhatAForeignProgramHasWritten) {
+    put(CONFIG_DB, "old", "value");
+    int writes = 0;
+    at_flush = [&] {
+        put_without_lock(CONFIG_DB, std::to_string(++writes));
+        at_flush = nullptr;
+    };
+    const auto store = db_open(CONFIG_DB);
+    EXPECT_EQ(store->del("old"), 0);
+    EXPECT_EQ(store->put("new", "value"), 0);
+    EXPECT_EQ(store->close(), 0);
+    const std::vector<std::pair<std::string, std::string>> both = {{"foreign", "1"},
+                                                                   {"new", "value"}};
+    EXPECT_THAT(records_of(CONFIG_DB), testing::UnorderedElementsAreArray(both));
+    EXPECT_EQ(logged(), "");
+
+    at_flush = [&] {
+        put_without_lock(CONFIG_DB, std::to_string(++writes));
+    };
+    EXPECT_FALSE(db_store(CONFIG_DB, "new", "other"));
+    at_flush = nullptr;
+    EXPECT_EQ(stored(CONFIG_DB, "new"), "value");
+    EXPECT_EQ(stored(CONFIG_DB, "foreign"), std::to_string(writes));
+    EXPECT_THAT(logged(), testing::HasSubstr("config.db not changed: another program keeps"));
+}
+
 // A reader must not see the new file before the caller has noted that it is there.
 TEST_F(ReplaceFile, NobodyOpensARenamedDatabaseBeforeItsCallerKnows) {
     put(DISK_DB, "which", "new");
@@ -141,9 +184,14 @@ TEST_F(ReplaceFile, NobodyOpensARenamedDatabaseBeforeItsCallerKnows) {
 // In the place of the C library's own: a disk that fails while it takes names.
 extern "C" int fsync(int fd) {
     struct stat status {};
-    if (fail_directory_flush && fstat(fd, &status) == 0 && S_ISDIR(status.st_mode)) {
+    const bool directory = fstat(fd, &status) == 0 && S_ISDIR(status.st_mode);
+    if (fail_directory_flush && directory) {
         errno = EIO;
         return -1;
+    }
+    if (at_flush && !directory) {
+        const auto hook = at_flush;  // which may take itself away
+        hook();
     }
     return static_cast<int>(syscall(SYS_fsync, fd));
 }

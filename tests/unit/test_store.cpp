@@ -272,18 +272,6 @@ bool put_many(int writer, int puts) {
     return true;
 }
 
-TEST_F(StoreTest, ThreadsLoseNothing) {
-    std::vector<std::future<bool>> writers;
-    for (int writer = 0; writer < 8; ++writer) {
-        writers.push_back(std::async(std::launch::async, put_many, writer, 50));
-    }
-    for (auto& writer : writers) {
-        EXPECT_TRUE(writer.get());
-    }
-    EXPECT_EQ(records_of(CONFIG_DB).size(), 8U * 50);
-    EXPECT_EQ(logged(), "");
-}
-
 TEST_F(StoreTest, AThreadWaitsForAnOpenFileHoweverLong) {
     const auto store = db_open(CONFIG_DB);
     auto other = std::async(std::launch::async, db_store, CONFIG_DB, "k", "last");
@@ -304,26 +292,33 @@ protected:
     void TearDown() override { set_store_use(StoreUse::SERVE); }
 };
 
-TEST_F(PatientStore, LosesNothingToOtherProcesses) {
+TEST_F(PatientStore, LosesNothingToThreadsAndProcesses) {
     int gate[2] = {-1, -1};
     ASSERT_EQ(pipe2(gate, O_CLOEXEC), 0);
-    pid_t writers[4] = {};
+    pid_t processes[4] = {};
     for (int writer = 0; writer < 4; ++writer) {
-        if ((writers[writer] = fork()) == 0) {
+        if ((processes[writer] = fork()) == 0) {
             char start = 0;
             close(gate[1]);
             (void)!read(gate[0], &start, 1);  // returns when the last writer can start
-            _exit(put_many(writer, 300) ? 0 : 1);
+            _exit(put_many(writer, 75) ? 0 : 1);
         }
     }
     close(gate[0]);
     close(gate[1]);
-    for (const pid_t writer : writers) {
+    std::vector<std::future<bool>> threads;
+    for (int writer = 4; writer < 12; ++writer) {
+        threads.push_back(std::async(std::launch::async, put_many, writer, 75));
+    }
+    for (auto& thread : threads) {
+        EXPECT_TRUE(thread.get());
+    }
+    for (const pid_t process : processes) {
         int status = -1;
-        EXPECT_EQ(waitpid(writer, &status, 0), writer);
+        EXPECT_EQ(waitpid(process, &status, 0), process);
         EXPECT_EQ(status, 0);
     }
-    EXPECT_EQ(records_of(CONFIG_DB).size(), 4U * 300);
+    EXPECT_EQ(records_of(CONFIG_DB).size(), 12U * 75);
     EXPECT_EQ(logged(), "");
 }
 
@@ -344,12 +339,78 @@ TEST_F(PatientStore, FollowsAFileThatSomebodyElseReplaces) {
     EXPECT_EQ(stored(CLIENT_DB, "k"), "last");
 }
 
-TEST_F(StoreTest, AForeignLockDelaysOnly) {
+OwnedFd locked(const char* path, int kind, bool marked) {
+    OwnedFd file(open(path, O_RDONLY | O_CLOEXEC));
+    EXPECT_EQ(flock(file.get(), kind), 0);
+    if (marked) {
+        mark_flock(file.get());
+    }
+    return file;
+}
+
+TEST_F(StoreTest, ALockThatIsKeptDelaysOnlyAndAChangeWithoutItIsLogged) {
+    for (const bool ours : {false, true}) {
+        WithFiles::SetUp();
+        fill(CONFIG_DB, 1);
+        const OwnedFd kept = locked(CONFIG_DB, LOCK_EX, ours);
+        EXPECT_EQ(stored(CONFIG_DB, "key0"), "0");
+        EXPECT_EQ(logged(), "");
+        EXPECT_TRUE(db_store(CONFIG_DB, "k", "v"));
+        EXPECT_EQ(stored(CONFIG_DB, "k"), "v");
+        EXPECT_EQ(count_of(logged(), "\n"), 1U);
+        EXPECT_THAT(logged(), HasSubstr("config.db changed without its lock"));
+    }
+}
+
+TEST_F(StoreTest, HoldersThatTakeTurnsAreWaitedForHoweverLong) {
+    constexpr int TURNS = 400;  // pauses of a millisecond or more
     fill(CONFIG_DB, 1);
-    const OwnedFd foreign(open(CONFIG_DB, O_RDONLY | O_CLOEXEC));
-    ASSERT_EQ(flock(foreign.get(), LOCK_EX), 0);
+    OwnedFd holder = locked(CONFIG_DB, LOCK_SH, true);
+    int turns = 0;
+    const std::function<void()> next = [&] {
+        holder = ++turns < TURNS ? locked(CONFIG_DB, LOCK_SH, true) : OwnedFd();
+        at_pause = next;
+    };
+    at_pause = next;
     EXPECT_TRUE(db_store(CONFIG_DB, "k", "v"));
-    EXPECT_EQ(stored(CONFIG_DB, "k"), "v");
+    at_pause = nullptr;
+    EXPECT_EQ(turns, TURNS);
+    EXPECT_EQ(logged(), "");
+}
+
+TEST_F(StoreTest, AChangedFileKeepsLinkModeOwnerAndReaders) {
+    fill(DISK_DB, 1);
+    ASSERT_EQ(chmod(DISK_DB, 0640), 0);
+    ASSERT_EQ(chown(DISK_DB, 12, 34), 0);
+    std::filesystem::create_symlink(DISK_DB, CONFIG_DB);
+    const std::string old = contents(DISK_DB);
+    const OwnedFd reader(open(DISK_DB, O_RDONLY | O_CLOEXEC));
+    write_file(DISK_DB + ".changed2"s, "left by a kill");
+    write_file(DISK_DB + ".changed"s, "of a writer at work");
+    const OwnedFd writer = locked("/etc/quoradmind/disk.db.changed", LOCK_EX, false);
+    EXPECT_TRUE(db_store(CONFIG_DB, "k", "v"));
+    EXPECT_TRUE(std::filesystem::is_symlink(CONFIG_DB));
+    EXPECT_EQ(stored(DISK_DB, "k"), "v");
+    EXPECT_EQ(mode_of(DISK_DB), 0640U);
+    EXPECT_EQ(status_of(DISK_DB).st_uid, 12U);
+    EXPECT_EQ(status_of(DISK_DB).st_gid, 34U);
+    EXPECT_EQ(contents("/proc/self/fd/" + std::to_string(reader.get())), old);
+    EXPECT_EQ(contents(DISK_DB + ".changed"s), "of a writer at work");
+    EXPECT_FALSE(std::filesystem::exists(DISK_DB + ".changed2"s));
+}
+
+TEST_F(StoreTest, AFileWhoseOwnerCannotBeKeptStays) {
+    fill(CLIENT_DB, 1);
+    ASSERT_EQ(chmod(CLIENT_DB, 0666), 0);
+    ASSERT_EQ(chmod("/etc/quoradmind", 0777), 0);
+    ASSERT_EQ(seteuid(65534), 0);
+    EXPECT_FALSE(db_store(CLIENT_DB, "key0", "other"));
+    EXPECT_FALSE(db_replace_empty(CLIENT_DB));
+    ASSERT_EQ(seteuid(0), 0);
+    ASSERT_EQ(chmod("/etc/quoradmind", 0755), 0);
+    EXPECT_EQ(stored(CLIENT_DB, "key0"), "0");
+    const auto files = std::filesystem::directory_iterator("/etc/quoradmind");
+    EXPECT_EQ(std::distance(begin(files), end(files)), 1);
 }
 
 // A tool that looks on finds no file where there is none, and leaves it at that.

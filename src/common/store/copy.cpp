@@ -16,7 +16,8 @@
 
 int db_rename_over(const std::string& source, const std::string& target,
                    const std::function<void()>& renamed) {
-    const StoreLock lock(target.c_str());
+    StoreLock lock(target.c_str());
+    lock.announce_change();
     const int result = rename_file(source, target);
     if (result == 0 && renamed) {
         renamed();

@@ -1,5 +1,6 @@
 // Putting an empty database in the place of another one, whole at every moment.
 #include <db.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,9 +9,11 @@
 #include <string>
 
 #include "common/store/check.h"
+#include "common/store/fresh_file.h"
 #include "common/store/handle.h"
 #include "common/store/lock.h"
 #include "log.h"
+#include "owned.h"
 #include "replace_file.h"
 #include "store.h"
 
@@ -34,11 +37,6 @@ bool has_records(const StoreLock& lock) {
     }
     (void)db->close(db, 0);
     return found;
-}
-
-void copy_mode_and_owner(const std::string& target, const struct stat& model) {
-    (void)chmod(target.c_str(), model.st_mode & 07777U);
-    (void)!chown(target.c_str(), model.st_uid, model.st_gid);
 }
 
 // A second name, not a rename: the path itself must never be without a file.
@@ -66,7 +64,11 @@ int create_empty(const std::string& fresh, const StoreLock& lock) {
         (void)unlink(creation_of(fresh).c_str());  // otherwise the next call does it
         return result;
     }
-    copy_mode_and_owner(fresh, old);
+    const OwnedFd created(open(fresh.c_str(), O_RDONLY | O_CLOEXEC));
+    if (const int result = created.valid() ? copy_mode_and_owner(created.get(), old) : errno;
+        result != 0) {
+        return result;
+    }
     if (is_damage(verify_store(lock))) {
         keep_damaged(lock);
     }
@@ -82,6 +84,7 @@ bool db_replace_empty(const char* path) {
         const std::unique_ptr<Store> created = db_open(path);
         return created && created->usable();
     }
+    lock.announce_change();
     const auto fill = [&](const std::string& fresh) {
         return create_empty(fresh, lock);
     };

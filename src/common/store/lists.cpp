@@ -122,12 +122,10 @@ void db_next_numbered(const char* path, const char* key, const char* value) {
     if (!store) {
         return;
     }
-    StoreCursor cursor(*store);
-    std::string_view name;
-    std::string_view data;
     int largest = 0;
     bool found = false;
-    while (cursor.next(name, data)) {
+    StoreCursor cursor(*store);
+    for (std::string_view name, data; cursor.next(name, data);) {
         found = found || cut(name, MAX_RECORD_KEY) == key;
         largest = std::max(largest, leading_number(cut(data, MAX_RECORD_VALUE)));
     }
@@ -136,7 +134,7 @@ void db_next_numbered(const char* path, const char* key, const char* value) {
     if (!found && separator != std::string_view::npos) {
         const std::string numbered =
             std::to_string(largest) + "#" + std::string(given.substr(separator + 1));
-        (void)cursor.put_last(key, numbered);
+        (void)store->put(key, numbered);
     }
 }
 

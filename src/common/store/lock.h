@@ -12,8 +12,8 @@
 
 class StoreLock {
 public:
-    // Waits for the mutex, then for flock a bounded time; after that the daemon goes on without the
-    // latter: a process that holds it for long must not stop heartbeats. A missing file cannot be
+    // Waits for the mutex, then for flock, until one holder has kept it for too long: the daemon
+    // goes on without it then, as such a holder must not stop heartbeats. A missing file cannot be
     // flock'ed: its directory is, so that one process at a time creates. Any thread; logs nothing.
     explicit StoreLock(const char* path);
     ~StoreLock();
@@ -29,7 +29,13 @@ public:
     int error() const { return error_; }
 
     // Whether another process kept its lock too long, and this one is not the daemon.
-    bool refused() const { return refused_; }
+    bool refused() const { return given_up_ && store_use() != StoreUse::SERVE; }
+
+    // To be called before the file is changed: logs, once, that this happens without the lock.
+    void announce_change();
+
+    // Whether the path still names the file that was there when it was locked.
+    bool is_current() const;
 
     // The locked file, or its directory when the file was missing; -1 without a directory and after
     // an error.
@@ -49,8 +55,13 @@ private:
     std::string path_;
     bool exists_ = false;
     int error_ = 0;
-    bool refused_ = false;
+    bool given_up_ = false;  // another process kept its lock too long
+    bool announced_ = false;
     std::shared_ptr<PathMutex> shared_;  // lives as long as any thread wants this path
     std::unique_lock<std::mutex> mutex_;
     OwnedFd file_;
 };
+
+// Marks the flock that `fd` has just been given with the present moment, so that those who wait for
+// it can tell one holder from the next.
+void mark_flock(int fd);

@@ -3,7 +3,6 @@
 #include <db.h>
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/sendfile.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,6 +12,7 @@
 
 #include "common/store/check.h"
 #include "common/store/handle.h"
+#include "common/store/unnamed.h"
 #include "log.h"
 #include "store.h"
 
@@ -23,21 +23,6 @@ using namespace std::chrono_literals;
 // A foreign writer, which takes no lock, may be at work while we copy.
 constexpr int COPIES = 3;
 constexpr auto COPY_PAUSE = 20ms;
-constexpr std::size_t COPY_PIECE = 1U << 30U;
-
-// The library opens by name; this one stays good for a file without any other.
-std::string name_of(const OwnedFd& file) {
-    return "/proc/self/fd/" + std::to_string(file.get());
-}
-
-bool copy_contents(int from, int to) {
-    off_t at = 0;
-    ssize_t copied = 0;
-    do {
-        copied = sendfile(to, from, &at, COPY_PIECE);
-    } while (copied > 0 || (copied < 0 && errno == EINTR));
-    return copied == 0;
-}
 
 // A copy without a name, on the disk of the file or, where that is full or read only, in memory.
 // An invalid descriptor with errno when it fits in neither.

@@ -1,12 +1,15 @@
 #include "store.h"
 
 #include <db.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 
+#include "common/store/change.h"
 #include "common/store/check.h"
 #include "common/store/handle.h"
 #include "common/store/lock.h"
+#include "keys.h"
 #include "log.h"
 
 namespace {
@@ -56,6 +59,7 @@ std::unique_ptr<Store> Store::open(std::unique_ptr<StoreLock> lock, std::uint32_
     const int result = open_file(*lock, db);
     std::unique_ptr<Store> store(new Store(lock->path().c_str(), db, result));
     store->lock_ = std::move(lock);
+    store->batch_ = cache_bytes != 0;
     return store;
 }
 
@@ -78,9 +82,12 @@ int Store::close() {
     if (db_ == nullptr) {
         return 0;
     }
-    const int result = db_->close(db_, 0);
+    int result = db_->close(db_, 0);
     db_ = nullptr;
-    if (result == 0 && written_ && !put_failed_ && lock_) {
+    if (change_) {
+        result = change_->put_in_place();
+        change_.reset();
+    } else if (result == 0 && written_ && !put_failed_) {
         keep_verdict(*lock_);
     }
     usable_ = false;
@@ -97,16 +104,56 @@ int Store::get(std::string_view key, std::string& value, std::uint32_t most) {
     DBT data{};
     data.dlen = most;
     data.flags = most == WHOLE ? 0 : DB_DBT_PARTIAL;
-    const int result = db_->get(db_, nullptr, &name, &data, 0);
+    DB* db = current();
+    const int result = db->get(db, nullptr, &name, &data, 0);
     if (result == 0) {
         value = text_in(data);
     }
     return result;
 }
 
-int Store::put(std::string_view key, std::string_view value) {
+DB* Store::current() const {
+    return change_ ? change_->copy() : db_;
+}
+
+// A batch is written in place, as a copy for each of its parts would cost more than the batch: what
+// a kill leaves of it is known for a part (the client list keeps a journal), and is replaced when
+// it is damaged. So is one record of a client list that is large to copy; it comes again from the
+// master, or from the site's own program.
+bool Store::stays_in_place() const {
+    struct stat file {};
+    return batch_ || (lock_->path() == CLIENT_DB && fstat(lock_->fd(), &file) == 0 &&
+                      file.st_size > LARGE_FILE);
+}
+
+int Store::begin_change() {
     if (!usable_) {
         return EINVAL;
+    }
+    if (changing_) {
+        return 0;
+    }
+    if (!lock_ || store_use() == StoreUse::INSPECT) {
+        return EACCES;
+    }
+    lock_->announce_change();
+    if (!stays_in_place()) {
+        auto change = std::make_unique<StoreChange>(*lock_);
+        if (const int failed = change->begin(); failed != 0) {
+            return failed;
+        }
+        change_ = std::move(change);
+    }
+    changing_ = true;
+    return 0;
+}
+
+int Store::put(std::string_view key, std::string_view value) {
+    if (const int refused = begin_change(); refused != 0) {
+        return refused;
+    }
+    if (change_) {
+        return change_->put(key, value);
     }
     DBT name = dbt_of(key);
     DBT data = dbt_of(value);
@@ -117,8 +164,15 @@ int Store::put(std::string_view key, std::string_view value) {
 }
 
 int Store::del(std::string_view key) {
-    if (!usable_) {
-        return EINVAL;
+    std::string nothing;
+    if (const int absent = get(key, nothing, 0); absent != 0) {
+        return absent;  // before anything is copied for it
+    }
+    if (const int refused = begin_change(); refused != 0) {
+        return refused;
+    }
+    if (change_) {
+        return change_->del(key);
     }
     DBT name = dbt_of(key);
     const int result = db_->del(db_, nullptr, &name, 0);
@@ -127,7 +181,8 @@ int Store::del(std::string_view key) {
 }
 
 StoreCursor::StoreCursor(Store& store) {
-    if (store.usable_ && store.db_->cursor(store.db_, nullptr, &cursor_, 0) != 0) {
+    DB* db = store.usable_ ? store.current() : nullptr;
+    if (db != nullptr && db->cursor(db, nullptr, &cursor_, 0) != 0) {
         cursor_ = nullptr;
     }
     failed_ = cursor_ == nullptr;
@@ -150,10 +205,4 @@ bool StoreCursor::next(std::string_view& key, std::string_view& value) {
     key = text_in(name);
     value = text_in(data);
     return true;
-}
-
-int StoreCursor::put_last(std::string_view key, std::string_view value) {
-    DBT name = dbt_of(key);
-    DBT data = dbt_of(value);
-    return cursor_ == nullptr ? EINVAL : cursor_->c_put(cursor_, &name, &data, DB_KEYLAST);
 }

@@ -148,7 +148,7 @@ void check_leftover(const std::string& path, const std::string& name, Findings& 
     } else if (name.ends_with(".damaged")) {
         findings.warning(name, "was found damaged and replaced",
                          fmt::format("remove {} when it has been looked at", path));
-    } else if (name.ends_with(".db.new")) {
+    } else if (name.ends_with(".db.new") || name.find(".db.changed") != std::string::npos) {
         findings.warning(name, "left by a killed replacement", fmt::format("remove {}", path));
     }
 }

@@ -1,0 +1,39 @@
+// A new file beside another one, in whose place it is to be put.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <string>
+
+#include "owned.h"
+
+// Empty, locked as a database file is, and readable for nobody else. Each writer has a name of its
+// own, also one that does not have the lock of `target`; what killed ones have left goes.
+class FreshFile {
+public:
+    explicit FreshFile(const std::string& target);
+
+    // Removes it, unless it was kept.
+    ~FreshFile();
+    FreshFile(const FreshFile&) = delete;
+    FreshFile& operator=(const FreshFile&) = delete;
+
+    // 0, or why there is none.
+    int error() const { return error_; }
+
+    int fd() const { return file_.get(); }
+    const std::string& path() const { return path_; }
+
+    // It has another name now.
+    void keep() { path_.clear(); }
+
+private:
+    bool create(const std::string& path);
+
+    OwnedFd file_;
+    std::string path_;
+    int error_ = 0;
+};
+
+// Gives `target` mode and owner of the model. 0 or an errno.
+int copy_mode_and_owner(int target, const struct stat& model);
