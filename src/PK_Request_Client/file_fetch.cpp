@@ -11,17 +11,13 @@
 #include "PK_File.h"
 #include "PK_Request_Client.h"
 #include "log.h"
+#include "owned_json.h"
 
 namespace {
 
 constexpr const char* ORIGIN = "src/PK_Request_Client";
 constexpr std::int32_t REPLY_SIZE = 1024;
 constexpr std::int64_t CHUNK_SIZE = 4096;
-
-struct PutJson {
-    void operator()(json_object* object) const { json_object_put(object); }
-};
-using OwnedJson = std::unique_ptr<json_object, PutJson>;
 
 OwnedJson make_request(const char* path) {
     OwnedJson request(json_object_new_object());

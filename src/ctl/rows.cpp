@@ -6,21 +6,6 @@
 
 namespace {
 
-bool is_utf8(std::string_view text) {
-    static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", locale_t{});
-    const locale_t before = uselocale(utf8);
-    std::mbstate_t state{};
-    while (!text.empty()) {
-        const std::size_t length = std::mbrtowc(nullptr, text.data(), text.size(), &state);
-        if (length == 0 || length > text.size()) {
-            break;  // a zero byte, or one of the two error values
-        }
-        text.remove_prefix(length);
-    }
-    (void)uselocale(before);
-    return text.empty();
-}
-
 // Not every byte may stand in JSON.
 std::string json_text(std::string_view text) {
     return is_utf8(text) ? std::string(text) : escape(text);
@@ -38,6 +23,21 @@ std::vector<std::size_t> widths_of(const Rows& rows) {
 }
 
 }  // namespace
+
+bool is_utf8(std::string_view text) {
+    static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", locale_t{});
+    const locale_t before = uselocale(utf8);
+    std::mbstate_t state{};
+    while (!text.empty()) {
+        const std::size_t length = std::mbrtowc(nullptr, text.data(), text.size(), &state);
+        if (length == 0 || length > text.size()) {
+            break;  // a zero byte, or one of the two error values
+        }
+        text.remove_prefix(length);
+    }
+    (void)uselocale(before);
+    return text.empty();
+}
 
 Json::Json(json_object* value)
     : value_(value, [](json_object* object) { json_object_put(object); }) {}
@@ -70,6 +70,11 @@ void Json::print() const {
     constexpr int FLAGS =
         JSON_C_TO_STRING_PRETTY | JSON_C_TO_STRING_SPACED | JSON_C_TO_STRING_NOSLASHESCAPE;
     print_line(json_object_to_json_string_ext(value_.get(), FLAGS));
+}
+
+std::string Json::line() const {
+    return json_object_to_json_string_ext(value_.get(),
+                                          JSON_C_TO_STRING_PLAIN | JSON_C_TO_STRING_NOSLASHESCAPE);
 }
 
 void print_table(const Rows& rows) {

@@ -14,6 +14,9 @@
 
 #include "console.h"
 
+// Whether `text` is UTF-8 without a zero byte.
+bool is_utf8(std::string_view text);
+
 // A JSON value; copies share it.
 class Json {
 public:
@@ -34,6 +37,9 @@ public:
 
     // Prints it on standard output, indented.
     void print() const;
+
+    // It on one line.
+    std::string line() const;
 
 private:
     explicit Json(json_object* value);

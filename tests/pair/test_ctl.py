@@ -158,6 +158,44 @@ def test_a_change_carries_its_stamps_along(couple, ctl):
     assert "did you mean" in ctl(master, "store", "put", "mastre", "10.77.0.1")[2]
 
 
+def test_whole_stores_are_saved_and_loaded(couple, ctl):
+    master, slave = couple
+    records = {f"mac{n}": f"name=PC-{n}" for n in range(300)}
+    records |= {b"zero\0": b"\xff\n\0", "text": "B\u00fcro \"x\" \\", "empty": ""}
+    master.client.fill(records)
+    whole = master.client.items()
+    code, lines, _ = ctl(master, "store", "dump", "--jsonl", "-f", "client")
+    assert code == FINE and len(lines.splitlines()) == len(whole)
+    assert '"value":"B\u00fcro' in lines and '"key_base64":"emVybwA="' in lines
+    (slave.root / "tmp/lines").write_text(lines)
+    assert ctl(slave, "store", "load", "/tmp/lines", "-f", "/tmp/new.db", "--force")[0] == FINE
+    assert slave.store("/tmp/new.db").items() == whole
+
+    # One line that is no record, and nothing is stored.
+    for wrong in ("{", '["key"]', '{"key": "a"}', '{"key": "a", "value_base64": "?"}'):
+        (master.root / "tmp/lines").write_text('{"key": "b", "value": "c"}\n' + wrong + "\n")
+        code, _, complaint = ctl(master, "store", "load", "/tmp/lines", "-f", "client")
+        assert code == WRONG_USE and "line 2" in complaint
+    assert master.client.items() == whole
+    (master.root / "tmp/lines").write_text('{"key": "b", "value": "c"}\n')
+    stamp = master.config.get("client_db_version")
+    code, out, hint = ctl(master, "store", "load", "/tmp/lines", "-f", "client", "--bump")
+    assert (code, out, hint) == (FINE, "", "") and master.client.get("b") == b"c"
+    assert master.config.get("client_db_version") != stamp
+
+    settings = master.config.items()
+    code, out, _ = ctl(master, "store", "backup", "/tmp/saved")
+    assert code == FINE and "/tmp/saved/client.db: " in out and "disk" not in out
+    master.client.delete("b")
+    master.config.put("ha", "disable")
+    assert "bump client" in ctl(master, "store", "restore", "/tmp/saved/client.db")[2]
+    assert ctl(master, "store", "restore", "/tmp/saved/config.db")[0] == FINE
+    assert master.client.get("b") == b"c" and master.config.items() == settings
+    (master.root / "tmp/saved/client.db").write_bytes(os.urandom(16384))
+    code, _, complaint = ctl(master, "store", "restore", "/tmp/saved/client.db")
+    assert code == WRONG_USE and "no sound copy" in complaint and master.client.get("b") == b"c"
+
+
 def test_a_wrong_word_is_named_beside_the_right_ones(couple, ctl):
     for wrong, group, verbs in (
         (["nonsense"], "quorsyncctl", "check, status, timeline, store, diff, fetch"),

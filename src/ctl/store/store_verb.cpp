@@ -6,52 +6,29 @@
 #include <optional>
 #include <string>
 
-#include "configured_role.h"
-#include "console.h"
+#include "bulk.h"
+#include "change.h"
+#include "ctl/console.h"
+#include "ctl/rows.h"
+#include "ctl/session.h"
+#include "ctl/store_files.h"
+#include "ctl/verbs.h"
 #include "data_sets.h"
+#include "json_lines.h"
 #include "keys.h"
 #include "log.h"
-#include "proc_info.h"
-#include "rows.h"
-#include "session.h"
-#include "setting_rules.h"
 #include "stamps.h"
 #include "store.h"
-#include "store_files.h"
 #include "text.h"
-#include "verbs.h"
 
 namespace {
-
-struct Options {
-    std::string file = "config";
-    std::string key;
-    std::string value;  // or the item of a list
-    std::string set;    // of bump: config or client
-    bool json = false;
-    bool force = false;
-    bool bump = false;        // the stamp of the set that the change belongs to
-    bool keep_dsver = false;  // although a slave's own setting changes
-
-    std::string path() const { return store_path(file); }
-};
 
 // Text for a pipe as it is, for a terminal without what could upset it.
 std::string shown(const std::string& text) {
     return isatty(STDOUT_FILENO) == 1 ? escape(text) : text;
 }
 
-int absent(const Options& options) {
-    if (access(options.path().c_str(), F_OK) != 0) {
-        complain_about_file(options.path(), {});
-        return EXIT_PROBLEM;
-    }
-    complain("{} has no key \"{}\"; \"quorsyncctl store dump --file {}\" shows what it has",
-             options.path(), escape(options.key), options.file);
-    return EXIT_PROBLEM;
-}
-
-int get(const Options& options) {
+int get(const StoreOptions& options) {
     const std::unique_ptr<Store> store = open_store(options.path());
     std::string value;
     const int result = store ? store->get(options.key, value) : EINVAL;
@@ -62,10 +39,16 @@ int get(const Options& options) {
     return store && result == DB_NOTFOUND ? absent(options) : EXIT_CANNOT_TELL;
 }
 
-int dump(const Options& options) {
+int dump(const StoreOptions& options) {
     const auto records = read_records(options.path());
     if (!records) {
         return EXIT_CANNOT_TELL;
+    }
+    if (options.json_lines) {
+        for (const auto& [key, value] : *records) {
+            print_line(to_json_line({key, value}));
+        }
+        return EXIT_FINE;
     }
     Json object = Json::object();
     for (const auto& [key, value] : *records) {
@@ -81,7 +64,7 @@ int dump(const Options& options) {
     return EXIT_FINE;
 }
 
-int verify(const Options& options) {
+int verify(const StoreOptions& options) {
     const std::unique_ptr<Store> store = db_open(options.path().c_str());
     if (store && store->damaged()) {
         complain(
@@ -98,141 +81,7 @@ int verify(const Options& options) {
     return EXIT_FINE;
 }
 
-// How the record gets to this host's peer, or from it.
-Replication pair_replication(const Options& options) {
-    const std::string path = options.path();
-    return path == CLIENT_DB || path == CONFIG_DB ? replication_of(path == CLIENT_DB, options.key)
-                                                  : Replication::NONE;
-}
-
-// Throws what the daemon could not use; --force stores it all the same.
-void check_text(const Options& options, const std::string& value) {
-    if (options.force) {
-        return;
-    }
-    std::string fault = control_fault(options.key);
-    fault = fault.empty() ? control_fault(value) : fault;
-    if (fault.empty() && options.path() == CONFIG_DB) {
-        fault = setting_fault(options.key, value);
-    }
-    if (!fault.empty()) {
-        throw WrongUse(escape(options.key),
-                       fmt::format("{}; --force stores it all the same", escape(fault)));
-    }
-}
-
-// Throws what the operator did wrong.
-void check_change(const Options& options, const std::string& value) {
-    const std::string path = options.path();
-    const std::string misfit =
-        message_fault(replication_of(holds_clients(path), options.key), options.key, value);
-    if (options.key.empty()) {
-        throw WrongUse("KEY", "is empty");
-    }
-    if (path.find('/') == std::string::npos && access(path.c_str(), F_OK) != 0) {
-        throw WrongUse("--file", "\"" + path +
-                                     "\" is neither config, client or disk nor a file "
-                                     "here; a new one wants its whole path");
-    }
-    if (!misfit.empty()) {
-        throw WrongUse(options.key, misfit);
-    }
-    check_text(options, value);
-}
-
-void check_place(const Options& options) {
-    if (options.bump && pair_replication(options) != Replication::PUSHED) {
-        throw WrongUse("--bump", "the record is in no set that the slave fetches");
-    }
-    if (!options.force && is_mirrored(pair_replication(options)) && is_configured_slave()) {
-        throw WrongUse(options.key,
-                       "this host is the slave: change it on the master, which overwrites it here; "
-                       "--force changes it all the same");
-    }
-}
-
-// What the operator may want to know of a change. On standard error: standard output is for data.
-void print_hints(const Options& options) {
-    const bool settings = options.path() == CONFIG_DB;
-    if (pair_replication(options) == Replication::PUSHED && !options.bump) {
-        complain("\"quorsyncctl store bump {}\" makes the slave fetch it",
-                 (settings ? CONFIG_SET : CLIENT_SET).name);
-    }
-    if (!settings) {
-        return;
-    }
-    if (const auto meant = similar_setting(options.key); !meant.empty()) {
-        complain("the daemon reads no \"{}\"; did you mean \"{}\"?", escape(options.key), meant);
-    }
-    if (needs_restart(options.key) && !processes_named(PROGRAM_NAME).empty()) {
-        complain("\"{}\" takes effect when the daemon is restarted", options.key);
-    }
-}
-
-// The last words on a change that has succeeded: a line for the log, a hint for the operator.
-int changed(const Options& options, const char* what) {
-    write_log(LOG_INFO, "quorsyncctl: %s %s in %s", what, escape(options.key).c_str(),
-              options.path().c_str());
-    print_hints(options);
-    return EXIT_FINE;
-}
-
-int failed(const Options& options, const std::string& reason) {
-    complain("{}: \"{}\" cannot be changed: {}", options.path(), escape(options.key), reason);
-    return EXIT_PROBLEM;
-}
-
-// Puts another stamp under `key`. Reads and writes in one opening, so that no two come to the same.
-int raise_stamp(Store& store, const char* key, std::string& before, std::string& stamp) {
-    (void)store.get(key, before);
-    char now[20];
-    stamp = next_stamp(before, format_timestamp(now, sizeof now));
-    return store.put(key, stamp);
-}
-
-// The stamp in config.db that has to follow a change of the record; null for none. A slave's own
-// settings go to its master, which looks at their stamp.
-const char* stamp_of_change(const Options& options) {
-    const Replication replication = pair_replication(options);
-    if (options.bump && replication == Replication::PUSHED) {
-        return (options.path() == CLIENT_DB ? CLIENT_SET : CONFIG_SET).stamp_key;
-    }
-    const bool own = options.path() == CONFIG_DB && replication != Replication::STAMP &&
-                     replication != Replication::DSVER;
-    return own && !options.keep_dsver && is_configured_slave() ? KEY_DSVER : nullptr;
-}
-
-// After the change: a stamp that came first could be fetched with the old record.
-int follow_with_stamp(const Options& options) {
-    const char* key = stamp_of_change(options);
-    if (key == nullptr) {
-        return EXIT_FINE;
-    }
-    const std::unique_ptr<Store> store = open_store(CONFIG_DB);
-    std::string before;
-    std::string stamp;
-    const int result = store ? raise_stamp(*store, key, before, stamp) : EINVAL;
-    const int closed = store ? store->close() : 0;
-    if (result == 0 && closed == 0) {
-        return EXIT_FINE;
-    }
-    complain("{}: \"{}\" is changed, but \"{}\" is not: {}", options.path(), escape(options.key),
-             key, store_error_text(result != 0 ? result : closed));
-    return EXIT_PROBLEM;
-}
-
-// Closes the file after a change whose result is known; what is left to say.
-int finish(const Options& options, Store& store, int result, const char* what) {
-    const int closed = store.close();
-    const int error = result != 0 ? result : closed;
-    if (error != 0) {
-        return failed(options, store_error_text(error));
-    }
-    (void)changed(options, what);
-    return follow_with_stamp(options);
-}
-
-int put(const Options& options) {
+int put(const StoreOptions& options) {
     check_change(options, options.value);
     check_place(options);
     begin_changes();
@@ -243,7 +92,7 @@ int put(const Options& options) {
     return finish(options, *store, store->put(options.key, options.value), "put");
 }
 
-int del(const Options& options) {
+int del(const StoreOptions& options) {
     check_place(options);
     if (access(options.path().c_str(), F_OK) != 0) {
         return absent(options);  // a change would create the file
@@ -257,14 +106,14 @@ int del(const Options& options) {
     return deleted == DB_NOTFOUND ? absent(options) : finish(options, *store, deleted, "del");
 }
 
-void check_item(const Options& options) {
+void check_item(const StoreOptions& options) {
     if (options.value.empty() || options.value.find(',') != std::string::npos) {
         throw WrongUse("ITEM", "is empty or holds the list's own \",\"");
     }
 }
 
 // The list as it is, empty where the key or the file is missing; nothing after a complaint.
-std::optional<std::string> present_list(const Options& options) {
+std::optional<std::string> present_list(const StoreOptions& options) {
     if (access(options.path().c_str(), F_OK) != 0) {
         return "";
     }
@@ -279,18 +128,18 @@ std::optional<std::string> present_list(const Options& options) {
 
 using ListChange = std::string (*)(const char* path, const char* key, const char* item);
 
-int change_list(const Options& options, ListChange change, const char* what) {
+int change_list(const StoreOptions& options, ListChange change, const char* what) {
     begin_changes();
     const std::string failure =
         change(options.path().c_str(), options.key.c_str(), options.value.c_str());
     if (!failure.empty()) {
         return failed(options, failure);
     }
-    (void)changed(options, what);
+    report_change(options, what, escape(options.key));
     return follow_with_stamp(options);
 }
 
-int list_add(const Options& options) {
+int list_add(const StoreOptions& options) {
     check_item(options);
     const auto list = present_list(options);
     if (!list) {
@@ -309,7 +158,7 @@ int list_add(const Options& options) {
     return change_list(options, add_list_item, "list-add");
 }
 
-int list_remove(const Options& options) {
+int list_remove(const StoreOptions& options) {
     check_item(options);
     const auto list = present_list(options);
     if (!list) {
@@ -325,7 +174,7 @@ int list_remove(const Options& options) {
 }
 
 // Throws where the new stamp would make the slave replace its clients by nothing.
-void check_clients(const Options& options) {
+void check_clients(const StoreOptions& options) {
     if (options.force || options.key != CLIENT_SET.stamp_key) {
         return;
     }
@@ -339,7 +188,7 @@ void check_clients(const Options& options) {
     }
 }
 
-int bump(const Options& options) {
+int bump(const StoreOptions& options) {
     check_place(options);
     check_clients(options);
     begin_changes();
@@ -359,8 +208,8 @@ int bump(const Options& options) {
 
 // --- The command line ----------------------------------------------------------------------------
 
-using Operation = int (*)(const Options&);
-using SharedOptions = std::shared_ptr<Options>;
+using Operation = int (*)(const StoreOptions&);
+using SharedOptions = std::shared_ptr<StoreOptions>;
 
 Command add_operation(const Command& verb, const char* name, const char* summary,
                       Operation operation, const SharedOptions& options) {
@@ -389,7 +238,8 @@ void add_change_flags(const Command& operation, const SharedOptions& options) {
 void add_readers(const Command& verb, const SharedOptions& options) {
     add_key(add_operation(verb, "get", "Print the value of a key.", get, options), options);
     add_operation(verb, "dump", "Print all records as key=value.", dump, options)
-        .flag("--json", options->json, "As a JSON object");
+        .flag("--json", options->json, "As a JSON object")
+        .flag("--jsonl", options->json_lines, "As lines that \"store load\" reads");
     add_operation(verb, "verify", "Examine whether the file is sound.", verify, options);
 }
 
@@ -408,6 +258,23 @@ void add_writers(const Command& verb, const SharedOptions& options) {
     add_with_value("list-add", "Add an item to a comma list.", list_add, "ITEM", "The item");
     add_with_value("list-remove", "Take an item out of a comma list.", list_remove, "ITEM",
                    "The item");
+}
+
+void add_whole_files(const Command& verb, const SharedOptions& options) {
+    const Command loading =
+        add_operation(verb, "load", "Store the records of JSON lines, all or none.", load, options);
+    loading.argument("FILE", options->place,
+                     "Lines of \"store dump --jsonl\"; - reads standard input");
+    add_change_flags(loading, options);
+
+    const Command saving = verb.command("backup", "Copy the stores of this host.");
+    saving.argument("DIRECTORY", options->place, "Where the copies go; it is made if it is missing")
+        .runs([options] { return backup(*options); });
+
+    const Command restoring =
+        add_operation(verb, "restore", "Put a copy in the place of a store.", restore, options);
+    restoring.argument("COPY", options->place, "A file of \"store backup\"");
+    add_force(restoring, options);
 }
 
 void add_bump(const Command& verb, const SharedOptions& options) {
@@ -433,8 +300,9 @@ void add_store(const Command& tool) {
                                  "  quorsyncctl store put default_writeback /srv/writeback\n"
                                  "  quorsyncctl store list-add server_list 192.168.0.2\n"
                                  "  quorsyncctl store bump config");
-    const auto options = std::make_shared<Options>();
+    const auto options = std::make_shared<StoreOptions>();
     add_readers(verb, options);
     add_writers(verb, options);
+    add_whole_files(verb, options);
     add_bump(verb, options);
 }
