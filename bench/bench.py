@@ -10,6 +10,7 @@ import experiments
 import fetches
 import goals
 import limit
+import puts
 import report
 from experiments import Bench
 from lab import LabError, WaitTimeout
@@ -50,7 +51,9 @@ def measure(build: Path, quick: bool) -> None:
     on_a_pair(build, (), work)
     fetched = fetches.measure(build, rounds=3 if quick else 5, say=report.progress)
     report.show_fetches(fetched)
-    report.show_goals(reached + goals.fetch_goals(fetched))
+    stored = puts.measure(build)
+    report.show_puts(stored)
+    report.show_goals([*reached, *goals.fetch_goals(fetched), goals.put_goal(stored)])
 
 
 def main() -> int:

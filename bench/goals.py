@@ -6,6 +6,7 @@ from dataclasses import dataclass
 from experiments import Rest, Results, Sizes
 from fetches import Fetches
 from lab.outcome import Outcome
+from puts import Put
 
 
 @dataclass(frozen=True)
@@ -62,6 +63,14 @@ def fetch_goals(fetches: Fetches) -> list[Goal]:
         Goal("allocations of the job server in the steady state: 0", counted,
              Outcome.of(fetches.allocations == 0)),
     ]
+
+
+def put_goal(puts: list[Put]) -> Goal:
+    """For a disk that flushes as a real one does; a virtual one may not flush at all."""
+    slowest = puts[-1]
+    text = f"put, flushes of {slowest.flush} ms: at most 150 % of one in place"
+    share = percent(slowest.daemon, slowest.baseline)
+    return Goal(text, share, Outcome.of(slowest.daemon <= 1.5 * slowest.baseline))
 
 
 def goals_of(results: Results) -> list[Goal]:

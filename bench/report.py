@@ -7,6 +7,7 @@ from experiments import Rest, Results, Sizes
 from fetches import Fetches
 from goals import Goal, percent
 from lab.outcome import tally
+from puts import Put
 
 BEGIN = time.monotonic()
 
@@ -51,6 +52,12 @@ def show_fetches(fetches: Fetches) -> None:
     daemon, baseline = fetches.daemon_rate, fetches.baseline_rate
     speed = f"{daemon:,.0f}, {baseline:,.0f} MiB/s: {percent(daemon, baseline)}"
     print(f"\nfetch of {fetches.mib:,} MiB, daemon and baseline: {speed}")
+
+
+def show_puts(puts: list[Put]) -> None:
+    print("\none value stored, by the library and written in place, milliseconds")
+    for put in puts:
+        print(f"  flushes that take {put.flush} ms more: {put.daemon:.1f}, {put.baseline:.1f}")
 
 
 def show_goals(goals: list[Goal]) -> None:

@@ -6,7 +6,7 @@ declare -A packages=(
     [lab]="db5.3-util iproute2 mawk mount nftables procps psmisc python3 python3-bsddb3 strace
            util-linux"
     [check]="clang-format faketime python3-pytest python3-pytest-timeout python3-pytest-xdist"
-    [bench]="time"
+    [bench]="libbenchmark-dev time"
     [fuzz]="clang libclang-rt-14-dev"
     [format]="clang-format"
     [tidy]="clang-tidy"
