@@ -1,7 +1,6 @@
 """A push that breaks off, or takes long: the slave takes over with one whole list or the other."""
 
 import re
-import shutil
 import signal
 import time
 
@@ -12,18 +11,13 @@ from peer import CLIENT, DISK, LIMIT, FakeMaster, beat_back, record
 
 PREVIOUS = "etc/quoradmind/client.db.previous"
 AT_START = "/lab/at_start.db"
+ONE_OLD = {"slave_config": {"client_db_version": "1"}, "slave_clients": {"old": "1"}}
 # Stands before the DHCP wrapper and keeps the list that this one starts over.
-KEEP_LIST = f"""#!/bin/sh
+KEEP_LIST = f"""cd /usr/local/bin; mv quordhcpd /lab; install /dev/stdin quordhcpd <<'end'
+#!/bin/sh
 cp /etc/quoradmind/client.db {AT_START}
 exec /lab/quordhcpd "$@"
-"""
-
-
-def keep_list_at_start(slave):
-    wrapper = slave.root / "usr/local/bin/quordhcpd"
-    shutil.move(wrapper, slave.root / "lab/quordhcpd")
-    wrapper.write_text(KEEP_LIST)
-    wrapper.chmod(0o755)
+end"""
 
 
 def break_off_a_push(pair):
@@ -47,7 +41,7 @@ def break_off_a_push(pair):
 def test_a_broken_push_costs_no_client(pair_factory, restarted):
     pair = pair_factory(clients=lab.realistic_clients(300))
     slave = pair.slave
-    keep_list_at_start(slave)
+    slave.shell(KEEP_LIST)
     pair.start()
     pair.wait_equal(LIMIT)
     pair.master.client.fill(lab.realistic_clients(50000, seed=2))
@@ -90,7 +84,7 @@ class SlowPush:
 
 @pytest.fixture
 def slow_push(pair_factory):
-    pair = pair_factory(slave_config={"client_db_version": "1"}, slave_clients={"old": "1"})
+    pair = pair_factory(**ONE_OLD)
     with FakeMaster(pair.master, pair.slave) as master:
         yield SlowPush(pair, master)
 
@@ -128,8 +122,7 @@ def test_sigterm_while_a_take_over_waits_starts_nothing(slow_push):
 
 
 def test_no_stamp_before_the_old_list_is_gone(pair_factory):
-    options = {"slave_config": {"client_db_version": "1"}, "slave_clients": {"old": "1"}}
-    pair = pair_factory(wrapper=tracing.kept_names(f"/{PREVIOUS}"), **options)
+    pair = pair_factory(wrapper=tracing.kept_names(f"/{PREVIOUS}"), **ONE_OLD)
     slave = pair.slave
     daemon = pair.start_slave()
     with FakeMaster(pair.master, slave) as master:
@@ -156,8 +149,7 @@ def test_no_stamp_before_the_old_list_is_gone(pair_factory):
 def test_records_that_come_while_the_old_list_is_put_back_are_not_mixed_into_it(pair_factory):
     """A master that pauses in its push goes on at just that moment."""
     wrapper = tracing.slow_names("/etc/quoradmind/client.db.previous", 4000)
-    options = {"slave_config": {"client_db_version": "1"}, "slave_clients": {"old": "1"}}
-    pair = pair_factory(wrapper=wrapper, **options)
+    pair = pair_factory(wrapper=wrapper, **ONE_OLD)
     slave = pair.slave
     pair.start_slave()
     with FakeMaster(pair.master, slave) as master:
@@ -176,7 +168,7 @@ def test_records_that_come_while_the_old_list_is_put_back_are_not_mixed_into_it(
 
 
 def test_a_slave_made_the_master_serves_no_part_of_a_list(pair_factory):
-    pair = pair_factory(slave_config={"client_db_version": "1"}, slave_clients={"old": "1"})
+    pair = pair_factory(**ONE_OLD)
     slave = pair.slave
     pair.start_slave()
     with FakeMaster(pair.master, slave) as master:

@@ -61,8 +61,7 @@ def test_every_request_is_answered_on_a_connection_of_its_own(asked):
         assert_set(everything[3:], CLIENT, clients, "client-1")
         assert_set(peer.ask(request(CONFIG)), CONFIG, PUSHED, "config-1")
         assert_set(peer.ask(request(CLIENT)), CLIENT, clients, "client-1")
-        for number in (3, 5, 1 << 31):
-            assert peer.ask(request(number)) == []
+        assert peer.ask(request(1 << 31)) == []
 
         # Cut short, filled to the brim without an end, empty, unknown: nothing stops it.
         assert peer.ask(b"\2") == [beat_back("config-1#client-1")]

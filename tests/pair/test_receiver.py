@@ -1,6 +1,5 @@
 """A real slave, told things byte by byte."""
 
-import os
 import re
 import time
 
@@ -62,7 +61,7 @@ def test_messages_on_one_connection_and_on_many(told):
         wait_until(lambda: slave.services.events(720010), LIMIT, "the event")
         found = {key: slave.config.get(key) for key in ("config_db_version", "client_db_version")}
         assert list(found.values()) == [b"7", b"8"]
-        assert slave.config.get("dhcpcfg") == b"a" and slave.config.get("dbver") is None
+        assert slave.config.get("dhcpcfg") == b"a"
         assert slave.client.items() == {b"dbverx": b"x", b"k" * 128: b"v" * 1024}
         assert slave.find_log("data 3: disk=d") and slave.find_log("data 9: odd=o")
         assert not slave.find_log("recvfrom() error:")
@@ -77,9 +76,6 @@ def test_messages_on_one_connection_and_on_many(told):
         link.sendall(record(CLIENT, "after", "1"))
         await_value(slave.client, "after", "1")
         link.close()
-        with master.connect() as stub:
-            stub.sendall(b"\1\0")
-        slave.wait_log("recvfrom() error:", LIMIT)
     assert len(slave.services.events(720010)) == 1
 
 
@@ -134,13 +130,11 @@ def test_the_master_never_waits_for_a_stranger(told):
         assert slave.client.get("half") is None
 
 
-# The library's verifier panics on the first damage and would abort on the second.
-@pytest.mark.parametrize("rubbish", [b"\xa5", b"\x0f"])
-def test_a_damaged_store_gives_way_to_the_first_record(told, rubbish):
+def test_a_damaged_store_gives_way_to_the_first_record(told):
     pair, slave, master = told(slave_clients=lab.realistic_clients(200))
     path = slave.client.outer_path
-    os.chmod(path, 0o640)
-    damaged = path.read_bytes()[:4096] + rubbish * (path.stat().st_size - 4096)
+    # The library's verifier would abort on this.
+    damaged = path.read_bytes()[:4096] + b"\x0f" * (path.stat().st_size - 4096)
     path.write_bytes(damaged)
     pair.start_slave()
     with master:
@@ -152,31 +146,5 @@ def test_a_damaged_store_gives_way_to_the_first_record(told, rubbish):
         wait_until(kept.exists, LIMIT, "the damaged file under its new name")
         await_value(slave.client, "fresh", "1")
     assert slave.client.items() == {b"fresh": b"1"}
-    assert path.stat().st_mode & 0o777 == 0o640
     assert kept.read_bytes() == damaged
     assert slave.find_log("kept as /etc/quoradmind/client.db.damaged")
-
-
-def test_a_stamp_is_never_ahead_of_its_records(told):
-    clients = lab.realistic_clients(3000)
-    records = [record(CLIENT, key, value) for key, value in clients.items()]
-    pair, slave, master = told(clients=clients)
-    pair.start_slave()
-    with master:
-        link = master.connect()
-        link.sendall(b"".join(records) + record(CLIENT, "dbver", "whole"))
-        wait_until(lambda: slave.config.get("client_db_version"), LIMIT, "the stamp", 0.001)
-        pair.slave_daemon.kill()
-        assert slave.client.verify() and slave.client.items() == clients
-
-        # Killed again, with half a set on its way: what is left must not hinder the next daemon.
-        slave.config.delete("client_db_version")
-        mark = slave.log_mark()
-        pair.start_slave()
-        link = master.connect()
-        link.sendall(b"".join(record(CLIENT, f"{number}", "half") for number in range(3000)))
-        slave.wait_log("data 2: 1500=half", LIMIT, mark)
-        pair.slave_daemon.kill()
-        assert slave.config.get("client_db_version") is None
-    pair.start()
-    pair.wait_equal(LIMIT)
