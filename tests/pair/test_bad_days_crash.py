@@ -42,10 +42,8 @@ class Victims:
         pair.slave.config.put("dsver", stamp)
 
     def settled(self):
-        return not self.pair.difference() and self.copy.get("dsver") == self.stamp_of_slave()
-
-    def stamp_of_slave(self):
-        return self.pair.slave.config.get("dsver")
+        stamp = self.pair.slave.config.get("dsver")
+        return not self.pair.difference() and self.copy.get("dsver") == stamp
 
     def kill_one(self):
         pair, side = self.pair, self.dice.choice(("master", "slave"))
@@ -54,7 +52,7 @@ class Victims:
         when = int(most ** self.dice.random())
         print(f"{self.number + 1}: {side} killed at {calls} {when}")
         host.kill_daemons(pair.executable)
-        before = self.stamp_of_slave()
+        before = self.pair.slave.config.get("dsver")
         self.change()
         pair.wrapper = tracing.killed_at(calls, when)
         daemon = getattr(pair, f"start_{side}")()
@@ -65,7 +63,7 @@ class Victims:
         assert daemon.poll() in (None, -signal.SIGKILL), daemon.output_text()
         host.kill_daemons(pair.executable)
         self.assert_whole()
-        assert self.copy.get("dsver") in (before, self.stamp_of_slave())
+        assert self.copy.get("dsver") in (before, self.pair.slave.config.get("dsver"))
         getattr(pair, f"start_{side}")()
         return died
 
@@ -156,8 +154,11 @@ def test_killed_at_every_step_of_a_push(pair_factory):
 class Disk:
     """What a power failure could take back, as the traced calls of a daemon follow each other."""
 
-    def __init__(self):
+    def __init__(self, host, trace):
         self.unflushed, self.names = set(), []
+        for step in tracing.recorded(host, trace):
+            if any(path.startswith((FOLDER, DOWNLOAD)) for path in step.paths):
+                self.follow(step)
 
     def follow(self, step):
         if step.call in ("write", "pwrite64", "sendfile"):
@@ -175,14 +176,6 @@ class Disk:
             assert FOLDER not in self.unflushed, "a list or its end behind its stamp"
         self.unflushed.add(path)
         self.last_written = path
-
-
-def follow_disk(host, trace):
-    disk = Disk()
-    for step in tracing.recorded(host, trace):
-        if any(path.startswith((FOLDER, DOWNLOAD)) for path in step.paths):
-            disk.follow(step)
-    return disk
 
 
 def test_what_a_power_failure_leaves_is_whole(pair_factory):
@@ -203,11 +196,11 @@ def test_what_a_power_failure_leaves_is_whole(pair_factory):
             pair.master.shell(where)
             pair.slave.config.put("dsver", stamp)
             wait_until(lambda stamp=stamp: copy.get("dsver") == stamp.encode(), LIMIT, "a copy")
-    disk = follow_disk(pair.slave, trace)
+    disk = Disk(pair.slave, trace)
     assert disk.last_written == SETTINGS and not disk.unflushed
     assert (f"{FOLDER}/client.db.new", f"{FOLDER}/client.db") in disk.names
     assert (f"{FOLDER}/client.db.previous",) in disk.names
-    names = follow_disk(pair.master, trace).names
+    names = Disk(pair.master, trace).names
     assert (DOWNLOAD, copy.path) in names and (f"{copy.path}.new", copy.path) in names
     for host in (pair.master, pair.slave):
         host.kill_daemons(pair.executable)

@@ -49,6 +49,7 @@ class BadDay:
         self.pair.start()
 
     def break_it(self):
+        print(self.name)
         self.begin, self.role_changes_before = time.monotonic(), len(self.role_changes())
         self._fault_on = self._fault(self.pair)
         self._fault_on.__enter__()
@@ -60,7 +61,6 @@ class BadDay:
     def heal(self):
         self.assert_honest()
         self._fault_on.__exit__(None, None, None)
-        self.end = time.monotonic()
 
     def _change(self, when):
         """As a site's tools do it: records first, then the stamp."""
@@ -102,16 +102,6 @@ class BadDay:
         copy = self.pair.master.store(f"{self.pair.slave.address}.db")
         wait_until(lambda: not copy.difference(self.pair.slave.config), MARGIN, "an equal copy")
 
-    def summary(self):
-        told = [f"{self.name}, {self.end - self.begin:.1f} s:"]
-        for event in sorted(self.pair.slave.services.events(), key=lambda event: event.monotonic):
-            what = {720007: "took over", 720008: "gave back"}.get(event.code, str(event.code))
-            since, name = (self.end, "the end") if event.monotonic > self.end else (
-                self.begin, "the beginning")
-            told.append(f"{what} {event.monotonic - since:.1f} s after {name}")
-        return " ".join(told) if len(told) > 1 else f"{told[0]} no take-over"
-
-
 def heal_from(pair_factory, clients, trials):
     def day(name, seconds, fault, takes_over):
         pair = pair_factory(clients=clients, wrapper=faults.BOUND_BY_MODES)
@@ -132,7 +122,6 @@ def heal_from(pair_factory, clients, trials):
         for day in days:
             day.assert_healed()
             day.assert_copy()
-            print(day.summary())
 
 
 def random_trial(dice):
@@ -153,9 +142,7 @@ LINE = [
     ("line cut", 1, faults.cut(), False),
     ("line cut", 5, faults.cut(), None),
     ("line cut", 12, faults.cut(), True),
-    ("no beats", 5, faults.cut("out"), None),
     ("no beats", 12, faults.cut("out"), True),
-    ("no heartbeats", 5, faults.cut("in"), None),
     ("no heartbeats", 12, faults.cut("in"), True),
     ("every tenth frame lost", 10, faults.cut(share=0.1), None),
     ("every third frame lost", 10, faults.cut(share=0.33), None),
@@ -178,7 +165,7 @@ DISK = [
 ]
 
 
-@pytest.mark.parametrize("trials", [LINE[:7], LINE[7:], DISK[:8], DISK[8:]],
+@pytest.mark.parametrize("trials", [LINE[:5], LINE[5:], DISK[:8], DISK[8:]],
                          ids=["line", "loss and standstill", "disk", "log and scratch"])
 def test_a_pair_heals(pair_factory, trials):
     heal_from(pair_factory, CLIENTS, trials)

@@ -8,6 +8,7 @@ from socket import SO_RCVBUF, SOCK_DGRAM, SOL_SOCKET
 
 import lab
 import pytest
+from lab import faults
 from peer import CLIENT, PORT, record, request
 
 MARGIN = 120.0
@@ -40,24 +41,10 @@ class Watch(threading.Thread):
 
 
 @contextmanager
-def line(pair, _stranger):
-    pair.master.line.cut()
-    yield
-    pair.master.line.heal()
-
-
-@contextmanager
 def second_line(pair, _stranger):
     pair.master.second_line.cut()
     yield
     pair.master.second_line.heal()
-
-
-@contextmanager
-def standstill(pair, _stranger):
-    pair.master_daemon.freeze()
-    yield
-    pair.master_daemon.thaw()
 
 
 @contextmanager
@@ -87,20 +74,12 @@ def slow_reader(pair, stranger):
 
 
 FAULTS = {
-    "line": line,
+    "line": lambda pair, _: faults.cut()(pair),
     "second line": second_line,
-    "standstill": standstill,
+    "standstill": lambda pair, _: faults.stopped("master")(pair),
     "strangers": strangers,
     "slow reader": slow_reader,
 }
-
-
-def change(pair, number, dice):
-    """As a site's tools do it: clients come and go, then the stamp."""
-    pair.master.client.fill({f"new {number}": "x" * dice.randrange(500)})
-    if number > 3:
-        pair.master.client.delete(f"new {number - 3}")
-    pair.master.config.put("client_db_version", f"stamp {number}")
 
 
 @pytest.mark.soak
@@ -119,7 +98,8 @@ def test_both_serve_only_where_no_line_is_whole(pair_factory, seed, rounds):
             for name in names:
                 stack.enter_context(FAULTS[name](pair, stranger))
             watch.faults = set(names)
-            change(pair, number, dice)
+            pair.master.client.fill({f"new {number}": "x" * dice.randrange(500)})
+            pair.master.config.put("client_db_version", f"stamp {number}")
             time.sleep(seconds)
         watch.faults = set()
         before = watch.beyond

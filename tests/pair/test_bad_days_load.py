@@ -1,7 +1,5 @@
 """What a long run leaves behind in a daemon: nothing."""
 
-import time
-
 import lab
 from lab import wait_until
 from lab.file_service import FileService
@@ -25,32 +23,17 @@ LEAST = MIB // 8  # less than what 30 bytes lost with each heartbeat of the shor
 CLIENTS = lab.realistic_clients(100)
 
 
-class Size:
-    """A daemon's memory and descriptors, before and after."""
-
-    def __init__(self, daemon):
-        self._daemon = daemon
-        self.memory, self.descriptors = daemon.rss(), self._count()
-
-    def _count(self):
-        return len(self._daemon.descriptors())
-
-    def assert_same(self, what):
-        wait_until(lambda: self._count() <= self.descriptors, LIMIT, "the old descriptors")
-        growth, count = self._daemon.rss() - self.memory, self._count()
-        print(f"{what}: {self.memory / MIB:.1f} MiB {growth / MIB:+.2f}, {count} descriptors "
-              f"{count - self.descriptors:+}")
-        assert growth < LEAST
-
-
 def warmed_up(daemon, step, times, what):
     """Do it often; the tenth part of it before the daemon is measured first."""
     for number in range(times // 10 + 1):
         step(-1 - number)
-    size, begin = Size(daemon), time.monotonic()
+    memory, descriptors = daemon.rss(), len(daemon.descriptors())
     for number in range(times):
         step(number)
-    size.assert_same(f"{times:,} {what} in {time.monotonic() - begin:.0f} s")
+    wait_until(lambda: len(daemon.descriptors()) <= descriptors, LIMIT, "the old descriptors")
+    growth = daemon.rss() - memory
+    print(f"{times:,} {what}: {memory / MIB:.1f} MiB {growth / MIB:+.2f}")
+    assert growth < LEAST
 
 
 def test_a_master_stays_as_it_is(pair_factory, rounds):

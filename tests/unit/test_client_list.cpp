@@ -11,14 +11,8 @@ using Records = std::vector<std::pair<std::string, std::string>>;
 
 class TestClock : public ListClock {
 public:
-    std::chrono::nanoseconds now() override {
-        if (looked_at) {
-            looked_at();
-        }
-        return time;
-    }
+    std::chrono::nanoseconds now() override { return time; }
     std::chrono::nanoseconds time = 1h;
-    std::function<void()> looked_at;
 };
 
 // A slave with three clients under the stamp v1, told what happens to it.
@@ -84,24 +78,6 @@ protected:
 
 // --- One set under one stamp ---------------------------------------------------------------------
 
-TEST_F(ClientListTest, AnEqualAnswerBetweenTwoPushesLeavesTheSecondOneDue) {
-    ask(3);
-    push({"stay", "removed"}, "v2");
-    list_->equal_stamps();
-    push({"stay"}, "v3");
-    EXPECT_EQ(clients(), std::vector{"stay"s});
-    EXPECT_EQ(stamp(), "v3");
-}
-
-TEST_F(ClientListTest, ABrokenPushLeavesNothingInTheNextOne) {
-    ask(2);
-    push({"stay", "removed"}, nullptr);
-    push({"stay"}, "v3");
-    EXPECT_EQ(clients(), std::vector{"stay"s});
-    EXPECT_EQ(stamp(), "v3");
-    EXPECT_EQ(names(), only_files_);
-}
-
 TEST_F(ClientListTest, PushesStayDueAcrossARestart) {
     for (const char* first : {static_cast<const char*>(nullptr), "v2"}) {
         SCOPED_TRACE(first == nullptr ? "broken off" : "whole");
@@ -112,24 +88,6 @@ TEST_F(ClientListTest, PushesStayDueAcrossARestart) {
         EXPECT_EQ(clients(), std::vector{"stay"s});
         EXPECT_EQ(stamp(), "v3");
     }
-}
-
-TEST_F(ClientListTest, APartIsNeverKeptAsIfItWereWhole) {
-    for (const auto& record : old_) {
-        EXPECT_EQ(db_del(CLIENT_DB, record.first.c_str()), 0);
-    }
-    ask(1);
-    push({"one of many"}, nullptr);
-    restart();
-    ask(1);
-    push({"one of many", "two of many"}, nullptr);
-    list_->take_over();
-    EXPECT_EQ(clients(), (std::vector{"one of many"s, "two of many"s}));
-    EXPECT_THAT(logged(), Not(HasSubstr("put back")));
-    // The own stamp names the list without records.
-    list_->equal_stamps();
-    EXPECT_EQ(clients(), std::vector<std::string>{});
-    EXPECT_EQ(stamp(), "v1");
 }
 
 TEST_F(ClientListTest, RecordsThatNobodyAskedForAreAdded) {
@@ -157,28 +115,6 @@ TEST_F(ClientListTest, RecordsThatNobodyAskedForAreAdded) {
     list_->equal_stamps();
     EXPECT_EQ(clients(), (std::vector{"of a tool"s, "of a tool, too"s, "third"s}));
     EXPECT_EQ(stamp(), "v6");
-}
-
-TEST_F(ClientListTest, AnAnswerInTheMiddleOfAPushMakesItAnother) {
-    ask(1);
-    ClientPush first{.of_master = true};
-    list_->put(first, "of the first", "new");
-    EXPECT_TRUE(list_->ask());  // came by another connection
-    list_->put(first, "of the first, too", "new");
-    EXPECT_TRUE(list_->close(first, "v2"));
-    list_->end(first);
-    EXPECT_EQ(stamp(), "v1");
-    EXPECT_EQ(clients(), std::vector<std::string>{});
-
-    ClientPush second{.of_master = true};
-    list_->put(second, "before the answer", "new");
-    EXPECT_TRUE(list_->ask());
-    list_->answered(second);
-    list_->put(second, "behind it", "new");
-    EXPECT_TRUE(list_->close(second, "v3"));
-    list_->end(second);
-    EXPECT_EQ(stamp(), "v3");
-    EXPECT_EQ(clients(), std::vector{"behind it"s});
 }
 
 TEST_F(ClientListTest, AStampThatAKillKeptBackIsStoredByTheNextStart) {
@@ -245,16 +181,6 @@ TEST_F(ClientListTest, IsPutBackWhenAPushBreaksOff) {
     EXPECT_EQ(names(), only_files_);
 }
 
-TEST_F(ClientListTest, TheNewestWholeListIsPutBack) {
-    ask(2);
-    push({"newer"}, "v2");
-    push({"newest"}, nullptr);
-    restart();
-    list_->take_over();
-    EXPECT_EQ(clients(), std::vector{"newer"s});
-    EXPECT_EQ(stamp(), "v2");
-}
-
 TEST_F(ClientListTest, OneThatCannotBeReadReplacesNothing) {
     ask(1);
     push({"new"}, nullptr);
@@ -276,15 +202,6 @@ TEST_F(ClientListTest, IsPutBackOverItself) {
         EXPECT_EQ(records_of(CLIENT_DB), old_);
         EXPECT_EQ(names(), only_files_);
     }
-}
-
-TEST_F(ClientListTest, AStartAsTheMasterPutsBackAndForgetsWhatWasDue) {
-    ask(2);
-    push({"new"}, nullptr);
-    start_as_master();
-    EXPECT_EQ(records_of(CLIENT_DB), old_);
-    EXPECT_EQ(names(), only_files_);
-    EXPECT_EQ(stamp(), "v1");
 }
 
 TEST_F(ClientListTest, WhatAMasterHasMadeOfAPartIsWhole) {
@@ -327,14 +244,6 @@ TEST_F(ClientListTest, AJournalThatMakesNoSenseDoesNoHarm) {
     }
 }
 
-TEST_F(ClientListTest, NothingIsAskedForWithoutAJournal) {
-    std::filesystem::create_directories(CLIENT_JOURNAL + ".new/in the way"s);
-    EXPECT_FALSE(list_->ask());
-    EXPECT_EQ(records_of(CLIENT_DB), old_);
-    EXPECT_FALSE(std::filesystem::exists(PREVIOUS_CLIENT_DB));
-    EXPECT_EQ(count_of(logged(), "ERROR :"s + CLIENT_JOURNAL + " cannot be written:"), 1U);
-}
-
 // --- Two threads ---------------------------------------------------------------------------------
 
 TEST_F(ClientListTest, ATakeOverWaitsForTheOpenBatchAndTheReceiverForTheTakeOver) {
@@ -368,20 +277,6 @@ TEST_F(ClientListTest, GrowsUntilTwoSecondsAfterTheLastRecord) {
     EXPECT_TRUE(list_->grows());
     clock_.time += 1ms;
     EXPECT_FALSE(list_->grows());
-}
-
-// The receiver is done with a record just while the supervisor looks.
-TEST_F(ClientListTest, GrowsWhileTheLastRecordIsBeingFinished) {
-    std::optional<ClientList::Work> work;
-    work.emplace(*list_);
-    work.reset();
-    clock_.time += 10s;
-    work.emplace(*list_);
-    clock_.looked_at = [&] {
-        clock_.looked_at = nullptr;
-        work.reset();
-    };
-    EXPECT_TRUE(list_->grows());
 }
 
 }  // namespace

@@ -24,7 +24,6 @@ const std::string B40(40, 'b');
 TEST(PeerMessage, LiesOnTheWireAsAgreed) {
     EXPECT_EQ(bytes_of(make_heartbeat("192.168.0.2", "20261116035226")),
               block({{0, "\2"}, {12, "192.168.0.2"}, {44, "20261116035226"}}));
-    EXPECT_EQ(bytes_of(make_heartbeat("", "")), block({{0, "\2"}}));
     EXPECT_EQ(bytes_of(make_data_request(DATA_KIND_CLIENT)),
               block({{0, "\1"}, {4, "\2"}, {8, "R"}}));
     EXPECT_EQ(bytes_of(make_beat_back("v7#v9")), block({{0, "\3"}, {140, "v7#v9"}}));

@@ -18,7 +18,6 @@ protected:
 TEST_F(Sink, StoresRecordsAndStampsInTheirPlaces) {
     RecordSink sink(true);
     apply(sink, DATA_KIND_CONFIG, "dhcpcfg", "x=1");
-    apply(sink, DATA_KIND_CONFIG, "dbverx", "a record");
     apply(sink, DATA_KIND_CONFIG, "dbver", "v1");
     EXPECT_FALSE(sink.has_batch());
     apply(sink, DATA_KIND_CLIENT, "client1", "old");
@@ -28,7 +27,6 @@ TEST_F(Sink, StoresRecordsAndStampsInTheirPlaces) {
     apply(sink, DATA_KIND_CLIENT, "dbver", "v2");
     EXPECT_FALSE(sink.has_batch());
     EXPECT_EQ(stored(CONFIG_DB, "dhcpcfg"), "x=1");
-    EXPECT_EQ(stored(CONFIG_DB, "dbverx"), "a record");
     EXPECT_EQ(stored(CONFIG_DB, KEY_CONFIG_VERSION), "v1");
     EXPECT_EQ(stored(CONFIG_DB, KEY_CLIENT_VERSION), "v2");
     EXPECT_EQ(stored(CLIENT_DB, "client1"), "new");
@@ -79,23 +77,6 @@ TEST_F(Sink, WithholdsTheStampOfASetThatCouldNotBeStored) {
     EXPECT_EQ(stored(CONFIG_DB, KEY_CLIENT_VERSION), "(absent)");
     EXPECT_EQ(stored(CONFIG_DB, KEY_CONFIG_VERSION), "v1");
     EXPECT_EQ(count_of(logged(), "ERROR :client_db_version not stored: "), 1U);
-    // The next connection starts afresh.
-    std::filesystem::remove(CLIENT_DB);
-    RecordSink next(true);
-    apply(next, DATA_KIND_CLIENT, "client1", "value");
-    apply(next, DATA_KIND_CLIENT, "dbver", "v2");
-    EXPECT_EQ(stored(CONFIG_DB, KEY_CLIENT_VERSION), "v2");
-}
-
-TEST_F(Sink, WithholdsTheStampOfASetOfWhichAPartWasLost) {
-    RecordSink sink(true);
-    apply(sink, DATA_KIND_CLIENT, "client1", "value");
-    sink.close_batch();
-    std::filesystem::resize_file(CLIENT_DB, 4096);
-    apply(sink, DATA_KIND_CLIENT, "client2", "value");
-    apply(sink, DATA_KIND_CLIENT, "dbver", "v2");
-    EXPECT_EQ(stored(CLIENT_DB, "client2"), "value");
-    EXPECT_EQ(stored(CONFIG_DB, KEY_CLIENT_VERSION), "(absent)");
 }
 
 // The settings that follow find the file sound again.

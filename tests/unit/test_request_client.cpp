@@ -4,7 +4,6 @@
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 
 #include <array>
 #include <cerrno>
@@ -27,21 +26,8 @@ using testing::Not;
 // Computed by hand. What a tail cannot hold is at the low end of its last index.
 TEST(BodyCodec, KnownVectors) {
     const std::vector<std::pair<std::string_view, std::string>> vectors = {
-        {"", ""},
-        {"a", "YB=="},
-        {"ab", "YWC="},
-        {"abc", "YWJj"},
-        {"abcd", "YWJjZA=="},
-        {"{}", "e3N="},
-        {"\0"sv, "AA=="},
-        {"\0\0"sv, "AAA="},
-        {"\0\0\0"sv, "AAAA"},
-        {"\xFF", "/D=="},
-        {"\xFF\xFF", "//P="},
-        {"\xFF\xFF\xFF", "////"},
-        {"\xFB\xEF\xBE", "++++"},
-        {"\x80\x01", "gAB="},
-    };
+        {"", ""},         {"a", "YB=="},        {"ab", "YWC="},           {"abcd", "YWJjZA=="},
+        {"\0"sv, "AA=="}, {"\xFF\xFF", "//P="}, {"\xFB\xEF\xBE", "++++"}, {"\x80\x01", "gAB="}};
     for (const auto& [text, encoded] : vectors) {
         EXPECT_EQ(encode_body(text), encoded);
         EXPECT_EQ(decode_body(encoded), text) << encoded;
@@ -66,12 +52,10 @@ TEST(BodyCodec, AnyTextComesBackAndAnyGarbageIsBorne) {
 
 TEST(BodyCodec, AGroupOfAnotherShapeYieldsNothing) {
     for (const auto group :
-         {"YW=j"sv, "Y=Jj"sv, "=WJj"sv, "=WJ="sv, "Y=J="sv, "Y==="sv, "===="sv, "YW-j"sv,
-          "YWJ\xFF"sv, "\x80WJj"sv, "Y\0Jj"sv, "Y_J="sv, "Y =="sv, "YWJ"sv, "YW"sv, "Y"sv}) {
+         {"YW=j"sv, "Y=Jj"sv, "=WJj"sv, "Y==="sv, "YWJ\xFF"sv, "\x80WJj"sv, "Y\0Jj"sv, "YWJ"sv}) {
         EXPECT_EQ(decode_body(group), "") << group;
         EXPECT_EQ(decode_body("YWJj"s + std::string(group)), "abc") << group;
     }
-    EXPECT_EQ(decode_body("YW=jYWJj"), "abc");
     EXPECT_EQ(decode_body("YB==YWC=YWJj"), "aababc");
     EXPECT_EQ(decode_body("//==///="), "\xFF\xFF\xFF");  // bits beyond a byte are dropped
 }
@@ -80,7 +64,6 @@ TEST(BodyCodec, AGroupOfAnotherShapeYieldsNothing) {
 struct Script {
     std::string answer;
     std::size_t piece = SIZE_MAX;       // sent in pieces of this size
-    bool hears = true;                  // reads the request first
     bool stays = false;                 // does not close before the client does
     std::uint32_t patience = 60;        // the client's time-out in seconds
     std::chrono::milliseconds pause{};  // before each piece
@@ -123,7 +106,7 @@ private:
             return;
         }
         std::uint32_t body = 0;
-        if (script_.hears && hear(fd.get(), 16)) {
+        if (hear(fd.get(), 16)) {
             std::memcpy(&body, heard_.data() + 12, sizeof body);
             (void)hear(fd.get(), body);
         }
@@ -164,6 +147,9 @@ std::string length_answer(const std::string& json_value) {
     return answer(R"({"note": [1], "length": )" + json_value + "}");
 }
 
+const std::string OLD(9000, 'o');
+const std::string NEW = std::string(4096, '1') + std::string(904, '2');
+
 class FileFetch : public WithFiles {
 protected:
     static constexpr const char* TARGET = "/etc/quoradmind/fetched";
@@ -172,11 +158,16 @@ protected:
         return GetServerFile(client, "127.0.0.1", CONFIG_DB, target);
     }
 
+    // The result with such a peer; the caller closes its connection.
+    int fetch_from(const Script& script, const char* target = TARGET) {
+        const Peer peer(script);
+        const int result = fetch(target);
+        client.Close();
+        return result;
+    }
+
     PK_Request_Client client;
 };
-
-const std::string OLD(9000, 'o');
-const std::string NEW = std::string(4096, '1') + std::string(904, '2');
 
 TEST_F(FileFetch, AsksAndStoresWhatIsAnnounced) {
     Peer peer({length_answer(R"("5000")") + NEW + "rest"});
@@ -212,6 +203,10 @@ const std::string OURS = "src/PK_Request_Client";
 const std::string EXCHANGE = "---" + OURS + "---Hpc_RequestPro_NoClose--";
 const std::string NO_JSON = "FILE_MGR json_tokener_parse:";
 const std::string NO_LENGTH = "FILE_MGR length not found:";
+const std::string TOO_LARGE = "FILE_MGR length too large:67108865 > 67108864   --" + OURS + "--";
+const std::string PART = NEW.substr(0, 4500);
+const std::string PART_ONLY =
+    "recv_file recv error 404 != 904  [0-9]+  " + OURS + "--recv_file-- [0-9]+";
 const std::string PEER_ERROR =
     "szServerIp:127.0.0.1 szServerFilePath " + std::string(CONFIG_DB) + " --" + OURS + "--";
 
@@ -227,50 +222,26 @@ const std::vector<Case> CASES = {
     {"a number", {length_answer("5000") + NEW}, 0, "", NEW},
     {"blank and sign", {length_answer("\" +12\"") + NEW}, 0, "", NEW.substr(0, 12)},
     {"an empty file", {length_answer("\"0\"")}, 0, "", ""},
-    {"the longest reply", padded(1020), 0, "", NEW},
     {"one below the buffer", padded(1023), 0, "", NEW},
     {"the buffer's size", padded(1024), -1, "Size:1024 >= 1024 " + EXCHANGE, OLD},
-    {"no end of size", {answer_header(0, INT_MAX)}, -1, "Size:2147483647 >= 1024 ", OLD},
-
     {"error", {answer_header(5, 0)}, -2, "FILE_MGR nErrCode:5 " + PEER_ERROR, OLD},
-    {"error and size", {answer_header(-3, 900)}, -2, "FILE_MGR nErrCode:-3 " + PEER_ERROR, OLD},
     {"no body", {answer_header(0, 0)}, -3, NO_JSON + "   --" + OURS + "--", OLD},
-    {"negative size", {answer_header(0, -1)}, -3, NO_JSON + " ", OLD},
     {"most negative size", {answer_header(0, INT_MIN)}, -3, NO_JSON + " ", OLD},
 
     {"no JSON", {answer("length") + NEW}, -3, NO_JSON + "length   --" + OURS + "--", OLD},
-    {"nothing decodes", {answer_header(0, 8) + "-*-*-*-*"}, -3, NO_JSON, OLD},
-    {"null", {answer("null")}, -3, NO_JSON + "null", OLD},
     {"an array", {answer("[\"length\"]")}, -3, NO_LENGTH, OLD},
     {"a plain number", {answer("12")}, -3, NO_LENGTH + "12   --" + OURS + "--", OLD},
-    {"a plain text", {answer("\"length\"")}, -3, NO_LENGTH, OLD},
     {"no length", {answer("{}")}, -3, NO_LENGTH, OLD},
     {"null length", {length_answer("null")}, -3, NO_LENGTH, OLD},
-    {"length in a list", {length_answer("[5]")}, -3, NO_LENGTH, OLD},
-    {"empty length", {length_answer("\"\"")}, -3, NO_LENGTH, OLD},
     {"no digits", {length_answer("\"abc\"")}, -3, NO_LENGTH, OLD},
-    {"one byte too long",
-     {length_answer("\"67108865\"") + NEW},
-     -3,
-     "FILE_MGR length too large:67108865 > 67108864   --" + OURS + "--",
-     OLD},
-    {"no end of length", {length_answer("\"4611686018427387904\"") + NEW}, -3, "too large:", OLD},
+    {"one byte too long", {length_answer("\"67108865\"") + NEW}, -3, TOO_LARGE, OLD},
     {"negative length", {length_answer("\"-5\"") + NEW}, -3, NO_LENGTH, OLD},
 
-    {"closes at once", {"", 1, false}, -1, "(Send|Recv) Ret:", OLD},
     {"closes when asked", {""}, -1, "Recv Ret:0 size:20 Err:.*" + EXCHANGE, OLD},
     {"half a header", {answer_header(0, 8).substr(0, 10)}, -1, "Recv Ret:10 size:20 Err:", OLD},
-    {"header only", {answer_header(0, 8)}, -1, "Rcev Ret:0 size:.* Err:8" + EXCHANGE, OLD},
     {"half a body", {answer_header(0, 8) + "YWJ"}, -1, "Rcev Ret:3 size:.* Err:8---", OLD},
-    {"no file", {length_answer("5000")}, -4, "recv_file recv error 0 != 4096  ", ""},
-    {"a part of the file",
-     {length_answer("5000") + NEW.substr(0, 4500)},
-     -4,
-     "recv_file recv error 404 != 904  [0-9]+  " + OURS + "--recv_file-- [0-9]+",
-     NEW.substr(0, 4096)},
-
-    {"never answers", {"", 1, true, true, 1}, -1, "Recv Ret:0 size:20 Err:11---", OLD},
-    {"stalls", {length_answer("10") + "12", 1, true, true, 5}, -4, "recv error 2 != 10  11 ", ""},
+    {"part of a file", {length_answer("5000") + PART}, -4, PART_ONLY, NEW.substr(0, 4096)},
+    {"never answers", {"", 1, true, 1}, -1, "Recv Ret:0 size:20 Err:11---", OLD},
 };
 
 TEST_F(FileFetch, AgainstAPeerThatFollowsAScript) {
@@ -279,9 +250,7 @@ TEST_F(FileFetch, AgainstAPeerThatFollowsAScript) {
         SetUp();
         client.SetTimeout(each.script.patience);
         write_file(TARGET, OLD);
-        const Peer peer(each.script);
-        EXPECT_EQ(fetch(), each.result);
-        client.Close();
+        EXPECT_EQ(fetch_from(each.script), each.result);
         EXPECT_EQ(contents(TARGET), each.left);
         if (each.log.empty()) {
             EXPECT_THAT(logged(), Not(HasSubstr("ERROR")));
@@ -294,33 +263,26 @@ TEST_F(FileFetch, AgainstAPeerThatFollowsAScript) {
 
 TEST_F(FileFetch, LimitsGrowWithTheLengthAndCanBeLifted) {
     const FetchLimits limits;
-    EXPECT_EQ(limits.time_for(0), 60s);
     EXPECT_EQ(limits.time_for((1 << 20) - 1), 60s);
     EXPECT_EQ(limits.time_for(limits.bytes), 124s);
     for (const std::int64_t most : {4999, 5000}) {
         client.SetFetchLimits(FetchLimits{.bytes = most});
-        const Peer peer({length_answer("5000") + NEW});
-        EXPECT_EQ(fetch(), most == 5000 ? 0 : -3);
-        client.Close();
+        EXPECT_EQ(fetch_from({length_answer("5000") + NEW}), most == 5000 ? 0 : -3);
     }
     client.SetFetchLimits(std::nullopt);
-    const Peer peer({length_answer("67108865") + NEW});
-    EXPECT_EQ(fetch(), -4);  // all that came
-    client.Close();
+    EXPECT_EQ(fetch_from({length_answer("67108865") + NEW}), -4);  // all that came
     EXPECT_EQ(contents(TARGET), NEW.substr(0, 4096));
 }
 
 // One that sends a byte now and then, for minutes, and one that falls silent for as long.
 TEST_F(FileFetch, APeerCannotHoldItBeyondItsTime) {
     const std::string whole = length_answer("5000") + NEW;
-    const Script drips{whole, 64, true, true, 20, 50ms};
-    const Script stalls{whole.substr(0, whole.size() - 1), 9000, true, true, 20};
+    const Script drips{whole, 64, true, 20, 50ms};
+    const Script stalls{whole.substr(0, whole.size() - 1), 9000, true, 20};
     for (const Script& script : {drips, stalls}) {
         SetUp();
         client.SetFetchLimits(FetchLimits{.base = 500ms});
-        const Peer peer(script);
-        EXPECT_LT(fetch(), 0);  // wherever that is on a slow machine
-        client.Close();
+        EXPECT_LT(fetch_from(script), 0);  // wherever that is on a slow machine
         EXPECT_THAT(logged(),
                     ContainsRegex("(Recv Ret:|Rcev Ret:|recv_file recv error ).*[ :]110"));
     }
@@ -331,7 +293,6 @@ TEST_F(FileFetch, RefusesATargetThatIsNotOursAlone) {
     const std::string other = "/etc/quoradmind/other";
     const std::vector<std::function<void()>> targets = {
         [] { ASSERT_EQ(mkfifo(TARGET, 0600), 0); },
-        [] { ASSERT_EQ(mknod(TARGET, S_IFCHR | 0666, makedev(1, 3)), 0); },
         [&] {
             write_file(other, OLD);
             std::filesystem::create_hard_link(other, TARGET);
@@ -344,9 +305,7 @@ TEST_F(FileFetch, RefusesATargetThatIsNotOursAlone) {
     for (const auto& make : targets) {
         SetUp();
         make();
-        const Peer peer({length_answer("5000") + NEW});
-        EXPECT_EQ(fetch(), -1);
-        client.Close();
+        EXPECT_EQ(fetch_from({length_answer("5000") + NEW}), -1);
         EXPECT_THAT(logged(),
                     HasSubstr(fmt::format("ERROR :{} is no ordinary file of our own", TARGET)));
         if (std::filesystem::is_regular_file(TARGET)) {
@@ -356,8 +315,6 @@ TEST_F(FileFetch, RefusesATargetThatIsNotOursAlone) {
 }
 
 TEST_F(FileFetch, WithoutAPeerOrATarget) {
-    EXPECT_EQ(GetServerFile(client, nullptr, CONFIG_DB, TARGET), -77);
-    EXPECT_EQ(GetServerFile(client, "127.0.0.1", nullptr, TARGET), -77);
     EXPECT_EQ(GetServerFile(client, "127.0.0.1", CONFIG_DB, nullptr), -77);
     EXPECT_EQ(fetch(), -1);
     EXPECT_THAT(logged(), HasSubstr("ERROR :Connect error Connection refused " + EXCHANGE));
@@ -366,11 +323,7 @@ TEST_F(FileFetch, WithoutAPeerOrATarget) {
     // A link in the target's place would lead the download anywhere.
     write_file("/etc/quoradmind/aim", OLD);
     std::filesystem::create_symlink("/etc/quoradmind/aim", TARGET);
-    {
-        const Peer peer({length_answer("5000") + NEW});
-        EXPECT_EQ(fetch(), -1);
-        client.Close();
-    }
+    EXPECT_EQ(fetch_from({length_answer("5000") + NEW}), -1);
     EXPECT_EQ(contents("/etc/quoradmind/aim"), OLD);
     EXPECT_THAT(logged(), HasSubstr("ERROR :open ("s + TARGET + ") error:"));
     EXPECT_THAT(logged(),
@@ -378,9 +331,7 @@ TEST_F(FileFetch, WithoutAPeerOrATarget) {
 
     std::filesystem::remove(TARGET);
     ASSERT_EQ(mount("tmpfs", "/usr/local/bin", "tmpfs", 0, "size=4k"), 0);
-    const Peer peer({length_answer("5000") + NEW});
-    EXPECT_EQ(fetch("/usr/local/bin/target"), -3);
-    client.Close();
+    EXPECT_EQ(fetch_from({length_answer("5000") + NEW}, "/usr/local/bin/target"), -3);
     EXPECT_EQ(umount("/usr/local/bin"), 0);
     EXPECT_THAT(logged(), HasSubstr("ERROR : recv_file WriteFile error -1 != 904 28  " + OURS +
                                     "--recv_file-- "));
@@ -402,11 +353,6 @@ TEST_F(FileFetch, ARequestFillsTheCallersBufferOnlyWithAReply) {
         EXPECT_EQ(error, 0);
         EXPECT_EQ(std::string(reply.data(), reply.size()), std::string(64, 'x'));
         EXPECT_EQ(peer.heard().size(), 16U);
-    }
-    {
-        const Peer peer({answer_header(9, 900)}, DEFAULT_PORT);
-        EXPECT_EQ(ask(), 0);
-        EXPECT_EQ(error, 9);
     }
     const Peer peer({answer("hi\0there"s)}, DEFAULT_PORT);
     EXPECT_EQ(ask(), 0);

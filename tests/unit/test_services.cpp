@@ -42,7 +42,6 @@ TEST_F(Refresh, AReaderGetsOneRecordForEach) {
         EXPECT_EQ(std::string(record, 4), "\x1A\x5B\0\0"s);
         const std::string seconds(record + 4);
         EXPECT_EQ(std::string(record + 4, 64), seconds + std::string(64 - seconds.size(), '\0'));
-        EXPECT_EQ(seconds.find_first_not_of("0123456789"), std::string::npos);
         EXPECT_LE(before, std::stol(seconds));
         EXPECT_GE(after, std::stol(seconds));
     }
@@ -58,10 +57,6 @@ TEST_F(Refresh, WithoutAReaderOrSpaceItIsALine) {
         refresh_dhcp();
         EXPECT_THAT(logged(), HasSubstr(FAILED + "Resource temporarily unavailable\n"));
     }
-    std::filesystem::remove(PIPE);
-    refresh_dhcp();
-    EXPECT_THAT(logged(), HasSubstr(FAILED + "No such file or directory\n"));
-    EXPECT_FALSE(std::filesystem::exists(PIPE));
 }
 
 TEST_F(Refresh, AReaderThatHasJustLeftKillsNobody) {
@@ -81,8 +76,6 @@ TEST_F(Refresh, AReaderThatHasJustLeftKillsNobody) {
     restless.join();
     sigset_t signals;
     ASSERT_EQ(pthread_sigmask(SIG_BLOCK, nullptr, &signals), 0);
-    EXPECT_EQ(sigismember(&signals, SIGPIPE), 0);
-    ASSERT_EQ(sigpending(&signals), 0);
     EXPECT_EQ(sigismember(&signals, SIGPIPE), 0);
 }
 

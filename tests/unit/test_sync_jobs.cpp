@@ -43,11 +43,9 @@ TEST_F(SyncJobs, AStampIsComparedAsItsSenderCutsIt) {
     put(COPY, KEY_DSVER, "stamp");
     EXPECT_FALSE(asks("stamp"));
     EXPECT_FALSE(asks(""));
-    EXPECT_TRUE(asks("stam"));
     EXPECT_TRUE(asks("stamp2"));
     put(COPY, KEY_DSVER, std::string(40, 's'));
     EXPECT_FALSE(asks(std::string(32, 's')));
-    EXPECT_TRUE(asks(std::string(31, 's')));
     {
         const auto store = db_open(COPY);
         ASSERT_EQ(store->put("dsver"sv, "stamp\0"sv), 0);

