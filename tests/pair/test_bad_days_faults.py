@@ -3,13 +3,14 @@
 import random
 import re
 import time
-from contextlib import ExitStack
+from contextlib import ExitStack, contextmanager
+from socket import SO_RCVBUF, SOCK_DGRAM, SOL_SOCKET
 
 import lab
 import pytest
 from lab import faults, wait_until
 from lab.file_service import FileService
-from peer import LIMIT
+from peer import CLIENT, DISK, LIMIT, PORT, record, request
 
 PROMOTED = "become a master host"
 RESTORED = "restore to be a slave host"
@@ -102,12 +103,9 @@ class BadDay:
         copy = self.pair.master.store(f"{self.pair.slave.address}.db")
         wait_until(lambda: not copy.difference(self.pair.slave.config), MARGIN, "an equal copy")
 
-def heal_from(pair_factory, clients, trials):
-    def day(name, seconds, fault, takes_over):
-        pair = pair_factory(clients=clients, wrapper=faults.BOUND_BY_MODES)
-        return BadDay(pair, name, seconds, fault, takes_over)
-
-    days = [day(*trial) for trial in trials]
+def heal_from(pair_factory, clients, trials, **options):
+    options = {"clients": clients, "wrapper": faults.BOUND_BY_MODES, **options}
+    days = [BadDay(pair_factory(**options), *trial) for trial in trials]
     with ExitStack() as stack:
         for day in days:
             stack.callback(day._undo.close)
@@ -124,6 +122,35 @@ def heal_from(pair_factory, clients, trials):
             day.assert_copy()
 
 
+@contextmanager
+def second_line(pair):
+    pair.master.second_line.cut()
+    yield
+    pair.master.second_line.heal()
+
+
+@contextmanager
+def strangers(pair):
+    """Idle and half connections to the slave, datagrams that the master cannot answer, and one
+    that asks for everything and takes next to nothing of it."""
+    stranger, slow = pair.lab.add_hosts(["stranger", "slow"])
+    with ExitStack() as stack:
+        stranger.line.cut("in", peer=pair.master.line)
+        outlet = stack.enter_context(stranger.line.open_socket(SOCK_DGRAM))
+        for number in range(30):
+            link = stack.enter_context(stranger.line.open_socket())
+            link.connect((pair.slave.address, PORT))
+            link.send(record(DISK, "half", "")[: number * 10 % 100])
+            outlet.sendto(request(CLIENT), (pair.master.address, PORT))
+        inlet = stack.enter_context(slow.line.open_socket())
+        inlet.setsockopt(SOL_SOCKET, SO_RCVBUF, 4096)
+        inlet.bind(("", PORT))
+        inlet.listen()
+        asker = stack.enter_context(slow.line.open_socket(SOCK_DGRAM))
+        asker.sendto(request(CLIENT), (pair.master.address, PORT))
+        yield
+
+
 def random_trial(dice):
     side, folder = dice.choice(("master", "slave")), dice.choice(FOLDERS)
     way, share = dice.choice(("in", "out", "both")), round(dice.uniform(0.05, 0.6), 2)
@@ -133,6 +160,8 @@ def random_trial(dice):
         (f"frames lost {way} {share}", faults.cut(way, share)),
         (f"frames up to {share} s late", faults.slow(0, share)),
         (f"{side} stopped", faults.stopped(side)),
+        ("second line cut", second_line),
+        ("strangers", strangers),
         (f"{side}: {folder} {kind.__name__}", kind(side, folder)),
     ))
     return name, dice.uniform(0.5, 45), fault, None
@@ -150,7 +179,7 @@ LINE = [
     ("frames late and out of order", 9, faults.slow(0.0, 0.6), None),
     ("slave stopped", 9, faults.stopped("slave"), False),
     ("master stopped", 4, faults.stopped("master"), None),
-    ("master stopped", 20, faults.stopped("master"), True),
+    ("master stopped", 12, faults.stopped("master"), True),
     ("both stopped", 9, faults.stopped("slave", "master"), False),
 ]
 DISK = [
@@ -176,4 +205,4 @@ def test_pairs_heal_from_anything(pair_factory, seed, soak_round):
     """Larger lists, so that pushes are under way when something breaks or heals."""
     dice, clients = random.Random(f"{seed} {soak_round}"), lab.realistic_clients(3000)
     trials = [random_trial(dice) for _ in range(6)]
-    heal_from(pair_factory, clients, trials)
+    heal_from(pair_factory, clients, trials, second_lines=dice.random() < 0.5)

@@ -185,14 +185,6 @@ def test_a_name_that_is_no_address_gives_neither_file_nor_job(fetcher):
     assert sorted(os.listdir(folder)) == before
     assert not fetcher.master.find_log(QUEUED)
 
-    mark = fetcher.master.log_mark()
-    fetcher.beat("another", b"\0")
-    fetcher.master.wait_log(RUN, LIMIT, mark)
-    fetcher.beat("x" * 32, "1" * 32)  # Both fields filled to the brim: no end of text.
-    fetcher.master.wait_log(f"{FAILED}-1 ", LIMIT, mark)
-    asked = fetcher.master.find_log("PK_Request_Client::Hpc_RequestPro szIP:", mark)
-    assert [line.text.split()[1] for line in asked] == ["szIP:" + "1" * 32]
-
 
 @two_file_systems
 @pytest.mark.sanitizer

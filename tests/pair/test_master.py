@@ -73,17 +73,6 @@ def test_every_request_is_answered_on_a_connection_of_its_own(asked):
         assert len(master.find_log("unknow udp package.", mark)) == 3
 
 
-def test_stamps_that_are_missing_or_empty(asked):
-    master, _, peer = asked(stamps=None)
-    with peer:
-        assert answer_to_a_beat(peer) == [beat_back("null#null")]
-        assert_set(peer.ask(request(CLIENT)), CLIENT, {}, "null")
-        master.config.put("config_db_version", "")
-        master.config.put("client_db_version", "c")
-        assert answer_to_a_beat(peer) == [beat_back("#c")]
-        assert_set(peer.ask(request(CONFIG)), CONFIG, PUSHED, "")
-
-
 def test_an_asker_that_does_not_listen_holds_nobody_up(asked):
     master, _, peer = asked(clients=lab.realistic_clients(5))
     with peer:

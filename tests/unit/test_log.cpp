@@ -6,13 +6,11 @@
 #include "SGCLog.h"
 #include "log.h"
 #include "log_burst.h"
-#include "stamps.h"
 #include "support.h"
 
 namespace {
 
 using testing::EndsWith;
-using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
@@ -153,10 +151,6 @@ TEST_F(Log, AChangedTimeZoneIsFollowed) {
             strptime(line.c_str() + 14, "%Y-%m-%d %H:%M:%S", &stamp);
             return std::lround(std::difftime(timegm(&stamp), std::time(nullptr)) / 3600) == hours;
         })) << hours;
-        char stamp[20];
-        std::tm now{};
-        strptime(format_timestamp(stamp, sizeof stamp), "%Y%m%d%H%M%S", &now);
-        EXPECT_EQ(std::lround(std::difftime(timegm(&now), std::time(nullptr)) / 3600), hours);
     }
     std::filesystem::remove("/etc/localtime");
     tzset();
@@ -186,8 +180,6 @@ TEST_F(Log, TheRollingLogNeedsItsMarker) {
     SGCLog log;
     log.printDebug("seen");
     log.close();
-    log.printDebug("late");
-    EXPECT_THAT(contents("/var/log/quorsyncd.log"), HasSubstr("DEBUG root"));
     EXPECT_THAT(contents("/var/log/quorsyncd.log"), EndsWith(" - seen\n"));
 }
 

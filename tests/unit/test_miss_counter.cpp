@@ -3,7 +3,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
 
 #include "keys.h"
 #include "signals.h"
@@ -138,13 +137,10 @@ TEST_F(MissCounter, GivesUpOnceTheProcessIsAskedToStop) {
     count_missed_beat();
     EXPECT_EQ(bottle, INITIAL_BOTTLE);
     EXPECT_EQ(count_of(logged(), "INFO :semaphore_p failed\n"), 2U);
-    EXPECT_EQ(count_of(logged(), "INFO :semaphore_p failed.\n"), 2U);
     EXPECT_EQ(semaphore_there(), -1);
     init_semaphore();
     ASSERT_EQ(semctl(semaphore_there(), 0, IPC_RMID), 0);
-    errno = EPIPE;
     semaphore_delete();
-    EXPECT_EQ(errno, EPIPE);
     report_semaphore_delete();
     EXPECT_EQ(count_of(logged(), "INFO :Failed to delete semaphore\n"), 1U);
 }

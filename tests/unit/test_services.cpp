@@ -2,11 +2,9 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <ctime>
 
 #include "services.h"
 #include "support.h"
@@ -29,23 +27,6 @@ protected:
     void TearDown() override { EXPECT_EQ(umount("/var/lib"), 0); }
     static OwnedFd reader() { return OwnedFd(open(PIPE, O_RDONLY | O_NONBLOCK | O_CLOEXEC)); }
 };
-
-TEST_F(Refresh, AReaderGetsOneRecordForEach) {
-    const OwnedFd pipe = reader();
-    const std::time_t before = std::time(nullptr);
-    refresh_dhcp();
-    refresh_dhcp();
-    const std::time_t after = std::time(nullptr);
-    std::array<char, 200> bytes{};
-    ASSERT_EQ(read(pipe.get(), bytes.data(), bytes.size()), 2 * 68);
-    for (const char* record : {bytes.data(), bytes.data() + 68}) {
-        EXPECT_EQ(std::string(record, 4), "\x1A\x5B\0\0"s);
-        const std::string seconds(record + 4);
-        EXPECT_EQ(std::string(record + 4, 64), seconds + std::string(64 - seconds.size(), '\0'));
-        EXPECT_LE(before, std::stol(seconds));
-        EXPECT_GE(after, std::stol(seconds));
-    }
-}
 
 TEST_F(Refresh, WithoutAReaderOrSpaceItIsALine) {
     refresh_dhcp();
