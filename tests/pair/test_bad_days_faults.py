@@ -10,7 +10,7 @@ import lab
 import pytest
 from lab import faults, wait_until
 from lab.file_service import FileService
-from peer import CLIENT, DISK, LIMIT, PORT, record, request
+from peer import CLIENT, LIMIT, PORT, record, request
 
 PROMOTED = "become a master host"
 RESTORED = "restore to be a slave host"
@@ -140,7 +140,7 @@ def strangers(pair):
         for number in range(30):
             link = stack.enter_context(stranger.line.open_socket())
             link.connect((pair.slave.address, PORT))
-            link.send(record(DISK, "half", "")[: number * 10 % 100])
+            link.send(record(CLIENT, "half", "")[: number * 10 % 100])
             outlet.sendto(request(CLIENT), (pair.master.address, PORT))
         inlet = stack.enter_context(slow.line.open_socket())
         inlet.setsockopt(SOL_SOCKET, SO_RCVBUF, 4096)

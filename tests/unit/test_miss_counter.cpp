@@ -3,7 +3,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-
 #include "keys.h"
 #include "signals.h"
 #include "slave/miss_counter.h"

@@ -103,16 +103,6 @@ TEST_F(ReplaceFile, TellsThatANameMayNotBeOnDisk) {
     EXPECT_EQ(result.error, ENOENT);
 }
 
-TEST_F(ReplaceFile, AFileThatCannotBeMovedStays) {
-    std::filesystem::remove(target_);
-    std::filesystem::create_directory(target_);
-    const Replacement refused = move_in_place(fresh_, target_);
-    EXPECT_FALSE(refused.in_place);
-    EXPECT_EQ(refused.error, EISDIR);
-    EXPECT_EQ(contents(fresh_), "left by a kill");
-    std::filesystem::remove(target_);
-}
-
 void put_without_lock(const char* path, const std::string& value) {
     DB* db = create_handle(0);
     ASSERT_EQ(db->open(db, nullptr, path, nullptr, DB_HASH, 0, 0), 0);

