@@ -92,9 +92,9 @@ class FakeMaster(ExitStack):
 
     def connect(self):
         """A connection, as soon as the slave listens."""
-        return self.enter_context(wait_until(self._try_to_connect, LIMIT, "a slave that listens"))
+        return self.enter_context(wait_until(self.try_to_connect, LIMIT, "a slave that listens"))
 
-    def _try_to_connect(self):
+    def try_to_connect(self):
         connection = self._host.line.open_socket()
         connection.settimeout(LIMIT)
         connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)

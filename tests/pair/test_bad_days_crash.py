@@ -126,7 +126,11 @@ class Receiver:
         mark = self.slave.log_mark()
         self.pair.wrapper = wrapper
         daemon = self.pair.start_slave()
-        self.master.tell(*messages, BEHIND)
+        # It may be killed before it listens.
+        link = wait_until(lambda: not daemon.alive or self.master.try_to_connect(), LIMIT)
+        if link is not True:
+            with link:
+                link.sendall(b"".join([*messages, BEHIND]))
         wait_until(lambda: not daemon.alive or self.slave.find_log("data 3: behind", mark), LIMIT)
         alive = daemon.alive
         self.slave.kill_daemons(self.pair.executable)

@@ -107,6 +107,18 @@ TEST_F(ClientListTest, RecordsThatNobodyAskedForAreAdded) {
     EXPECT_EQ(stamp(), "v6");
 }
 
+TEST_F(ClientListTest, AnAnswerInTheMiddleOfAPushMakesItAnother) {
+    ask(1);
+    ClientPush first{.of_master = true};
+    list_->put(first, "of the first", "new");
+    EXPECT_TRUE(list_->ask());  // came by another connection
+    list_->put(first, "of the first, too", "new");
+    EXPECT_TRUE(list_->close(first, "v2"));
+    list_->end(first);
+    EXPECT_EQ(stamp(), "v1");
+    EXPECT_EQ(clients(), std::vector<std::string>{});
+}
+
 TEST_F(ClientListTest, AStampThatAKillKeptBackIsStoredByTheNextStart) {
     put(CONFIG_DB, KEY_CLIENT_VERSION, "v1");
     push({"new"}, nullptr);
