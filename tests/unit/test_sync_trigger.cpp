@@ -107,4 +107,18 @@ TEST_F(SyncTrigger, AsksForNothingThatCannotBeStored) {
     EXPECT_EQ(stored(CLIENT_DB, "client1"), "value");
 }
 
+// The master died in a push and came back with a backup: it pushes nothing that would end it.
+TEST_F(SyncTrigger, GoesBackToTheListOfAnEqualStamp) {
+    put(CONFIG_DB, KEY_CONFIG_VERSION, "v1");
+    put(CONFIG_DB, KEY_CLIENT_VERSION, "v1");
+    put(CLIENT_DB, "client1", "value");
+    DataRecord answer{};
+    for (const char* stamps : {"v1#v2", "v1#v1"}) {
+        std::snprintf(answer.value, sizeof answer.value, "%s", stamps);
+        data_sync_trigger(-1, answer);
+    }
+    EXPECT_EQ(requested(), Kinds{DATA_KIND_CLIENT});
+    EXPECT_EQ(stored(CLIENT_DB, "client1"), "value");
+}
+
 }  // namespace
