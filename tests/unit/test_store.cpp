@@ -358,12 +358,12 @@ TEST_F(StoreTest, ALockThatIsKeptDelaysOnlyAndAChangeWithoutItIsLogged) {
         EXPECT_EQ(stored(CONFIG_DB, "k"), "v");
         EXPECT_EQ(count_of(logged(), "\n"), 1U);
         EXPECT_THAT(logged(), HasSubstr("config.db changed without its lock"));
-        const OwnedFd again = locked(CONFIG_DB, LOCK_EX, ours);
-        set_store_use(StoreUse::EDIT);  // a tool must not write then
-        EXPECT_FALSE(db_store(CONFIG_DB, "k", "by hand"));
-        set_store_use(StoreUse::SERVE);
-        EXPECT_EQ(stored(CONFIG_DB, "k"), "v");
     }
+    const OwnedFd kept = locked(CONFIG_DB, LOCK_EX, false);
+    set_store_use(StoreUse::EDIT);  // a tool must not write then
+    EXPECT_FALSE(db_store(CONFIG_DB, "k", "by hand"));
+    set_store_use(StoreUse::SERVE);
+    EXPECT_EQ(stored(CONFIG_DB, "k"), "v");
 }
 
 TEST_F(StoreTest, HoldersThatTakeTurnsAreWaitedForHoweverLong) {
