@@ -13,27 +13,20 @@
 
 namespace {
 
-// Together half a minute on two processors: a mishap, two of them on a short line, swapped roles.
-constexpr Bounds BY_DEFAULT[] = {{.clients = 2,
-                                  .stamps = 3,
-                                  .datagrams = 2,
-                                  .connections = 2,
-                                  .due = 3,
-                                  .mishaps = 1,
-                                  .backups = 1,
-                                  .swaps = 0},
-                                 {2, 3, 2, 1, 2, 2, 0, 0},
-                                 {1, 3, 1, 1, 2, 1, 0, 2}};
-constexpr Bounds LARGE[] = {{2, 3, 2, 2, 3, 2, 1, 1}};  // half an hour
+// The first three take half a minute on two processors.
+// Clients, stamps, datagrams, connections, due, mishaps, backups, swaps.
+constexpr Bounds ONE_MISHAP = {2, 3, 2, 2, 3, 1, 1, 0};
+constexpr Bounds TWO_MISHAPS = {2, 3, 2, 1, 2, 2, 0, 0};
+constexpr Bounds SWAPPED = {1, 3, 1, 1, 2, 1, 0, 2};
+constexpr Bounds LARGE = {2, 3, 2, 2, 3, 2, 1, 1};  // hours
 
-constexpr unsigned MOST_HEALING_STEPS = 200;
-constexpr unsigned MOST_TOLD_STEPS = 20;  // of those
+constexpr unsigned MOST_HEALING_STEPS = 60;
 constexpr std::size_t THREADS = 2;
 
 // A set of hashes that are as good as random.
 class HashSet {
 public:
-    bool contains(std::uint64_t hash) const { return *place_of(hash) == hash; }
+    bool contains(std::uint64_t hash) const { return places_[place_of(hash)] == hash; }
 
     // Whether it is new.
     bool insert(std::uint64_t hash) {
@@ -41,11 +34,10 @@ public:
             std::vector<std::uint64_t> old(2 * places_.size(), FREE);
             old.swap(places_);
             for (const std::uint64_t each : old) {
-                *place_of(each) = each;
+                places_[place_of(each)] = each;
             }
         }
-        std::uint64_t* place = place_of(hash);
-        const bool fresh = std::exchange(*place, hash) != hash;
+        const bool fresh = std::exchange(places_[place_of(hash)], hash) != hash;
         size_ += fresh ? 1 : 0;
         return fresh;
     }
@@ -53,15 +45,13 @@ public:
 private:
     static constexpr std::uint64_t FREE = 0;
 
-    const std::uint64_t* place_of(std::uint64_t hash) const {
+    // Where it is, or the free place for it.
+    std::size_t place_of(std::uint64_t hash) const {
         std::size_t at = hash & (places_.size() - 1);
         while (places_[at] != hash && places_[at] != FREE) {
             at = (at + 1) & (places_.size() - 1);
         }
-        return &places_[at];
-    }
-    std::uint64_t* place_of(std::uint64_t hash) {
-        return const_cast<std::uint64_t*>(std::as_const(*this).place_of(hash));
+        return at;
     }
 
     std::vector<std::uint64_t> places_ = std::vector<std::uint64_t>(1024, FREE);
@@ -153,7 +143,6 @@ private:
             }
             world = result.world;
         }
-        events.resize(MOST_TOLD_STEPS);
         violation = {node, events, "I4: the two sides do not become equal, and nothing goes wrong"};
         return false;
     }
@@ -254,15 +243,12 @@ private:
 }  // namespace
 
 int main(int argc, char** argv) {
+    std::vector<Bounds> all = {ONE_MISHAP, TWO_MISHAPS, SWAPPED};
+    if (argc == 2 && std::strcmp(argv[1], "large") == 0) {
+        all = {LARGE};
+    }
     const auto hold = [](const Bounds& bounds) {
         return Search(bounds).run();
     };
-    if (argc == 2 && std::strcmp(argv[1], "swap") == 0) {
-        return hold(BY_DEFAULT[2]);
-    }
-    const bool large = argc == 2 && std::strcmp(argv[1], "large") == 0;
-    return (large ? std::all_of(std::begin(LARGE), std::end(LARGE), hold)
-                  : std::all_of(std::begin(BY_DEFAULT), std::end(BY_DEFAULT), hold))
-               ? 0
-               : 1;
+    return std::all_of(all.begin(), all.end(), hold) ? 0 : 1;
 }

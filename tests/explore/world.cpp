@@ -66,23 +66,12 @@ public:
     }
 
     bool struck() const { return files_.struck(); }
-    const std::string& violation() const { return violation_; }
+    const std::string& violation() const { return violation_; }  // empty: none
 
-    void start() {
-        list_.start_as_slave();
-        world_.slave_runs = true;
-    }
-    void run_out() {
-        world_.bottle_empty = true;
-        look();
-    }
-    void fall_silent() {
-        world_.records_arrive = false;
-        clock_.time += 10s;
-        look();
-    }
+    void start() { list_.start_as_slave(); }
     void pause() { list_.flush(push_); }
     void look() {
+        clock_.time += world_.records_arrive ? 0s : 10s;
         const SlaveAction due = action();
         if (due == SlaveAction::PROMOTE) {
             take_over();
@@ -219,15 +208,18 @@ private:
     std::string violation_;
 };
 
+// Whatever a master has is its list.
+void set_list(Disk& disk, unsigned clients) {
+    disk.clients = disk.complete = disk.closed_set = disk.stamp_set = static_cast<Clients>(clients);
+}
+
 void edit(World& world, unsigned client) {
-    world.of_master.clients ^= static_cast<Clients>(1U << client);
-    world.of_master.complete = world.of_master.closed_set = world.of_master.clients;
+    set_list(world.of_master, world.of_master.clients ^ 1U << client);
     world.master_changed = true;
 }
 
 void give_new_stamp(World& world) {
     world.of_master.stamp = ++world.last_stamp;
-    world.of_master.stamp_set = world.of_master.clients;
     world.master_changed = false;
 }
 
@@ -338,11 +330,6 @@ void serve(World& world, unsigned most, std::optional<unsigned> edited) {
     }
 }
 
-void cut(Channel& connection) {
-    connection.broken = true;
-    connection.to_come = 0;
-}
-
 void add_datagram(World& world, Waiting datagram, unsigned most) {
     const auto end = world.datagrams.begin() + most;
     const auto place = std::find(world.datagrams.begin(), end, Waiting::NONE);
@@ -364,8 +351,7 @@ void start_master(const Event& event, Result& result) {
     if (complete != NO_LIST && complete != 0 && disk.clients != complete) {
         result.violation = "I2: the master starts on another list than the last complete one";
     }
-    // Whatever it is, it is the list from now on.
-    disk.complete = disk.closed_set = disk.stamp_set = disk.clients;
+    set_list(disk, disk.clients);
 }
 
 void act_on_list(const Event& event, const Bounds& bounds, Result& result) {
@@ -376,11 +362,10 @@ void act_on_list(const Event& event, const Bounds& bounds, Result& result) {
     bool ended = false;
     // clang-format off
     switch (event.act) {
-        case START_SLAVE: slave.start(); break;
-        case BEAT:        add_datagram(world, Waiting::HEARTBEAT, bounds.datagrams);
-                          slave.look(); break;
-        case RUN_OUT:     slave.run_out(); break;
-        case FALL_SILENT: slave.fall_silent(); break;
+        case START_SLAVE: world.slave_runs = true; slave.start(); break;
+        case BEAT:        add_datagram(world, Waiting::HEARTBEAT, bounds.datagrams); slave.look(); break;
+        case RUN_OUT:     world.bottle_empty = true; slave.look(); break;
+        case FALL_SILENT: world.records_arrive = false; slave.look(); break;
         case PAUSE:       slave.pause(); break;
         default:          ended = served.is_push ? slave.read_push(served, event.act == DELIVER_SLOWLY)
                                                  : slave.read_answer(served, request);
@@ -397,10 +382,6 @@ void act_on_list(const Event& event, const Bounds& bounds, Result& result) {
     }
 }
 
-constexpr bool uses_files(Act act) {
-    return act >= BEAT && act <= START_MASTER;
-}
-
 unsigned cost_of(const World& world, const Event& event) {
     const bool goes_wrong = event.act == REQUEST_LOST || event.act == CUT ||
                             (event.act == KILL_SLAVE && !world.stop_asked) ||
@@ -409,9 +390,8 @@ unsigned cost_of(const World& world, const Event& event) {
 }
 
 void restore_backup(World& world) {
+    set_list(world.of_master, world.backup_clients);
     world.of_master.stamp = world.backup_stamp;
-    world.of_master.clients = world.of_master.complete = world.of_master.stamp_set =
-        world.backup_clients;
     --world.backups;
 }
 
@@ -430,7 +410,7 @@ void act_elsewhere(World& world, const Event& event, const Bounds& bounds) {
         case NEW_STAMP:      return give_new_stamp(world);
         case SERVE:          return serve(world, bounds.connections, std::nullopt);
         case SERVE_EDITED:   return serve(world, bounds.connections, event.argument);
-        case CUT:            return cut(world.connections[0]);
+        case CUT:            world.connections[0].broken = true; world.connections[0].to_come = 0; return;
         case KILL_SLAVE:     return end_slave(world);
         case STOP_SLAVE:     world.stop_asked = true; return;
         case KILL_MASTER:    return end_master(world);
@@ -445,18 +425,9 @@ void act_elsewhere(World& world, const Event& event, const Bounds& bounds) {
 
 std::vector<World> Explorer::beginnings() const {
     World equal{};
-    equal.of_master = {.clients = 1,
-                       .kept = NO_LIST,
-                       .stamp = 1,
-                       .has_journal = false,
-                       .phase = {},
-                       .due = 0,
-                       .says_kept = false,
-                       .closing = NO_STAMP_YET,
-                       .own = NO_STAMP_YET,
-                       .stamp_set = 1,
-                       .closed_set = NO_LIST,
-                       .complete = 1};
+    equal.of_master.kept = NO_LIST;
+    equal.of_master.stamp = 1;
+    set_list(equal.of_master, 1);
     equal.of_slave = equal.of_master;
     equal.backup_clients = equal.backup_stamp = equal.last_stamp = 1;
     equal.master_runs = equal.slave_runs = true;
@@ -464,12 +435,11 @@ std::vector<World> Explorer::beginnings() const {
     equal.backups = static_cast<std::uint8_t>(bounds_.backups);
     equal.swaps = static_cast<std::uint8_t>(bounds_.swaps);
     World fresh = equal;
+    set_list(fresh.of_slave, NO_LIST);
     fresh.of_slave.clients = 0;
     fresh.of_slave.stamp = NO_STAMP_YET;
-    fresh.of_slave.stamp_set = fresh.of_slave.complete = NO_LIST;
-    const Clients some = bounds_.clients > 1 ? 3 : 1;
-    fresh.of_master.clients = fresh.of_master.stamp_set = fresh.of_master.complete = some;
-    fresh.backup_clients = some;
+    fresh.backup_clients = bounds_.clients > 1 ? 3 : 1;
+    set_list(fresh.of_master, fresh.backup_clients);
     return {equal, fresh};
 }
 
@@ -524,7 +494,7 @@ Result Explorer::apply(const World& world, const Event& event) const {
     try {
         if (event.act == START_MASTER) {
             start_master(event, result);
-        } else if (uses_files(event.act)) {
+        } else if (uses_list(event.act)) {
             act_on_list(event, bounds_, result);
         } else {
             act_elsewhere(next, event, bounds_);
@@ -567,7 +537,7 @@ void Explorer::successors(const World& world, std::vector<std::pair<Event, Resul
                 continue;
             }
             found.emplace_back(plain, apply(world, plain));
-            if (uses_files(plain.act) && world.mishaps > cost) {
+            if (uses_list(plain.act) && world.mishaps > cost) {
                 with_mishaps(world, plain, found);
             }
         }

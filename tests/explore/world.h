@@ -123,6 +123,10 @@ enum class Act : std::uint8_t {
     END,
 };
 
+constexpr bool uses_list(Act act) {
+    return act >= Act::BEAT && act <= Act::START_MASTER;
+}
+
 // What the disk does to an event, counted in its durable changes.
 enum class Mishap : std::uint8_t {
     NONE,
