@@ -6,7 +6,6 @@ import stat
 import time
 from collections import Counter
 from contextlib import suppress
-from pathlib import Path
 
 import lab
 import pytest
@@ -14,14 +13,13 @@ from lab import tracing, wait_until
 from lab.file_service import GET_FILE, FileService
 from lab.reload_pipe import PATH as RELOAD_PIPE
 from lab.reload_pipe import RELOAD, ReloadPipe
-from peer import LIMIT, FakeSlave, beat_back, heartbeat
+from peer import LIMIT, FakeSlave, await_master, beat_back, heartbeat
 
 DOWNLOAD = "tmp/SyncDbFile.db"
 ANSWER = [beat_back("config-1#client-1")]
 QUEUED = "--add_to_sync_config_db--"
 RUN = "Arg->op:256 --SyncQueueProcessor--"
 FAILED = "Client.GetServerFile nRet:"
-UDP_PORT = ":33B1 "
 
 
 def ends(master):
@@ -39,9 +37,8 @@ class Fetcher(FakeSlave):
         self._pipe = self.enter_context(ReloadPipe(self.master))
 
     def start(self):
-        daemon = self.pair.start_master()
-        sockets = Path(f"/proc/{daemon.outer_pid}/net/udp")
-        wait_until(lambda: UDP_PORT in sockets.read_text(), LIMIT, "the master's port")
+        self.pair.start_master()
+        await_master(self.master)
 
     def beat(self, dsver, address=None):
         assert self.ask(heartbeat(address or self.slave.address, dsver)) == ANSWER

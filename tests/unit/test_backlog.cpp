@@ -139,15 +139,4 @@ TEST_F(Answering, AReceiverThatNeverEndsIsNotWaitedFor) {
     EXPECT_EQ(logged(), "");
 }
 
-TEST(Inbox, WakesTheOneThatAnswers) {
-    Inbox inbox("servers", 2);
-    std::thread answerer([&inbox] {
-        EXPECT_TRUE(inbox.next().has_value());
-        EXPECT_FALSE(inbox.next().has_value());
-    });
-    inbox.put(request(1, "10.0.0.2"));
-    inbox.close(0);
-    answerer.join();
-}
-
 }  // namespace
