@@ -205,6 +205,13 @@ def give_back(run: Run) -> None:
 @chapter("What an operator sees of it")
 def look_back(run: Run) -> None:
     pair = run.pair
+    with run.step("boot services on the master") as step:
+        step.needs(ROLES)
+        step.tell("on the master, as its start script does: quorsyncctl service start boot")
+        program = pair.master.expose(pair.executable.parent / "quorsyncctl")
+        pair.master.run([program, "service", "start", "boot"], check=True)
+        wait_until(lambda: len(pair.master.services.running()) == 2, LIMIT, "the boot services")
+        step.evidence = "they run"
     for host in (pair.master, pair.slave):
         for verb in ("status", "timeline"):
             with run.step(f"{verb} of the {host.name}") as step:

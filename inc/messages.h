@@ -32,8 +32,7 @@ enum class Meaning {
     STOP,  // of a slave, by SIGTERM
 
     // Version stamps and data sets.
-    BEAT_ANSWERED,        // by the master: the slave's address, stamps
-    STAMPS_NOT_COMPARED,  // a beat told the slave nothing
+    BEAT_ANSWERED,  // by the master: the slave's address, stamps
     CONFIG_ASKED_FOR,
     CLIENTS_ASKED_FOR,
     CONFIG_STAMPS,  // function, line, the slave's own stamp, the master's

@@ -5,7 +5,8 @@ declare -A packages=(
              libjson-c-dev liblog4cplus-dev ninja-build pkg-config"
     [lab]="db5.3-util iproute2 mawk mount nftables procps psmisc python3 python3-bsddb3 strace
            util-linux"
-    [check]="clang-format faketime python3-pytest python3-pytest-timeout python3-pytest-xdist"
+    [check]="clang-format faketime prometheus python3-jsonschema python3-pytest
+             python3-pytest-timeout python3-pytest-xdist"
     [bench]="libbenchmark-dev time"
     [fuzz]="clang libclang-rt-14-dev"
     [format]="clang-format"
@@ -22,6 +23,18 @@ missing_packages() {
     for package; do
         grep -qxF "installed $package" <<<"$installed" || echo "$package"
     done
+}
+
+# without_starts COMMAND...: runs it. A package with a daemon, such as that of promtool, must not
+# start it: Debian asks this program.
+without_starts() {
+    local policy=/usr/sbin/policy-rc.d result=0
+    [ -e "$policy" ] && { "$@"; return; }
+    printf '#!/bin/sh\nexit 101\n' >"$policy"
+    chmod 755 "$policy"
+    "$@" || result=$?
+    rm -f "$policy"
+    return "$result"
 }
 
 # install_packages PURPOSE...: installs what is missing for these purposes, or says what to install.
@@ -43,7 +56,8 @@ install_packages() {
     local apt=(env DEBIAN_FRONTEND=noninteractive apt-get -qq -o DPkg::Lock::Timeout=300) log
     log=$(mktemp)
     if "${apt[@]}" update >"$log" 2>&1 &&
-        "${apt[@]}" install -y --no-install-recommends "${missing[@]}" >>"$log" 2>&1; then
+        without_starts "${apt[@]}" install -y --no-install-recommends "${missing[@]}" \
+            >>"$log" 2>&1; then
         rm -f "$log"
         return 0
     fi

@@ -46,6 +46,7 @@ struct ProcessStat {
     std::string name;
     pid_t parent = 0;
     long long start_ticks = 0;  // since boot
+    bool stopped = false;
 };
 
 std::optional<ProcessStat> read_stat(pid_t pid) {
@@ -68,6 +69,7 @@ std::optional<ProcessStat> read_stat(pid_t pid) {
     }
     stat.parent = static_cast<pid_t>(std::stol(fields[PARENT]));
     stat.start_ticks = std::stoll(fields[START]);
+    stat.stopped = fields[STATE] == "T" || fields[STATE] == "t";
     return stat;
 }
 
@@ -85,7 +87,8 @@ std::time_t wall_time_of(long long start_ticks) {
 
 std::optional<ProcessInfo> process_info(pid_t pid) {
     const auto stat = read_stat(pid);
-    return stat ? std::optional<ProcessInfo>({pid, stat->name, wall_time_of(stat->start_ticks)})
+    return stat ? std::optional<ProcessInfo>(
+                      {pid, stat->name, wall_time_of(stat->start_ticks), stat->stopped})
                 : std::nullopt;
 }
 
@@ -141,7 +144,7 @@ std::vector<ProcessInfo> processes_named(std::string_view name) {
         }
         const auto parent = read_stat(stat->parent);
         if (!parent || parent->name != name) {
-            found.push_back({pid, stat->name, wall_time_of(stat->start_ticks)});
+            found.push_back({pid, stat->name, wall_time_of(stat->start_ticks), stat->stopped});
         }
     });
     std::sort(found.begin(), found.end(), [](const ProcessInfo& left, const ProcessInfo& right) {

@@ -13,7 +13,8 @@
 struct ProcessInfo {
     pid_t pid;
     std::string name;
-    std::time_t since;  // wall time of its start
+    std::time_t since;     // wall time of its start
+    bool stopped = false;  // by a signal
 };
 
 // "quorsyncd (pid 812)".

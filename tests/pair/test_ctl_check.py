@@ -120,7 +120,7 @@ def test_database_files_that_are_not_well(host, faults, ctl):
     code, out, complaint = ctl(host, "check", "--warn")
     assert code == FINE and not out and "PROBLEM: config.db" in complaint
     code, out, _ = ctl(host, "status")
-    assert code == CANNOT_TELL and "config.db cannot be read" in out and "'ha'" not in out
+    assert code == PROBLEM and "config.db cannot be read" in out and "'ha'" not in out
 
 
 def test_what_cannot_be_read_is_not_fine(host, daemon_path):
@@ -164,6 +164,9 @@ def test_a_host_that_is_not_well(host, faults, run_daemon, ctl):
     code, found = faults(host)
     assert "listens on no port" in found["daemon"]
     assert "2 daemons" in ctl(host, "check")[1]
+    code, out, _ = ctl(host, "status")
+    assert code == PROBLEM and "PROBLEM" in out
+    assert "2 daemons run" in out and "waits for a role" in out
     for daemon in daemons:
         daemon.kill()
     host.config.fill(host.good | {"master": "10.77.0.2"})

@@ -41,10 +41,6 @@ Lines told(std::vector<TimelineEvent> events) {
     return texts;
 }
 
-std::string beat(const std::string& time, int bottle, int status) {
-    return time + " DEBUG :bottle=" + std::to_string(bottle) + ", status=" + std::to_string(status);
-}
-
 // Each section of the file is a log, and behind "=>" what the timeline makes of it.
 TEST(Timeline, TellsWhatTheLogsMean) {
     std::istringstream file(contents(GOLDEN_FILES "/timeline.txt"));
@@ -61,35 +57,6 @@ TEST(Timeline, TellsWhatTheLogsMean) {
         EXPECT_EQ(told(timeline_of(lines).finish()), wanted) << title;
     }
     EXPECT_GT(sections, 10);
-}
-
-TEST(Timeline, JudgesWhetherThePairIsInSync) {
-    const LogTime now = *parse_since("2026-11-16 03:00:10", {});
-    const auto verdict = [now](const Lines& lines) {
-        Timeline timeline = timeline_of(lines);
-        (void)timeline.finish();
-        return judge_sync(timeline.state(), now).verdict;
-    };
-    const std::string first = beat("03:00:06", 2, 71);
-    const std::string second = beat("03:00:08", 2, 71);
-    const std::string trigger = "03:00:08 INFO :start_data_syncd CLIENT";
-    const std::string stamp = "03:00:08 INFO :data 2: dbver=x";
-    const std::string unread =
-        "03:00:08 ERROR :own version stamps cannot be read, nothing asked for";
-    const std::string stop = "03:00:09 INFO :slave exit line292";
-    const std::string back = "03:00:08 DEBUG :beat back to A :1#2";
-    EXPECT_EQ(verdict({}), InSync::CANNOT_TELL);
-    EXPECT_EQ(verdict({first}), InSync::CANNOT_TELL);
-    EXPECT_EQ(verdict({first, second}), InSync::YES);
-    EXPECT_EQ(verdict({first, second, trigger}), InSync::NO);
-    EXPECT_EQ(verdict({first, second, trigger, stamp}), InSync::CANNOT_TELL);
-    EXPECT_EQ(verdict({first, second, beat("03:00:08", -5, 75)}), InSync::CANNOT_TELL);
-    EXPECT_EQ(verdict({beat("02:59:00", 2, 71), beat("02:59:02", 2, 71)}), InSync::CANNOT_TELL);
-    EXPECT_EQ(verdict({first, unread, second, unread}), InSync::CANNOT_TELL);
-    EXPECT_EQ(verdict({first, second, stop}), InSync::CANNOT_TELL);
-    EXPECT_EQ(verdict({back, back}), InSync::YES);
-    EXPECT_EQ(verdict({back, back, "03:00:08 DEBUG :db:2"}), InSync::NO);
-    EXPECT_EQ(verdict({back, back, "03:00:08 ERROR :sendto error:x"}), InSync::CANNOT_TELL);
 }
 
 class LogFiles : public WithFiles {};

@@ -25,21 +25,6 @@ struct LogState {
     std::optional<LogTime> step_down;
     long role_changes = 0;  // take-overs and step-downs
 
-    // On a master: the heartbeat that it answered last.
-    std::optional<LogTime> beat_back;
-    std::string beat_back_to;
-
     // On both.
     std::string open_transfer;  // "client set" while that is on its way
-    std::optional<LogTime> last_transfer;
-    long quiet_beats = 0;  // answered ones since the last transfer, none of which led to another
 };
-
-enum class InSync { YES, NO, CANNOT_TELL };
-struct SyncVerdict {
-    InSync verdict;
-    std::string reason;
-};
-
-// Whether the slave has what the master has, as far as the log of either tells at the time `now`.
-SyncVerdict judge_sync(const LogState& state, LogTime now);

@@ -165,7 +165,6 @@ void RoleEvents::count_beat(LogTime time, int bottle, int status) {
     if (bottle >= SLAVE_BEAT_RESET - 1) {
         beat_before_answer_ = state_.beat ? state_.beat : state_.start;
         state_.answer = time;
-        ++state_.quiet_beats;
     }
     state_.beat = time;
 }

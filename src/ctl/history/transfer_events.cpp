@@ -53,7 +53,7 @@ bool TransferEvents::handle(const ParsedMessage& message) {
                     message.arguments[2]);
             return true;
         case Meaning::BEAT_ANSWERED:
-            answer_beat(message.time, message.arguments[0]);
+            state_.role = "master";
             return true;
         case Meaning::PUSH:
             begin_push(message.time, set_of(message.arguments[0]));
@@ -70,9 +70,6 @@ bool TransferEvents::handle(const ParsedMessage& message) {
 // What a failure, which is reported by itself, means to a transfer.
 void TransferEvents::note_failure(const ParsedMessage& failure) {
     switch (failure.meaning()) {
-        case Meaning::STAMPS_NOT_COMPARED:
-            state_.quiet_beats = 0;
-            return;
         case Meaning::STAMP_NOT_STORED:
             note_missing_stamp(failure);
             return;
@@ -141,13 +138,6 @@ void TransferEvents::note_missing_stamp(const ParsedMessage& failure) {
 
 // --- On a master -------------------------------------------------------------------------------
 
-void TransferEvents::answer_beat(LogTime time, std::string_view slave) {
-    state_.role = "master";
-    state_.beat_back = time;
-    state_.beat_back_to = slave;
-    ++state_.quiet_beats;
-}
-
 void TransferEvents::begin_push(LogTime time, std::size_t set) {
     if (set != 0) {
         pushing_ = set;
@@ -182,7 +172,6 @@ void TransferEvents::begin(EventKind kind, std::size_t set, LogTime time) {
     transfer.stamp.clear();
     transfer.role_changes = state_.role_changes;
     transfer.records = transfer.unsent = 0;
-    state_.quiet_beats = 0;
     note_open();
 }
 
@@ -190,8 +179,6 @@ void TransferEvents::end(std::size_t set, LogTime time, std::string_view stamp) 
     transfers_[set].last = time;
     transfers_[set].stamp = stamp;
     report(set, true);
-    state_.last_transfer = time;
-    state_.quiet_beats = 0;
 }
 
 void TransferEvents::note_open() {

@@ -48,7 +48,6 @@ private:
     void ask(std::size_t set, LogTime time);
     void receive(LogTime time, std::size_t set, std::string_view key, std::string_view value);
     void note_missing_stamp(const ParsedMessage& failure);
-    void answer_beat(LogTime time, std::string_view slave);
     void begin_push(LogTime time, std::size_t set);
     void send(LogTime time, std::string_view key, std::string_view value);
 

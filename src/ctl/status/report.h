@@ -1,0 +1,12 @@
+// What `status` shows: rows for people whose members make the JSON output
+// (docs/status.schema.json).
+#pragma once
+
+#include "ctl/rows.h"
+#include "ctl/status/host_facts.h"
+#include "ctl/status/verdict.h"
+
+Rows report_of(const HostFacts& facts, const Verdict& verdict);
+
+// "2026-11-21 06:19:13", of wall time in nanoseconds.
+std::string wall_text(std::int64_t nanoseconds);

@@ -1,0 +1,68 @@
+// quorsyncctl status: this host of the pair at a glance.
+#include <cstdio>
+#include <memory>
+
+#include "ctl/console.h"
+#include "ctl/status/follow.h"
+#include "ctl/status/host_facts.h"
+#include "ctl/status/metrics.h"
+#include "ctl/status/report.h"
+#include "ctl/status/verdict.h"
+#include "ctl/verbs.h"
+
+namespace {
+
+constexpr const char* NOTES = R"(
+Role, daemon, boot services, stamps, heartbeats, take-overs, data sets and whether the pair is in
+sync, as this host knows it: from the daemon's state page /run/quorsyncd.state, its processes and
+its files. Exit code 1 with a line PROBLEM for each state that wants an operator: the daemon does
+not run, stands still or has no role; two run; this host has taken over; it is not in sync; a boot
+service is missing where this host serves, or runs where it stands by; the daily log cannot be
+written.
+
+Examples:
+  quorsyncctl status
+  quorsyncctl status --json
+  quorsyncctl status --follow
+  quorsyncctl status --prometheus > /tmp/quorsyncd.prom)";
+
+struct Options {
+    bool json = false;
+    bool follow = false;
+    bool prometheus = false;
+};
+
+int show_status(const Options& options) {
+    if (options.json + options.follow + options.prometheus > 1) {
+        throw WrongUse("status", "--json, --follow and --prometheus exclude each other");
+    }
+    if (options.follow) {
+        return follow_host();
+    }
+    const HostFacts facts = host_facts();
+    const Verdict verdict = judge(facts);
+    if (!facts.config_failure.empty()) {
+        complain("{}; \"quorsyncctl check\" tells what helps", facts.config_failure);
+    }
+    const Rows rows = report_of(facts, verdict);
+    if (options.json) {
+        object_of(rows).print();
+    } else if (options.prometheus) {
+        std::fputs(metrics_of(facts, verdict).c_str(), stdout);
+    } else {
+        print_table(rows);
+    }
+    return exit_code_of(facts, verdict);
+}
+
+}  // namespace
+
+void add_status(const Command& tool) {
+    const auto options = std::make_shared<Options>();
+    tool.command("status", "Show this host of the pair at a glance.")
+        .notes(NOTES)
+        .flag("--json", options->json, "Print machine-readable output")
+        .flag("--follow", options->follow, "Print a line for each change until ended")
+        .flag("--prometheus", options->prometheus, "Print metrics for Prometheus")
+        .runs([options] { return show_status(*options); });
+}
