@@ -70,13 +70,19 @@ class FakeSlave(ExitStack):
         self.inlet.bind(("", PORT))
         self.inlet.listen()
 
+    def accept(self):
+        return self.inlet.accept()[0]
+
+    def read_all(self):
+        """The messages of the next connection."""
+        with self.accept() as connection:
+            connection.settimeout(LIMIT)
+            return split_messages(b"".join(iter(lambda: connection.recv(1 << 16), b"")))
+
     def ask(self, datagram):
         """Send a datagram; the messages of the connection that answers it."""
         self.outlet.send(datagram)
-        connection, _ = self.inlet.accept()
-        with connection:
-            connection.settimeout(LIMIT)
-            return split_messages(b"".join(iter(lambda: connection.recv(1 << 16), b"")))
+        return self.read_all()
 
 
 class FakeMaster(ExitStack):

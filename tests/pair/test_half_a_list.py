@@ -148,7 +148,7 @@ def test_no_stamp_before_the_old_list_is_gone(pair_factory):
 
 def test_records_that_come_while_the_old_list_is_put_back_are_not_mixed_into_it(pair_factory):
     """A master that pauses in its push goes on at just that moment."""
-    wrapper = tracing.slow_names("/etc/quoradmind/client.db.previous", 4000)
+    wrapper = tracing.slow_names("/etc/quoradmind/client.db.previous", 2000)
     pair = pair_factory(wrapper=wrapper, **ONE_OLD)
     slave = pair.slave
     pair.start_slave()
