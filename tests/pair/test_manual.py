@@ -58,7 +58,7 @@ def test_the_manual_names_every_key():
 def test_completion_offers_what_the_help_lists(tool):
     assert complete(tool, "") >= {"check", "status", "store", "service"}
     assert complete(tool, "st") == {"status", "store"}
-    assert complete(tool, "store", "--force", "b") == {"bump"}
+    assert complete(tool, "store", "--force", "bu") == {"bump"}
     assert complete(tool, "store", "bump", "") == {"config", "client", "dsver"}
     assert complete(tool, "service", "stop", "boot", "--i") == {"--if-slave"}
     assert complete(tool, "store", "get", "-f", "c") == {"config", "client"}
