@@ -18,7 +18,7 @@
 // closed: a kill, a power failure or a full disk at any moment leaves the old file or the new one.
 // Mode and owner stay, and a symbolic link is followed. If a program that takes no lock has written
 // to the file meanwhile, the changes are made again to what it has written. Only a batch, and a
-// change to a large client.db, are written in place.
+// daemon's change to a large client.db, are written in place.
 //
 // A tool says how it uses the files by set_store_use(): one that inspects creates and changes
 // nothing, whatever operation it calls.

@@ -118,12 +118,12 @@ DB* Store::current() const {
 
 // A batch is written in place, as a copy for each of its parts would cost more than the batch: what
 // a kill leaves of it is known for a part (the client list keeps a journal), and is replaced when
-// it is damaged. So is one record of a client list that is large to copy; it comes again from the
-// master, or from the site's own program.
+// it is damaged. So is one record that the daemon changes in a client list that is large to copy;
+// it comes again from the master. An operator's tool has the time, and may store many records.
 bool Store::stays_in_place() const {
     struct stat file {};
-    return batch_ || (lock_->path() == CLIENT_DB && fstat(lock_->fd(), &file) == 0 &&
-                      file.st_size > LARGE_FILE);
+    return batch_ || (store_use() == StoreUse::SERVE && lock_->path() == CLIENT_DB &&
+                      fstat(lock_->fd(), &file) == 0 && file.st_size > LARGE_FILE);
 }
 
 int Store::begin_change() {
