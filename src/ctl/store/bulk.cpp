@@ -38,7 +38,6 @@ std::vector<StoredRecord> read_lines(std::istream& input, StoreOptions options) 
         }
         options.key = record.key;
         check_change(options, record.value);
-        check_place(options);
         records.push_back(std::move(record));
     }
     if (input.bad()) {
@@ -140,13 +139,14 @@ int load(const StoreOptions& options) {
         complain("{}: holds no record; nothing is changed", options.place);
         return EXIT_FINE;
     }
+    StoreOptions all = options;
+    all.key = key_for_all(options, records);
+    check_place(all);
     begin_changes();
     const std::unique_ptr<Store> store = open_store(options.path());
     if (!store) {
         return EXIT_PROBLEM;
     }
-    StoreOptions all = options;
-    all.key = key_for_all(options, records);
     const int result = put_all(*store, records, options.path());
     const int closed = store->close();
     if (const int error = result != 0 ? result : closed; error != 0) {
