@@ -105,6 +105,20 @@ def ctl(daemon_path, daemon_env):
     return run
 
 
+@pytest.fixture
+def traces():
+    """All that looking at a host may not change."""
+
+    def see(host):
+        places = [host.root / place for place in ("etc", "var/log", "var/lib")]
+        files = [path for place in places for path in [place, *place.rglob("*")]]
+        # Of /tmp only the contents: the thread sanitizer makes a file there at its start.
+        files += (host.root / "tmp").rglob("*")
+        return {(str(path), path.lstat().st_mtime_ns, path.lstat().st_ino) for path in files}
+
+    return see
+
+
 def look_for_leaks(daemon):
     """Have it look, where it was built to; what it finds is a report."""
     if daemon.alive and int(daemon.status_field("SigCgt"), 16) >> (signal.SIGUSR2 - 1) & 1:

@@ -27,7 +27,7 @@ def host(empty_lab, ctl):
 
 
 @pytest.fixture
-def faults(ctl):
+def faults(ctl, traces):
     """Runs check: the exit code, and by name what is not well. It must leave no trace."""
 
     def run(host):
@@ -39,15 +39,6 @@ def faults(ctl):
         return code, {each["name"]: f"{each['mark']}: {each['text']}" for each in bad}
 
     return run
-
-
-def traces(host):
-    """All that looking at a host may not change."""
-    places = [host.root / place for place in ("etc", "var/log", "var/lib")]
-    files = [path for place in places for path in [place, *place.rglob("*")]]
-    # Of /tmp only the contents: the thread sanitizer makes and removes a file there at its start.
-    files += (host.root / "tmp").rglob("*")
-    return {(str(path), path.lstat().st_mtime_ns, path.lstat().st_ino) for path in files}
 
 
 SETTINGS = [

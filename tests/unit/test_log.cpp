@@ -1,3 +1,5 @@
+#include <arpa/inet.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
@@ -124,17 +126,13 @@ TEST_F(Log, AMessageTakesItsArgumentsAndNoOthers) {
 
 // A zone without any changes, so many hours east of Greenwich, as the system keeps its own.
 void set_zone(int hours) {
-    std::string zone = "TZif" + std::string(16, '\0');
-    const auto number = [&zone](int value) {
-        for (int shift = 24; shift >= 0; shift -= 8) {
-            zone += static_cast<char>(static_cast<unsigned>(value) >> shift & 0xFFU);
-        }
+    const auto number = [](int value) {
+        const std::uint32_t sent = htonl(static_cast<std::uint32_t>(value));
+        return std::string(reinterpret_cast<const char*>(&sent), sizeof sent);
     };
-    for (const int count : {0, 0, 0, 0, 1, 4}) {  // one zone, whose name has four bytes
-        number(count);
-    }
-    number(hours * 3600);
-    zone += "\0\0ABC\0"s;
+    // One zone, whose name has four bytes.
+    const std::string zone = "TZif" + std::string(32, '\0') + number(1) + number(4) +
+                             number(hours * 3600) + "\0\0ABC\0"s;
     write_file("/etc/localtime.new", zone);
     std::filesystem::rename("/etc/localtime.new", "/etc/localtime");
 }

@@ -59,12 +59,6 @@ TEST_F(SectorFile, AFileOfAGivenSize) {
     EXPECT_EQ(file.OpenRwAlwaysSetSize(PATH, 0), 0);  // the size stays
     EXPECT_EQ(file.size_in_sectors(), 2);
     EXPECT_THAT(logged(), HasSubstr("INFO :OpenRwAlwaysSetSize ("s + PATH + ") ok SizeSec:2\n"));
-
-    PK_File device;  // one that has no size to set
-    EXPECT_EQ(device.OpenRwAlwaysSetSize("/dev/null", 1), 0);
-    EXPECT_THAT(logged(), HasSubstr("ERROR :ftruncate (/dev/null) error:Invalid argument "
-                                    "--OpenRwAlwaysSetSize--"));
-    EXPECT_EQ(device.size_in_sectors(), 0);
 }
 
 TEST_F(SectorFile, SectorsAndBytesAreTheSameFile) {
