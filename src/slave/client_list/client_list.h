@@ -2,8 +2,8 @@
 //
 // A new stamp of the master means a whole new list: client.db is emptied, the master is asked, and
 // a push brings every record. Until the closing record of that push has come, the list from before
-// is kept as client.db.previous. A take-over goes back to it, and so does an answer with the stamp
-// of the list from before.
+// is kept as client.db.previous. A take-over goes back to it, and so do a start as the master and
+// an answer with the stamp of the list from before.
 //
 // Every change of the list goes through this object. moves.h has its states and the table of its
 // moves; files.h the steps on disk. What holds at any time:
@@ -78,8 +78,9 @@ public:
     ClientList& operator=(const ClientList&) = delete;
 
     // Takes the list up as it lies on disk, and ends what a kill cut short. A master has no push to
-    // wait for and changes its list by other means, so it goes back to a list that was kept. Before
-    // other threads are started.
+    // wait for and changes its list by other means, so it goes back to a list that was kept;
+    // without one, the part that is there becomes its list and the stamp goes. Before other threads
+    // are started.
     void start_as_slave();
     void start_as_master();
 
