@@ -3,7 +3,8 @@
 //
 // Keys and values are texts, stored without their terminating zero byte. Files are of the hash
 // method, without environment, transactions or sub-databases; this system's Berkeley DB 5.3 writes
-// hash format 9. A missing file is created (0664 less the umask) by any access, reads included.
+// hash format 9. A missing file is created (0664 less the umask) by any access, reads included,
+// unless an operation says otherwise.
 //
 // Every operation opens the file, does one thing and closes it. From open to close it holds
 // - a process-wide lock of that path, because several threads writing one file without it lose
@@ -17,8 +18,8 @@
 // A change is made to a copy of the file in memory, which takes the file's place when the store is
 // closed: a kill, a power failure or a full disk at any moment leaves the old file or the new one.
 // Mode and owner stay, and a symbolic link is followed. If a program that takes no lock has written
-// to the file meanwhile, the changes are made again to what it has written. Only a batch, and a
-// daemon's change to a large client.db, are written in place.
+// to the file meanwhile, the changes are made again to what it has written. Only a batch is written
+// in place.
 //
 // A tool says how it uses the files by set_store_use(): one that inspects creates and changes
 // nothing, whatever operation it calls.
@@ -88,7 +89,8 @@ public:
     // Puts the changes in place, flushes, closes and unlocks; the destructor does it otherwise.
     // Returns 0 or the library's error code: then the file is as it was or, after a batch and where
     // only the directory could not be flushed, what was put may not be on disk. Logged, except for
-    // a batch. EBUSY: another program kept changing the file.
+    // a batch. EBUSY: another program kept changing the file. ESTALE: the file of a batch was
+    // replaced meanwhile.
     int close();
 
     static constexpr std::uint32_t WHOLE = UINT32_MAX;
@@ -101,7 +103,7 @@ private:
     static std::unique_ptr<Store> open(std::unique_ptr<StoreLock> lock, std::uint32_t cache_bytes);
     Store(const char* path, __db* db, int open_result);
     __db* current() const;
-    bool stays_in_place() const;
+    int finish_batch();
     int begin_change();
 
     std::unique_ptr<StoreLock> lock_;      // a snapshot has none
@@ -247,7 +249,8 @@ std::string put_copy_in_place(const std::string& download, const std::string& ta
 
 // Renames the file `source` over `target` as soon as nobody has that one open: a reader that finds
 // no file creates an empty one, which must not come after `source`. `renamed` is called after a
-// success, before anybody can open the file. 0 or an errno; logs nothing.
+// success, before anybody can open the file. 0 or an errno. Logs only that it did not wait longer
+// for somebody who keeps the file open.
 int db_rename_over(const std::string& source, const std::string& target,
                    const std::function<void()>& renamed = nullptr);
 

@@ -392,6 +392,14 @@ TEST_F(StoreTest, AChangedFileKeepsLinkModeOwnerAndReaders) {
     EXPECT_FALSE(std::filesystem::exists(DISK_DB + ".changed2"s));
 }
 
+TEST_F(StoreTest, ABatchWhoseFileWasReplacedIsNotTakenForStored) {
+    fill(DISK_DB, 1);
+    const auto batch = db_open(CLIENT_DB, 1U << 20U);
+    EXPECT_EQ(batch->put("k", "v"), 0);
+    std::filesystem::rename(DISK_DB, CLIENT_DB);
+    EXPECT_EQ(batch->close(), ESTALE);
+}
+
 TEST_F(StoreTest, AFileWhoseOwnerCannotBeKeptStays) {
     fill(CLIENT_DB, 1);
     ASSERT_EQ(chmod(CLIENT_DB, 0666), 0);

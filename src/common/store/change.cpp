@@ -155,8 +155,7 @@ int StoreChange::replace_file_once() {
     int result = missing ? CHANGED_MEANWHILE : fresh.error();
     result = result == 0 ? fill(fresh, memory_, lock_) : result;
     const auto rename = [&](const std::string& from, const std::string& to) {
-        std::string now;
-        const bool same = lock_.is_current() && read_contents(lock_.fd(), now) && now == before_;
+        const bool same = lock_.is_current() && has_contents(lock_.fd(), before_);
         return same ? rename_file(from, to) : CHANGED_MEANWHILE;
     };
     const Replacement replaced =

@@ -25,6 +25,7 @@ using namespace std::chrono_literals;
 
 constexpr auto SECOND_LOOK = 20ms;
 constexpr std::uint32_t VERIFY_CACHE = 16U << 20U;  // halves the time on a large file
+constexpr off_t LARGE_FILE = 1 << 20;
 constexpr std::size_t MAX_VERDICTS = 64;
 
 // What changes whenever a file's contents do.

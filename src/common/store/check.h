@@ -2,14 +2,9 @@
 // StoreLock want it held.
 #pragma once
 
-#include <sys/types.h>
-
 #include <string>
 
 #include "common/store/lock.h"
-
-// Above this many bytes, a file takes longer to verify or to copy than to write to.
-inline constexpr off_t LARGE_FILE = 1 << 20;
 
 // Verifies the locked file; a verdict "sound" is kept while device, inode, size and change time
 // stay the same. A file found damaged is looked at once more after a moment, since a foreign writer

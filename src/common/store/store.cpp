@@ -1,7 +1,6 @@
 #include "store.h"
 
 #include <db.h>
-#include <sys/stat.h>
 
 #include <cerrno>
 
@@ -9,7 +8,6 @@
 #include "common/store/check.h"
 #include "common/store/handle.h"
 #include "common/store/lock.h"
-#include "keys.h"
 #include "log.h"
 
 namespace {
@@ -87,13 +85,24 @@ int Store::close() {
     if (change_) {
         result = change_->put_in_place();
         change_.reset();
-    } else if (result == 0 && written_ && !put_failed_) {
-        keep_verdict(*lock_);
+    } else if (result == 0 && written_) {
+        result = finish_batch();
     }
     usable_ = false;
     lock_.reset();
     snapshot_.reset();
     return result;
+}
+
+// Somebody who has got the lock meanwhile may have put another file in the place of this one.
+int Store::finish_batch() {
+    if (!lock_->is_current()) {
+        return ESTALE;
+    }
+    if (!put_failed_) {
+        keep_verdict(*lock_);
+    }
+    return 0;
 }
 
 int Store::get(std::string_view key, std::string& value, std::uint32_t most) {
@@ -116,16 +125,6 @@ DB* Store::current() const {
     return change_ ? change_->copy() : db_;
 }
 
-// A batch is written in place, as a copy for each of its parts would cost more than the batch: what
-// a kill leaves of it is known for a part (the client list keeps a journal), and is replaced when
-// it is damaged. So is one record that the daemon changes in a client list that is large to copy;
-// it comes again from the master. An operator's tool has the time, and may store many records.
-bool Store::stays_in_place() const {
-    struct stat file {};
-    return batch_ || (store_use() == StoreUse::SERVE && lock_->path() == CLIENT_DB &&
-                      fstat(lock_->fd(), &file) == 0 && file.st_size > LARGE_FILE);
-}
-
 int Store::begin_change() {
     if (!usable_) {
         return EINVAL;
@@ -137,7 +136,10 @@ int Store::begin_change() {
         return EACCES;
     }
     lock_->announce_change();
-    if (!stays_in_place()) {
+    // A batch is written in place: a copy of a large list for each of its connections would cost
+    // more than the records. What a kill leaves is known for a part, and is emptied if it is
+    // damaged.
+    if (!batch_) {
         auto change = std::make_unique<StoreChange>(*lock_);
         if (const int failed = change->begin(); failed != 0) {
             return failed;

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 
 namespace {
@@ -42,6 +43,20 @@ bool read_contents(int fd, std::string& contents) {
     }
     contents.resize(at);  // cut off meanwhile
     return true;
+}
+
+bool has_contents(int fd, std::string_view contents) {
+    std::array<char, 65536> piece{};
+    std::size_t at = 0;
+    ssize_t got = 0;
+    while ((got = pread(fd, piece.data(), piece.size(), static_cast<off_t>(at))) > 0) {
+        const std::string_view read(piece.data(), static_cast<std::size_t>(got));
+        if (contents.substr(at, read.size()) != read) {
+            return false;
+        }
+        at += read.size();
+    }
+    return got == 0 && at == contents.size();
 }
 
 bool write_contents(int fd, std::string_view contents) {

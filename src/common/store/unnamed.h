@@ -14,3 +14,6 @@ std::string name_of(const OwnedFd& file);
 bool copy_contents(int from, int to);
 bool read_contents(int fd, std::string& contents);
 bool write_contents(int fd, std::string_view contents);
+
+// Whether these are the contents of the file, from its beginning to its end.
+bool has_contents(int fd, std::string_view contents);
