@@ -195,6 +195,10 @@ std::string role_text(const HostFacts& facts) {
     }
 }
 
+std::string records_text(std::int64_t records) {
+    return counted(static_cast<std::size_t>(records), "record");
+}
+
 // --- Rows ----------------------------------------------------------------------------------------
 
 void add_text(Rows& rows, const char* label, const std::string& text) {
@@ -262,8 +266,8 @@ void add_sets(const HostFacts& facts, Rows& rows) {
     const StatePage& page = *facts.page;
     if (page.transfer.kind != 0) {
         add_text(rows, "under way",
-                 fmt::format("{}, {} records, {}, for {}", set_name(page.transfer.kind),
-                             page.transfer.records.load(),
+                 fmt::format("{}, {}, {}, for {}", set_name(page.transfer.kind),
+                             records_text(page.transfer.records),
                              bytes_text(static_cast<std::uint64_t>(page.transfer.bytes.load())),
                              age_text(seconds_since(page.transfer.since, facts))));
     }
@@ -271,9 +275,9 @@ void add_sets(const HostFacts& facts, Rows& rows) {
         const PageDataSet& set = page.sets[n];
         if (set.done.ever()) {
             add_text(rows, n == 0 ? "last config set" : "last client set",
-                     fmt::format("{}; {} records in {:.2f} s, stamp {}",
-                                 event_text(set.done, facts), set.records.load(),
-                                 static_cast<double>(set.duration) / 1e9, escape(set.stamp.get())));
+                     fmt::format("{}; {} in {:.2f} s, stamp {}", event_text(set.done, facts),
+                                 records_text(set.records), static_cast<double>(set.duration) / 1e9,
+                                 escape(set.stamp.get())));
         }
     }
     if (page.fetch_ended.ever()) {
