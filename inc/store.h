@@ -26,7 +26,7 @@
 //
 // A file is verified before use, since the library crashes or loops on files damaged inside; the
 // verdict is kept while the file stays the same. A damaged file is treated as one that cannot be
-// opened, and is never written into.
+// opened, and is never written into. A walk over all records reads the pages without the library.
 //
 // All operations may be called from any thread. Those that open a file log when no
 // handle can be made, when the file cannot be opened or does not verify, and when a record cannot
@@ -46,6 +46,7 @@
 
 struct __db;
 struct __dbc;
+class PageWalk;
 class StoreChange;
 class StoreLock;
 
@@ -99,16 +100,14 @@ private:
     friend class StoreCursor;
     friend std::unique_ptr<Store> db_open_present(const char* path);
     friend std::unique_ptr<Store> db_open(const char* path, std::uint32_t cache_bytes);
-    friend std::unique_ptr<Store> db_open_snapshot(const char* path);
     static std::unique_ptr<Store> open(std::unique_ptr<StoreLock> lock, std::uint32_t cache_bytes);
     Store(const char* path, __db* db, int open_result);
     __db* current() const;
     int finish_batch();
     int begin_change();
 
-    std::unique_ptr<StoreLock> lock_;      // a snapshot has none
+    std::unique_ptr<StoreLock> lock_;
     std::unique_ptr<StoreChange> change_;  // once something is changed, but not in place
-    OwnedFd snapshot_;                     // the file itself, which has no name
     __db* db_;
     bool usable_;
     bool damaged_;
@@ -147,14 +146,9 @@ std::unique_ptr<Store> db_open(const char* path, std::uint32_t cache_bytes = 0);
 // when there is none.
 std::unique_ptr<Store> db_open_present(const char* path);
 
-// Why db_open or db_open_snapshot returned this: the reason of a null one or of an unusable store,
-// as it was logged; empty for a usable one.
+// Why db_open returned this: the reason of a null one or of an unusable store, as it was logged;
+// empty for a usable one.
 std::string open_failure(const std::unique_ptr<Store>& store);
-
-// Opens a private copy of `path` as it is now, for a walk that may take long: the file itself is
-// locked only while it is copied, and what others write to it meanwhile is not seen. Nothing may be
-// put. Otherwise as db_open.
-std::unique_ptr<Store> db_open_snapshot(const char* path);
 
 struct StoredRecord {
     std::string key;
@@ -166,9 +160,12 @@ struct StoredRecord {
 // record of the moment at which the walk began comes exactly once.
 class RecordWalk {
 public:
-    // Copies the file, which is locked for that time only. Logs as db_open does. Not shared between
-    // threads.
+    // Copies the file, which is locked for that time only, and examines the copy: of a damaged file
+    // no record comes. Logs as db_open does. Not shared between threads.
     explicit RecordWalk(const char* path);
+    RecordWalk(const RecordWalk&) = delete;
+    RecordWalk& operator=(const RecordWalk&) = delete;
+    ~RecordWalk();
 
     // Reads the next records into `chunk`, replacing what it held: true with some, false at the end
     // or when the file cannot be read; failed() tells which.
@@ -180,8 +177,9 @@ public:
     std::string failure() const;
 
 private:
-    std::unique_ptr<Store> store_;
-    std::optional<StoreCursor> cursor_;
+    OwnedFd copy_;
+    std::unique_ptr<PageWalk> pages_;
+    std::string failure_;
 };
 
 // --- Single values -------------------------------------------------------------------------------

@@ -28,6 +28,14 @@ bool is_hash_file(const MetaPage& meta) {
            meta.page_size >= SMALLEST_PAGE && meta.page_size <= LARGEST_PAGE;
 }
 
+template <typename Start>
+std::optional<Start> read_start(int fd) {
+    Start start{};
+    return pread(fd, &start, sizeof start, 0) == static_cast<ssize_t>(sizeof start)
+               ? std::optional(start)
+               : std::nullopt;
+}
+
 // Whether it is a page of a hash file, and its free space lies inside: the verifier does not look,
 // and a put would write to wherever that is.
 bool is_hash_page(const std::array<std::uint8_t, 26>& header, std::uint32_t page_size) {
@@ -55,10 +63,14 @@ bool is_hash_page(const std::array<std::uint8_t, 26>& header, std::uint32_t page
 }  // namespace
 
 std::optional<MetaPage> read_meta_page(int fd) {
-    MetaPage meta{};
-    return pread(fd, &meta, sizeof meta, 0) == static_cast<ssize_t>(sizeof meta)
-               ? std::optional(meta)
-               : std::nullopt;
+    return read_start<MetaPage>(fd);
+}
+
+std::optional<HashMeta> read_hash_meta(int fd) {
+    const auto meta = read_start<HashMeta>(fd);
+    const bool plain =
+        meta && is_hash_file(meta->page) && meta->page.flags == 0 && meta->kinds == 0;
+    return plain ? meta : std::nullopt;
 }
 
 bool harms_the_verifier(int fd, off_t size) {

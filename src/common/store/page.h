@@ -19,8 +19,26 @@ struct MetaPage {
 };
 static_assert(sizeof(MetaPage) == 28);
 
+// The same of a hash file, with what says where its records are.
+struct HashMeta {
+    MetaPage page;
+    std::uint32_t free_list;  // the first page of it, 0 for none
+    std::uint32_t last_page;
+    std::uint32_t counts[3];
+    std::uint32_t kinds;  // duplicate keys, several databases in one file
+    std::uint8_t identity[20];
+    std::uint32_t max_bucket;
+    std::uint32_t masks[2];
+    std::uint32_t sizes[3];
+    std::uint32_t spares[32];  // what to add to the buckets of each doubling to get their pages
+};
+static_assert(sizeof(HashMeta) == 224);
+
 // Nothing when the file is too short for a page or cannot be read.
 std::optional<MetaPage> read_meta_page(int fd);
+
+// Nothing when it is no plain hash file: duplicate keys, checksums and the like are not used here.
+std::optional<HashMeta> read_hash_meta(int fd);
 
 // Whether the library's verifier must not see the file, which has `size` bytes: it believes what a
 // file says it is. On pages of other kinds it divides by zero, frees memory twice and leaks, and it

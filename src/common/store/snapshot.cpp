@@ -1,6 +1,5 @@
-// A private copy of a database file, so that a long walk neither keeps others from the file nor
-// sees it change.
-#include <db.h>
+#include "common/store/snapshot.h"
+
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -12,9 +11,8 @@
 
 #include "common/store/check.h"
 #include "common/store/handle.h"
+#include "common/store/page_walk.h"
 #include "common/store/unnamed.h"
-#include "log.h"
-#include "store.h"
 
 namespace {
 
@@ -38,31 +36,21 @@ OwnedFd copy_of(const StoreLock& lock) {
     return copy;
 }
 
-struct Snapshot {
-    int result;  // 0 or the library's error code
-    OwnedFd file;
-};
-
 Snapshot take_snapshot(const char* path) {
     StoreLock lock(path);
     if (const int missing = ensure_file(lock); missing != 0) {
         return {missing, OwnedFd()};
     }
-    if (const int damaged = verify_store(lock); damaged != 0) {
-        return {damaged, OwnedFd()};
-    }
     OwnedFd copy = copy_of(lock);
     if (!copy.valid()) {
         return {errno, OwnedFd()};
     }
-    // Nobody has touched the file since it was found sound, so its copy is.
-    if (verdict_known(lock)) {
-        return {0, std::move(copy)};
-    }
     lock.release();
-    const int result = verify_file(copy.get(), name_of(copy));
+    const int result = check_pages(copy.get());
     return {result, std::move(copy)};
 }
+
+}  // namespace
 
 Snapshot take_sound_snapshot(const char* path) {
     Snapshot snapshot = take_snapshot(path);
@@ -71,23 +59,4 @@ Snapshot take_sound_snapshot(const char* path) {
         snapshot = take_snapshot(path);
     }
     return snapshot;
-}
-
-}  // namespace
-
-std::unique_ptr<Store> db_open_snapshot(const char* path) {
-    Snapshot snapshot = take_sound_snapshot(path);
-    DB* db = create_handle(0);
-    if (db == nullptr) {
-        log_message(msg::NO_STORE_HANDLE, db_strerror(1));
-        return nullptr;
-    }
-    int result = snapshot.result;
-    if (result == 0) {
-        result =
-            db->open(db, nullptr, name_of(snapshot.file).c_str(), nullptr, DB_HASH, DB_RDONLY, 0);
-    }
-    std::unique_ptr<Store> store(new Store(path, db, result));
-    store->snapshot_ = std::move(snapshot.file);
-    return store;
 }

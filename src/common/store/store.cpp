@@ -90,7 +90,6 @@ int Store::close() {
     }
     usable_ = false;
     lock_.reset();
-    snapshot_.reset();
     return result;
 }
 
