@@ -40,20 +40,21 @@ def find_limit(build: Path, burden: limit.Burden) -> None:
 
 def measure(build: Path, quick: bool) -> None:
     """The fetches come on a pair of their own, when the other has ended."""
-    reached: list[goals.Goal] = []
+    figures: dict[str, float] = {}
 
     def work(bench: Bench) -> None:
         plan = experiments.QUICK if quick else experiments.DEFAULT
         results = experiments.measure(bench, plan, report.progress)
         report.show_results(results)
-        reached.extend(goals.goals_of(results))
+        figures.update(goals.figures_of(results))
 
     on_a_pair(build, (), work)
     fetched = fetches.measure(build, rounds=3 if quick else 5, say=report.progress)
     report.show_fetches(fetched)
     stored = puts.measure(build)
     report.show_puts(stored)
-    report.show_goals([*reached, *goals.fetch_goals(fetched), goals.put_goal(stored)])
+    figures.update(goals.fetch_figures(fetched) | goals.put_figures(stored))
+    report.show_goals(goals.goals_of(figures))
 
 
 def main() -> int:

@@ -20,6 +20,9 @@ BASELINE_FILE = "/etc/quoradmind/baseline.db"
 BASELINE_LOG = "/var/log/baseline.log"
 DSVER = "20260101000000"
 VALUE_SIZE = 200
+RSYNC_FOLDER = "/etc/quoradmind/copies"
+RSYNC_SETTINGS = "/etc/quoradmind/rsyncd.conf"
+MIB = 2**20
 REST_SECONDS = 3.0  # longer than a heartbeat's period
 PUSH_LIMIT = 600.0
 
@@ -46,7 +49,7 @@ class Plan:
 
 
 DEFAULT = Plan(
-    sizes=((1_000, 5), (10_000, 5), (100_000, 3), (200_000, 1), (300_000, 1)),
+    sizes=((1_000, 5), (10_000, 5), (100_000, 3), (200_000, 1), (300_000, 3), (1_000_000, 1)),
     rounds=10,
     beats=10_000,
     baseline_beats=3_000,
@@ -60,8 +63,12 @@ class Sizes:
 
     clients: int
     daemon: list[float] = field(default_factory=list)
+    processor: list[float] = field(default_factory=list)  # of both daemons together
     baseline: list[float] = field(default_factory=list)
     load: list[float] = field(default_factory=list)
+    rsync: list[float] = field(default_factory=list)
+    file: float = 0.0  # MiB of the master's
+    peaks: tuple[float, ...] = ()  # MiB that a daemon had in memory at most, master first
     took_over: bool = False
 
 
@@ -93,6 +100,13 @@ def client(number: int, note: str = "") -> tuple[str, str]:
         f"writeback=/srv/writeback/{room}|note={note}"
     )
     return mac, value.ljust(VALUE_SIZE, ".")[:VALUE_SIZE]
+
+
+def processor_seconds(process: Process) -> float:
+    """Of the program itself and in the kernel."""
+    text = Path(f"/proc/{process.outer_pid}/stat").read_text(encoding="utf-8", errors="replace")
+    fields = text.rpartition(")")[2].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 
 def logged(host: Host, text: bytes) -> bool:
@@ -156,12 +170,29 @@ class Bench:
             raise LabError(difference)
         return seconds, took_over
 
+    @property
+    def daemons(self) -> list[Process]:
+        """Master first."""
+        pair = self.pair
+        return [daemon for daemon in (pair.master_daemon, pair.slave_daemon) if daemon]
+
     def at_rest(self, when: str) -> Rest:
         """Some heartbeats later."""
         time.sleep(REST_SECONDS)
-        daemons = (self.pair.master_daemon, self.pair.slave_daemon)
-        each = ((daemon.rss() / 2**20, len(daemon.descriptors())) for daemon in daemons if daemon)
+        each = ((daemon.rss() / MIB, len(daemon.descriptors())) for daemon in self.daemons)
         return Rest(when, tuple(each))
+
+    def processor(self) -> float:
+        """Seconds that both daemons have had."""
+        return sum(processor_seconds(daemon) for daemon in self.daemons)
+
+    def forget_peaks(self) -> None:
+        for daemon in self.daemons:
+            Path(f"/proc/{daemon.outer_pid}/clear_refs").write_text("5")
+
+    def peaks(self) -> tuple[float, ...]:
+        """MiB that each daemon had in memory at most since."""
+        return tuple(int(each.status_field("VmHWM").split()[0]) / 1024 for each in self.daemons)
 
 
 class Programs:
@@ -240,21 +271,54 @@ def dump_and_load(bench: Bench) -> float:
     return time.monotonic() - begin
 
 
+def rsync(bench: Bench) -> float:
+    """The master's file, whole, by a client to a server that runs already."""
+    bench.settle()
+    folder = bench.slave.root / RSYNC_FOLDER.lstrip("/")
+    folder.mkdir(exist_ok=True)
+    for copy in folder.iterdir():
+        copy.unlink()
+    settings = f"""use chroot = no
+        uid = root
+        gid = root
+        [copies]
+        path = {RSYNC_FOLDER}
+        read only = no
+        """
+    (bench.slave.root / RSYNC_SETTINGS.lstrip("/")).write_text(settings)
+    options = [f"--config={RSYNC_SETTINGS}", f"--port={BASELINE_PORT}", "--ipv4"]
+    server = bench.slave.popen(["/usr/bin/rsync", "--daemon", "--no-detach", *options])
+    try:
+        wait_bound(server, "tcp")
+        target = f"rsync://{bench.slave.address}:{BASELINE_PORT}/copies/"
+        begin = time.monotonic()
+        finish([bench.master.popen(["/usr/bin/rsync", "-W", bench.master.client.path, target])])
+        return time.monotonic() - begin
+    finally:
+        server.kill()
+
+
 def measure_size(bench: Bench, clients: int, repetitions: int, say: Say) -> Sizes:
     bench.fill(clients)
     # Now the slave has as many, and has stored them itself, as at a site.
     sizes = Sizes(clients, took_over=bench.resync(PUSH_LIMIT)[1])
+    sizes.file = bench.master.client.outer_path.stat().st_size / MIB
+    bench.forget_peaks()
     for number in range(1, repetitions + 1):
+        before = bench.processor()
         seconds, took_over = bench.resync(PUSH_LIMIT)
+        sizes.processor.append(bench.processor() - before)
         sizes.daemon.append(seconds)
         sizes.took_over |= took_over
         sizes.baseline.append(store_baseline(bench))
         sizes.load.append(dump_and_load(bench))
+        sizes.rsync.append(rsync(bench))
         say(
             f"{clients:,} clients, {number} of {repetitions}: daemon {seconds:.3f} s, "
-            f"baseline {sizes.baseline[-1]:.3f} s, dump and load {sizes.load[-1]:.3f} s"
-            + (", with a take-over" if took_over else "")
+            f"baseline {sizes.baseline[-1]:.3f} s, dump and load {sizes.load[-1]:.3f} s, "
+            f"rsync {sizes.rsync[-1]:.3f} s" + (", with a take-over" if took_over else "")
         )
+    sizes.peaks = bench.peaks()
     return sizes
 
 

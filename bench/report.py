@@ -5,7 +5,7 @@ import time
 
 from experiments import Rest, Results, Sizes
 from fetches import Fetches
-from goals import Goal, percent
+from goals import Goal, share
 from lab.outcome import tally
 from puts import Put
 
@@ -17,20 +17,22 @@ def progress(text: str) -> None:
 
 
 def show_sizes(results: list[Sizes]) -> None:
-    print("\nFrom the beat back to equal stores, values of 200 bytes; medians")
+    print("\nFrom the beat back to equal stores, values of 200 bytes; medians, in seconds")
     print(
-        f"{'clients':>9} {'seconds':>9} {'records/s':>10} {'baseline s':>11} {'baseline/s':>11} "
-        f"{'of baseline':>12} {'dump|load':>10} {'of that':>8}  take-over"
+        f"{'clients':>9} {'daemon':>8} {'range':>13} {'records/s':>10} {'baseline':>9} "
+        f"{'dump|load':>10} {'rsync':>7} {'processor':>10} {'peaks, MiB':>14} {'file':>6}  take-over"
     )
     for each in results:
-        daemon, baseline, load = (
-            statistics.median(seconds) for seconds in (each.daemon, each.baseline, each.load)
+        daemon, processor, baseline, load, rsync = (
+            statistics.median(seconds)
+            for seconds in (each.daemon, each.processor, each.baseline, each.load, each.rsync)
         )
+        span = f"{min(each.daemon):.2f} to {max(each.daemon):.2f}"
+        peaks = ", ".join(f"{peak:.0f}" for peak in each.peaks)
         print(
-            f"{each.clients:>9,} {daemon:>9.3f} {each.clients / daemon:>10,.0f} "
-            f"{baseline:>11.3f} {each.clients / baseline:>11,.0f} "
-            f"{percent(baseline, daemon):>12} {load:>9.3f}s {percent(daemon, load):>8}  "
-            f"{'YES' if each.took_over else 'no'}"
+            f"{each.clients:>9,} {daemon:>8.3f} {span:>13} {each.clients / daemon:>10,.0f} "
+            f"{baseline:>9.3f} {load:>10.3f} {rsync:>7.3f} {processor:>10.2f} {peaks:>14} "
+            f"{each.file:>6.0f}  {'YES' if each.took_over else 'no'}"
         )
 
 
@@ -50,7 +52,7 @@ def show_results(results: Results) -> None:
 
 def show_fetches(fetches: Fetches) -> None:
     daemon, baseline = fetches.daemon_rate, fetches.baseline_rate
-    speed = f"{daemon:,.0f}, {baseline:,.0f} MiB/s: {percent(daemon, baseline)}"
+    speed = f"{daemon:,.0f}, {baseline:,.0f} MiB/s: {share(daemon / baseline)}"
     print(f"\nfetch of {fetches.mib:,} MiB, daemon and baseline: {speed}")
 
 
