@@ -6,7 +6,7 @@ from socket import SOCK_DGRAM
 
 import lab
 import pytest
-from lab import wait_until
+from lab import tracing, wait_until
 from peer import CLIENT, LIMIT, PORT, heartbeat, request
 
 PROMOTED = "become a master host"
@@ -24,6 +24,37 @@ def change(pair, stamp, **clients):
     """As a site's tools do it: the records first, then the stamp."""
     pair.master.client.fill(clients)
     pair.master.config.put("client_db_version", stamp)
+
+
+def test_records_and_beats_cost_few_system_calls(pair_factory):
+    """Bounds of their numbers, some twice what they are: one call more for each record, or a further
+    look at all pages, breaks them. How long all this takes is for the benchmarks."""
+    counts = "/lab/out/counts"
+    clients = lab.realistic_clients(8000, value_size=200)
+    pair = pair_factory(clients=clients, wrapper=tracing.counting(counts))
+    pair.start()
+    pair.wait_equal(LIMIT)
+    change(pair, "client-2")
+    pair.wait_equal(LIMIT)
+    await_beats(pair.slave, 3)
+    for host in (pair.master, pair.slave):
+        host.kill_daemons(pair.executable)
+        wait_until((host.root / counts[1:]).read_text, LIMIT, "the counts")
+    master, slave = (tracing.counted(host, counts) for host in (pair.master, pair.slave))
+    pages = pair.master.client.outer_path.stat().st_size // 4096
+    sent = len(pair.master.find_log(re.compile("^ send data: ")))
+    pushes = sent / len(clients)
+    beats = len(pair.master.find_log("beat back to"))
+    periods = len(pair.slave.find_log("bottle="))
+    print(f"{pushes:.2f} pushes of {pages} pages, {beats} beats, {periods} periods", master, slave)
+    assert master["sendto"] <= sent / 20 + 10 * beats
+    assert master["write"] <= sent / 10 + 40 * beats
+    assert master["openat"] <= sent / 20 + 40 * beats
+    assert master["pread64"] <= 2.5 * pushes * pages + 40 * beats
+    assert slave["write"] <= 2 * slave["recvfrom"] + 40 * periods
+    assert slave["openat"] <= slave["recvfrom"] + 80 * periods + 400
+    assert slave["pread64"] <= pushes * pages + 40 * periods
+    assert slave["fdatasync"] + slave["fsync"] <= 25 * (pushes + 1)
 
 
 @pytest.mark.sanitizer
