@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string_view>
 
 // The addresses of all counting interfaces, in the order of /proc/net/dev, joined by ",". A new
 // text that the caller frees (OwnedText), empty when there is none; null when /proc/net/dev cannot
@@ -22,6 +23,9 @@ int is_local_ip(const char* address);
 // terminated; a longer one is cut). 0, or -1 when there is no server_list, -2 when no entry is
 // local; then the destination is left as it is.
 int first_local_server_ip(char* destination, std::size_t size);
+
+// The same of a `server_list` that has been read already: 0 or -2.
+int first_local_ip_of(std::string_view server_list, char* destination, std::size_t size);
 
 // 1 when `address` equals one of the items of the comma list, else -1. The address is cut at its
 // first "*" in place. Both may be null or empty: -1.

@@ -103,10 +103,11 @@ int is_local_ip(const char* address) {
 
 int first_local_server_ip(char* destination, std::size_t size) {
     const OwnedText list(db_get(CONFIG_DB, KEY_SERVER_LIST));
-    if (!list) {
-        return -1;
-    }
-    for (const std::string_view piece : split(list.get(), ',')) {
+    return list ? first_local_ip_of(list.get(), destination, size) : -1;
+}
+
+int first_local_ip_of(std::string_view server_list, char* destination, std::size_t size) {
+    for (const std::string_view piece : split(server_list, ',')) {
         const std::string address(piece);
         if (is_local_ip(address.c_str()) == 1) {
             (void)std::snprintf(destination, size, "%s", address.c_str());

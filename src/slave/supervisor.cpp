@@ -6,11 +6,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstring>
 #include <optional>
+#include <string>
 #include <thread>
 
 #include "client_list/client_list.h"
@@ -56,19 +58,29 @@ std::optional<pthread_t> start_receiver() {
     return thread;
 }
 
-OwnedText own_dsver() {
-    OwnedText dsver(db_get(CONFIG_DB, KEY_DSVER));
-    if (!dsver) {
-        ensure_dsver();
-        dsver.reset(db_get(CONFIG_DB, KEY_DSVER));
-    }
-    return dsver;
+// What a beat tells of this host, read in one opening of config.db.
+struct OwnSettings {
+    std::optional<std::string> server_list;
+    std::optional<std::string> dsver;
+};
+
+OwnSettings read_own_settings() {
+    constexpr std::array KEYS = {KEY_SERVER_LIST, KEY_DSVER};
+    std::array<std::optional<std::string>, KEYS.size()> values;
+    (void)db_read_settled(CONFIG_DB, KEYS, values);
+    return {values[0], values[1]};
 }
 
 PeerMessage own_heartbeat() {
+    OwnSettings own = read_own_settings();
+    if (!own.dsver) {
+        ensure_dsver();
+        own = read_own_settings();
+    }
+    // Other tools may have stored the terminating zero byte with a text.
     char serverip[sizeof HeartbeatBody::serverip] = {};
-    (void)first_local_server_ip(serverip, sizeof serverip);
-    return make_heartbeat(serverip, text_of(own_dsver()));
+    (void)first_local_ip_of(own.server_list.value_or("").c_str(), serverip, sizeof serverip);
+    return make_heartbeat(serverip, own.dsver.value_or("").c_str());
 }
 
 // The beat of one period, the same on each path.
