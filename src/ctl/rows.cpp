@@ -46,8 +46,12 @@ Json::Json(std::string_view text) : Json(json_object_new_string(json_text(text).
 
 Json::Json(std::int64_t number) : Json(json_object_new_int64(number)) {}
 
+Json Json::object() {
+    return Json(json_object_new_object());
+}
+
 Json Json::object(const std::vector<Member>& members) {
-    Json object(json_object_new_object());
+    Json object = Json::object();
     for (const Member& member : members) {
         object.add(member);
     }

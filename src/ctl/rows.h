@@ -29,7 +29,8 @@ public:
     Json(const std::optional<Value>& value) : Json(value ? Json(*value) : Json()) {}
 
     struct Member;
-    static Json object(const std::vector<Member>& members = {});
+    static Json object();
+    static Json object(const std::vector<Member>& members);
     void add(const Member& member);  // to an object, behind the others
 
     static Json list();
