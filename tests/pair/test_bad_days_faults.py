@@ -132,10 +132,10 @@ def second_line(pair):
 
 
 @contextmanager
-def strangers(pair):
+def strangers(pair, others=None):
     """Idle and half connections to the slave, datagrams that the master cannot answer, and one
     that asks for everything and takes next to nothing of it."""
-    stranger, slow = pair.lab.add_hosts(["stranger", "slow"])
+    stranger, slow = others or pair.lab.add_hosts(["stranger", "slow"])
     with ExitStack() as stack:
         stranger.line.cut("in", peer=pair.master.line)
         outlet = stack.enter_context(stranger.line.open_socket(SOCK_DGRAM))
@@ -151,6 +151,7 @@ def strangers(pair):
         asker = stack.enter_context(slow.line.open_socket(SOCK_DGRAM))
         asker.sendto(request(CLIENT), (pair.master.address, PORT))
         yield
+    stranger.line.heal()
 
 
 def random_trial(dice):

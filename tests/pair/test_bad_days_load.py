@@ -31,9 +31,9 @@ def warmed_up(daemon, step, times, what):
     for number in range(times):
         step(number)
     wait_until(lambda: len(daemon.descriptors()) <= descriptors, LIMIT, "the old descriptors")
-    growth = daemon.rss() - memory
-    print(f"{times:,} {what}: {memory / MIB:.1f} MiB {growth / MIB:+.2f}")
-    assert growth < LEAST
+    # What the last step needed may be in use for a moment longer.
+    wait_until(lambda: daemon.rss() - memory < LEAST, LIMIT, f"the memory from before {what}")
+    print(f"{times:,} {what}: {memory / MIB:.1f} MiB {(daemon.rss() - memory) / MIB:+.2f}")
 
 
 def test_a_master_stays_as_it_is(pair_factory, rounds):
@@ -61,6 +61,10 @@ def test_a_slave_stays_as_it_is(pair_factory, rounds):
     pushed = [record(CLIENT, key, value) for key, value in CLIENTS.items()]
     with FakeMaster(pair.master, pair.slave) as master:
 
+        def is_stored(stamp):
+            stored = lambda: pair.slave.config.get("client_db_version") == stamp.encode()
+            wait_until(stored, LIMIT, "the stamp")
+
         def push(number):
             stamp = f"push {number}"
             # What it asks for at the first is left unread: the answer is already here.
@@ -68,6 +72,7 @@ def test_a_slave_stays_as_it_is(pair_factory, rounds):
                         record(CLIENT, "dbver", stamp))
             assert master.hear(REQUEST) == request(CONFIG)
             assert master.hear(REQUEST) == request(CLIENT)
+            is_stored(stamp)
 
         def beat(_):
             master.tell(beat_back("same#same"))
@@ -75,6 +80,5 @@ def test_a_slave_stays_as_it_is(pair_factory, rounds):
         warmed_up(daemon, push, 5 * rounds, "pushes")
         master.tell(record(CONFIG, "dbver", "same"), record(CLIENT, "dbver", "same"))
         warmed_up(daemon, beat, 1000 * rounds, "beats")
-        stamp = "client_db_version"
-        wait_until(lambda: pair.slave.config.get(stamp) == b"same", LIMIT, "the last stamp")
+        is_stored("same")
     assert pair.slave.client.items() == CLIENTS
