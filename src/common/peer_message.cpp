@@ -1,6 +1,5 @@
 #include "peer_message.h"
 
-#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -15,7 +14,7 @@ PeerMessage blank_message(std::uint16_t type) {
 // Copies `text` into a zeroed field, leaving `reserve` bytes at its end untouched.
 template <std::size_t N>
 void fill_field(char (&field)[N], std::string_view text, std::size_t reserve) {
-    std::memcpy(field, text.data(), std::min(text.size(), N - reserve));
+    (void)text.copy(field, N - reserve);
 }
 
 }  // namespace

@@ -99,7 +99,7 @@ template <std::size_t WORDS>
 void PageText<WORDS>::set(std::string_view text) {
     static std::mutex one_writer;
     std::array<std::int64_t, WORDS> fresh{};
-    std::memcpy(fresh.data(), text.data(), std::min(text.size(), sizeof fresh));
+    (void)text.copy(reinterpret_cast<char*>(fresh.data()), sizeof fresh);
     const std::lock_guard hold(one_writer);
     ++changes;
     std::copy(fresh.begin(), fresh.end(), words.begin());
