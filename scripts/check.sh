@@ -1,5 +1,5 @@
 #!/bin/bash
-# verify everything: format, unit and pair tests, and the sanitizers (root, under 8 minutes)
+# verify everything: format, unit and pair tests, and the sanitizers (root, about 11 minutes)
 . scripts/lib/common.sh
 install_packages build lab check
 . scripts/lib/sanitizers.sh
@@ -20,28 +20,31 @@ pair_tests() {
         --strict-markers --daemon="$PWD/build/$preset/quorsyncd" "$@"
 }
 
-# The sanitizers' builds run beside the release tests, at low priority: they may not cost the
-# tests the time their heartbeats need.
+# The sanitizers' builds run beside the tests, at low priority: they may not cost the tests the time
+# their heartbeats need. A build that is done leaves a file of its name.
 start_sanitizer_builds() {
-    sanitizer_log=$(mktemp)
-    setsid nice -n 10 /bin/bash -c '. scripts/lib/common.sh; build asan; build tsan' \
-        >"$sanitizer_log" 2>&1 &
+    sanitizer_work=$(mktemp -d)
+    setsid nice -n 10 /bin/bash -c '. scripts/lib/common.sh
+        for preset in asan tsan; do build "$preset"; touch "$1/$preset"; done' \
+        builds "$sanitizer_work" >"$sanitizer_work/log" 2>&1 &
     sanitizer_builds=$!
 }
 
 end_sanitizer_builds() {
     [ -z "${sanitizer_builds-}" ] || kill -- "-$sanitizer_builds" 2>/dev/null || true
-    rm -f "${sanitizer_log-}"
+    rm -rf "${sanitizer_work-}"
 }
 trap end_sanitizer_builds EXIT
 
-await_sanitizer_builds() {
-    step "Waiting for the asan and tsan builds"
-    if ! wait "$sanitizer_builds"; then
-        cat "$sanitizer_log" >&2
+await_build() {
+    step "Waiting for the $1 build"
+    while [ ! -e "$sanitizer_work/$1" ] && kill -0 "$sanitizer_builds" 2>/dev/null; do
+        sleep 1
+    done
+    if [ ! -e "$sanitizer_work/$1" ]; then
+        cat "$sanitizer_work/log" >&2
         exit 1
     fi
-    sanitizer_builds=
 }
 
 step "Format"
@@ -55,8 +58,8 @@ step "Every state of the slave's client list"
 build/release/tests/explore/explore
 start_sanitizer_builds
 pair_tests release
-await_sanitizer_builds
 for preset in asan tsan; do
+    await_build "$preset"
     unit_tests "$preset"
     pair_tests "$preset" -m sanitizer
 done
