@@ -92,7 +92,7 @@ std::string_view reason_text(RoleReason reason) {
         case RoleReason::NO_MASTER:
             return "'master' is missing or empty";
         case RoleReason::SINGLE_SERVER:
-            return "'server_list' holds fewer than two servers";
+            return "'server_list' lists fewer than two servers";
         case RoleReason::NOT_IN_PAIR:
             return "this host is neither the master nor the server that is the slave";
         case RoleReason::DECIDED:
@@ -111,17 +111,17 @@ std::string server_list_fault(std::string_view server_list) {
         return "is missing or empty";
     }
     if (server_list.find_first_of(" \t\r\n") != std::string_view::npos) {
-        return "holds a blank; the daemon takes it for a part of the address";
+        return "contains a blank, which the daemon takes as part of an address";
     }
     const auto addresses = split(server_list, ',');
     for (const std::string_view address : addresses) {
         if (!is_dotted_address(address)) {
-            return fmt::format("holds \"{}\", which is no dotted address", address);
+            return fmt::format("contains \"{}\", which is not a dotted IPv4 address", address);
         }
         if (std::count(addresses.begin(), addresses.end(), address) > 1) {
-            return fmt::format("holds {} twice", address);
+            return fmt::format("lists {} twice", address);
         }
     }
-    return addresses.size() < 2 ? "holds fewer than two servers; a single one never takes a role"
+    return addresses.size() < 2 ? "lists fewer than two servers; a single one never takes a role"
                                 : "";
 }

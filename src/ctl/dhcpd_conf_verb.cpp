@@ -58,14 +58,14 @@ Mac parse_mac(const std::string& text) {
 
 void check_address(const std::string& name, const std::string& address) {
     if (!is_dotted_address(address)) {
-        throw WrongUse(name, "\"" + address + "\" is no dotted address");
+        throw WrongUse(name, "\"" + address + "\" is not a dotted IPv4 address");
     }
 }
 
 void check_text(const std::string& name, const std::string& text) {
     if (has_syntax(text)) {
         throw WrongUse(name,
-                       "\"" + text + "\" holds a quote, brace, backslash or control character");
+                       "\"" + text + "\" contains a quote, brace, backslash or control character");
     }
 }
 
@@ -103,7 +103,7 @@ void check_not_part_of_another(const std::string& name) {
 void check_client(const Options& options) {
     check_text("NAME", options.name);
     if (options.name.find_first_of(" ;#") != std::string::npos || options.name.empty()) {
-        throw WrongUse("NAME", "is empty or holds a blank, \";\" or \"#\"");
+        throw WrongUse("NAME", "is empty or contains a blank, \";\" or \"#\"");
     }
     check_text("PXE", options.pxe);
     check_address("ADDRESS", options.address);
@@ -121,7 +121,8 @@ int check_settings() {
     for (const char* key : addresses) {
         if (!is_dotted_address(text_of(value_of(key)))) {
             complain(
-                "{}: {} is \"{}\", no dotted address; \"quorsyncctl store put {} ...\" sets it",
+                "{}: {} is \"{}\", not a dotted IPv4 address; \"quorsyncctl store put {} ...\" "
+                "sets it",
                 CONFIG_DB, key, escape(text_of(value_of(key))), key);
             return EXIT_PROBLEM;
         }
@@ -131,7 +132,7 @@ int check_settings() {
         const bool missing = !value && key == KEY_DNS_LIST;
         if (missing || has_syntax(text_of(value))) {
             complain(
-                "{}: {} is missing or holds a quote, brace, backslash or control character; "
+                "{}: {} is missing or contains a quote, brace, backslash or control character; "
                 "\"quorsyncctl store put {} ...\" sets it",
                 CONFIG_DB, key, key);
             return EXIT_PROBLEM;
@@ -198,16 +199,16 @@ void add_dhcpd_conf(const Command& tool) {
     const Command verb =
         tool.command("dhcpd-conf", "Write the system DHCP server's configuration.")
             .notes(
-                "Settings come from config.db: default_address, netmask, gateway, dns_list,\n"
-                "ip_begin and ip_end; domain_name (localdomain) and boot_file (pxelinux.0).\n"
+                "The settings come from config.db: default_address, netmask, gateway, dns_list,\n"
+                "ip_begin, ip_end, domain_name (localdomain) and boot_file (pxelinux.0).\n"
                 "Examples:\n"
                 "  quorsyncctl dhcpd-conf write\n"
                 "  quorsyncctl dhcpd-conf host PC-A-00001 00:1e:4f:aa:0b:31 192.168.0.21 win11");
     const auto options = std::make_shared<Options>();
-    verb.command("write", "Write the file anew, without boot clients.")
+    verb.command("write", "Rewrite the file, without boot clients.")
         .flag("--force", options->force, "Even if entries of boot clients are lost")
         .runs([options] { return write_anew(*options); });
-    verb.command("host", "Put or replace a boot client's entry, then restart the server.")
+    verb.command("host", "Add or replace a boot client's entry, then restart the server.")
         .argument("NAME", options->name, "Name of the client")
         .argument("MAC", options->mac, "Its hardware address")
         .argument("ADDRESS", options->address, "The address that it gets")

@@ -151,7 +151,7 @@ bool hold_clients(const Options& options) {
     const bool any = std::any_of(paths.begin(), paths.end(), holds_clients);
     if (any && std::any_of(paths.begin(), paths.end(), holds_settings)) {
         throw WrongUse("B.db",
-                       "one file holds clients, the other settings; --set tells what both hold");
+                       "one file has clients, the other settings; name the set of both with --set");
     }
     return any;
 }
@@ -179,15 +179,15 @@ void add_diff(const Command& tool) {
     const auto options = std::make_shared<Options>();
     tool.command("diff", "Compare two database files key by key.")
         .notes(
-            "Shows the keys that differ, and always both stamps and dsver. \"pushed\" keys and\n"
-            "the stamps are mirrored: where one of them differs, the exit code is 1.\n"
+            "Lists the keys that differ, both stamps and dsver. The master copies the stamps and\n"
+            "the keys marked \"pushed\" to the slave; if one of them differs, the exit code is 1.\n"
             "Examples:\n"
             "  quorsyncctl diff config /etc/quoradmind/192.168.0.2.db\n"
             "  quorsyncctl diff client /mnt/backup/client.db --json")
         .argument("A.db", options->left, "config, client, disk or a path")
         .argument("B.db", options->right, "config, client, disk or a path")
-        .option("--set", options->set, "What they hold: config or client; auto goes by name",
+        .option("--set", options->set, "Data set of both files; auto decides by their names",
                 {"auto", "config", "client"})
-        .flag("--json", options->json, "As a JSON object")
+        .flag("--json", options->json, "Print machine-readable output")
         .runs([options] { return diff(*options); });
 }

@@ -64,12 +64,12 @@ FileFetch receive(const Options& options, const std::string& beside) {
 
 int fetch(const Options& options) {
     if (!is_dotted_address(options.address)) {
-        throw WrongUse("ADDRESS", "\"" + options.address + "\" is no dotted address");
+        throw WrongUse("ADDRESS", "\"" + options.address + "\" is not a dotted IPv4 address");
     }
     // It is replaced and not written to: a device would be gone.
     if (std::filesystem::exists(options.local) &&
         !std::filesystem::is_regular_file(options.local)) {
-        throw WrongUse("LOCAL", "\"" + options.local + "\" is no ordinary file");
+        throw WrongUse("LOCAL", "\"" + options.local + "\" is not a regular file");
     }
     const std::string directory = std::filesystem::absolute(options.local).parent_path();
     if (access(directory.c_str(), W_OK) != 0) {
@@ -100,11 +100,11 @@ void add_fetch(const Command& tool) {
     const auto options = std::make_shared<Options>();
     tool.command("fetch", "Fetch a file of a peer through its file service.")
         .notes(
-            "LOCAL is replaced only when the whole file has come.\n"
+            "LOCAL is replaced only when the whole file has arrived.\n"
             "Example:\n"
             "  quorsyncctl fetch 192.168.0.2 /etc/quoradmind/config.db /tmp/slave.db")
-        .argument("ADDRESS", options->address, "The peer, dotted")
-        .argument("REMOTE", options->remote, "Path of the file there")
-        .argument("LOCAL", options->local, "Path of the file here")
+        .argument("ADDRESS", options->address, "IPv4 address of the peer")
+        .argument("REMOTE", options->remote, "Path of the file on the peer")
+        .argument("LOCAL", options->local, "Path of the file on this host")
         .runs([options] { return fetch(*options); });
 }

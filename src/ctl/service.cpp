@@ -23,8 +23,8 @@
 namespace {
 
 constexpr const char* NOTES = R"(
-A daemon that was killed as an acting master leaves its services behind, and the slave
-that starts again does not know of them: its unit runs "stop boot --if-slave" before.
+A daemon that is killed while it acts as master leaves the boot services running, and the
+next daemon does not know of them. The unit runs "stop boot --if-slave" before each start.
 Examples:
   quorsyncctl service stop boot --if-slave
   quorsyncctl service start tftp)";
@@ -105,8 +105,8 @@ int start(const Service& service, const Options& options) {
     if (moves(service) && !options.force && stands_by_for_the_master()) {
         throw WrongUse(
             service.name,
-            "this host is the slave: beside its master, both would serve the clients; --force "
-            "starts them all the same");
+            "this host is the slave: both servers would serve the clients; --force starts "
+            "them anyway");
     }
     if (!program_is_there(service)) {
         return EXIT_PROBLEM;
@@ -164,9 +164,10 @@ void add_service(const Command& tool) {
         const Command one = starts.command(service.name, service.summary);
         const Command other = stops.command(service.name, service.summary);
         if (moves(service)) {
-            one.flag("--force", options->force, "Even beside a living master");
+            one.flag("--force", options->force,
+                     "Start even on a slave that is not acting as master");
             other.flag("--if-slave", options->if_slave,
-                       "Only if this host is the slave of the pair");
+                       "Stop only if this host is the slave of the pair");
         }
         one.runs([&service, options] { return start(service, *options); });
         other.runs([&service, options] { return stop(service, *options); });

@@ -45,7 +45,8 @@ std::string lower_without_blanks(std::string_view text) {
 }
 
 std::string address_fault(std::string_view address) {
-    return is_dotted_address(address) ? "" : fmt::format("\"{}\" is no dotted address", address);
+    return is_dotted_address(address) ? ""
+                                      : fmt::format("\"{}\" is not a dotted IPv4 address", address);
 }
 
 // How many letters have to be put in, taken out or exchanged to make one of the other.
@@ -97,7 +98,7 @@ std::string control_fault(std::string_view text) {
         return static_cast<unsigned char>(byte) < ' ' || byte == '\x7f';
     };
     return std::any_of(text.begin(), text.end(), is_control)
-               ? "holds a control character, which log lines and lists cannot show"
+               ? "contains a control character, which logs and lists cannot show"
                : "";
 }
 

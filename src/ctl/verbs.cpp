@@ -56,7 +56,7 @@ void complain_about(const CLI::App& verb, const CLI::ParseError& error) {
         return;
     }
     complain("{}", escape(fault_text(verb, error)));
-    complain("\"{} --help\" tells more", words_of(verb));
+    complain("see \"{} --help\"", words_of(verb));
 }
 
 void limit(CLI::Option* option, const std::vector<std::string>& choices) {
@@ -99,7 +99,7 @@ void Command::runs(std::function<int()> function) const {
 }
 
 int run_ctl(int argc, char** argv) {
-    CLI::App app("Looks after this host of a quorsyncd pair.", "quorsyncctl");
+    CLI::App app("Inspect and manage one server of a quorsyncd pair.", "quorsyncctl");
     app.set_version_flag("--version", std::string("quorsyncctl ") + PROGRAM_VERSION);
     app.footer(std::string("\"quorsyncctl VERB --help\" has examples.") + EXIT_CODES);
     int status = EXIT_FINE;

@@ -49,7 +49,7 @@ SETTINGS = [
     ("master", "", {"master": "missing", "role": "'master' is missing"}),
     ("server_list", "10.77.0.8,10.77.0.9,10.77.0.1", {}),
     ("master_paths", "10.77.0.9", {}),
-    ("master_paths", "10.77.0.2,ten", {"master_paths": "ten is no dotted address"}),
+    ("master_paths", "10.77.0.2,ten", {"master_paths": "ten is not a dotted IPv4 address"}),
     ("master_paths", "10.99.0.1", {"master_paths": "10.99.0.1 cannot be reached: no route"}),
     ("config_db_version", "one#two", {"settings": "separates the two stamps"}),
     ("dhcpcfg", "x" * 1024, {"settings": '"dhcpcfg" too long'}),
@@ -66,7 +66,7 @@ def test_settings_that_keep_a_pair_from_work(host, faults):
             assert found[name].startswith("problem: ") and text in found[name]
         host.config.delete(key)
         host.config.fill(host.good)
-    assert "no change of it" in faults(host)[1]["config_db_version"]
+    assert "no later change" in faults(host)[1]["config_db_version"]
     host.config.fill({"master": "10.77.0.2", "server_list": "10.77.0.2,10.77.0.3,10.77.0.1"})
     code, found = faults(host)
     host.config.put("master_paths", "10.77.0.1")
@@ -86,12 +86,12 @@ def test_database_files_that_are_not_well(host, faults, ctl):
     host.client.put("LONG", "x" * 1024)
     host.client.put("dbver", "1")
     code, found = faults(host)
-    assert code == PROBLEM and "2 of 3 records fit no message" in found["clients"]
+    assert code == PROBLEM and "2 of 3 records cannot be sent" in found["clients"]
     assert '"LONG" too long' in found["clients"] and '"dbver"' in found["clients"]
     stores = host.root / "etc/quoradmind"
     previous = stores / "client.db.previous"
     previous.write_bytes((stores / "client.db").read_bytes())
-    assert "has not come to its end" in faults(host)[1][previous.name]
+    assert "has not ended" in faults(host)[1][previous.name]
     previous.write_bytes(b"")
     assert "too short" in faults(host)[1][previous.name]
     previous.unlink()
@@ -102,8 +102,8 @@ def test_database_files_that_are_not_well(host, faults, ctl):
     client.write_bytes(client.read_bytes()[:4096] + b"\xff" * 4096)
     code, found = faults(host)
     assert code == PROBLEM and "does not verify" in found["client.db"]
-    assert "no hash database" in found["10.77.0.2.db"]
-    assert found["__db.client.db"].startswith("warning: left by a killed creation")
+    assert "not a hash database" in found["10.77.0.2.db"]
+    assert found["__db.client.db"].startswith("warning: left by a process that was killed")
     assert "found damaged" in found["client.db.damaged"]
     (stores / "config.db").unlink()
     code, found = faults(host)
@@ -140,13 +140,13 @@ def test_a_host_that_is_not_well(host, faults, run_daemon, ctl):
 
     # Nobody reads the pipe of a running quordhcpd; then somebody does.
     host.shell("/usr/local/bin/quordhcpd")
-    assert "nobody reads it" in faults(host)[1][PIPE]
+    assert "no process reads it" in faults(host)[1][PIPE]
     reader = host.popen(["/usr/bin/python3", "-c", READER])
     wait_until(lambda: PIPE not in faults(host)[1], LIMIT, "the reader")
     assert f"read by python3 (pid {reader.pid})" in ctl(host, "check")[1]
     (host.root / PIPE[1:]).unlink()
     (host.root / PIPE[1:]).touch()
-    assert "is no pipe" in faults(host)[1][PIPE]
+    assert "is not a named pipe" in faults(host)[1][PIPE]
 
     # Two daemons that wait for a role, and what a killed slave leaves behind.
     host.config.put("ha", "off")

@@ -104,7 +104,7 @@ def test_what_an_operator_must_act_on(serving, ctl, told, becomes):
     wait_until(lambda: told(slave)[2]["state"]["services_start"], LIMIT, "the end of the start")
     status = becomes(slave, PROBLEM, "acting_master")
     assert (status["role"], status["in_sync"]["verdict"]) == ("acting master", "cannot tell")
-    assert status["forecast"]["role"] == "slave"
+    assert status["configured_role"]["role"] == "slave"
     assert status["state"]["services_start"]["result"] == "success"
     assert status["state"]["counters"]["heartbeats_missed"] >= 3
     becomes(master, CANNOT_TELL)

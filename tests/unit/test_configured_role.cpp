@@ -22,7 +22,7 @@ TEST(ConfiguredRole, FindsWhatIsWrongWithAServerList) {
     EXPECT_THAT(server_list_fault("10.0.0.1"), HasSubstr("fewer than two"));
     EXPECT_THAT(server_list_fault("10.0.0.1, 10.0.0.2"), HasSubstr("blank"));
     EXPECT_THAT(server_list_fault("10.0.0.1,10.0.0.256"), HasSubstr("\"10.0.0.256\""));
-    EXPECT_THAT(server_list_fault("10.0.0.1,one"), HasSubstr("no dotted address"));
+    EXPECT_THAT(server_list_fault("10.0.0.1,one"), HasSubstr("not a dotted"));
     EXPECT_THAT(server_list_fault("10.0.0.1,10.0.0.1"), HasSubstr("twice"));
 }
 

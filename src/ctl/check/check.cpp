@@ -14,12 +14,13 @@
 namespace {
 
 constexpr const char* NOTES = R"(
-One line for each thing that must hold, with the reason and the remedy. Nothing is created, opened
-for writing or changed; a running daemon does not notice. Warnings do not count as problems.
+Prints one line for each requirement, with the reason and the remedy where it is not met. Nothing is
+created, opened for writing or changed, and a running daemon is not disturbed. Warnings do not
+change the exit code.
 
 Examples:
   quorsyncctl check
-  quorsyncctl check --warn    (in a unit: exit code 0, problems only)
+  quorsyncctl check --warn    (for a unit: only what is wrong, exit code 0)
   quorsyncctl check --json)";
 
 struct Options {
@@ -101,10 +102,9 @@ int check(const Options& options) {
 
 void add_check(const Command& tool) {
     const auto options = std::make_shared<Options>();
-    tool.command("check", "Check what the daemon needs on this host, and why it waits.")
+    tool.command("check", "Check what the daemon needs on this host.")
         .notes(NOTES)
-        .flag("--warn", options->warn,
-              "Only warn: print what is wrong on standard error, exit with 0")
+        .flag("--warn", options->warn, "Print only what is wrong, on standard error; exit with 0")
         .flag("--json", options->json, "Print machine-readable output")
         .runs([options] { return check(*options); });
 }

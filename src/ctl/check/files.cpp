@@ -25,23 +25,22 @@ constexpr std::size_t NAMED_KEYS = 5;
 
 std::string remedy_for(const std::string& path) {
     if (path == CLIENT_DB) {
-        return "on a slave it comes anew with the next client set, on a master take a backup";
+        return "a slave fetches it again with the next client set; on a master, restore a backup";
     }
     if (path == PREVIOUS_CLIENT_DB) {
-        return "remove it: a take-over before the end of the push serves the part that has come";
+        return "remove it; a take-over before the push has ended then serves an incomplete list";
     }
-    return path == CONFIG_DB ? "put a backup in its place"
-                             : "remove it: a copy of a peer is fetched again";
+    return path == CONFIG_DB ? "restore a backup" : "remove it; the master fetches the copy again";
 }
 
 // What speaks against the file's format, empty if nothing does.
 std::string format_fault(const std::string& path) {
     const auto page = db_format(path.c_str());
     if (!page) {
-        return "is too short for a database";
+        return "is too short to be a database";
     }
     if (page->magic != HASH_MAGIC) {
-        return fmt::format("is no hash database of this host's byte order (magic 0x{:06x})",
+        return fmt::format("is not a hash database in this host's byte order (magic 0x{:06x})",
                            page->magic);
     }
     if (page->version < OLDEST_FORMAT || page->version > NEWEST_FORMAT) {
@@ -65,15 +64,15 @@ bool check_file(const std::string& path, Findings& findings) {
     }
     const std::unique_ptr<Store> store = db_open(path.c_str());
     if (store && store->usable()) {
-        findings.good(name,
-                      fmt::format("verifies, hash format {}", db_format(path.c_str())->version));
+        findings.good(name, fmt::format("sound, hash format {}", db_format(path.c_str())->version));
         return true;
     }
     if (store && store->damaged()) {
-        findings.problem(name, fmt::format("{} does not verify", path), remedy_for(path));
+        findings.problem(name, fmt::format("{} is damaged: it does not verify", path),
+                         remedy_for(path));
     } else {
         findings.unknown(name, fmt::format("{} cannot be opened: {}", path, open_failure(store)),
-                         "try again; another process may keep it locked");
+                         "try again; another process may hold its lock");
     }
     return false;
 }
@@ -111,16 +110,15 @@ void check_records(const char* path, std::string_view name, Findings& findings) 
     if (walk.failed()) {
         findings.unknown(name, fmt::format("{} cannot be read to its end", path), "try again");
     } else if (misfits.count == 0) {
-        findings.good(name,
-                      fmt::format("{}, all of them fit a message", counted(records, "record")));
+        findings.good(name, fmt::format("{}, all can be sent", counted(records, "record")));
     } else {
         findings.problem(name,
-                         fmt::format("{} of {} fit no message: {}{}", misfits.count,
+                         fmt::format("{} of {} cannot be sent: {}{}", misfits.count,
                                      counted(records, "record"), fmt::join(misfits.first, ", "),
                                      misfits.count > NAMED_KEYS
                                          ? fmt::format(" and {} more", misfits.count - NAMED_KEYS)
                                          : ""),
-                         "shorten them: a slave never gets them as they are");
+                         "correct them; a slave never receives them as they are");
     }
 }
 
@@ -133,23 +131,24 @@ void check_previous_clients(const std::string& path, const std::string& name, Fi
         const std::time_t age = std::time(nullptr) - kept.st_ctime;  // since it got this name
         findings.warning(
             name,
-            fmt::format("the clients from before a push that began {} ago and has not come to its "
-                        "end; a take-over puts them back, and so does a start as the master",
+            fmt::format("the client list from before a push that began {} ago and has not ended; a "
+                        "take-over or a start as the master restores it",
                         age_text(age)),
-            "if it stays, \"quorsyncctl timeline\" tells what breaks the pushes off");
+            "if it stays, \"quorsyncctl timeline\" shows what interrupts the pushes");
     }
 }
 
 void check_leftover(const std::string& path, const std::string& name, Findings& findings) {
     if (name.starts_with("__db.")) {
         findings.warning(
-            name, "left by a killed creation, or another process is at work on it",
-            fmt::format("if it stays, remove {}: creating the file anew waits for it", path));
+            name, "left by a process that was killed while it created the file, or in use",
+            fmt::format("if it stays, remove {}; the file cannot be created before", path));
     } else if (name.ends_with(".damaged")) {
         findings.warning(name, "was found damaged and replaced",
-                         fmt::format("remove {} when it has been looked at", path));
+                         fmt::format("remove {} after you have examined it", path));
     } else if (name.ends_with(".db.new") || name.find(".db.changed") != std::string::npos) {
-        findings.warning(name, "left by a killed replacement", fmt::format("remove {}", path));
+        findings.warning(name, "left by a process that was killed while it replaced the file",
+                         fmt::format("remove {}", path));
     }
 }
 
@@ -159,7 +158,7 @@ bool check_files(Findings& findings) {
     bool config_readable = false;
     if (access(CONFIG_DB, F_OK) != 0 && errno == ENOENT) {
         findings.problem("config.db", fmt::format("{} is missing", CONFIG_DB),
-                         "store 'ha', 'server_list' and 'master' with \"quorsyncctl store put\"");
+                         "set 'ha', 'server_list' and 'master' with \"quorsyncctl store put\"");
     } else {
         config_readable = check_file(CONFIG_DB, findings);
     }

@@ -63,21 +63,22 @@ void check_pipe(Findings& findings) {
     const bool wrapper_runs = !processes_named(WRAPPER_PROCESS).empty();
     struct stat status {};
     if (stat(RELOAD_PIPE, &status) != 0) {
-        const std::string text = fmt::format("{}: a reload of DHCP is dropped", strerror(errno));
+        const std::string text =
+            fmt::format("{}: requests to reload DHCP are lost", strerror(errno));
         if (wrapper_runs) {
-            findings.problem(RELOAD_PIPE, text, "restart quordhcpd, which makes it");
+            findings.problem(RELOAD_PIPE, text, "restart quordhcpd, which creates it");
         } else {
-            findings.warning(RELOAD_PIPE, text, "quordhcpd makes it; it does not run here");
+            findings.warning(RELOAD_PIPE, text, "quordhcpd creates it when it starts");
         }
     } else if (!S_ISFIFO(status.st_mode)) {
-        findings.problem(RELOAD_PIPE, "is no pipe", "remove it and restart quordhcpd");
+        findings.problem(RELOAD_PIPE, "is not a named pipe", "remove it and restart quordhcpd");
     } else if (const auto readers = pipe_readers(RELOAD_PIPE); !readers.empty()) {
         findings.good(RELOAD_PIPE, fmt::format("read by {}", names_of(readers)));
     } else if (wrapper_runs) {
-        findings.problem(RELOAD_PIPE, "nobody reads it, though quordhcpd runs",
+        findings.problem(RELOAD_PIPE, "no process reads it, although quordhcpd runs",
                          "restart quordhcpd");
     } else {
-        findings.good(RELOAD_PIPE, "nobody reads it: quordhcpd does not run here");
+        findings.good(RELOAD_PIPE, "no process reads it: quordhcpd does not run");
     }
 }
 
@@ -88,14 +89,15 @@ void check_log_directory(Findings& findings) {
         if (geteuid() != 0) {
             findings.unknown(LOG_DIRECTORY, text, "run this as root");
         } else {
-            findings.problem(LOG_DIRECTORY, text, "the daemon's messages are lost: mount it anew");
+            findings.problem(LOG_DIRECTORY, text,
+                             "the daemon's log is lost; make the directory writable");
         }
         return;
     }
     const std::uint64_t bytes = std::uint64_t(space.f_bavail) * space.f_frsize;
     const bool no_inodes = space.f_files != 0 && space.f_favail == 0;
-    const std::string text = no_inodes ? "its file system can hold no further file"
-                                       : fmt::format("{} free", bytes_text(bytes));
+    const std::string text =
+        no_inodes ? "its file system has no free inode" : fmt::format("{} free", bytes_text(bytes));
     if (no_inodes || bytes < FULL) {
         findings.problem(LOG_DIRECTORY, fmt::format("full: {}", text),
                          "remove old logs; the daemon never does");
@@ -114,7 +116,7 @@ bool check_port(Transport transport, std::string_view name, Findings& findings) 
         return false;
     }
     if (use.holders.empty()) {
-        findings.unknown(name, "held by a process that cannot be seen",
+        findings.unknown(name, "held by a process that this user cannot see",
                          geteuid() == 0 ? "it runs outside this container" : "run this as root");
         return true;
     }
@@ -122,7 +124,7 @@ bool check_port(Transport transport, std::string_view name, Findings& findings) 
         findings.good(name, fmt::format("held by {}", names_of(use.holders)));
     } else {
         findings.problem(name, fmt::format("held by {}", names_of(use.holders)),
-                         "end that process: the daemon ends at once without its port");
+                         "stop that process; without its port the daemon exits at once");
     }
     return true;
 }
@@ -131,8 +133,9 @@ void check_ports(bool daemon_runs, Findings& findings) {
     const bool master = check_port(Transport::UDP, fmt::format("port {}/udp", PEER_PORT), findings);
     const bool slave = check_port(Transport::TCP, fmt::format("port {}/tcp", PEER_PORT), findings);
     if (daemon_runs && !master && !slave) {
-        findings.problem("daemon", "runs, but listens on no port",
-                         "it waits for a role (see above) or was asked to end: kill -9 ends it");
+        findings.problem(
+            "daemon", "runs, but listens on no port",
+            "it waits for a role (see above) or has obeyed SIGTERM; \"kill -9\" ends it");
     }
 }
 
@@ -145,7 +148,7 @@ bool check_daemons(Findings& findings) {
         findings.good("daemon", fmt::format("{} runs", describe(daemons.front())));
     } else {
         findings.problem("daemon", fmt::format("{} daemons: {}", daemons.size(), names_of(daemons)),
-                         "end all and start one");
+                         "stop all of them and start one");
     }
     return !daemons.empty();
 }
@@ -158,9 +161,9 @@ void check_semaphore(bool daemon_runs, Findings& findings) {
     } else if (daemon_runs) {
         findings.good("semaphore", fmt::format("id {}, in use", *id));
     } else {
-        findings.warning("semaphore",
-                         fmt::format("id {} left over by a daemon that was killed", *id),
-                         fmt::format("the next one takes it over; else \"ipcrm -s {}\"", *id));
+        findings.warning(
+            "semaphore", fmt::format("id {} left over by a daemon that was killed", *id),
+            fmt::format("the next daemon takes it over; or remove it with \"ipcrm -s {}\"", *id));
     }
 }
 

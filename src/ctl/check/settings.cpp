@@ -51,7 +51,7 @@ void check_master(const PairSettings& settings, Findings& findings) {
         findings.problem("master",
                          settings.master.empty()
                              ? "is missing or empty"
-                             : fmt::format("\"{}\" is no dotted address", settings.master),
+                             : fmt::format("\"{}\" is not a dotted IPv4 address", settings.master),
                          fmt::format(BY_STORE_PUT, KEY_MASTER, "ADDRESS"));
     }
 }
@@ -70,7 +70,7 @@ bool has_route(const std::string& address) {
 std::string path_fault(const std::string& path, const PairSettings& settings, bool seen,
                        const std::string& local) {
     if (!is_dotted_address(path)) {
-        return "is no dotted address";
+        return "is not a dotted IPv4 address";
     }
     if (path == settings.master) {
         return "is 'master' itself";
@@ -107,17 +107,17 @@ std::string check_address(const PairSettings& settings, Findings& findings) {
     std::string local(text_of(OwnedText(local_ip_list())));
     if (local.empty()) {
         findings.problem("address", "no interface eth* that is up has an IPv4 address",
-                         "bring one up; interfaces of other names do not count");
+                         "bring one up; interfaces with other names are ignored");
         return local;
     }
     for (const std::string_view address : split(local, ',')) {
         if (list_has(settings.server_list, address)) {
-            findings.good("address", fmt::format("{} is local and listed", address));
+            findings.good("address", fmt::format("{} is local and in 'server_list'", address));
             return local;
         }
     }
     findings.problem("address", fmt::format("{} is not in 'server_list'", local),
-                     "list the address of this host, or give it a listed one");
+                     "add this host's address to the list, or give the host a listed address");
     return local;
 }
 
@@ -127,7 +127,7 @@ void check_roles(const PairSettings& settings, const std::string& local, Finding
         findings.good("role", fmt::format("this host: {}", own.text));
     } else {
         findings.problem("role", fmt::format("this host: {}", own.text),
-                         "until that changes the daemon tries again every 5 s, without a word");
+                         "the daemon tries again every 5 s and does not log the reason");
     }
     for (const ConfiguredRole& other : configured_roles(settings)) {
         if (list_has(local, other.addresses) || !is_dotted_address(other.addresses)) {
@@ -147,8 +147,8 @@ void check_stamps(Findings& findings) {
     for (const DataSet& set : DATA_SETS) {
         if (!OwnedText(db_get(CONFIG_DB, set.stamp_key))) {
             findings.warning(set.stamp_key,
-                             "is missing: a slave fetches the set once and no change of it",
-                             fmt::format("\"quorsyncctl store bump {}\" makes one", set.name));
+                             "is missing: a slave fetches the set once and no later change",
+                             fmt::format("\"quorsyncctl store bump {}\" creates one", set.name));
         }
     }
 }

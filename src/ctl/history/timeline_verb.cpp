@@ -17,7 +17,7 @@
 namespace {
 
 constexpr const char* NOTES = R"(
-Starts, roles, take-overs with the time since the master's last answer, the way back, data sets with
+Starts, roles, take-overs with the time since the master's last answer, step-downs, data sets with
 their records and rates, fetches and failures. "flapping" and "re-sync" name what needs attention
 and lead to exit code 1.
 
@@ -83,7 +83,7 @@ int show_timeline(const Options& options) {
         since = parse_since(options.since, log_time_now());
         if (!since) {
             throw WrongUse("--since", "\"" + options.since +
-                                          "\" is no time; say "
+                                          "\" is not a time; use "
                                           "\"2026-11-16 03:00\", \"03:00\", \"2h\" or \"today\"");
         }
     }
@@ -112,7 +112,7 @@ int show_timeline(const Options& options) {
 
 void add_timeline(const Command& tool) {
     const auto options = std::make_shared<Options>();
-    tool.command("timeline", "Show what happened, by the daemon's logs.")
+    tool.command("timeline", "Show what happened, from the daemon's logs.")
         .notes(NOTES)
         .option("--since", options->since,
                 "Begin at a time, a day, or so long ago: 30m, 2h, 3d, today, yesterday")

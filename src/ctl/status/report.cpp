@@ -182,7 +182,7 @@ std::string role_text(const HostFacts& facts) {
             return fmt::format("none: waits, {}",
                                reason_text(static_cast<RoleReason>(page.role_reason.load())));
         case HostRole::STOPPED:
-            return "none: stopped its work on request; kill -9 ends the process";
+            return "none: has obeyed SIGTERM; \"kill -9\" ends the process";
         case HostRole::ACTING_MASTER:
             return fmt::format("acting master since {}", wall_text(page.take_over.wall));
         case HostRole::ENDED:
@@ -208,11 +208,11 @@ void add_text(Rows& rows, const char* label, const std::string& text) {
 void add_configured_role(const ConfiguredRole& configured, Rows& rows) {
     const int role = configured.decision.role;
     const Colour colour = role == 0 ? Colour::RED : Colour::PLAIN;
-    rows.push_back({{{"forecast"}, {escape(configured.text), colour}},
-                    {{"forecast", Json::object({{"role", role == ROLE_MASTER  ? "master"
-                                                         : role == ROLE_SLAVE ? "slave"
-                                                                              : "none"},
-                                                {"text", configured.text}})}}});
+    rows.push_back({{{"configured role"}, {escape(configured.text), colour}},
+                    {{"configured_role", Json::object({{"role", role == ROLE_MASTER  ? "master"
+                                                                : role == ROLE_SLAVE ? "slave"
+                                                                                     : "none"},
+                                                       {"text", configured.text}})}}});
 }
 
 void add_host(const HostFacts& facts, Rows& rows) {
@@ -286,7 +286,7 @@ void add_sets(const HostFacts& facts, Rows& rows) {
                  fmt::format("{}: {}", event_text(page.fetch_ended, facts),
                              result == 0
                                  ? "whole"
-                                 : fmt::format("failed with {}, \"quorsyncctl timeline\" tells why",
+                                 : fmt::format("failed with {}; \"quorsyncctl timeline\" shows why",
                                                result)));
     }
 }

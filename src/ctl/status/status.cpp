@@ -13,11 +13,11 @@
 namespace {
 
 constexpr const char* NOTES = R"(
-Role, daemon, boot services, stamps, heartbeats, take-overs, data sets and whether the pair is in
-sync, as this host knows it: from the daemon's state page /run/quorsyncd.state, its processes and
-its files. Exit code 1 with a line PROBLEM for each state that wants an operator: the daemon does
-not run, stands still or has no role; two run; this host has taken over; it is not in sync; a boot
-service is missing where this host serves, or runs where it stands by; the daily log cannot be
+Shows role, daemon, boot services, stamps, heartbeats, take-overs, data sets and whether the pair is
+in sync, as this host knows it: from the daemon's state page /run/quorsyncd.state, the processes and
+the files. The exit code is 1, with a line PROBLEM for each state that needs an operator: the daemon
+does not run, stands still or has no role; two run; this host has taken over; it is not in sync; a
+boot service is missing where this host serves, or runs where it stands by; the daily log cannot be
 written.
 
 Examples:
@@ -42,7 +42,7 @@ int show_status(const Options& options) {
     const HostFacts facts = host_facts();
     const Verdict verdict = judge(facts);
     if (!facts.config_failure.empty()) {
-        complain("{}; \"quorsyncctl check\" tells what helps", facts.config_failure);
+        complain("{}; \"quorsyncctl check\" shows the remedy", facts.config_failure);
     }
     const Rows rows = report_of(facts, verdict);
     if (options.json) {
@@ -59,7 +59,7 @@ int show_status(const Options& options) {
 
 void add_status(const Command& tool) {
     const auto options = std::make_shared<Options>();
-    tool.command("status", "Show this host of the pair at a glance.")
+    tool.command("status", "Show the state of this host and its daemon.")
         .notes(NOTES)
         .flag("--json", options->json, "Print machine-readable output")
         .flag("--follow", options->follow, "Print a line for each change until ended")

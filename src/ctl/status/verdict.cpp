@@ -40,9 +40,9 @@ std::string missing_sets(const StatePage& page) {
 SyncVerdict judge_beats(const HostFacts& facts, const PageTime& beat, const char* partner) {
     if (!is_fresh(beat, facts)) {
         return {InSync::CANNOT_TELL, beat.ever()
-                                         ? fmt::format("nothing heard of the {} for {}", partner,
+                                         ? fmt::format("nothing heard from the {} for {}", partner,
                                                        seconds_text(age_of(beat, facts)))
-                                         : fmt::format("nothing heard of the {}", partner)};
+                                         : fmt::format("nothing heard from the {}", partner)};
     }
     return {InSync::YES, {}};
 }
@@ -110,7 +110,7 @@ public:
         }
         if (sync.verdict == InSync::NO) {
             add("not_in_sync", sync.reason,
-                "if it lasts, \"quorsyncctl timeline\" on both servers tells what breaks it off");
+                "if it lasts, \"quorsyncctl timeline\" on both servers shows what interrupts it");
         }
         return std::move(problems_);
     }
@@ -159,13 +159,13 @@ void Judge::judge_role() {
     if (role_ == HostRole::WAITING) {
         const auto reason = static_cast<RoleReason>(page.role_reason.load());
         add("no_role", fmt::format("waits for a role: {}", reason_text(reason)),
-            "\"quorsyncctl check\" tells what is missing");
+            "\"quorsyncctl check\" shows what is missing");
     } else if (role_ == HostRole::STOPPED) {
-        add("stopped", "the slave has stopped its work on request; its process stays",
-            "\"systemctl restart quorsyncd\"; one started by hand ends by kill -9");
+        add("stopped", "the slave has obeyed SIGTERM; its process stays and does nothing",
+            "\"systemctl restart quorsyncd\"; \"kill -9\" ends one started by hand");
     } else if (role_ == HostRole::ACTING_MASTER) {
-        add("acting_master", fmt::format("serves in the place of {}", page.master_ip.get()),
-            "bring the master or the line to it back; this host steps down by itself");
+        add("acting_master", fmt::format("serves in place of {}", page.master_ip.get()),
+            "restore the master or the line to it; this host then steps down by itself");
     }
 }
 

@@ -122,12 +122,13 @@ std::string restored_path(const StoreOptions& options) {
 
 void check_copy(const StoreOptions& options, const std::string& path) {
     if (const int error = db_verify(options.place.c_str()); error != 0) {
-        throw WrongUse(options.place, fmt::format("is no sound copy: {}", store_error_text(error)));
+        throw WrongUse(options.place,
+                       fmt::format("is not a sound copy: {}", store_error_text(error)));
     }
     if (path == CLIENT_DB && !options.force && is_configured_slave()) {
         throw WrongUse(path,
                        "this host is the slave: the master's next set overwrites it; --force "
-                       "restores it all the same");
+                       "restores it anyway");
     }
 }
 
@@ -136,7 +137,7 @@ void check_copy(const StoreOptions& options, const std::string& path) {
 int load(const StoreOptions& options) {
     const std::vector<StoredRecord> records = read_place(options);
     if (records.empty()) {
-        complain("{}: holds no record; nothing is changed", options.place);
+        complain("{}: has no record; nothing is changed", options.place);
         return EXIT_FINE;
     }
     StoreOptions all = options;

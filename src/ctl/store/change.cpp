@@ -30,7 +30,7 @@ void check_text(const StoreOptions& options, const std::string& value) {
     }
     if (!fault.empty()) {
         throw WrongUse(escape(options.key),
-                       fmt::format("{}; --force stores it all the same", escape(fault)));
+                       fmt::format("{}; --force stores it anyway", escape(fault)));
     }
 }
 
@@ -45,7 +45,8 @@ void print_hints(const StoreOptions& options) {
         return;
     }
     if (const auto meant = similar_setting(options.key); !meant.empty()) {
-        complain("the daemon reads no \"{}\"; did you mean \"{}\"?", escape(options.key), meant);
+        complain("the daemon does not read \"{}\"; did you mean \"{}\"?", escape(options.key),
+                 meant);
     }
     if (needs_restart(options.key) && !processes_named(PROGRAM_NAME).empty()) {
         complain("\"{}\" takes effect when the daemon is restarted", options.key);
@@ -92,7 +93,7 @@ void check_change(const StoreOptions& options, const std::string& value) {
     if (path.find('/') == std::string::npos && access(path.c_str(), F_OK) != 0) {
         throw WrongUse("--file", "\"" + path +
                                      "\" is neither config, client or disk nor a file "
-                                     "here; a new one wants its whole path");
+                                     "here; a new one needs its full path");
     }
     if (!misfit.empty()) {
         throw WrongUse(options.key, misfit);
@@ -107,7 +108,7 @@ void check_place(const StoreOptions& options) {
     if (!options.force && is_mirrored(pair_replication(options)) && is_configured_slave()) {
         throw WrongUse(options.key,
                        "this host is the slave: change it on the master, which overwrites it here; "
-                       "--force changes it all the same");
+                       "--force changes it anyway");
     }
 }
 

@@ -68,8 +68,8 @@ int verify(const StoreOptions& options) {
     const std::unique_ptr<Store> store = db_open(options.path().c_str());
     if (store && store->damaged()) {
         complain(
-            "{} is damaged; a slave's client.db comes again from its master, any other file "
-            "from a backup",
+            "{} is damaged; a slave fetches client.db from its master again; restore any other "
+            "file from a backup",
             options.path());
         return EXIT_PROBLEM;
     }
@@ -108,7 +108,7 @@ int del(const StoreOptions& options) {
 
 void check_item(const StoreOptions& options) {
     if (options.value.empty() || options.value.find(',') != std::string::npos) {
-        throw WrongUse("ITEM", "is empty or holds the list's own \",\"");
+        throw WrongUse("ITEM", "is empty or contains the separator \",\"");
     }
 }
 
@@ -183,8 +183,8 @@ void check_clients(const StoreOptions& options) {
     std::string_view value;
     if (!clients || (clients->usable() && !StoreCursor(*clients).next(key, value))) {
         throw WrongUse(CLIENT_DB, fmt::format("{}: the slave would drop its clients; --force bumps "
-                                              "it all the same",
-                                              clients ? "holds no record" : "is missing"));
+                                              "it anyway",
+                                              clients ? "has no record" : "is missing"));
     }
 }
 
@@ -225,22 +225,22 @@ void add_key(const Command& operation, const SharedOptions& options) {
 
 void add_force(const Command& operation, const SharedOptions& options) {
     operation.flag("--force", options->force,
-                   "Even on the slave, or what the daemon cannot use, or an empty list");
+                   "Override a refusal: on a slave, an unusable value, an empty list");
 }
 
 // What a change of a record takes besides its key.
 void add_change_flags(const Command& operation, const SharedOptions& options) {
     add_force(operation, options);
-    operation.flag("--bump", options->bump, "Then raise the set's stamp, too")
-        .flag("--keep-dsver", options->keep_dsver, "Leave a slave's 'dsver' as it is");
+    operation.flag("--bump", options->bump, "Also give the data set a new stamp")
+        .flag("--keep-dsver", options->keep_dsver, "Do not renew 'dsver' on a slave");
 }
 
 void add_readers(const Command& verb, const SharedOptions& options) {
     add_key(add_operation(verb, "get", "Print the value of a key.", get, options), options);
     add_operation(verb, "dump", "Print all records as key=value.", dump, options)
-        .flag("--json", options->json, "As a JSON object")
-        .flag("--jsonl", options->json_lines, "As lines that \"store load\" reads");
-    add_operation(verb, "verify", "Examine whether the file is sound.", verify, options);
+        .flag("--json", options->json, "Print one JSON object")
+        .flag("--jsonl", options->json_lines, "Print JSON lines for \"store load\"");
+    add_operation(verb, "verify", "Verify that the file is not damaged.", verify, options);
 }
 
 void add_writers(const Command& verb, const SharedOptions& options) {
@@ -255,30 +255,30 @@ void add_writers(const Command& verb, const SharedOptions& options) {
     const Command del_verb = add_operation(verb, "del", "Delete a record.", del, options);
     add_key(del_verb, options);
     add_change_flags(del_verb, options);
-    add_with_value("list-add", "Add an item to a comma list.", list_add, "ITEM", "The item");
-    add_with_value("list-remove", "Take an item out of a comma list.", list_remove, "ITEM",
+    add_with_value("list-add", "Add an item to a comma-separated list.", list_add, "ITEM",
                    "The item");
+    add_with_value("list-remove", "Remove an item from a list.", list_remove, "ITEM", "The item");
 }
 
 void add_whole_files(const Command& verb, const SharedOptions& options) {
     const Command loading =
-        add_operation(verb, "load", "Store the records of JSON lines, all or none.", load, options);
+        add_operation(verb, "load", "Store records from JSON lines, all or none.", load, options);
     loading.argument("FILE", options->place,
                      "Lines of \"store dump --jsonl\"; - reads standard input");
     add_change_flags(loading, options);
 
     const Command saving = verb.command("backup", "Copy the stores of this host.");
-    saving.argument("DIRECTORY", options->place, "Where the copies go; it is made if it is missing")
+    saving.argument("DIRECTORY", options->place, "Where the copies go; created if missing")
         .runs([options] { return backup(*options); });
 
     const Command restoring =
-        add_operation(verb, "restore", "Put a copy in the place of a store.", restore, options);
+        add_operation(verb, "restore", "Replace a store with a copy.", restore, options);
     restoring.argument("COPY", options->place, "A file of \"store backup\"");
     add_force(restoring, options);
 }
 
 void add_bump(const Command& verb, const SharedOptions& options) {
-    const Command added = verb.command("bump", "Raise a version stamp: the slaves fetch the set.")
+    const Command added = verb.command("bump", "Give a data set a new stamp: the slave fetches it.")
                               .argument("SET", options->set, "config, client or dsver",
                                         {"config", "client", "dsver"});
     add_force(added, options);
