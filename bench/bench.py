@@ -12,7 +12,7 @@ import goals
 import limit
 import puts
 import report
-from experiments import Bench
+from experiments import Bench, Results
 from lab import LabError, WaitTimeout
 
 RELEASE = Path(__file__).resolve().parent.parent / "build/release"
@@ -40,21 +40,22 @@ def find_limit(build: Path, burden: limit.Burden) -> None:
 
 def measure(build: Path, quick: bool) -> None:
     """The fetches come on a pair of their own, when the other has ended."""
-    figures: dict[str, float] = {}
+    measured: list[Results] = []
 
     def work(bench: Bench) -> None:
         plan = experiments.QUICK if quick else experiments.DEFAULT
-        results = experiments.measure(bench, plan, report.progress)
-        report.show_results(results)
-        figures.update(goals.figures_of(results))
+        measured.append(experiments.measure(bench, plan, report.progress))
+        report.show_results(measured[0])
 
     on_a_pair(build, (), work)
     fetched = fetches.measure(build, rounds=3 if quick else 5, say=report.progress)
     report.show_fetches(fetched)
     stored = puts.measure(build)
     report.show_puts(stored)
-    figures.update(goals.fetch_figures(fetched) | goals.put_figures(stored))
+    figures = goals.figures_of(measured[0])
+    figures |= goals.fetch_figures(fetched) | goals.put_figures(stored)
     report.show_goals(goals.goals_of(figures))
+    report.show_table(measured[0], fetched, stored)
 
 
 def main() -> int:

@@ -62,6 +62,46 @@ def show_puts(puts: list[Put]) -> None:
         print(f"  flushes that take {put.flush} ms more: {put.daemon:.1f}, {put.baseline:.1f}")
 
 
+# The rows of the table in docs/figures.md, whose first column a test compares with these.
+SYNC = "100,000 clients, from the heartbeat to equal stores"
+PROCESSOR = "the same, processor time of both daemons"
+LOAD = "the same by `db5.3_dump` and `db5.3_load`"
+RSYNC = "the same file by `rsync`"
+BEATS = "heartbeats answered in a second"
+FETCH = "fetch of a slave's settings, MiB in a second"
+PUT = "one value stored, where a flush takes 8 ms"
+REST = "memory at rest, master and slave"
+
+
+def sync_rows(sizes: list[Sizes]) -> list[tuple[str, str, str]]:
+    known = next(each for each in sizes if each.clients == 100_000)
+    daemon, baseline, processor, load, rsync = (
+        f"{statistics.median(seconds):.1f} s"
+        for seconds in (known.daemon, known.baseline, known.processor, known.load, known.rsync)
+    )
+    return [
+        (SYNC, daemon, baseline),
+        (PROCESSOR, processor, ""),
+        (LOAD, "", load),
+        (RSYNC, "", rsync),
+    ]
+
+
+def show_table(results: Results, fetches: Fetches, puts: list[Put]) -> None:
+    """As docs/figures.md has it, to be pasted there."""
+    rest = " and ".join(f"{mib:.1f} MiB" for mib, _ in results.rests[-1].daemons)
+    slowest = puts[-1]
+    print("\n| what | daemon | plain program |\n|---|---|---|")
+    for row in [
+        *sync_rows(results.sizes),
+        (BEATS, f"{results.daemon_rate:,.0f}", f"{results.baseline_rate:,.0f}"),
+        (FETCH, f"{fetches.daemon_rate:,.0f}", f"{fetches.baseline_rate:,.0f}"),
+        (PUT, f"{slowest.daemon:.0f} ms", f"{slowest.baseline:.0f} ms"),
+        (REST, rest, ""),
+    ]:
+        print(f"| {' | '.join(row)} |")
+
+
 def show_goals(goals: list[Goal]) -> None:
     print("\nGoals")
     for goal in goals:
