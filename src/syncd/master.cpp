@@ -20,6 +20,7 @@
 #include "owned.h"
 #include "peer_message.h"
 #include "push.h"
+#include "reached_senders.h"
 #include "resolve.h"
 #include "signals.h"
 #include "stamps.h"
@@ -66,8 +67,17 @@ OwnedFd open_peer_socket() {
     return fd;
 }
 
+// Datagrams by their senders. One thread answers each kind, so that an answer which takes its time
+// delays none of another kind.
+struct Inboxes {
+    Inbox servers{"servers", MOST_OF_SERVERS};  // in server_list
+    Inbox reached{"strangers", MOST_OF_STRANGERS};
+    Inbox strangers{"strangers", MOST_OF_STRANGERS};
+    ReachedSenders reached_senders;
+};
+
 // Answers one datagram of `inbox` over a connection of its own; whoever sent it is answered.
-void answer(const Datagram& datagram, Inbox& inbox) {
+void answer(const Datagram& datagram, Inbox& inbox, ReachedSenders& reached) {
     const auto& [message, sender] = datagram;
     if (message.type == MSG_HEARTBEAT) {
         check_server_dsver(message.heartbeat);
@@ -78,6 +88,7 @@ void answer(const Datagram& datagram, Inbox& inbox) {
         const OwnedText ip(ip_to_string(sender.sin_addr.s_addr));
         log_message(msg::NO_SOCKET_TO_SLAVE, cause, ip.get(), "start_master", __LINE__);
     }
+    reached.note(sender.sin_addr.s_addr, !TcpPeerHasEnded(connection));
     if (message.type == MSG_DATA_REQUEST) {
         if (push_master_data(connection, sender, message.record)) {
             inbox.end_push(connection, datagram);
@@ -116,13 +127,13 @@ bool start_thread(Work work) {
 }
 
 // Answers what comes into `inbox`, until nothing more comes or the process is asked to stop.
-void answer_all(Inbox& inbox) {
+void answer_all(Inbox& inbox, ReachedSenders& reached) {
     while (slave_exit_requested != 1) {
         const std::optional<Datagram> datagram = inbox.next();
         if (!datagram) {
             return;
         }
-        answer(*datagram, inbox);
+        answer(*datagram, inbox, reached);
     }
 }
 
@@ -143,36 +154,40 @@ bool is_from_server(AddressList& servers, const Datagram& datagram) {
     return sender && servers.has(sender.get(), true);
 }
 
-// Receives everything. An answer that takes its time thus delays no datagram of another kind: an
-// address that cannot be reached never delays a server's answer.
-void receive_all(OwnedFd fd, Inbox& from_servers, Inbox& from_strangers) {
+// Receives everything.
+void receive_all(OwnedFd fd, Inboxes& inboxes) {
     AddressList servers(KEY_SERVER_LIST);
     while (slave_exit_requested != 1) {
         const std::optional<Datagram> datagram = receive(fd.get());
         if (!datagram) {
-            from_servers.close(errno);
+            inboxes.servers.close(errno);
             return;
         }
         const bool of_server = is_from_server(servers, *datagram);
         note_datagram(*datagram, of_server);
-        Inbox& inbox = of_server ? from_servers : from_strangers;
+        const bool reached = inboxes.reached_senders.has(datagram->sender.sin_addr.s_addr);
+        Inbox& inbox = of_server ? inboxes.servers
+                       : reached ? inboxes.reached
+                                 : inboxes.strangers;
         inbox.put(*datagram);
     }
 }
 
 // Serves until a receive fails or the process is asked to stop.
 void serve(OwnedFd fd) {
-    const auto from_servers = std::make_shared<Inbox>("servers", MOST_OF_SERVERS);
-    const auto from_strangers = std::make_shared<Inbox>("strangers", MOST_OF_STRANGERS);
+    const auto inboxes = std::make_shared<Inboxes>();
+    const auto answer_apart = [inboxes](Inbox Inboxes::*inbox) {
+        return start_thread(
+            [inboxes, inbox] { answer_all((*inboxes).*inbox, inboxes->reached_senders); });
+    };
     const int number = fd.release();
-    const bool apart = start_thread([from_strangers] { answer_all(*from_strangers); }) &&
-                       start_thread([number, from_servers, from_strangers] {
-                           receive_all(OwnedFd(number), *from_servers, *from_strangers);
-                       });
+    const bool apart =
+        answer_apart(&Inboxes::reached) && answer_apart(&Inboxes::strangers) &&
+        start_thread([number, inboxes] { receive_all(OwnedFd(number), *inboxes); });
     if (!apart) {
         return;  // the socket stays bound: no second master may start beside a broken one
     }
-    answer_all(*from_servers);
+    answer_all(inboxes->servers, inboxes->reached_senders);
     if (slave_exit_requested != 1) {
         log_message(msg::NOTHING_RECEIVED, strerror(errno));
     }

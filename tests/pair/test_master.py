@@ -136,6 +136,26 @@ def test_a_stranger_that_cannot_be_reached_delays_no_server(pair_factory):
         lab.wait_until(lambda: master.find_log("db:1"), LIMIT, "its turn")
 
 
+def test_a_stranger_that_cannot_be_reached_delays_no_second_line(pair_factory):
+    """The address of a slave's second line is in no list; it was reached before."""
+    pair = pair_factory(second_lines=True)
+    master, slave = pair.master, pair.slave
+    stranger = pair.lab.add_host("stranger")
+    pair.start()
+    master.line.cut(peer=slave.line)
+    lab.wait_until(
+        lambda: master.find_log(f"beat back to {slave.second_address}"), LIMIT, "the second line"
+    )
+    stranger.line.cut("in")
+    mark = slave.log_mark()
+    with stranger.line.open_socket(SOCK_DGRAM) as outlet:
+        for _ in range(7):
+            outlet.sendto(heartbeat(stranger.address, "20240101000000"), (master.address, PORT))
+            beat = slave.log_mark()
+            slave.wait_log("bottle=", LIMIT, beat)
+    assert not slave.find_log("become a master host", mark)
+
+
 def test_a_set_that_cannot_be_read_is_not_pushed(asked):
     master, _, peer = asked(clients=lab.realistic_clients(200))
     path = master.client.outer_path
