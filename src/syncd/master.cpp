@@ -166,9 +166,7 @@ void receive_all(OwnedFd fd, Inboxes& inboxes) {
         const bool of_server = is_from_server(servers, *datagram);
         note_datagram(*datagram, of_server);
         const bool reached = inboxes.reached_senders.has(datagram->sender.sin_addr.s_addr);
-        Inbox& inbox = of_server ? inboxes.servers
-                       : reached ? inboxes.reached
-                                 : inboxes.strangers;
+        Inbox& inbox = of_server ? inboxes.servers : reached ? inboxes.reached : inboxes.strangers;
         inbox.put(*datagram);
     }
 }
@@ -181,9 +179,8 @@ void serve(OwnedFd fd) {
             [inboxes, inbox] { answer_all((*inboxes).*inbox, inboxes->reached_senders); });
     };
     const int number = fd.release();
-    const bool apart =
-        answer_apart(&Inboxes::reached) && answer_apart(&Inboxes::strangers) &&
-        start_thread([number, inboxes] { receive_all(OwnedFd(number), *inboxes); });
+    const bool apart = answer_apart(&Inboxes::reached) && answer_apart(&Inboxes::strangers) &&
+                       start_thread([number, inboxes] { receive_all(OwnedFd(number), *inboxes); });
     if (!apart) {
         return;  // the socket stays bound: no second master may start beside a broken one
     }
