@@ -304,13 +304,15 @@ def test_left_over_services_end_without_an_address_too(pair, ctl):
 
 
 @pytest.mark.sanitizer
-def test_services_by_hand(pair, ctl):
+def test_services_by_hand(pair, ctl, daemon_path):
     code, _, complaint = ctl(pair.slave, "service", "start", "boot")
     assert code == WRONG_USE and "--force" in complaint and not pair.slave.services.running()
     for host, more in ((pair.slave, ["--force"]), (pair.master, [])):
         assert ctl(host, "service", "start", "boot", *more) == (FINE, "boot: started\n", "")
         assert host.services.running() == ["quordhcpd", "stagd"]
         assert host.config.get("dhcp") == b"on"
+        assert ctl(host, "service", "start", "boot", *more) == (FINE, "boot: ran already\n", "")
+        assert len(host.services.calls("stagd")) == 1
         # They keep nothing of the operator's terminal or pipe open.
         assert set(host.services.calls("stagd")[-1].descriptors.values()) == {"/dev/null"}
     # As a unit does before it starts the daemon: a slave's are left over, a master's are wanted.
@@ -318,8 +320,19 @@ def test_services_by_hand(pair, ctl):
     assert ctl(pair.master, "service", "stop", "boot", "--if-slave")[0] == FINE
     assert not pair.slave.services.running() and pair.slave.config.get("dhcp") is None
     assert pair.master.services.running() == ["quordhcpd", "stagd"]
-    assert ctl(pair.master, "service", "stop", "boot")[0] == FINE
+    code, out, _ = ctl(pair.master, "service", "status")
+    assert code == FINE and out.count(" (pid ") == out.count(" since 20") == 2
+    tool = pair.master.expose(daemon_path.parent / "quorsyncctl")
+    for verb in ("start", "stop"):
+        done = pair.master.run(["/usr/bin/setpriv", "--reuid=65534", tool, "service", verb, "boot"])
+        assert done.returncode == PROBLEM and b"run this as root" in done.stderr
+    pair.master.shell("killall -9 stagd")
+    code, out, _ = ctl(pair.master, "service", "status", "--json")
+    assert code == PROBLEM and [len(row["processes"]) for row in json.loads(out)] == [1, 0]
+    assert ctl(pair.master, "service", "stop", "boot") == (FINE, "boot: stopped\n", "")
     assert not pair.master.services.running()
+    assert ctl(pair.master, "service", "stop", "boot") == (FINE, "boot: did not run\n", "")
+    assert ctl(pair.master, "service", "status")[0] == CANNOT_TELL
 
     pair.master.services.remove("stagd")
     code, _, complaint = ctl(pair.master, "service", "start", "boot")

@@ -20,7 +20,6 @@ struct LogState {
     std::optional<LogTime> beat;
     std::optional<LogTime> answer;  // the beat before which the master last answered
     bool acting = false;            // it has taken over
-    bool services_left = false;     // it had when it stopped
     std::optional<LogTime> take_over;
     std::optional<LogTime> step_down;
     long role_changes = 0;  // take-overs and step-downs

@@ -150,7 +150,6 @@ void RoleEvents::stop(LogTime time) {
                     ? "stops its work on request, as acting master: its boot services stay"
                     : "stops its work on request; its process stays");
     state_.stop = time;
-    state_.services_left = state_.acting;
     state_.acting = false;
 }
 

@@ -206,10 +206,6 @@ std::vector<TimelineEvent> Timeline::finish() {
     return parts_->events.sorted();
 }
 
-const LogState& Timeline::state() const {
-    return parts_->state;
-}
-
 History read_history(const std::string& directory, std::optional<LogTime> since) {
     History history;
     const auto logs = daily_logs(directory);

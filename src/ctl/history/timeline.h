@@ -25,8 +25,6 @@ public:
     // After the last message: what has happened, in order of time.
     std::vector<TimelineEvent> finish();
 
-    const LogState& state() const;
-
 private:
     struct Parts;
     std::unique_ptr<Parts> parts_;

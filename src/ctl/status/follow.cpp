@@ -65,7 +65,7 @@ std::int64_t last_set_of(const StatePage& page) {
 
 }  // namespace
 
-Followed followed_of(const HostFacts& facts) {
+Followed followed_of(const DaemonState& facts) {
     const HostRole role = role_of(facts);
     Followed followed;
     followed.role = role == HostRole::ENDED ? "none: the daemon does not run" : role_name(role);
@@ -103,7 +103,7 @@ std::vector<std::string> changes_between(const Followed* before, const Followed&
 int follow_host() {
     std::optional<Followed> before;
     for (;; std::this_thread::sleep_for(LOOK_AGAIN)) {
-        const Followed now = followed_of(quick_facts());
+        const Followed now = followed_of(daemon_state());
         for (const std::string& line : changes_between(before ? &*before : nullptr, now)) {
             say("{}  {}", format_log_time(log_time_now()), line);
         }

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "ctl/status/host_facts.h"
+#include "ctl/daemon_state.h"
 
 // What of a host is followed.
 struct Followed {
@@ -23,7 +23,7 @@ struct Followed {
     std::int64_t fetches_whole = 0;
     std::int64_t fetches_failed = 0;
 };
-Followed followed_of(const HostFacts& facts);
+Followed followed_of(const DaemonState& facts);
 
 // The lines for what has changed: all that is there for the first one, when `before` is null.
 std::vector<std::string> changes_between(const Followed* before, const Followed& now);

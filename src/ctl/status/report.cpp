@@ -8,7 +8,7 @@
 #include <string>
 
 #include "ctl/console.h"
-#include "ctl/history/log_reader.h"
+#include "ctl/moments.h"
 #include "ctl/status/counters.h"
 #include "ctl/verbs.h"
 #include "keys.h"
@@ -22,8 +22,12 @@ using Milliseconds = std::chrono::milliseconds;
 
 // --- Pieces --------------------------------------------------------------------------------------
 
-LogTime log_time_of(std::time_t time) {
-    return log_time_now() - Seconds(std::time(nullptr) - time);
+std::time_t whole_seconds(std::int64_t nanoseconds) {
+    return nanoseconds / 1'000'000'000;
+}
+
+std::string wall_text(std::int64_t nanoseconds) {
+    return moment_text(whole_seconds(nanoseconds));
 }
 
 long seconds_since(const PageTime& time, const HostFacts& facts) {
@@ -37,30 +41,11 @@ std::string event_text(const PageTime& time, const HostFacts& facts) {
 }
 
 Json json_event(const PageTime& time, const HostFacts& facts) {
-    return time.ever() ? Json::object({{"time", wall_text(time.wall)},
-                                       {"seconds_ago", seconds_since(time, facts)}})
-                       : Json();
+    return time.ever() ? json_moment(whole_seconds(time.wall), seconds_since(time, facts)) : Json();
 }
 
 Json milliseconds(std::int64_t nanoseconds) {
     return std::chrono::duration_cast<Milliseconds>(std::chrono::nanoseconds(nanoseconds)).count();
-}
-
-std::string processes_text(const std::vector<ProcessInfo>& processes) {
-    std::string text;
-    for (const ProcessInfo& process : processes) {
-        text += fmt::format("{}{} since {}", text.empty() ? "" : ", ", describe(process),
-                            format_log_time(log_time_of(process.since)));
-    }
-    return text.empty() ? "none runs" : text;
-}
-
-Json json_of(const std::vector<ProcessInfo>& processes) {
-    return json_list(processes, [](const ProcessInfo& process) {
-        return Json::object({{"name", process.name},
-                             {"pid", process.pid},
-                             {"since", format_log_time(log_time_of(process.since))}});
-    });
 }
 
 std::string setting(const HostFacts& facts, const char* key) {
@@ -335,10 +320,6 @@ void add_problems(const HostFacts& facts, const Verdict& verdict, Rows& rows) {
 }
 
 }  // namespace
-
-std::string wall_text(std::int64_t nanoseconds) {
-    return format_log_time(log_time_of(nanoseconds / 1'000'000'000));
-}
 
 Rows report_of(const HostFacts& facts, const Verdict& verdict) {
     Rows rows;

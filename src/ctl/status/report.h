@@ -7,6 +7,3 @@
 #include "ctl/status/verdict.h"
 
 Rows report_of(const HostFacts& facts, const Verdict& verdict);
-
-// "2026-11-21 06:19:13", of wall time in nanoseconds.
-std::string wall_text(std::int64_t nanoseconds);

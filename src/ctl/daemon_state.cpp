@@ -1,0 +1,79 @@
+#include "ctl/daemon_state.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "log.h"
+#include "role.h"
+
+namespace {
+
+void read_page(DaemonState& state) {
+    const StatePageView view;
+    if (view.get() == nullptr) {
+        state.no_page = view.error() == EPROTO
+                            ? fmt::format("{} is of another version of the daemon", STATE_PAGE)
+                            : fmt::format("{}: {}", STATE_PAGE, strerror(view.error()));
+    } else if (!state.daemons.empty() && !is_alive(*view.get())) {
+        state.no_page = fmt::format("{} is of a process that has ended (pid {})", STATE_PAGE,
+                                    view.get()->pid.load());
+    } else {
+        state.page = copy_of(*view.get());
+    }
+}
+
+std::int64_t monotonic_now() {
+    timespec time{};
+    (void)clock_gettime(CLOCK_MONOTONIC, &time);
+    return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
+}
+
+}  // namespace
+
+DaemonState daemon_state() {
+    DaemonState state;
+    state.daemons = processes_named(PROGRAM_NAME);
+    read_page(state);
+    for (const char* name : BOOT_SERVICES) {
+        const auto found = processes_named(name);
+        state.services.insert(state.services.end(), found.begin(), found.end());
+    }
+    state.now = monotonic_now();
+    return state;
+}
+
+HostRole role_of(const DaemonState& state) {
+    if (state.daemons.empty()) {
+        return HostRole::ENDED;
+    }
+    if (state.page == nullptr) {
+        return HostRole::UNKNOWN;
+    }
+    const auto phase = static_cast<PagePhase>(state.page->phase.load());
+    if (phase != PagePhase::SERVING) {
+        return phase == PagePhase::STOPPED ? HostRole::STOPPED : HostRole::WAITING;
+    }
+    const auto role = state.page->role.load();
+    return role == ROLE_MASTER          ? HostRole::MASTER
+           : role == ROLE_ACTING_MASTER ? HostRole::ACTING_MASTER
+                                        : HostRole::SLAVE;
+}
+
+const char* role_name(HostRole role) {
+    constexpr const char* NAMES[] = {"unknown", "ended", "none",         "stopped",
+                                     "master",  "slave", "acting master"};
+    return NAMES[static_cast<std::size_t>(role)];
+}
+
+bool runs(const std::vector<ProcessInfo>& processes, const char* name) {
+    return std::any_of(processes.begin(), processes.end(),
+                       [name](const ProcessInfo& process) { return process.name == name; });
+}
+
+std::chrono::nanoseconds age_of(const PageTime& time, const DaemonState& state) {
+    return std::chrono::nanoseconds(std::max<std::int64_t>(state.now - time.monotonic, 0));
+}

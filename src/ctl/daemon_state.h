@@ -1,0 +1,46 @@
+// What the daemon of this host is at present: its processes, those of the boot services, and its
+// state page. No log.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "ctl/proc_info.h"
+#include "state_page.h"
+
+struct DaemonState {
+    std::vector<ProcessInfo> daemons;
+    std::vector<ProcessInfo> services;  // the boot services that run
+
+    // A copy of the page of a daemon that runs or, where none does, of the last one.
+    std::shared_ptr<const StatePage> page;
+    std::string no_page;   // why there is none
+    std::int64_t now = 0;  // CLOCK_MONOTONIC in nanoseconds
+};
+
+// The programs that serve clients.
+inline constexpr const char* BOOT_SERVICES[] = {"quordhcpd", "stagd"};
+
+DaemonState daemon_state();
+
+enum class HostRole {
+    UNKNOWN,  // a daemon runs, but has no page
+    ENDED,    // no daemon runs
+    WAITING,
+    STOPPED,  // its process stays and does nothing
+    MASTER,
+    SLAVE,
+    ACTING_MASTER,
+};
+HostRole role_of(const DaemonState& state);
+
+// "acting master".
+const char* role_name(HostRole role);
+
+bool runs(const std::vector<ProcessInfo>& processes, const char* name);
+
+// How long ago that was.
+std::chrono::nanoseconds age_of(const PageTime& time, const DaemonState& state);
