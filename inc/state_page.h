@@ -69,6 +69,8 @@ struct PageTransferNow {
     PageNumber records;
     PageNumber bytes;
     PageTime since;
+    PageNumber moved;  // CLOCK_MONOTONIC of its last step: asked for, begun, a record, its end
+    PageNumber tries;  // sets begun one soon after the other without a new stamp at their end
 };
 
 // Since the start of the daemon.
@@ -97,7 +99,7 @@ struct PageCounters {
 // A change of the layout needs another LAYOUT: readers refuse what they do not know.
 struct StatePage {
     static constexpr std::int64_t MAGIC = 0x4554415453435351;  // "QSCSTATE"
-    static constexpr std::int64_t LAYOUT = 1;
+    static constexpr std::int64_t LAYOUT = 2;
 
     PageNumber magic;
     PageNumber layout;
@@ -118,13 +120,16 @@ struct StatePage {
     PageTime heartbeat_sent;      // by a slave
     PageTime heartbeat_received;  // by a master, from a configured server
     PageTime heartbeat_answered;  // received by a slave, or sent to that server by a master
-    PageTime stamps_compared;     // by a slave, with those of an answer
+    PageNumber unanswered;        // heartbeats of a master since the last one that it answered
+    std::array<PageText<16>, PAGE_DATA_SETS> answered_stamps;  // that a master sent last
+    PageTime stamps_compared;  // by a slave, with those of an answer
     PageNumber sets_missing;   // bit per kind: stamps differ on a slave; on a master asked for, and
                                // not pushed whole since
     PageNumber quiet_answers;  // of a master since the last request or whole push
     PageNumber partner;        // of a master: the configured server that sent the last heartbeat
 
     PageTime take_over;
+    std::array<PageNumber, 2> take_overs_before;  // CLOCK_MONOTONIC of the two before that one
     PageTime step_down;
     PageTime services_started;   // by the last take-over
     PageNumber services_result;  // PageResult
@@ -143,7 +148,7 @@ struct StatePage {
     PageCounters counters;
 };
 static_assert(std::is_standard_layout_v<StatePage> && alignof(StatePage) == 8);
-static_assert(sizeof(StatePage) == 1136, "another layout needs another LAYOUT");
+static_assert(sizeof(StatePage) == 1448, "another layout needs another LAYOUT");
 
 // Makes the page of this process and publishes it, with what it holds so far. 0 or an errno; EBUSY
 // where the page belongs to another daemon that is at work. Before other threads are started.
@@ -200,7 +205,8 @@ void services_started(bool success, std::string_view text);
 // Master. Addresses are in network byte order.
 void heartbeat_received(std::uint32_t server);
 void request_received(std::uint32_t kind);
-void answer_sent(std::uint32_t address);
+void answer_sent(std::uint32_t address, std::string_view config_stamp,
+                 std::string_view client_stamp);
 void fetch_begins(std::string_view server);
 int fetch_ends(int result);  // returns it
 

@@ -19,6 +19,9 @@
 
 namespace {
 
+// A set that is begun so long after the last step of the one before is no repetition of it.
+constexpr std::int64_t PAUSE = 60'000'000'000;
+
 constexpr int MOST_READS = 1000;  // of a text that is being changed, or was when its writer died
 
 StatePage& unpublished() {
@@ -86,6 +89,22 @@ void set_phase(PagePhase phase) {
 
 std::int64_t bit_of(std::uint32_t kind) {
     return kind < 63 ? std::int64_t{1} << kind : 0;
+}
+
+// Cheap enough for each record.
+void note_step(PageTransferNow& transfer) {
+    const std::int64_t time = now(CLOCK_MONOTONIC_COARSE);
+    if (time - transfer.moved > PAUSE) {
+        transfer.tries = 0;
+    }
+    transfer.moved = time;
+}
+
+void add_missing(StatePage& page, std::int64_t bits) {
+    if ((bits & ~page.sets_missing) != 0) {
+        note_step(page.transfer);  // not for a repeated request: nothing may come of any
+    }
+    page.sets_missing |= bits;
 }
 
 }  // namespace
@@ -210,6 +229,7 @@ std::shared_ptr<const StatePage> copy_of(const StatePage& page) {
     copy_text(copy->fetch_server, page.fetch_server);
     for (std::size_t n = 0; n < PAGE_DATA_SETS; ++n) {
         copy_text(copy->sets[n].stamp, page.sets[n].stamp);
+        copy_text(copy->answered_stamps[n], page.answered_stamps[n]);
     }
     return copy;
 }
@@ -266,13 +286,18 @@ void answer_received() {
 
 void stamps_compared(bool config_differs, bool clients_differ) {
     StatePage& page = own();
-    page.sets_missing = (config_differs ? bit_of(1) : 0) | (clients_differ ? bit_of(2) : 0);
+    const std::int64_t missing =
+        (config_differs ? bit_of(1) : 0) | (clients_differ ? bit_of(2) : 0);
+    add_missing(page, missing);
+    page.sets_missing = missing;
     page.stamps_compared.set_now();
 }
 
 void takes_over(int role, int status) {
     StatePage& page = own();
     page.services_result = static_cast<std::int64_t>(PageResult::NONE);
+    page.take_overs_before[1] = page.take_overs_before[0].load();
+    page.take_overs_before[0] = page.take_over.monotonic.load();
     page.take_over.set_now();
     page.status = status;
     page.role = role;
@@ -299,23 +324,38 @@ void heartbeat_received(std::uint32_t server) {
     StatePage& page = own();
     page.partner = server;
     page.heartbeat_received.set_now();
+    ++page.unanswered;
     ++page.counters.heartbeats_received;
 }
 
 void request_received(std::uint32_t kind) {
     StatePage& page = own();
-    page.sets_missing |= kind == 0 ? bit_of(1) | bit_of(2) : bit_of(kind);
+    add_missing(page, kind == 0 ? bit_of(1) | bit_of(2) : bit_of(kind));
     page.quiet_answers = 0;
     ++page.counters.requests;
 }
 
-void answer_sent(std::uint32_t address) {
+void answer_sent(std::uint32_t address, std::string_view config_stamp,
+                 std::string_view client_stamp) {
     StatePage& page = own();
     ++page.counters.answers;
-    if (page.partner == address) {
-        page.heartbeat_answered.set_now();
-        ++page.quiet_answers;
+    if (page.partner != address) {
+        return;
     }
+    const std::array<std::string_view, PAGE_DATA_SETS> stamps = {config_stamp, client_stamp};
+    for (std::size_t n = 0; n < PAGE_DATA_SETS; ++n) {
+        const std::string before = page.answered_stamps[n].get();
+        if (before != stamps[n]) {
+            page.answered_stamps[n].set(stamps[n]);
+        }
+        if (!before.empty() && before != stamps[n]) {
+            add_missing(page, bit_of(static_cast<std::uint32_t>(n + 1)));
+            page.quiet_answers = 0;  // those were to another stamp
+        }
+    }
+    page.heartbeat_answered.set_now();
+    page.unanswered = 0;
+    ++page.quiet_answers;
 }
 
 void fetch_begins(std::string_view server) {
@@ -336,6 +376,7 @@ int fetch_ends(int result) {
 
 void records_sent(std::size_t records, std::size_t bytes, std::size_t failed) {
     StatePage& page = own();
+    note_step(page.transfer);
     page.transfer.records += static_cast<std::int64_t>(records);
     page.transfer.bytes += static_cast<std::int64_t>(bytes);
     page.counters.records_sent += static_cast<std::int64_t>(records);
@@ -362,11 +403,13 @@ void lines_written(std::string_view lines, int error) {
 void Transfer::begins(std::uint32_t kind) {
     ends(false, {});
     kind_ = kind;
-    PageTransferNow& now = own().transfer;
-    now.records = 0;
-    now.bytes = 0;
-    now.since.set_now();
-    now.kind = kind;
+    PageTransferNow& begun = own().transfer;
+    note_step(begun);
+    ++begun.tries;
+    begun.records = 0;
+    begun.bytes = 0;
+    begun.since.set_now();
+    begun.kind = kind;
     ++own().counters.transfers_begun;
 }
 
@@ -374,6 +417,7 @@ void Transfer::receives(std::uint32_t kind, std::size_t bytes) {
     if (kind_ != kind) {
         begins(kind);
     }
+    note_step(own().transfer);
     ++own().transfer.records;
     own().transfer.bytes += static_cast<std::int64_t>(bytes);
 }
@@ -386,13 +430,17 @@ bool Transfer::ends(bool whole, std::string_view stamp) {
     ++(whole ? page.counters.transfers_whole : page.counters.transfers_broken);
     if (whole && kind_ <= PAGE_DATA_SETS) {
         PageDataSet& set = page.sets[kind_ - 1];
-        set.stamp.set(stamp);
+        if (set.stamp.get() != stamp) {
+            set.stamp.set(stamp);
+            page.transfer.tries = 0;
+        }
         set.records = std::max<std::int64_t>(page.transfer.records - 1, 0);
         set.duration = now(CLOCK_MONOTONIC) - page.transfer.since.monotonic;
         set.done.set_now();
         page.sets_missing &= ~bit_of(kind_);
         page.quiet_answers = 0;
     }
+    note_step(page.transfer);
     page.transfer.kind = 0;
     kind_ = 0;
     return whole;

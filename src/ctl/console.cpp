@@ -74,6 +74,14 @@ std::string counted(std::size_t count, std::string_view noun) {
     return fmt::format("{} {}{}", count, noun, count == 1 ? "" : "s");
 }
 
+std::string grouped(std::int64_t number) {
+    std::string text = std::to_string(number);
+    for (std::size_t end = text.size(); end > 3; end -= 3) {
+        text.insert(end - 3, ",");
+    }
+    return text;
+}
+
 std::string age_text(long seconds) {
     if (seconds < 120) {
         return fmt::format("{} s", std::max(seconds, 0L));

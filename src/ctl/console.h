@@ -37,6 +37,9 @@ std::string escape(std::string_view text);
 // "7 records", "1 record".
 std::string counted(std::size_t count, std::string_view noun);
 
+// "43,000".
+std::string grouped(std::int64_t number);
+
 // "119 s", "2 min", "3 h", "2 days"; a negative age, of a clock that was set, is none.
 std::string age_text(long seconds);
 

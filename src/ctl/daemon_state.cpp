@@ -8,6 +8,7 @@
 #include <ctime>
 
 #include "log.h"
+#include "peer_message.h"
 #include "role.h"
 
 namespace {
@@ -42,6 +43,7 @@ DaemonState daemon_state() {
         const auto found = processes_named(name);
         state.services.insert(state.services.end(), found.begin(), found.end());
     }
+    state.unread = has_unread_datagrams(PEER_PORT);
     state.now = monotonic_now();
     return state;
 }

@@ -18,6 +18,7 @@ struct DaemonState {
     // A copy of the page of a daemon that runs or, where none does, of the last one.
     std::shared_ptr<const StatePage> page;
     std::string no_page;   // why there is none
+    bool unread = false;   // datagrams wait at the daemon's port
     std::int64_t now = 0;  // CLOCK_MONOTONIC in nanoseconds
 };
 

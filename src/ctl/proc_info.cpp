@@ -109,9 +109,10 @@ std::vector<ProcessInfo> holders_of(const std::function<bool(const std::string&)
     return holders;
 }
 
-// Adds the inodes of the sockets in a table such as /proc/net/udp that hold the port.
-void add_socket_inodes(const char* table, bool listening, std::uint16_t port,
-                       std::set<std::string>& inodes) {
+// Calls `visit` with the columns of each socket that holds the port in a table such as
+// /proc/net/udp.
+void visit_sockets(const char* table, std::uint16_t port,
+                   const std::function<void(const std::vector<std::string>&)>& visit) {
     std::ifstream file(table);
     const std::string port_text = fmt::format(":{:04X}", port);
     std::string line;
@@ -120,13 +121,23 @@ void add_socket_inodes(const char* table, bool listening, std::uint16_t port,
         std::istringstream columns(line);
         const std::vector<std::string> fields{std::istream_iterator<std::string>(columns), {}};
         constexpr std::size_t LOCAL = 1;
-        constexpr std::size_t STATE = 3;
-        constexpr std::size_t INODE = 9;
-        if (fields.size() > INODE && fields[LOCAL].ends_with(port_text) &&
-            (!listening || fields[STATE] == TCP_LISTENING)) {
-            inodes.insert(fields[INODE]);
+        constexpr std::size_t LAST = 9;
+        if (fields.size() > LAST && fields[LOCAL].ends_with(port_text)) {
+            visit(fields);
         }
     }
+}
+
+// Adds the inodes of those sockets; of TCP only the listening ones.
+void add_socket_inodes(const char* table, bool listening, std::uint16_t port,
+                       std::set<std::string>& inodes) {
+    visit_sockets(table, port, [&](const std::vector<std::string>& fields) {
+        constexpr std::size_t STATE = 3;
+        constexpr std::size_t INODE = 9;
+        if (!listening || fields[STATE] == TCP_LISTENING) {
+            inodes.insert(fields[INODE]);
+        }
+    });
 }
 
 }  // namespace
@@ -172,6 +183,15 @@ PortUse port_use(Transport transport, std::uint16_t port) {
         });
     }
     return use;
+}
+
+bool has_unread_datagrams(std::uint16_t port) {
+    bool found = false;
+    visit_sockets("/proc/net/udp", port, [&found](const std::vector<std::string>& fields) {
+        constexpr std::size_t QUEUES = 4;  // "TX:RX"
+        found = found || !fields[QUEUES].ends_with(":00000000");
+    });
+    return found;
 }
 
 std::vector<ProcessInfo> pipe_readers(const std::string& path) {

@@ -32,6 +32,9 @@ struct PortUse {
 enum class Transport { UDP, TCP };
 PortUse port_use(Transport transport, std::uint16_t port);
 
+// Whether datagrams wait to be read at a local IPv4 port.
+bool has_unread_datagrams(std::uint16_t port);
+
 // Who has the pipe at `path` open for reading.
 std::vector<ProcessInfo> pipe_readers(const std::string& path);
 

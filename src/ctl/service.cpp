@@ -234,7 +234,8 @@ int show_boot_services(bool json) {
 
 void add_service(const Command& tool) {
     const Command verb =
-        tool.command("service", "Start and stop the boot services of this host, or show them.").notes(NOTES);
+        tool.command("service", "Start and stop the boot services of this host, or show them.")
+            .notes(NOTES);
     const auto options = std::make_shared<Options>();
     const Command starts = verb.command("start", "Start a service.");
     const Command stops = verb.command("stop", "Stop a service.");

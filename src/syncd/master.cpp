@@ -203,7 +203,7 @@ void send_beat_back(int connection, const sockaddr_in& sender) {
     if (TcpSendAllWithin(connection, &message, sizeof message, patience) != 0) {
         log_message(msg::BEAT_BACK_NOT_SENT, strerror(errno));
     } else {
-        page::answer_sent(sender.sin_addr.s_addr);
+        page::answer_sent(sender.sin_addr.s_addr, stamps.config, stamps.client);
     }
 }
 

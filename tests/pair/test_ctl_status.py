@@ -2,6 +2,7 @@
 
 import json
 import subprocess
+from datetime import datetime
 from pathlib import Path
 from signal import SIGCONT, SIGSTOP, SIGTERM
 
@@ -70,6 +71,9 @@ def test_a_pair_that_is_well(pair_factory, ctl, becomes):
         assert ctl(master, "service", "start", "boot")[0] == FINE
         status = becomes(slave, FINE)
         state = status["state"]
+        started = state["started"]
+        moment = datetime.fromisoformat(started["time"] + started["zone"])
+        assert moment.timestamp() == started["epoch"]
         assert (status["role"], state["master"]) == ("slave", str(master.address))
         assert state["sets"]["client"]["records"] == 50
         assert state["counters"]["records_stored"] == 52
@@ -107,7 +111,7 @@ def test_what_an_operator_must_act_on(serving, ctl, told, becomes):
     assert status["configured_role"]["role"] == "slave"
     assert status["state"]["services_start"]["result"] == "success"
     assert status["state"]["counters"]["heartbeats_missed"] >= 3
-    becomes(master, CANNOT_TELL)
+    becomes(master, PROBLEM, "slave_silent")
     slave.shell("killall -9 stagd")
     becomes(slave, PROBLEM, "acting_master", "service_missing")
     master.line.heal()
@@ -118,6 +122,38 @@ def test_what_an_operator_must_act_on(serving, ctl, told, becomes):
     pair.slave_daemon.kill()
     status = becomes(slave, PROBLEM, "daemon_missing")
     assert status["role"] == "ended" and status["state"]["counters"]["step_downs"] == 1
+
+
+def test_an_ordinary_push_is_no_problem_at_any_time(pair_factory, ctl, told, becomes):
+    pair = pair_factory(clients=realistic_clients(30_000))
+    pair.start()
+    assert ctl(pair.master, "service", "start", "boot")[0] == FINE
+    hosts = (pair.master, pair.slave)
+    for host in hosts:
+        becomes(host, FINE)
+    pair.master.client.put("new", "record")
+    wait_until(lambda: told(pair.master)[2]["warnings"], LIMIT, "a warning")
+    assert ctl(pair.master, "store", "bump", "client")[0] == FINE
+    seen = []
+
+    def whole():
+        seen.extend(told(host) for host in hosts)
+        return all(
+            status["state"]["sets"]["client"]["records"] == 30_001
+            and status["in_sync"]["verdict"] == "yes"
+            for _, _, status in seen[-2:]
+        )
+
+    wait_until(whole, LIMIT, "the new list on both")
+    assert {(code, *names) for code, names, _ in seen} == {(FINE,)}
+    masters = [status for _, _, status in seen[::2]]
+    early = [each for each in masters if each["state"]["sets"]["client"]["records"] == 30_000]
+    assert early and all(each["in_sync"]["verdict"] == "copying" for each in early)
+    reasons = [status["in_sync"]["reason"] for _, _, status in seen]
+    assert any(" of about 30,000 records of the client set" in reason for reason in reasons)
+    assert seen[-2][2]["warnings"] == []
+    code, line, _ = ctl(pair.master, "status", "--nagios")
+    assert code == FINE and line.startswith("QUORSYNCD OK - master, in sync: ")
 
 
 @pytest.mark.parametrize("log", ["read-only", "missing"])

@@ -81,6 +81,28 @@ TEST_F(StatePageFile, TellsWhatHappenedBeforeAndAfterItWasPublished) {
     EXPECT_EQ(seen.sets[1].records, 2);
     EXPECT_EQ(seen.sets[1].stamp.get(), "stamp");
     EXPECT_EQ(seen.counters.transfers_whole, whole + 1);
+    EXPECT_EQ(seen.transfer.tries, 0);
+    for (int n = 1; n <= 3; ++n) {
+        push.begins(2);
+        push.ends(n != 2, "stamp");
+        EXPECT_EQ(seen.transfer.tries, n) << "nothing new has come of it";
+    }
+
+    page::heartbeat_received(7);
+    page::answer_sent(8, "a", "b");
+    EXPECT_EQ(seen.unanswered, 1);
+    page::answer_sent(7, "a", "b");
+    page::answer_sent(7, "a", "b");
+    EXPECT_EQ(std::pair(seen.unanswered.load(), seen.sets_missing.load()), std::pair(0L, 0L));
+    EXPECT_GE(seen.quiet_answers, 2);
+    page::answer_sent(7, "a", "c");
+    EXPECT_EQ(seen.quiet_answers, 1) << "the slave has yet to react to another stamp";
+    EXPECT_NE(seen.sets_missing, 0);
+
+    const auto second = seen.take_over.monotonic.load();
+    page::takes_over(1, 2);
+    page::takes_over(1, 2);
+    EXPECT_EQ(seen.take_overs_before[1], second);
 }
 
 TEST_F(StatePageFile, OfADaemonAtWorkIsNotReplaced) {

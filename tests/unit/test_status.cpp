@@ -1,11 +1,14 @@
 // What `status` makes of a state page and the processes.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <ctime>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "ctl/status/follow.h"
+#include "ctl/status/nagios.h"
 #include "ctl/status/verdict.h"
 #include "ctl/verbs.h"
 #include "role.h"
@@ -31,7 +34,8 @@ struct Host {
         facts.now = NOW;
         page->phase = static_cast<std::int64_t>(PagePhase::SERVING);
         page->role = role;
-        for (PageTime* time : {&page->period, &page->heartbeat_answered, &page->stamps_compared}) {
+        for (PageTime* time : {&page->period, &page->heartbeat_answered, &page->stamps_compared,
+                               &page->heartbeat_received}) {
             set(*time, 1);
         }
         page->quiet_answers = 2;
@@ -55,6 +59,9 @@ struct Host {
         names.push_back(std::to_string(exit_code_of(facts, verdict)));
         return names;
     }
+
+    // The data set under way came on so long ago.
+    void moves(long seconds_ago = 1) const { page->transfer.moved = NOW - seconds_ago * SECOND; }
 
     std::shared_ptr<StatePage> page = std::make_shared<StatePage>();
     HostFacts facts;
@@ -111,6 +118,116 @@ TEST(Status, OfAMaster) {
     set(host.page->heartbeat_answered, 11);
     set(host.page->period, 500);  // a master has none
     EXPECT_THAT(host.told(), ElementsAre("3"));
+    host.page->unanswered = 6;
+    EXPECT_THAT(host.told(), ElementsAre("no_answers", "1"));
+    host.moves();
+    host.page->transfer.kind = 2;
+    EXPECT_THAT(host.told(), ElementsAre("0")) << "a push holds the answers up";
+    set(host.page->heartbeat_received, 11);
+    EXPECT_THAT(host.told(), ElementsAre("slave_silent", "1"));
+    host.facts.unread = true;
+    EXPECT_THAT(host.told(), ElementsAre("stands_still", "1"));
+    host = Host(ROLE_MASTER);
+    host.page->heartbeat_received.monotonic = 0;
+    EXPECT_THAT(host.told(), ElementsAre("0")) << "it has just begun to serve";
+    set(host.page->period, 11);
+    EXPECT_THAT(host.told(), ElementsAre("slave_silent", "1"));
+}
+
+TEST(Status, OfACopyUnderWay) {
+    for (const int role : {ROLE_MASTER, ROLE_SLAVE}) {
+        Host host(role);
+        host.page->quiet_answers = 0;
+        host.page->sets_missing = 1 << 2;
+        host.moves();
+        EXPECT_THAT(host.told(), ElementsAre("0")) << "asked for";
+        set(host.page->heartbeat_answered, 60);
+        set(host.page->stamps_compared, 60);
+        host.page->transfer.kind = 2;
+        host.page->transfer.records = 43'000;
+        EXPECT_EQ(judge(host.facts).sync.reason, "43,000 records of the client set");
+        host.facts.list_records = 99'999;
+        EXPECT_EQ(judge(host.facts).sync.reason,
+                  "43,000 of about 99,999 records of the client set");
+        host.page->sets[1].records = 100'000;
+        set(host.page->sets[1].done, 500);
+        EXPECT_THAT(judge(host.facts).sync.reason, HasSubstr(" about 100,000 "));
+        EXPECT_THAT(host.told(), ElementsAre("0"));
+        host.page->transfer.tries = 3;
+        EXPECT_THAT(host.told(), ElementsAre("not_in_sync", "1"));
+        host.page->transfer.tries = 1;
+        host.moves(11);
+        EXPECT_THAT(host.told(), ElementsAre("not_in_sync", "1"));
+        EXPECT_THAT(judge(host.facts).sync.reason, HasSubstr("stands still at 43,000 of"));
+        host.page->transfer.kind = 0;
+        host.page->sets_missing = 0;
+        set(host.page->sets[1].done, 2);
+        EXPECT_THAT(host.told(), ElementsAre("0")) << "before the next answer";
+    }
+}
+
+TEST(Status, TellsAStampThatIsNotHeardOfAndAListWithoutOne) {
+    Host host(ROLE_MASTER);
+    host.facts.settings = {{"client_db_version", "20261121120000"}};
+    host.page->answered_stamps[0].set("null");
+    host.page->answered_stamps[1].set("20261121110000");
+    EXPECT_EQ(judge(host.facts).sync.verdict, InSync::COPYING);
+    host.page->answered_stamps[1].set("20261121120000");
+    EXPECT_EQ(judge(host.facts).sync.verdict, InSync::YES);
+
+    std::tm bumped{};
+    (void)strptime("20261121120000", "%Y%m%d%H%M%S", &bumped);
+    bumped.tm_isdst = -1;
+    const auto warned = [&host](std::int64_t seconds) {
+        host.facts.list_changed = seconds * SECOND + 1;
+        return judge(host.facts).warnings.size();
+    };
+    EXPECT_EQ(warned(std::mktime(&bumped)), 0U);
+    EXPECT_EQ(warned(std::mktime(&bumped) + 1), 1U);
+    EXPECT_THAT(nagios_result(host.facts, judge(host.facts)).line, HasSubstr("QUORSYNCD WARNING"));
+    host.facts.settings = {{"client_db_version", "by hand"}};
+    host.page->answered_stamps[1].set("by hand");
+    EXPECT_EQ(warned(2'000'000'000), 0U) << "nothing tells when it was made";
+    PageDataSet& pushed = host.page->sets[1];
+    pushed.stamp.set("by hand");
+    pushed.done.wall = 1000 * SECOND;
+    pushed.done.monotonic = NOW;
+    pushed.duration = 10 * SECOND;
+    EXPECT_EQ(warned(989), 0U);
+    EXPECT_EQ(warned(990), 1U) << "it may have come behind the push";
+}
+
+TEST(Status, OfAFlappingSlave) {
+    Host host(ROLE_SLAVE);
+    set(host.page->take_over, 10);
+    host.page->take_overs_before[0] = NOW - 20 * SECOND;
+    EXPECT_THAT(host.told(), ElementsAre("0"));
+    host.page->take_overs_before[1] = NOW - 40 * SECOND;
+    EXPECT_THAT(host.told(), ElementsAre("flapping", "1"));
+    EXPECT_THAT(judge(host.facts).problems.front().text, HasSubstr("within 30 s"));
+    set(host.page->take_over, 400);
+    host.page->take_overs_before[1] = -2601 * SECOND;
+    EXPECT_THAT(host.told(), ElementsAre("0"));
+}
+
+TEST(Status, ForNagios) {
+    const auto result = [](const Host& host) {
+        return nagios_result(host.facts, judge(host.facts));
+    };
+    Host host(ROLE_MASTER);
+    host.page->counters.take_overs = 2;
+    EXPECT_EQ(result(host).code, 0);
+    EXPECT_THAT(
+        result(host).line,
+        testing::MatchesRegex("QUORSYNCD OK - master, in sync: [^|]* \\| "
+                              "answer_age=1.0s;;;0 copied=0;;;0 missed=0c take_overs=2c .*"));
+    host.page->log_error = ENOSPC;
+    EXPECT_EQ(result(host).code, 1);
+    host.facts.services.clear();
+    EXPECT_EQ(result(host).code, 2);
+    host = Host(ROLE_SLAVE);
+    set(host.page->stamps_compared, 11);
+    EXPECT_EQ(result(host).code, 3);
 }
 
 TEST(Status, WithoutARole) {

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "ctl/store_files.h"
+#include "data_sets.h"
 #include "keys.h"
 #include "owned.h"
 #include "store.h"
@@ -44,15 +45,41 @@ void read_settings(HostFacts& facts) {
     }
 }
 
+std::optional<std::int64_t> change_of(const char* path) {
+    struct stat file {};
+    if (stat(path, &file) != 0) {
+        return std::nullopt;
+    }
+    return std::int64_t{file.st_mtim.tv_sec} * 1'000'000'000 + file.st_mtim.tv_nsec;
+}
+
+// The records of the list that is being copied for the first time since the start of the daemon:
+// a master's own, or the one that a slave had before. 0 where nobody asks.
+std::int64_t records_to_come(const DaemonState& state) {
+    const bool asked = state.page != nullptr && state.page->transfer.kind == DATA_KIND_CLIENT &&
+                       !state.page->sets[DATA_KIND_CLIENT - 1].done.ever();
+    std::int64_t records = 0;
+    if (asked) {
+        RecordWalk walk(role_of(state) == HostRole::MASTER ? CLIENT_DB : PREVIOUS_CLIENT_DB);
+        for (std::vector<StoredRecord> chunk; walk.next_chunk(chunk);) {
+            records += static_cast<std::int64_t>(chunk.size());
+        }
+    }
+    return records;
+}
+
 }  // namespace
 
 HostFacts host_facts() {
-    HostFacts facts{daemon_state(), {}, {}, {}, {}};
+    HostFacts facts;
+    static_cast<DaemonState&>(facts) = daemon_state();
+    facts.list_changed = change_of(CLIENT_DB);  // before the stamp that follows a change
     read_settings(facts);
     facts.configured = own_configured_role();
     if (!facts.config_failure.empty()) {
         facts.configured.text = fmt::format("cannot tell: {} cannot be read", CONFIG_DB);
     }
     facts.copies = peer_copies();
+    facts.list_records = records_to_come(facts);
     return facts;
 }

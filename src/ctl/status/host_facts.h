@@ -1,6 +1,7 @@
 // All that `status` rests on: the daemon's state, settings, and copies of other servers. No log.
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
@@ -20,6 +21,8 @@ struct HostFacts : DaemonState {
     ConfiguredRole configured;
     std::map<std::string, std::string> settings;  // those that are there
     std::vector<PeerCopy> copies;
+    std::optional<std::int64_t> list_changed;  // client.db, in nanoseconds since 1970
+    std::int64_t list_records = 0;  // of the client list, where it tells how long a copy will be
 };
 
 HostFacts host_facts();

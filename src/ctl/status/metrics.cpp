@@ -58,17 +58,19 @@ void add_verdict(Exposition& out, const HostFacts& facts, const Verdict& verdict
     out.sample("role", "master", role == HostRole::MASTER ? 1 : 0);
     out.sample("role", "slave", role == HostRole::SLAVE ? 1 : 0);
     out.sample("role", "acting_master", role == HostRole::ACTING_MASTER ? 1 : 0);
-    if (verdict.sync.verdict != InSync::CANNOT_TELL) {
+    if (verdict.sync.verdict == InSync::YES || verdict.sync.verdict == InSync::NO) {
         out.gauge("in_sync",
-                  "Whether both servers have the same data; absent where this host cannot tell.",
+                  "Whether both servers have the same data; absent where this host cannot tell or "
+                  "a data set is being copied.",
                   verdict.sync.verdict == InSync::YES ? 1 : 0);
     }
-    out.begin("problem", "gauge", "1 for each state that an operator must act on.");
+    out.begin("problem", "gauge", "1 for each state that an operator must act on or know of.");
     for (const char* name : PROBLEM_NAMES) {
-        const bool found =
-            std::any_of(verdict.problems.begin(), verdict.problems.end(),
-                        [name](const Problem& problem) { return problem.name == name; });
-        out.sample("name", name, found ? 1 : 0);
+        const auto has = [name](const std::vector<Problem>& problems) {
+            return std::any_of(problems.begin(), problems.end(),
+                               [name](const Problem& problem) { return problem.name == name; });
+        };
+        out.sample("name", name, has(verdict.problems) || has(verdict.warnings) ? 1 : 0);
     }
     out.begin("boot_service_running", "gauge", "Whether a boot service runs on this host.");
     for (const char* service : BOOT_SERVICES) {

@@ -251,8 +251,7 @@ void add_sets(const HostFacts& facts, Rows& rows) {
     const StatePage& page = *facts.page;
     if (page.transfer.kind != 0) {
         add_text(rows, "under way",
-                 fmt::format("{}, {}, {}, for {}", set_name(page.transfer.kind),
-                             records_text(page.transfer.records),
+                 fmt::format("{}, {}, for {}", progress_text(facts),
                              bytes_text(static_cast<std::uint64_t>(page.transfer.bytes.load())),
                              age_text(seconds_since(page.transfer.since, facts))));
     }
@@ -289,14 +288,17 @@ void add_sync(const HostFacts& facts, const SyncVerdict& sync, Rows& rows) {
         const char* word;
         Colour colour;
     };
-    const Style style = sync.verdict == InSync::YES  ? Style{"yes", Colour::GREEN}
-                        : sync.verdict == InSync::NO ? Style{"no", Colour::RED}
-                                                     : Style{"cannot tell", Colour::YELLOW};
+    constexpr Style STYLES[] = {{"yes", Colour::GREEN},
+                                {"no", Colour::RED},
+                                {"copying", Colour::YELLOW},
+                                {"cannot tell", Colour::YELLOW}};
+    const Style& style = STYLES[static_cast<std::size_t>(sync.verdict)];
+    const char* mark = sync.verdict == InSync::COPYING ? "," : ":";
     const Json copies = json_list(facts.copies, [](const PeerCopy& copy) {
         return Json::object({{"address", copy.address}, {"dsver", copy.dsver}, {"age", copy.age}});
     });
     rows.push_back(
-        {{{"in sync"}, {fmt::format("{}: {}", style.word, sync.reason), style.colour}},
+        {{{"in sync"}, {fmt::format("{}{} {}", style.word, mark, sync.reason), style.colour}},
          {{"state", json_of_page(facts)},
           {"copies", copies},
           {"in_sync", Json::object({{"verdict", style.word}, {"reason", sync.reason}})}}});
@@ -311,11 +313,17 @@ Json json_of(const std::vector<Problem>& problems) {
 
 void add_problems(const HostFacts& facts, const Verdict& verdict, Rows& rows) {
     rows.back().members.push_back({"problems", json_of(verdict.problems)});
+    rows.back().members.push_back({"warnings", json_of(verdict.warnings)});
     rows.back().members.push_back({"exit_code", exit_code_of(facts, verdict)});
+    const auto add = [&rows](const Cell& mark, const Problem& problem) {
+        rows.push_back(
+            {{mark, {fmt::format("{}; {}", escape(problem.text), escape(problem.remedy))}}, {}});
+    };
     for (const Problem& problem : verdict.problems) {
-        rows.push_back({{{"PROBLEM", Colour::RED},
-                         {fmt::format("{}; {}", escape(problem.text), escape(problem.remedy))}},
-                        {}});
+        add({"PROBLEM", Colour::RED}, problem);
+    }
+    for (const Problem& warning : verdict.warnings) {
+        add({"warning", Colour::YELLOW}, warning);
     }
 }
 

@@ -6,6 +6,7 @@
 #include "ctl/status/follow.h"
 #include "ctl/status/host_facts.h"
 #include "ctl/status/metrics.h"
+#include "ctl/status/nagios.h"
 #include "ctl/status/report.h"
 #include "ctl/status/verdict.h"
 #include "ctl/verbs.h"
@@ -17,30 +18,38 @@ Shows role, daemon, boot services, stamps, heartbeats, take-overs, data sets and
 in sync, as this host knows it: from the daemon's state page /run/quorsyncd.state, the processes and
 the files. The exit code is 1, with a line PROBLEM for each state that needs an operator: the daemon
 does not run, stands still or has no role; two run; this host has taken over; it is not in sync; a
-boot service is missing where this host serves, or runs where it stands by; the daily log cannot be
-written.
+boot service is missing where this host serves, or runs where it stands by; the slave or its answers
+are missing; take-overs are frequent; the daily log cannot be written. It is 0 while a data set is
+being copied. --nagios ends with 0 OK, 1 WARNING, 2 CRITICAL or 3 UNKNOWN.
 
 Examples:
   quorsyncctl status
   quorsyncctl status --json
   quorsyncctl status --follow
+  quorsyncctl status --nagios
   quorsyncctl status --prometheus > /tmp/quorsyncd.prom)";
 
 struct Options {
     bool json = false;
     bool follow = false;
     bool prometheus = false;
+    bool nagios = false;
 };
 
 int show_status(const Options& options) {
-    if (options.json + options.follow + options.prometheus > 1) {
-        throw WrongUse("status", "--json, --follow and --prometheus exclude each other");
+    if (options.json + options.follow + options.prometheus + options.nagios > 1) {
+        throw WrongUse("status", "--json, --follow, --prometheus and --nagios exclude each other");
     }
     if (options.follow) {
         return follow_host();
     }
     const HostFacts facts = host_facts();
     const Verdict verdict = judge(facts);
+    if (options.nagios) {
+        const NagiosResult result = nagios_result(facts, verdict);
+        print_line(result.line);
+        return result.code;
+    }
     if (!facts.config_failure.empty()) {
         complain("{}; \"quorsyncctl check\" shows the remedy", facts.config_failure);
     }
@@ -64,5 +73,6 @@ void add_status(const Command& tool) {
         .flag("--json", options->json, "Print machine-readable output")
         .flag("--follow", options->follow, "Print a line for each change until ended")
         .flag("--prometheus", options->prometheus, "Print metrics for Prometheus")
+        .flag("--nagios", options->nagios, "Print one line for Nagios and its like")
         .runs([options] { return show_status(*options); });
 }

@@ -3,12 +3,17 @@
 #include <fmt/format.h>
 
 #include <cstring>
+#include <ctime>
+#include <optional>
 
 #include "ctl/console.h"
 #include "ctl/verbs.h"
+#include "data_sets.h"
+#include "keys.h"
 #include "log.h"
 #include "peer_message.h"
 #include "role.h"
+#include "stamps.h"
 
 namespace {
 
@@ -17,6 +22,15 @@ using namespace std::chrono_literals;
 // Beats come every 2 seconds; one that is older has been missed.
 constexpr auto FRESH = 10s;
 constexpr std::int64_t QUIET_ANSWERS = 2;
+
+// A set that was begun so often, one soon after the other, will not come to its end by itself.
+constexpr std::int64_t TOO_MANY_TRIES = 3;
+
+// So many heartbeats without an answer take longer than FRESH.
+constexpr std::int64_t TOO_MANY_UNANSWERED = 6;
+
+// Three take-overs within that are flapping.
+constexpr auto FLAPPING = 1h;
 
 // The boot services are being stopped for so long after a step-down.
 constexpr auto STOPPING = 5s;
@@ -27,6 +41,20 @@ std::string seconds_text(std::chrono::nanoseconds time) {
 
 bool is_fresh(const PageTime& time, const HostFacts& facts) {
     return time.ever() && age_of(time, facts) <= FRESH;
+}
+
+std::chrono::nanoseconds age_of(std::int64_t monotonic, const HostFacts& facts) {
+    return std::chrono::nanoseconds(facts.now - monotonic);
+}
+
+// Whether it has not happened for too long, counted from the taking of the role.
+bool is_overdue(const PageTime& time, const HostFacts& facts) {
+    return !is_fresh(time.ever() ? time : facts.page->period, facts);
+}
+
+bool moves(const HostFacts& facts) {
+    const std::int64_t moved = facts.page->transfer.moved;
+    return moved != 0 && age_of(moved, facts) <= FRESH;
 }
 
 std::string missing_sets(const StatePage& page) {
@@ -47,34 +75,92 @@ SyncVerdict judge_beats(const HostFacts& facts, const PageTime& beat, const char
     return {InSync::YES, {}};
 }
 
+// Of a set that is under way, or asked for.
+SyncVerdict judge_copy(const HostFacts& facts) {
+    const StatePage& page = *facts.page;
+    const bool under_way = page.transfer.kind != 0;
+    if (page.transfer.tries >= TOO_MANY_TRIES) {
+        return {InSync::NO, fmt::format("a data set was begun {} times, one soon after the other",
+                                        page.transfer.tries.load())};
+    }
+    if (!moves(facts)) {
+        return {InSync::NO, under_way ? fmt::format("stands still at {}", progress_text(facts))
+                                      : missing_sets(page)};
+    }
+    return {InSync::COPYING, under_way ? progress_text(facts) : "a data set is asked for"};
+}
+
+// The data set that came to its end a moment ago; null for none.
+const PageDataSet* fresh_set(const HostFacts& facts) {
+    for (const PageDataSet& set : facts.page->sets) {
+        if (is_fresh(set.done, facts) && facts.page->sets_missing == 0) {
+            return &set;
+        }
+    }
+    return nullptr;
+}
+
+SyncVerdict whole_set(const PageDataSet& set, const HostFacts& facts) {
+    return {InSync::YES, fmt::format("a data set was copied whole {} ago",
+                                     seconds_text(age_of(set.done, facts)))};
+}
+
 SyncVerdict judge_slave(const HostFacts& facts) {
     const StatePage& page = *facts.page;
     SyncVerdict heard = judge_beats(facts, page.stamps_compared, "master");
+    const bool told = heard.verdict == InSync::YES || moves(facts);
+    if (page.transfer.kind != 0 || (told && page.sets_missing != 0)) {
+        return judge_copy(facts);
+    }
+    if (const PageDataSet* set = fresh_set(facts); set != nullptr) {
+        return whole_set(*set, facts);
+    }
     if (heard.verdict != InSync::YES) {
         return heard;
     }
-    if (page.sets_missing != 0) {
-        return {InSync::NO, missing_sets(page)};
-    }
     return {InSync::YES, fmt::format("the stamps were equal {} ago",
                                      seconds_text(age_of(page.stamps_compared, facts)))};
+}
+
+// The set whose stamp in config.db is another than that in the last answer; null for none.
+const DataSet* unheard_set(const HostFacts& facts) {
+    for (const DataSet& set : DATA_SETS) {
+        const std::string answered = facts.page->answered_stamps[set.kind - 1].get();
+        const auto found = facts.settings.find(set.stamp_key);
+        const std::string_view own = found == facts.settings.end()
+                                         ? std::string_view(NO_STAMP)
+                                         : comparable_stamp(found->second);
+        if (!answered.empty() && facts.config_failure.empty() && answered != own) {
+            return &set;
+        }
+    }
+    return nullptr;
 }
 
 // A slave whose stamps differ asks at once: answers that it does not react to say that it has all.
 SyncVerdict judge_master(const HostFacts& facts) {
     const StatePage& page = *facts.page;
     SyncVerdict heard = judge_beats(facts, page.heartbeat_answered, "slave");
-    if (heard.verdict != InSync::YES) {
+    const bool told = heard.verdict == InSync::YES || moves(facts);
+    const bool quiet = page.quiet_answers >= QUIET_ANSWERS;
+    if (page.transfer.kind != 0 || (told && page.sets_missing != 0 && !quiet)) {
+        return judge_copy(facts);
+    }
+    const PageDataSet* fresh = fresh_set(facts);
+    if (heard.verdict != InSync::YES && fresh == nullptr) {
         return heard;
     }
-    if (page.quiet_answers >= QUIET_ANSWERS) {
+    if (const DataSet* set = unheard_set(facts); set != nullptr) {
+        return {InSync::COPYING,
+                fmt::format("the slave has not heard of the new stamp of the {} set", set->name)};
+    }
+    if (quiet) {
         return {InSync::YES, fmt::format("the last {} answered heartbeats led to no request",
                                          page.quiet_answers.load())};
     }
-    if (page.sets_missing != 0) {
-        return {InSync::NO, missing_sets(page)};
-    }
-    return {InSync::CANNOT_TELL, "too few heartbeats since the start or the last push"};
+    return fresh != nullptr ? whole_set(*fresh, facts)
+                            : SyncVerdict{InSync::CANNOT_TELL,
+                                          "too few heartbeats since the start or the last push"};
 }
 
 SyncVerdict judge_sync(const HostFacts& facts) {
@@ -103,6 +189,9 @@ public:
 
     std::vector<Problem> problems(const SyncVerdict& sync) {
         judge_processes();
+        if (role_ == HostRole::MASTER && !facts_.daemons.front().stopped) {
+            judge_heartbeats();
+        }
         if (facts_.page != nullptr && role_ != HostRole::ENDED) {
             judge_role();
             judge_services();
@@ -120,6 +209,7 @@ private:
         problems_.push_back({name, std::move(text), std::move(remedy)});
     }
     void judge_processes();
+    void judge_heartbeats();
     void judge_role();
     void judge_services();
     void judge_log();
@@ -154,8 +244,41 @@ void Judge::judge_processes() {
     }
 }
 
+// Of a master, which sends none itself.
+void Judge::judge_heartbeats() {
+    const StatePage& page = *facts_.page;
+    const PageTime& last = page.heartbeat_received;
+    const std::string since = seconds_text(age_of(last.ever() ? last : page.period, facts_));
+    if (is_overdue(last, facts_) && facts_.unread) {
+        add("stands_still",
+            fmt::format("{} stands still: it has read nothing from its port for {}",
+                        describe(facts_.daemons.front()), since),
+            "look for a full or slow disk; then \"systemctl restart quorsyncd\"");
+    } else if (is_overdue(last, facts_)) {
+        add("slave_silent",
+            fmt::format("no heartbeat of the slave {} for {}: nobody would take over",
+                        page.slave_ip.get(), since),
+            "\"quorsyncctl status\" on the slave, then the line between both");
+    } else if (page.unanswered >= TOO_MANY_UNANSWERED &&
+               is_overdue(page.heartbeat_answered, facts_) && !moves(facts_)) {
+        add("no_answers",
+            fmt::format("the last {} heartbeats of the slave are not answered",
+                        page.unanswered.load()),
+            "see that the slave can be reached at TCP port 13233; if it can, the daemon hangs: "
+            "\"systemctl restart quorsyncd\"");
+    }
+}
+
 void Judge::judge_role() {
     const StatePage& page = *facts_.page;
+    const std::int64_t third_last = page.take_overs_before[1];
+    if (third_last != 0 && age_of(third_last, facts_) < FLAPPING) {
+        add("flapping",
+            fmt::format(
+                "flapping: the last 3 take-overs were within {}",
+                seconds_text(std::chrono::nanoseconds(page.take_over.monotonic - third_last))),
+            "look at the line to the master, then at the master's load");
+    }
     if (role_ == HostRole::WAITING) {
         const auto reason = static_cast<RoleReason>(page.role_reason.load());
         add("no_role", fmt::format("waits for a role: {}", reason_text(reason)),
@@ -204,19 +327,76 @@ void Judge::judge_log() {
     }
 }
 
+constexpr std::int64_t NANOSECONDS = 1'000'000'000;
+
+// The end of the second in which a stamp of 14 digits was made, in nanoseconds since 1970; nothing
+// for any other text.
+std::optional<std::int64_t> time_of_stamp(const std::string& stamp) {
+    std::tm local{};
+    const char* end =
+        stamp.size() == 14 ? strptime(stamp.c_str(), "%Y%m%d%H%M%S", &local) : nullptr;
+    if (end == nullptr || *end != '\0') {
+        return std::nullopt;
+    }
+    local.tm_isdst = -1;
+    return (std::int64_t{std::mktime(&local)} + 1) * NANOSECONDS - 1;
+}
+
+// When the list was last known to be what the stamp in config.db stands for: when the stamp was
+// made, if it tells, else when the last push with this stamp began.
+std::optional<std::int64_t> time_of_list(const HostFacts& facts) {
+    const auto stamp = facts.settings.find(KEY_CLIENT_VERSION);
+    if (stamp == facts.settings.end()) {
+        return std::nullopt;
+    }
+    const PageDataSet& pushed = facts.page->sets[DATA_KIND_CLIENT - 1];
+    if (const auto made = time_of_stamp(stamp->second)) {
+        return made;
+    }
+    const bool known = pushed.done.ever() && pushed.stamp.get() == comparable_stamp(stamp->second);
+    return known ? std::optional<std::int64_t>(pushed.done.wall - pushed.duration) : std::nullopt;
+}
+
+std::vector<Problem> warnings_of(const HostFacts& facts) {
+    if (role_of(facts) != HostRole::MASTER || !facts.list_changed) {
+        return {};
+    }
+    const auto stamped = time_of_list(facts);
+    if (!stamped || *facts.list_changed <= *stamped) {
+        return {};
+    }
+    return {{"not_bumped",
+             fmt::format("{} was changed after its last stamp: no slave fetches that", CLIENT_DB),
+             "\"quorsyncctl store bump client\""}};
+}
+
 }  // namespace
+
+std::string progress_text(const HostFacts& facts) {
+    const PageTransferNow& transfer = facts.page->transfer;
+    const auto kind = transfer.kind.load();
+    const bool known = kind >= 1 && kind <= static_cast<std::int64_t>(PAGE_DATA_SETS);
+    const PageDataSet* last =
+        known ? &facts.page->sets[static_cast<std::size_t>(kind - 1)] : nullptr;
+    const std::int64_t total =
+        last != nullptr && last->done.ever() ? last->records.load() : facts.list_records;
+    const std::string about =
+        total >= transfer.records && total > 0 ? fmt::format(" of about {}", grouped(total)) : "";
+    return fmt::format("{}{} records of the {}", grouped(transfer.records), about, set_name(kind));
+}
 
 Verdict judge(const HostFacts& facts) {
     const SyncVerdict sync = judge_sync(facts);
-    return {sync, Judge(facts).problems(sync)};
+    return {sync, Judge(facts).problems(sync), warnings_of(facts)};
 }
 
 int exit_code_of(const HostFacts& facts, const Verdict& verdict) {
     if (!verdict.problems.empty()) {
         return EXIT_PROBLEM;
     }
-    const bool known = facts.config_failure.empty() && verdict.sync.verdict == InSync::YES;
-    return known ? EXIT_FINE : EXIT_CANNOT_TELL;
+    const InSync sync = verdict.sync.verdict;
+    const bool known = sync == InSync::YES || sync == InSync::COPYING;
+    return facts.config_failure.empty() && known ? EXIT_FINE : EXIT_CANNOT_TELL;
 }
 
 const char* set_name(std::int64_t kind) {

@@ -7,13 +7,18 @@
 
 #include "ctl/status/host_facts.h"
 
-enum class InSync { YES, NO, CANNOT_TELL };
+enum class InSync {
+    YES,
+    NO,
+    COPYING,  // not yet: a data set is on its way, and comes on
+    CANNOT_TELL,
+};
 struct SyncVerdict {
     InSync verdict;
     std::string reason;
 };
 
-// A state that an operator must act on.
+// A state that an operator must act on or, as a warning, should know of.
 struct Problem {
     std::string name;    // one of PROBLEM_NAMES, for programs
     std::string text;    // what is the matter
@@ -21,19 +26,25 @@ struct Problem {
 };
 
 inline constexpr const char* PROBLEM_NAMES[] = {
-    "daemon_missing", "two_daemons",     "stands_still", "no_role",     "stopped",
-    "acting_master",  "service_missing", "both_serve",   "not_in_sync", "log_not_written",
+    "daemon_missing", "two_daemons", "stands_still",    "no_role",    "stopped",
+    "acting_master",  "flapping",    "slave_silent",    "no_answers", "service_missing",
+    "both_serve",     "not_in_sync", "log_not_written", "not_bumped",
 };
 
 struct Verdict {
     SyncVerdict sync;
     std::vector<Problem> problems;
+    std::vector<Problem> warnings;  // these leave the exit code as it is
 };
 
 Verdict judge(const HostFacts& facts);
 
-// EXIT_PROBLEM with a problem, EXIT_FINE where the pair is in sync, otherwise EXIT_CANNOT_TELL.
+// EXIT_PROBLEM with a problem, EXIT_FINE where the pair is in sync or comes to be, otherwise
+// EXIT_CANNOT_TELL.
 int exit_code_of(const HostFacts& facts, const Verdict& verdict);
 
 // "client set".
 const char* set_name(std::int64_t kind);
+
+// "43,000 of about 100,000 records of the client set", of the one that is under way.
+std::string progress_text(const HostFacts& facts);
