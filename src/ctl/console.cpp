@@ -116,15 +116,29 @@ ProgressBar::~ProgressBar() {
     }
 }
 
-void ProgressBar::show(std::uint64_t done, std::uint64_t total) {
-    constexpr std::size_t WIDTH = 30;
+bool ProgressBar::is_due() {
     constexpr std::chrono::milliseconds STEP{100};
     const Clock::time_point now = Clock::now();
     if (!visible_ || (shown_ && now - *shown_ < STEP)) {
-        return;
+        return false;
     }
     shown_ = now;
-    const double seconds = std::chrono::duration<double>(now - start_).count();
+    return true;
+}
+
+void ProgressBar::tell(std::string_view text) {
+    if (is_due()) {
+        fmt::print(stderr, "\r\x1b[K{} {}", label_, text);
+        std::fflush(stderr);
+    }
+}
+
+void ProgressBar::show(std::uint64_t done, std::uint64_t total) {
+    constexpr std::size_t WIDTH = 30;
+    if (!is_due()) {
+        return;
+    }
+    const double seconds = std::chrono::duration<double>(*shown_ - start_).count();
     const double share =
         total == 0 ? 0.0 : std::min(1.0, static_cast<double>(done) / static_cast<double>(total));
     const auto filled = static_cast<std::size_t>(share * static_cast<double>(WIDTH));

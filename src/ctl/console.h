@@ -58,8 +58,13 @@ public:
     // Bytes that have come, of how many; shown a few times a second, however often it is called.
     void show(std::uint64_t done, std::uint64_t total);
 
+    // The same with a text in the place of the bar.
+    void tell(std::string_view text);
+
 private:
     using Clock = std::chrono::steady_clock;
+
+    bool is_due();  // and counts as shown then
 
     std::string label_;
     bool visible_;

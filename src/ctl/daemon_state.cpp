@@ -7,6 +7,8 @@
 #include <cstring>
 #include <ctime>
 
+#include "ctl/console.h"
+#include "data_sets.h"
 #include "log.h"
 #include "peer_message.h"
 #include "role.h"
@@ -78,4 +80,22 @@ bool runs(const std::vector<ProcessInfo>& processes, const char* name) {
 
 std::chrono::nanoseconds age_of(const PageTime& time, const DaemonState& state) {
     return std::chrono::nanoseconds(std::max<std::int64_t>(state.now - time.monotonic, 0));
+}
+
+const char* set_name(std::int64_t kind) {
+    return kind == DATA_KIND_CONFIG ? "config set" : "client set";
+}
+
+std::string progress_text(const StatePage& page, std::int64_t expected) {
+    const auto kind = page.transfer.kind.load();
+    const auto records = page.transfer.records.load();
+    for (const DataSet& set : DATA_SETS) {
+        const PageDataSet& last = page.sets[set.kind - 1];
+        if (kind == set.kind && last.done.ever()) {
+            expected = last.records;
+        }
+    }
+    const std::string about =
+        expected >= records && expected > 0 ? fmt::format(" of about {}", grouped(expected)) : "";
+    return fmt::format("{}{} records of the {}", grouped(records), about, set_name(kind));
 }

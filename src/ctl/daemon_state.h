@@ -45,3 +45,10 @@ bool runs(const std::vector<ProcessInfo>& processes, const char* name);
 
 // How long ago that was.
 std::chrono::nanoseconds age_of(const PageTime& time, const DaemonState& state);
+
+// "client set".
+const char* set_name(std::int64_t kind);
+
+// "43,000 of about 100,000 records of the client set", of the one that is under way. Before the
+// first one has come to its end, `expected` tells how long it will be, or 0 that nobody knows.
+std::string progress_text(const StatePage& page, std::int64_t expected = 0);

@@ -89,6 +89,14 @@ const Command& Command::option(const char* name, std::string& value, const char*
     return *this;
 }
 
+const Command& Command::number(const char* name, int& value, int absent, const char* help) const {
+    m_app.add_option(name, value, help)
+        ->expected(0, 1)
+        ->default_str(std::to_string(absent))
+        ->check(CLI::PositiveNumber);
+    return *this;
+}
+
 const Command& Command::flag(const char* name, bool& value, const char* help) const {
     m_app.add_flag(name, value, help);
     return *this;

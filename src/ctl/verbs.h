@@ -47,6 +47,9 @@ public:
     const Command& option(const char* name, std::string& value, const char* help,
                           const std::vector<std::string>& choices = {}) const;
 
+    // An option with a positive number, which is `absent` where the option stands alone.
+    const Command& number(const char* name, int& value, int absent, const char* help) const;
+
     const Command& flag(const char* name, bool& value, const char* help) const;
 
     // The command runs `function` and ends with the exit code that this returns. Without it, one of

@@ -134,6 +134,7 @@ def test_an_ordinary_push_is_no_problem_at_any_time(pair_factory, ctl, told, bec
     pair.master.client.put("new", "record")
     wait_until(lambda: told(pair.master)[2]["warnings"], LIMIT, "a warning")
     assert ctl(pair.master, "store", "bump", "client")[0] == FINE
+    assert ctl(pair.slave, "store", "bump", "client", "--force", "--wait")[0] == WRONG_USE
     seen = []
 
     def whole():
@@ -154,6 +155,13 @@ def test_an_ordinary_push_is_no_problem_at_any_time(pair_factory, ctl, told, bec
     assert seen[-2][2]["warnings"] == []
     code, line, _ = ctl(pair.master, "status", "--nagios")
     assert code == FINE and line.startswith("QUORSYNCD OK - master, in sync: ")
+    put = ["store", "put", "-f", "client", "newer", "record", "--bump", "--wait"]
+    code, out, _ = ctl(pair.master, *put)
+    assert code == FINE and out.startswith("client: the slave has 2")
+    assert pair.slave.client.get("newer") == b"record"
+    pair.slave_daemon.signal(SIGSTOP)
+    code, _, complaint = ctl(pair.master, "store", "bump", "--wait", "2", "client")
+    assert code == PROBLEM and "no slave has taken" in complaint
 
 
 @pytest.mark.parametrize("log", ["read-only", "missing"])

@@ -251,7 +251,7 @@ void add_sets(const HostFacts& facts, Rows& rows) {
     const StatePage& page = *facts.page;
     if (page.transfer.kind != 0) {
         add_text(rows, "under way",
-                 fmt::format("{}, {}, for {}", progress_text(facts),
+                 fmt::format("{}, {}, for {}", progress_text(page, facts.list_records),
                              bytes_text(static_cast<std::uint64_t>(page.transfer.bytes.load())),
                              age_text(seconds_since(page.transfer.since, facts))));
     }

@@ -84,10 +84,12 @@ SyncVerdict judge_copy(const HostFacts& facts) {
                                         page.transfer.tries.load())};
     }
     if (!moves(facts)) {
-        return {InSync::NO, under_way ? fmt::format("stands still at {}", progress_text(facts))
+        return {InSync::NO, under_way ? fmt::format("stands still at {}",
+                                                    progress_text(page, facts.list_records))
                                       : missing_sets(page)};
     }
-    return {InSync::COPYING, under_way ? progress_text(facts) : "a data set is asked for"};
+    return {InSync::COPYING,
+            under_way ? progress_text(page, facts.list_records) : "a data set is asked for"};
 }
 
 // The data set that came to its end a moment ago; null for none.
@@ -372,19 +374,6 @@ std::vector<Problem> warnings_of(const HostFacts& facts) {
 
 }  // namespace
 
-std::string progress_text(const HostFacts& facts) {
-    const PageTransferNow& transfer = facts.page->transfer;
-    const auto kind = transfer.kind.load();
-    const bool known = kind >= 1 && kind <= static_cast<std::int64_t>(PAGE_DATA_SETS);
-    const PageDataSet* last =
-        known ? &facts.page->sets[static_cast<std::size_t>(kind - 1)] : nullptr;
-    const std::int64_t total =
-        last != nullptr && last->done.ever() ? last->records.load() : facts.list_records;
-    const std::string about =
-        total >= transfer.records && total > 0 ? fmt::format(" of about {}", grouped(total)) : "";
-    return fmt::format("{}{} records of the {}", grouped(transfer.records), about, set_name(kind));
-}
-
 Verdict judge(const HostFacts& facts) {
     const SyncVerdict sync = judge_sync(facts);
     return {sync, Judge(facts).problems(sync), warnings_of(facts)};
@@ -397,8 +386,4 @@ int exit_code_of(const HostFacts& facts, const Verdict& verdict) {
     const InSync sync = verdict.sync.verdict;
     const bool known = sync == InSync::YES || sync == InSync::COPYING;
     return facts.config_failure.empty() && known ? EXIT_FINE : EXIT_CANNOT_TELL;
-}
-
-const char* set_name(std::int64_t kind) {
-    return kind == DATA_KIND_CONFIG ? "config set" : "client set";
 }

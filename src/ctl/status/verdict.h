@@ -42,9 +42,3 @@ Verdict judge(const HostFacts& facts);
 // EXIT_PROBLEM with a problem, EXIT_FINE where the pair is in sync or comes to be, otherwise
 // EXIT_CANNOT_TELL.
 int exit_code_of(const HostFacts& facts, const Verdict& verdict);
-
-// "client set".
-const char* set_name(std::int64_t kind);
-
-// "43,000 of about 100,000 records of the client set", of the one that is under way.
-std::string progress_text(const HostFacts& facts);

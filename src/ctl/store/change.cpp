@@ -3,8 +3,11 @@
 #include <db.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <memory>
+#include <string_view>
 
 #include "ctl/configured_role.h"
 #include "ctl/console.h"
@@ -15,6 +18,7 @@
 #include "keys.h"
 #include "log.h"
 #include "stamps.h"
+#include "wait.h"
 
 namespace {
 
@@ -29,8 +33,7 @@ void check_text(const StoreOptions& options, const std::string& value) {
         fault = setting_fault(options.key, value);
     }
     if (!fault.empty()) {
-        throw WrongUse(escape(options.key),
-                       fmt::format("{}; --force stores it anyway", escape(fault)));
+        throw WrongUse(options.key, fmt::format("{}; --force stores it anyway", fault));
     }
 }
 
@@ -105,6 +108,12 @@ void check_place(const StoreOptions& options) {
     if (options.bump && pair_replication(options) != Replication::PUSHED) {
         throw WrongUse("--bump", "the record is in no set that the slave fetches");
     }
+    if (options.wait > 0 && !options.bump && pair_replication(options) != Replication::STAMP) {
+        throw WrongUse("--wait", "wants a new stamp of config or client: --bump makes one");
+    }
+    if (options.wait > 0 && !serves_as_master()) {
+        throw WrongUse("--wait", "the daemon of this host does not run as master");
+    }
     if (!options.force && is_mirrored(pair_replication(options)) && is_configured_slave()) {
         throw WrongUse(options.key,
                        "this host is the slave: change it on the master, which overwrites it here; "
@@ -122,11 +131,28 @@ int failed(const StoreOptions& options, const std::string& reason) {
     return EXIT_PROBLEM;
 }
 
-int raise_stamp(Store& store, const char* key, std::string& before, std::string& stamp) {
-    (void)store.get(key, before);
+RaisedStamp raise_stamp(const char* key) {
+    const std::unique_ptr<Store> store = open_store(CONFIG_DB);
+    if (!store) {
+        return {EINVAL, {}, {}};
+    }
+    RaisedStamp raised{};
+    (void)store->get(key, raised.before);
     char now[20];
-    stamp = next_stamp(before, format_timestamp(now, sizeof now));
-    return store.put(key, stamp);
+    raised.stamp = next_stamp(raised.before, format_timestamp(now, sizeof now));
+    const int result = store->put(key, raised.stamp);
+    const int closed = store->close();
+    raised.error = result != 0 ? result : closed;
+    return raised;
+}
+
+int wait_for_stamp(const StoreOptions& options, const char* key, const std::string& stamp) {
+    const auto* set = std::find_if(DATA_SETS.begin(), DATA_SETS.end(), [key](const DataSet& each) {
+        return std::string_view(key) == each.stamp_key;
+    });
+    return options.wait == 0 || set == DATA_SETS.end()
+               ? EXIT_FINE
+               : wait_for_slave(*set, stamp, std::chrono::seconds(options.wait));
 }
 
 int follow_with_stamp(const StoreOptions& options) {
@@ -134,17 +160,13 @@ int follow_with_stamp(const StoreOptions& options) {
     if (key == nullptr) {
         return EXIT_FINE;
     }
-    const std::unique_ptr<Store> store = open_store(CONFIG_DB);
-    std::string before;
-    std::string stamp;
-    const int result = store ? raise_stamp(*store, key, before, stamp) : EINVAL;
-    const int closed = store ? store->close() : 0;
-    if (result == 0 && closed == 0) {
-        return EXIT_FINE;
+    const RaisedStamp raised = raise_stamp(key);
+    if (raised.error != 0) {
+        complain("{}: \"{}\" is changed, but \"{}\" is not: {}", options.path(),
+                 escape(options.key), key, store_error_text(raised.error));
+        return EXIT_PROBLEM;
     }
-    complain("{}: \"{}\" is changed, but \"{}\" is not: {}", options.path(), escape(options.key),
-             key, store_error_text(result != 0 ? result : closed));
-    return EXIT_PROBLEM;
+    return wait_for_stamp(options, key, raised.stamp);
 }
 
 int finish(const StoreOptions& options, Store& store, int result, const char* what) {

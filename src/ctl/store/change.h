@@ -17,6 +17,7 @@ struct StoreOptions {
     bool force = false;
     bool bump = false;        // the stamp of the set that the change belongs to
     bool keep_dsver = false;  // although a slave's own setting changes
+    int wait = 0;             // seconds in which a slave has to take the stamp; 0: nobody waits
 
     std::string path() const { return store_path(file); }
 };
@@ -39,9 +40,16 @@ void report_change(const StoreOptions& options, const char* what, const std::str
 // Complains that the file cannot be changed; the exit code.
 int failed(const StoreOptions& options, const std::string& reason);
 
-// Puts another stamp under `key`. Reads and writes in one opening, so that no two come to the same.
-// 0 or the library's error code.
-int raise_stamp(Store& store, const char* key, std::string& before, std::string& stamp);
+// Puts another stamp under `key` of config.db, in one opening, so that no two come to the same.
+struct RaisedStamp {
+    int error;  // 0 or the library's error code
+    std::string before;
+    std::string stamp;
+};
+RaisedStamp raise_stamp(const char* key);
+
+// Waits for the slave where the operator wants it; the exit code.
+int wait_for_stamp(const StoreOptions& options, const char* key, const std::string& stamp);
 
 // Raises the stamp that has to follow a change of the record, after the change: a stamp that came
 // first could be fetched with the old record. The exit code.

@@ -192,18 +192,14 @@ int bump(const StoreOptions& options) {
     check_place(options);
     check_clients(options);
     begin_changes();
-    const std::unique_ptr<Store> store = open_store(options.path());
-    if (!store) {
-        return EXIT_PROBLEM;
+    const RaisedStamp raised = raise_stamp(options.key.c_str());
+    if (raised.error != 0) {
+        return failed(options, store_error_text(raised.error));
     }
-    std::string before;
-    std::string stamp;
-    const int result = raise_stamp(*store, options.key.c_str(), before, stamp);
-    const int status = finish(options, *store, result, "bump");
-    if (status == EXIT_FINE) {
-        say("{}: {} -> {}", options.key, before.empty() ? "none" : escape(before), stamp);
-    }
-    return status;
+    report_change(options, "bump", options.key);
+    say("{}: {} -> {}", options.key, raised.before.empty() ? "none" : escape(raised.before),
+        raised.stamp);
+    return wait_for_stamp(options, options.key.c_str(), raised.stamp);
 }
 
 // --- The command line ----------------------------------------------------------------------------
@@ -228,11 +224,18 @@ void add_force(const Command& operation, const SharedOptions& options) {
                    "Override a refusal: on a slave, an unusable value, an empty list");
 }
 
+void add_wait(const Command& operation, const SharedOptions& options) {
+    constexpr int MINUTE = 60;
+    operation.number("--wait", options->wait, MINUTE,
+                     "Wait until the slave has the new stamp, at most that many seconds");
+}
+
 // What a change of a record takes besides its key.
 void add_change_flags(const Command& operation, const SharedOptions& options) {
     add_force(operation, options);
     operation.flag("--bump", options->bump, "Also give the data set a new stamp")
         .flag("--keep-dsver", options->keep_dsver, "Do not renew 'dsver' on a slave");
+    add_wait(operation, options);
 }
 
 void add_readers(const Command& verb, const SharedOptions& options) {
@@ -282,6 +285,7 @@ void add_bump(const Command& verb, const SharedOptions& options) {
                               .argument("SET", options->set, "config, client or dsver",
                                         {"config", "client", "dsver"});
     add_force(added, options);
+    add_wait(added, options);
     added.runs([options] {
         const DataSet* set = data_set_named(options->set);
         options->key = set == nullptr ? KEY_DSVER : set->stamp_key;
