@@ -41,7 +41,6 @@ namespace {
 using namespace std::chrono_literals;
 using std::chrono::steady_clock;
 
-constexpr int UNREACHABLE_STATUS = 11;
 constexpr unsigned UNREACHABLE_SECONDS = 3;
 constexpr int CONNECTION_TIMEOUT = 20;  // seconds
 constexpr int MOST_ACCEPTED = 64;       // in a row
@@ -54,7 +53,7 @@ constexpr auto BATCH_GAP = 50ms;
 [[noreturn]] void end_unreachable(MessageFor<const char*, const char*, int> message, int line) {
     log_message(message, strerror(errno), "slave_thread", line);
     sleep(UNREACHABLE_SECONDS);
-    end_process(UNREACHABLE_STATUS);
+    end_process(EXIT_UNREACHABLE);
 }
 
 int wake_fd() {

@@ -23,6 +23,7 @@
 #include "logged_lines.h"
 #include "master_addresses.h"
 #include "miss_counter.h"
+#include "only_daemon.h"
 #include "own_role.h"
 #include "owned.h"
 #include "peer_message.h"
@@ -259,4 +260,5 @@ void run_slave() {
     if (receiver) {
         (void)pthread_join(*receiver, nullptr);
     }
+    release_host();  // the process stays, but has nothing left to do
 }

@@ -5,12 +5,16 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
+#include <optional>
 
+#include "end_process.h"
 #include "events.h"
 #include "keys.h"
 #include "log.h"
 #include "master.h"
+#include "only_daemon.h"
 #include "own_role.h"
 #include "role.h"
 #include "stamps.h"
@@ -57,8 +61,25 @@ void redirect_standard_descriptors() {
     fill_standard_descriptors();
 }
 
+// Ends a second daemon of this host before it does anything, with the status of one whose port is
+// taken.
+void end_beside_another() {
+    const std::optional<pid_t> other = claim_host();
+    if (!other) {
+        return;
+    }
+    (void)std::fprintf(stderr, "%s: another one runs on this host, pid %d; this one ends\n",
+                       PROGRAM_NAME, *other);
+    log_message(msg::ANOTHER_DAEMON_RUNS, *other);
+    const StatePageView page;
+    const bool slave = page.get() != nullptr &&
+                       (page.get()->role == ROLE_SLAVE || page.get()->role == ROLE_ACTING_MASTER);
+    end_process(slave ? EXIT_UNREACHABLE : EXIT_NO_SETUP);
+}
+
 void detach() {
-    close_logs();  // of a foreground run before: its descriptors are closed below
+    release_host();  // a lock does not follow into the child
+    close_logs();    // of a foreground run before: its descriptors are closed below
     const pid_t child = fork();
     if (child < 0) {
         _exit(255);
@@ -112,10 +133,12 @@ int daemon_main(int argc, char** /*argv*/) {
     // A reader of standard output that ends must not end the daemon. What it starts gets the usual
     // disposition back (spawn.h).
     (void)signal(SIGPIPE, SIG_IGN);
+    end_beside_another();  // before the terminal is left, which is to read why
     if (argc == 2) {
         (void)run_daemon();
     }
     detach();
+    end_beside_another();
     (void)run_daemon();
     return 0;
 }

@@ -16,6 +16,7 @@
 #include "inbox.h"
 #include "keys.h"
 #include "log.h"
+#include "only_daemon.h"
 #include "owed_reload.h"
 #include "owned.h"
 #include "peer_message.h"
@@ -188,6 +189,7 @@ void serve(OwnedFd fd) {
     if (slave_exit_requested != 1) {
         log_message(msg::NOTHING_RECEIVED, strerror(errno));
     }
+    release_host();  // the process stays, but its port is free again
 }
 
 }  // namespace

@@ -1,13 +1,16 @@
 """How a daemon starts, decides its role, and ends when it cannot."""
 
 import re
+import socket
 
 from lab import wait_until
-from peer import LIMIT, PORT, await_master
+from peer import LIMIT, PORT
 
 ERROR_FILE = "/var/log/qudpserver.err"
 # What a daemon opens itself, for good or for a moment.
-OWN = re.compile(r"socket:|anon_inode:|/var/log/quorsyncd|/etc/quoradmind/|/proc/")
+OWN = re.compile(
+    r"socket:|anon_inode:|/run/quorsyncd.lock|/var/log/quorsyncd|/etc/quoradmind/|/proc/"
+)
 # Holds a descriptor open that a detached daemon must not keep.
 LEAKING = ("/bin/sh", "-c", 'exec 7</etc/passwd; exec "$@"', "sh")
 
@@ -46,22 +49,41 @@ def test_a_taken_port_ends_a_daemon(pair_factory, run_daemon):
     """Attached and detached: a library's threads must not keep a detached one from ending."""
     pair = pair_factory()
     master, slave = pair.master, pair.slave
-    first = pair.start_master()
-    await_master(master)
-    with slave.line.open_socket() as listener:
+    with slave.line.open_socket() as listener, master.line.open_socket(socket.SOCK_DGRAM) as udp:
         listener.bind(("", PORT))
         listener.listen()
+        udp.bind(("", PORT))
         late = [run_daemon(host, foreground=False) for host in (master, slave)]
         assert [daemon.launcher_status for daemon in late] == [0, 0]
-        late += [run_daemon(host) for host in (master, slave)]
-        assert [daemon.wait(LIMIT) for daemon in late] == [1, 11, 1, 11]
+        assert [daemon.wait(LIMIT) for daemon in late] == [1, 11]
+        late = [run_daemon(host) for host in (master, slave)]
+        assert [daemon.wait(LIMIT) for daemon in late] == [1, 11]
     assert len(master.find_log("Bind error:Address already in use")) == 2
     deaf = "TcpBuildListen error:Address already in use --slave_thread--237"
     assert len(slave.find_log(deaf)) == 2
-    # The first was not disturbed.
-    pair.start_slave()
-    slave.wait_log("bottle=2, status=71", LIMIT)
-    assert first.alive
+
+
+def test_a_second_daemon_leaves_no_trace(pair_factory):
+    def state(host):
+        """The settings, and the semaphore but for the time of its last use: a start sets it."""
+        table = [line.split() for line in host.shell("cat /proc/sysvipc/sem").splitlines()]
+        return host.config.items(), [row[:-2] + row[-1:] for row in table]
+
+    pair = pair_factory()
+    pair.start()
+    pair.slave.wait_log("bottle=2, status=71", LIMIT)
+    both = (pair.master, pair.master_daemon, 1), (pair.slave, pair.slave_daemon, 11)
+    for host, first, status in both:
+        before, text = state(host), f"runs on this host, pid {first.pid}; this one ends"
+        for arguments in (["--help"], []):
+            mark = host.log_mark()
+            second = host.run([host.expose(pair.executable), *arguments])
+            assert second.returncode == status
+            assert second.stderr.decode() == f"quorsyncd: another one {text}\n"
+            assert [line.level for line in host.find_log(f"another daemon {text}", mark)] == ["ERROR"]
+        assert len(host.find_log("ha :")) == 1
+        assert state(host) == before and first.alive
+    assert not pair.slave.find_log("become a master host")
 
 
 def test_marks_in_the_configuration_at_start(pair_factory):
