@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string_view>
@@ -20,6 +21,12 @@ struct DataSet {
 
 // The keys of config.db that travel to a slave; every other key stays on its server.
 inline constexpr std::array<const char*, 2> PUSH_CONFIG_KEYS = {"dhcpcfg", "default_writeback"};
+
+// Whether a list of clients has lost more than half of its records, and maybe all: few sites mean
+// that.
+constexpr bool has_shrunk(std::size_t before, std::size_t now) {
+    return now < before - before / 2;
+}
 
 // In the order in which a slave asks for them.
 inline constexpr std::array<DataSet, 2> DATA_SETS = {{

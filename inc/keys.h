@@ -10,6 +10,8 @@ inline constexpr const char* CONFIG_DB = "/etc/quoradmind/config.db";  // settin
 inline constexpr const char* CLIENT_DB = "/etc/quoradmind/client.db";  // boot client records
 inline constexpr const char* PREVIOUS_CLIENT_DB =
     "/etc/quoradmind/client.db.previous";  // kept while a push rebuilds the records
+inline constexpr const char* BEFORE_SHRINK_CLIENT_DB =
+    "/etc/quoradmind/client.db.before-shrink";  // the last list that shrank by more than half
 inline constexpr const char* CLIENT_JOURNAL =
     "/etc/quoradmind/client.db.journal";  // no database: how far the push has come
 inline constexpr const char* DISK_DB = "/etc/quoradmind/disk.db";  // disk records
@@ -38,6 +40,8 @@ inline constexpr const char* KEY_BEAT_OUT = "beat_out";          // read, but wi
 inline constexpr const char* KEY_DHCP = "dhcp";                  // DHCP_ON while services run here
 inline constexpr const char* KEY_CONFIG_VERSION = "config_db_version";  // stamp of config.db
 inline constexpr const char* KEY_CLIENT_VERSION = "client_db_version";  // stamp of client.db
+inline constexpr const char* KEY_CLIENT_COUNT =
+    "client_db_records";  // "STAMP COUNT": how many records that stamp of client.db stood for
 
 // Network settings of this server, for the DHCP configuration (dhcpd_conf.h). All are texts; the
 // first six have to be there.

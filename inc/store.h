@@ -235,6 +235,13 @@ StoreKept db_keep(const char* path, const char* name);
 // no sound database. Takes no lock; logs nothing.
 int db_verify(const char* path);
 
+// Puts a copy of the database `source` in the place of `target`, with mode and owner of the file
+// that it replaces, or else of the source; an ordinary user's copy is his own. A symbolic link
+// `target` is followed. The source is locked
+// while it is copied, and the copy verified. A kill or a power failure at any moment leaves the old
+// file or the new one. Returns an empty text, or why `target` stays as it was.
+std::string db_copy(const std::string& source, const std::string& target);
+
 // What a download is known to be. A database that db_verify() has found sound is not verified again
 // by whoever opens it, where that would take long.
 enum class Download { ANY_FILE, SOUND_DATABASE };
@@ -261,6 +268,11 @@ inline constexpr std::uint32_t HASH_MAGIC = 0x061561;
 
 // Nothing when the file cannot be read or is too short for a page. Takes no lock; logs nothing.
 std::optional<StoreFormat> db_format(const char* path);
+
+// How many records the first page of a file counts, without a walk over them: all of them, since
+// the library keeps the number exact where files are used without an environment. Nothing when it
+// is no hash file that can be read. Takes no lock; logs nothing.
+std::optional<std::size_t> db_count(const char* path);
 
 // --- Comma lists: items joined by "," without blanks ---------------------------------------------
 // Each reads and writes in one go. A list that cannot be read is left as it is.

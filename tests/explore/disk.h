@@ -1,9 +1,11 @@
 // The files of one host, in a World, as its client list works on them; and a clock.
 #pragma once
 
+#include <bit>
 #include <functional>
 #include <utility>
 
+#include "data_sets.h"
 #include "world.h"
 
 struct Killed {};
@@ -27,6 +29,7 @@ public:
 
     bool struck() const { return struck_; }
     bool push_counts() const { return push_counts_; }
+    const std::string& violation() const { return violation_; }  // empty: none
 
     // The closing record of that push is being read. Where the closing of another one is still to
     // be finished, it does not count before the list is emptied for it.
@@ -69,6 +72,18 @@ public:
         return Kept::YES;
     }
     bool drop_kept() override {
+        if (disk_.kept != NO_LIST && disk_.kept != disk_.clients &&
+            has_shrunk(sizes().kept, sizes().now)) {
+            violation_ = "I5: a list that has shrunk is removed";
+        }
+        return durable(true, [&] { disk_.kept = NO_LIST; });
+    }
+    ListSizes sizes() override {
+        const Clients kept = disk_.kept == NO_LIST ? Clients{0} : disk_.kept;
+        return {static_cast<std::size_t>(std::popcount(kept)),
+                static_cast<std::size_t>(std::popcount(disk_.clients))};
+    }
+    bool keep_before_shrink(const ListSizes& /*sizes*/) override {
         return durable(true, [&] { disk_.kept = NO_LIST; });
     }
     bool put_back() override {
@@ -144,6 +159,7 @@ private:
     bool struck_ = false;
     Channel push_{};
     bool push_counts_ = false;
+    std::string violation_;
 };
 
 class TestClock : public ListClock {

@@ -66,7 +66,9 @@ public:
     }
 
     bool struck() const { return files_.struck(); }
-    const std::string& violation() const { return violation_; }  // empty: none
+    const std::string& violation() const {  // empty: none
+        return violation_.empty() ? files_.violation() : violation_;
+    }
 
     void start() { list_.start_as_slave(); }
     void pause() { list_.flush(push_); }

@@ -138,6 +138,14 @@ def test_a_change_carries_its_stamps_along(couple, ctl):
         master.client.fill({"mac": "v"})
         master.client.delete("mac")
     assert ctl(master, "store", "bump", "client", "--force")[0] == FINE
+    # Nor one of less than half the records that its last stamp stood for.
+    master.client.fill({f"mac{n}": "v" for n in range(5)})
+    assert ctl(master, "store", "bump", "client")[0] == FINE
+    for n in range(3):
+        master.client.delete(f"mac{n}")
+    code, _, complaint = ctl(master, "store", "bump", "client")
+    assert code == WRONG_USE and "has 2 records, less than half of the 5" in complaint
+    assert ctl(master, "store", "bump", "client", "--force")[0] == FINE
     code, out, hint = ctl(master, "store", "put", "mac", "v", "--file", "client")
     assert (code, out) == (FINE, "") and "store bump client" in hint
     before = master.config.get("client_db_version")

@@ -167,6 +167,32 @@ def test_records_that_come_while_the_old_list_is_put_back_are_not_mixed_into_it(
     slave.kill_daemons(pair.executable)
 
 
+def test_an_emptied_master_costs_no_client(pair_factory, ctl):
+    pair = pair_factory(clients=lab.realistic_clients(300))
+    master, slave = pair.master, pair.slave
+    pair.start()
+    pair.wait_equal(LIMIT)
+    old = slave.client.items()
+    (master.root / "etc/quoradmind/client.db").unlink()
+    code, out, _ = ctl(master, "check")
+    assert code == 1 and "less than half of the 300 that the last stamp stood for" in out
+    assert "of the 300" in ctl(master, "store", "bump", "client")[2]
+    master.config.put("client_db_version", "of a tool that does not look")
+    line = slave.wait_log("client list shrunk: 300 -> 0 records", LIMIT)
+    assert line.level == "ERROR" and "300 -> 0 records" in ctl(slave, "timeline")[1]
+    wait_until(lambda: not pair.difference(), LIMIT, "equal lists")
+    code, out, _ = ctl(slave, "check")
+    assert code == 1 and "300 -> 0 records" in out
+
+    kept = slave.root / "etc/quoradmind/client.db.before-shrink"
+    (master.root / "tmp" / kept.name).write_bytes(kept.read_bytes())
+    assert "bump client" in ctl(master, "store", "restore", f"/tmp/{kept.name}")[2]
+    assert ctl(master, "store", "bump", "client")[0] == 0
+    pair.wait_equal(LIMIT)
+    assert slave.client.items() == old and kept.exists()
+    assert "300 -> 0 records" not in ctl(slave, "check")[1]
+
+
 def test_a_slave_made_the_master_serves_no_part_of_a_list(pair_factory):
     pair = pair_factory(**ONE_OLD)
     slave = pair.slave

@@ -154,6 +154,37 @@ TEST_F(ClientListTest, ADamagedFileThatIsReplacedHasNoStamp) {
     EXPECT_EQ(stamp(), "v1");
 }
 
+TEST_F(ClientListTest, OneThatShrinksByMoreThanHalfIsKept) {
+    ask(1);
+    push({"one", "two"}, "v2");
+    EXPECT_EQ(names(), only_files_);
+    ask(1);
+    push({}, "v3");
+    const auto kept = [] {
+        return records_of(BEFORE_SHRINK_CLIENT_DB).size();
+    };
+    EXPECT_THAT(logged(), HasSubstr("ERROR :client list shrunk: 2 -> 0 records"));
+    EXPECT_EQ(kept(), 2U);
+    ask(1);
+    push({"a", "b", "c", "d", "e"}, "v4");
+    EXPECT_EQ(kept(), 2U);  // until the next time
+
+    // What a kill left to do is done by the next start, as soon as the disk allows it.
+    std::filesystem::rename(CLIENT_DB, PREVIOUS_CLIENT_DB);
+    put(CLIENT_DB, "one", "new");
+    write_file(CLIENT_JOURNAL, "closed 0 alone v5\0v4"s);
+    std::filesystem::remove(BEFORE_SHRINK_CLIENT_DB);
+    std::filesystem::create_directory(BEFORE_SHRINK_CLIENT_DB);
+    restart();
+    EXPECT_THAT(logged(), HasSubstr("ERROR :"s + PREVIOUS_CLIENT_DB + " cannot be kept as "));
+    EXPECT_EQ(stamp(), "v4");
+    std::filesystem::remove(BEFORE_SHRINK_CLIENT_DB);
+    (void)list_->stamps();
+    EXPECT_EQ(kept(), 5U);
+    EXPECT_THAT(logged(), HasSubstr("client list shrunk: 5 -> 1 records"));
+    EXPECT_EQ(stamp(), "v5");
+}
+
 // --- The way back to the list from before --------------------------------------------------------
 
 TEST_F(ClientListTest, IsPutBackWhenAPushBreaksOff) {

@@ -394,6 +394,29 @@ TEST_F(StoreTest, AChangedFileKeepsLinkModeOwnerAndReaders) {
     EXPECT_FALSE(std::filesystem::exists(DISK_DB + ".changed2"s));
 }
 
+TEST_F(StoreTest, ACopyIsSoundAndKeepsLinkModeAndOwner) {
+    fill(DISK_DB, 1);
+    fill(CLIENT_DB, 2);
+    ASSERT_EQ(chmod(DISK_DB, 0640), 0);
+    ASSERT_EQ(chown(DISK_DB, 12, 34), 0);
+    std::filesystem::create_symlink(DISK_DB, CONFIG_DB);
+    EXPECT_EQ(db_copy(CLIENT_DB, CONFIG_DB), "");
+    EXPECT_TRUE(std::filesystem::is_symlink(CONFIG_DB));
+    EXPECT_EQ(records_of(DISK_DB), records_of(CLIENT_DB));
+    EXPECT_EQ(db_copy(DISK_DB, "/etc/quoradmind/new.db"), "");
+    for (const char* copy : {DISK_DB, "/etc/quoradmind/new.db"}) {
+        EXPECT_EQ(mode_of(copy), 0640U);
+        EXPECT_EQ(status_of(copy).st_uid, 12U);
+        EXPECT_EQ(status_of(copy).st_gid, 34U);
+    }
+    write_file(CLIENT_DB, std::string(8192, 'x'));
+    EXPECT_NE(db_copy(CLIENT_DB, CONFIG_DB), "");
+    EXPECT_NE(db_copy("/etc/quoradmind/none.db", CONFIG_DB), "");
+    EXPECT_EQ(records_of(DISK_DB).size(), 2U);
+    const auto files = std::filesystem::directory_iterator("/etc/quoradmind");
+    EXPECT_EQ(std::distance(begin(files), end(files)), 4);
+}
+
 TEST_F(StoreTest, ABatchWhoseFileWasReplacedIsNotTakenForStored) {
     fill(DISK_DB, 1);
     const auto batch = db_open(CLIENT_DB, 1U << 20U);
@@ -483,6 +506,7 @@ TEST_F(StoreTest, AWalkYieldsWhatTheLibraryDoesInItsOrder) {
         fill_and_thin_out(random, steps);
         RecordWalk walk(CLIENT_DB);
         EXPECT_EQ(walked_records(walk), records_of(CLIENT_DB)) << steps;
+        EXPECT_EQ(db_count(CLIENT_DB), records_of(CLIENT_DB).size()) << steps;
         EXPECT_EQ(walk.failure(), "");
     }
 }

@@ -1,5 +1,6 @@
 // Finished files that take the place of a database file.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -8,11 +9,39 @@
 #include <string>
 
 #include "common/store/check.h"
+#include "common/store/fresh_file.h"
 #include "common/store/lock.h"
+#include "common/store/unnamed.h"
 #include "log.h"
 #include "owned.h"
 #include "replace_file.h"
 #include "store.h"
+
+namespace {
+
+int give_mode_and_owner(int copy, const struct stat& model) {
+    const int result = copy_mode_and_owner(copy, model);
+    return result == EPERM && geteuid() != 0 ? 0 : result;
+}
+
+// Makes `copy`, which takes the place of `target`. 0 or the library's error code.
+int fill_copy(const FreshFile& copy, const std::string& source, const std::string& target) {
+    const StoreLock lock(source.c_str());
+    if (!lock.exists() || lock.error() != 0) {
+        return lock.exists() ? lock.error() : ENOENT;
+    }
+    struct stat model {};
+    if (lock.refused() || (stat(target.c_str(), &model) != 0 && fstat(lock.fd(), &model) != 0)) {
+        return lock.refused() ? EBUSY : errno;
+    }
+    if (!copy_contents(lock.fd(), copy.fd())) {
+        return errno;
+    }
+    const int result = give_mode_and_owner(copy.fd(), model);
+    return result != 0 ? result : db_verify(copy.path().c_str());
+}
+
+}  // namespace
 
 int db_rename_over(const std::string& source, const std::string& target,
                    const std::function<void()>& renamed) {
@@ -56,4 +85,20 @@ std::string put_copy_in_place(const std::string& download, const std::string& ta
         log_message(msg::STORE_NOT_FLUSHED, target.c_str(), strerror(result.error));
     }
     return {};
+}
+
+std::string db_copy(const std::string& source, const std::string& target) {
+    std::error_code unknown;
+    const std::filesystem::path linked = std::filesystem::weakly_canonical(target, unknown);
+    const std::string place = unknown ? target : linked.string();
+    FreshFile copy(place);
+    const int result = copy.error() != 0 ? copy.error() : fill_copy(copy, source, place);
+    if (result != 0) {
+        return store_error_text(result);
+    }
+    std::string failure = put_copy_in_place(copy.path(), place, Download::SOUND_DATABASE);
+    if (failure.empty()) {
+        copy.keep();
+    }
+    return failure;
 }

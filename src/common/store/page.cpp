@@ -96,3 +96,9 @@ std::optional<StoreFormat> db_format(const char* path) {
     const auto meta = read_meta_page(fd.get());
     return meta ? std::optional(StoreFormat{meta->magic, meta->version}) : std::nullopt;
 }
+
+std::optional<std::size_t> db_count(const char* path) {
+    const OwnedFd fd(open(path, O_RDONLY | O_CLOEXEC));
+    const auto meta = read_hash_meta(fd.get());
+    return meta ? std::optional<std::size_t>(meta->records) : std::nullopt;
+}

@@ -29,7 +29,9 @@ struct HashMeta {
     std::uint8_t identity[20];
     std::uint32_t max_bucket;
     std::uint32_t masks[2];
-    std::uint32_t sizes[3];
+    std::uint32_t fill_factor;
+    std::uint32_t records;
+    std::uint32_t hash_of_a_text;
     std::uint32_t spares[32];  // what to add to the buckets of each doubling to get their pages
 };
 static_assert(sizeof(HashMeta) == 224);

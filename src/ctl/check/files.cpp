@@ -11,8 +11,10 @@
 #include <fstream>
 #include <optional>
 
+#include "ctl/client_count.h"
 #include "ctl/console.h"
 #include "ctl/store_files.h"
+#include "data_sets.h"
 #include "findings.h"
 #include "keys.h"
 #include "store.h"
@@ -29,6 +31,9 @@ std::string remedy_for(const std::string& path) {
     }
     if (path == PREVIOUS_CLIENT_DB) {
         return "remove it; a take-over before the push has ended then serves an incomplete list";
+    }
+    if (path == BEFORE_SHRINK_CLIENT_DB) {
+        return "remove it";
     }
     return path == CONFIG_DB ? "restore a backup" : "remove it; the master fetches the copy again";
 }
@@ -138,6 +143,25 @@ void check_previous_clients(const std::string& path, const std::string& name, Fi
     }
 }
 
+// What a slave keeps of the clients when they become few: whether that was meant, nobody knows.
+void check_before_shrink(const std::string& path, const std::string& name, Findings& findings) {
+    struct stat kept {};
+    if (stat(path.c_str(), &kept) != 0 || !check_file(path, findings)) {
+        return;
+    }
+    const std::size_t before = db_count(path.c_str()).value_or(0);
+    const std::size_t now = client_count().value_or(0);
+    if (has_shrunk(before, now)) {
+        const std::time_t age = std::time(nullptr) - kept.st_ctime;  // since it got this name
+        findings.problem(
+            name,
+            fmt::format("the clients shrank {} ago: {} -> {} records", age_text(age), before, now),
+            fmt::format("\"quorsyncctl store restore {}\" here or with a copy on the master; if it "
+                        "was meant, remove it",
+                        path));
+    }
+}
+
 void check_leftover(const std::string& path, const std::string& name, Findings& findings) {
     if (name.starts_with("__db.")) {
         findings.warning(
@@ -177,6 +201,8 @@ bool check_files(Findings& findings) {
             (void)check_file(path, findings);
         } else if (path == PREVIOUS_CLIENT_DB) {
             check_previous_clients(path, name, findings);
+        } else if (path == BEFORE_SHRINK_CLIENT_DB) {
+            check_before_shrink(path, name, findings);
         } else {
             check_leftover(path, name, findings);
         }

@@ -6,6 +6,7 @@
 #include <array>
 #include <utility>
 
+#include "ctl/client_count.h"
 #include "ctl/configured_role.h"
 #include "data_sets.h"
 #include "findings.h"
@@ -153,6 +154,26 @@ void check_stamps(Findings& findings) {
     }
 }
 
+// The clients that a slave takes as soon as the stamps differ; without one here they do.
+void check_master_clients(Findings& findings) {
+    const std::string fault = client_list_fault();
+    if (fault.empty() || stamped_client_count() == std::size_t{0}) {
+        return;  // or it was given a stamp although it is empty
+    }
+    const std::string text = fmt::format("{} {}", CLIENT_DB, fault);
+    if (OwnedText(db_get(CONFIG_DB, KEY_CLIENT_VERSION))) {
+        findings.problem(
+            "client list", text + ": a slave that fetches it loses the others",
+            "\"quorsyncctl store restore\" puts a backup back, or the slave's list; if it "
+            "is meant, \"quorsyncctl store bump client --force\"");
+    } else {
+        findings.warning(
+            "client list", text + ": started like this, a master empties its slave",
+            "on a new pair store the clients first; on a replaced server get them back, "
+            "see \"The master's disk is lost\" in the guide");
+    }
+}
+
 }  // namespace
 
 void check_settings(Findings& findings) {
@@ -165,5 +186,6 @@ void check_settings(Findings& findings) {
     check_roles(settings, local, findings);
     if (configured_role(settings, local).decision.role == ROLE_MASTER) {
         check_stamps(findings);
+        check_master_clients(findings);
     }
 }

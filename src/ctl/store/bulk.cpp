@@ -1,7 +1,6 @@
 #include "bulk.h"
 
 #include <fmt/format.h>
-#include <sys/stat.h>
 
 #include <array>
 #include <cerrno>
@@ -21,7 +20,6 @@
 #include "json_lines.h"
 #include "keys.h"
 #include "log.h"
-#include "replace_file.h"
 
 namespace {
 
@@ -81,33 +79,13 @@ int put_all(Store& store, const std::vector<StoredRecord>& records, const std::s
 
 // --- backup and restore --------------------------------------------------------------------------
 
-// Copies with mode and owner, as far as the latter may be given away. 0 or an errno.
-int copy_file(const std::string& source, const std::string& target) {
-    std::error_code error;
-    std::filesystem::copy_file(source, target, std::filesystem::copy_options::overwrite_existing,
-                               error);
-    struct stat status {};
-    if (!error && stat(source.c_str(), &status) == 0) {
-        (void)!chown(target.c_str(), status.st_uid, status.st_gid);
-    }
-    return error.value();
-}
-
 std::string base_name(const std::string& path) {
     return std::filesystem::path(path).filename().string();
 }
 
-// Copies the store while its lock keeps it as it is. An empty text, or why there is no copy.
-std::string back_up(const std::string& path, const std::string& target) {
-    const std::unique_ptr<Store> store = db_open_present(path.c_str());
-    if (const std::string failure = open_failure(store); !failure.empty()) {
-        return failure;
-    }
-    const Replacement copied = replace_file(target, [&path](const std::string& fresh) {
-        const int error = copy_file(path, fresh);
-        return error != 0 ? error : db_verify(fresh.c_str());
-    });
-    return copied.error == 0 ? "" : store_error_text(copied.error);
+// The list that a slave kept when it shrank.
+bool is_before_shrink(const StoreOptions& options) {
+    return base_name(options.place) == base_name(BEFORE_SHRINK_CLIENT_DB);
 }
 
 // The store that a copy of that name is of, unless the operator names one.
@@ -117,7 +95,7 @@ std::string restored_path(const StoreOptions& options) {
             return path;
         }
     }
-    return options.path();
+    return is_before_shrink(options) ? CLIENT_DB : options.path();
 }
 
 void check_copy(const StoreOptions& options, const std::string& path) {
@@ -125,7 +103,8 @@ void check_copy(const StoreOptions& options, const std::string& path) {
         throw WrongUse(options.place,
                        fmt::format("is not a sound copy: {}", store_error_text(error)));
     }
-    if (path == CLIENT_DB && !options.force && is_configured_slave()) {
+    const bool meant_for_a_slave = options.force || is_before_shrink(options);
+    if (path == CLIENT_DB && !meant_for_a_slave && is_configured_slave()) {
         throw WrongUse(path,
                        "this host is the slave: the master's next set overwrites it; --force "
                        "restores it anyway");
@@ -170,7 +149,7 @@ int backup(const StoreOptions& options) {
             continue;
         }
         const std::string target = options.place + "/" + base_name(path);
-        const std::string failure = back_up(path, target);
+        const std::string failure = db_copy(path, target);
         if (failure.empty()) {
             say("{}: {}", target, bytes_text(std::filesystem::file_size(target, error)));
         } else {
@@ -185,19 +164,15 @@ int restore(const StoreOptions& options) {
     const std::string path = restored_path(options);
     check_copy(options, path);
     begin_changes();
-    const std::string beside = path + ".restore";
-    if (const int error = copy_file(options.place, beside); error != 0) {
-        complain("{}: {}", beside, std::strerror(error));
-        return EXIT_PROBLEM;
-    }
-    const std::string failure = put_copy_in_place(beside, path, Download::SOUND_DATABASE);
-    if (!failure.empty()) {
-        (void)std::filesystem::remove(beside);
+    if (const std::string failure = db_copy(options.place, path); !failure.empty()) {
         complain("{} stays as it was: {}", path, failure);
         return EXIT_PROBLEM;
     }
     write_log(LOG_INFO, "quorsyncctl: restore %s from %s", path.c_str(), options.place.c_str());
-    if (path == CLIENT_DB) {
+    if (path == CLIENT_DB && is_configured_slave()) {
+        complain(
+            "the master's next set takes its place: restore it on the master, too, and bump it");
+    } else if (path == CLIENT_DB) {
         complain("\"quorsyncctl store bump client\" makes the slave fetch it");
     } else if (path == CONFIG_DB) {
         complain("the settings take effect when the daemon is restarted");

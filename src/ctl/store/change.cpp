@@ -9,6 +9,7 @@
 #include <memory>
 #include <string_view>
 
+#include "ctl/client_count.h"
 #include "ctl/configured_role.h"
 #include "ctl/console.h"
 #include "ctl/proc_info.h"
@@ -140,7 +141,10 @@ RaisedStamp raise_stamp(const char* key) {
     (void)store->get(key, raised.before);
     char now[20];
     raised.stamp = next_stamp(raised.before, format_timestamp(now, sizeof now));
-    const int result = store->put(key, raised.stamp);
+    int result = store->put(key, raised.stamp);
+    if (result == 0 && key == std::string_view(CLIENT_SET.stamp_key)) {
+        result = note_client_count(*store, raised.stamp);
+    }
     const int closed = store->close();
     raised.error = result != 0 ? result : closed;
     return raised;

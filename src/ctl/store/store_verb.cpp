@@ -8,6 +8,7 @@
 
 #include "bulk.h"
 #include "change.h"
+#include "ctl/client_count.h"
 #include "ctl/console.h"
 #include "ctl/rows.h"
 #include "ctl/session.h"
@@ -173,18 +174,15 @@ int list_remove(const StoreOptions& options) {
     return change_list(options, remove_list_item, "list-remove");
 }
 
-// Throws where the new stamp would make the slave replace its clients by nothing.
+// Throws where the new stamp would make the slave replace its clients by nothing, or by few.
 void check_clients(const StoreOptions& options) {
     if (options.force || options.key != CLIENT_SET.stamp_key) {
         return;
     }
-    const std::unique_ptr<Store> clients = db_open_present(CLIENT_DB);
-    std::string_view key;
-    std::string_view value;
-    if (!clients || (clients->usable() && !StoreCursor(*clients).next(key, value))) {
+    if (const std::string fault = client_list_fault(); !fault.empty()) {
         throw WrongUse(CLIENT_DB, fmt::format("{}: the slave would drop its clients; --force bumps "
                                               "it anyway",
-                                              clients ? "has no record" : "is missing"));
+                                              fault));
     }
 }
 
@@ -221,7 +219,7 @@ void add_key(const Command& operation, const SharedOptions& options) {
 
 void add_force(const Command& operation, const SharedOptions& options) {
     operation.flag("--force", options->force,
-                   "Override a refusal: on a slave, an unusable value, an empty list");
+                   "Override a refusal: on a slave, an unusable value, an empty or shrunk list");
 }
 
 void add_wait(const Command& operation, const SharedOptions& options) {

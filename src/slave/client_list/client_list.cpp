@@ -3,6 +3,7 @@
 #include <cassert>
 #include <utility>
 
+#include "data_sets.h"
 #include "keys.h"
 #include "log.h"
 #include "log_burst.h"
@@ -287,9 +288,8 @@ bool ClientList::take(ListStep step, const std::string& stamp) {
         case ListStep::CLOSE:
             memory_.closing_stamp = stamp;
             return true;
-        case ListStep::DROP_KEPT:
-            memory_.kept = !files_.drop_kept();
-            return !memory_.kept;
+        case ListStep::RETIRE_KEPT:
+            return retire_kept();
         case ListStep::STORE_STAMP:
             return files_.store_stamp(memory_.state == ListState::CLOSING ? memory_.closing_stamp
                                                                           : stamp);
@@ -321,6 +321,14 @@ bool ClientList::empty() {
     ++memory_.version;
     memory_.put_back = false;
     return empty;
+}
+
+// Nobody knows whether the administrator meant a list of less than half the records, or none.
+bool ClientList::retire_kept() {
+    const ListSizes sizes = files_.sizes();
+    memory_.kept = !(has_shrunk(sizes.kept, sizes.now) ? files_.keep_before_shrink(sizes)
+                                                       : files_.drop_kept());
+    return !memory_.kept;
 }
 
 bool ClientList::put_back() {

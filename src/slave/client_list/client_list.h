@@ -16,6 +16,8 @@
 // I3. After a kill or a power failure between any two steps the pair comes back to I1 by itself:
 //     without an operator and without a new stamp.
 // I4. When faults end, both sides become equal.
+// I5. A complete list whose place is taken by one of less than half its records is there as
+//     client.db.before-shrink, until the list shrinks so the next time.
 //
 // Several requests may be on their way: each answer of a master that stood still makes one. So the
 // list counts the pushes that are due, also across a restart, and starts each of them on an empty
@@ -153,6 +155,7 @@ private:
     bool keep();
     bool empty();
     bool put_back();
+    bool retire_kept();
     bool note(ListJournal::Phase phase);
     void undo_keeping();
     void begin(ClientPush& push);

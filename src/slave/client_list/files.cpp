@@ -97,6 +97,11 @@ public:
     bool drop_kept() override { return remove_for_good(PREVIOUS_CLIENT_DB); }
     bool put_back() override;
 
+    ListSizes sizes() override {
+        return {db_count(PREVIOUS_CLIENT_DB).value_or(0), db_count(CLIENT_DB).value_or(0)};
+    }
+    bool keep_before_shrink(const ListSizes& sizes) override;
+
     bool empty() override { return db_replace_empty(CLIENT_DB); }
 
     std::optional<StampPair> stamps() override { return read_stamps(""); }
@@ -170,6 +175,20 @@ bool HostFiles::put_back() {
         return false;
     }
     log_message(msg::LIST_PUT_BACK, *kept, unfinished.value_or(0));
+    return true;
+}
+
+bool HostFiles::keep_before_shrink(const ListSizes& sizes) {
+    if (const int failed = rename_file(PREVIOUS_CLIENT_DB, BEFORE_SHRINK_CLIENT_DB); failed != 0) {
+        log_message(msg::PREVIOUS_LIST_NOT_KEPT, PREVIOUS_CLIENT_DB, BEFORE_SHRINK_CLIENT_DB,
+                    strerror(failed));
+        return false;
+    }
+    log_message(msg::LIST_SHRUNK, sizes.kept, sizes.now, BEFORE_SHRINK_CLIENT_DB);
+    if (const int failed = flush_directory_of(CLIENT_DB); failed != 0) {
+        log_message(msg::STORE_NOT_FLUSHED, BEFORE_SHRINK_CLIENT_DB, strerror(failed));
+        return false;
+    }
     return true;
 }
 

@@ -6,6 +6,7 @@
 // which follows, does. Called with the list's own lock held.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -36,6 +37,12 @@ enum class Kept : std::uint8_t {
     LOST,        // it is damaged, or the file system refused
 };
 
+// Records; 0 for a file that is missing or cannot be read.
+struct ListSizes {
+    std::size_t kept;
+    std::size_t now;
+};
+
 enum class Batch : std::uint8_t {
     OPEN,
     OPEN_EMPTY,  // client.db was damaged; an empty one is in its place
@@ -59,6 +66,11 @@ public:
     virtual Kept keep() = 0;
     virtual bool drop_kept() = 0;
     virtual bool put_back() = 0;
+
+    // How many records both have, and client.db.previous gets the name client.db.before-shrink, in
+    // the place of an older one.
+    virtual ListSizes sizes() = 0;
+    virtual bool keep_before_shrink(const ListSizes& sizes) = 0;
 
     // Puts an empty file in the place of client.db.
     virtual bool empty() = 0;

@@ -33,7 +33,7 @@ constexpr ListMove MOVES[] = {
 
     // No stamp before the list from before is gone: it would be put back under that stamp.
     {bit(FILLING),  PUSH_CLOSES,      ALWAYS,    {CLOSE},                              CLOSING},
-    {bit(CLOSING),  CLOSING_GOES_ON,  ALWAYS,    {NOTE_CLOSED, DROP_KEPT, STORE_STAMP,
+    {bit(CLOSING),  CLOSING_GOES_ON,  ALWAYS,    {NOTE_CLOSED, RETIRE_KEPT, STORE_STAMP,
                                                   NOTE_WHOLE},                         COMPLETE},
 
     // A stamp that nobody asked for declares what is there whole, unless a push is at work on it.

@@ -36,7 +36,7 @@ enum class ListStep : std::uint8_t {
     BREAK,        // no more records of the push will come
     CLOSE,        // client.db is whole under the stamp of the closing record
     NOTE_CLOSED,  // journal: client.db is whole; the next three are still to be done
-    DROP_KEPT,    // removes client.db.previous
+    RETIRE_KEPT,  // removes client.db.previous, or keeps it for the operator if the list has shrunk
     STORE_STAMP,  // stores the stamp of the closing record
     DELETE_STAMP,
     NOTE_WHOLE,  // journal: client.db is whole
