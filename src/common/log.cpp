@@ -9,6 +9,7 @@
 #include <string>
 
 #include "SGCLog.h"
+#include "common/journal.h"
 #include "common/log_lines.h"
 #include "log_burst.h"
 #include "state_page.h"
@@ -84,6 +85,7 @@ int write_log_file(const LogSettings& settings, int level, const char* message) 
     const StampedLine line(level, message);
     print_lines(line.text());
     append_to_daily_file(settings, line.file_name(), line.text());
+    send_to_journal(level, line.text());
     errno = saved_errno;
     return 0;
 }

@@ -51,6 +51,32 @@ def test_a_start_leaves_the_services_of_other_hosts(pair_factory, ctl, before_st
         assert both_run(host)
 
 
+JOURNAL = """import os, socket, sys
+os.makedirs(os.path.dirname(sys.argv[1]), exist_ok=True)
+journal = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+journal.bind(sys.argv[1])
+with open("/tmp/journal", "wb", 0) as file:
+    while True:
+        file.write(journal.recv(65536) + b"\\0")"""
+
+
+def test_the_journal_gets_the_lines_with_their_priority(lonely_slaves, daemon_path, daemon_env):
+    (slave,) = lonely_slaves("slave")
+    unit = (ROOT / "debian/quorsyncd.service").read_text()
+    environment = dict(re.findall(r"^Environment=(\w+)=(.*)$", unit, re.M))
+    assert "\nStandardOutput=null\n" in unit  # They would come twice.
+    slave.popen(["/usr/bin/python3", "-c", JOURNAL, environment["QUORSYNCD_JOURNAL"]])
+    entries = slave.root / "tmp/journal"
+    wait_until(entries.exists, LIMIT, "the journal")
+    daemon = slave.start_daemon(daemon_path, env=daemon_env | environment)
+    wait_until(lambda: b"DEBUG :bottle=1" in entries.read_bytes(), LIMIT, "an entry")
+    marks = {b"INFO :": b"6", b"DEBUG :": b"7"}
+    for entry in entries.read_bytes().split(b"\n\0"):
+        for word, priority in marks.items():
+            assert word not in entry or entry.startswith(b"PRIORITY=" + priority + b"\n")
+    assert "DEBUG :bottle=1" in daemon.output_text()
+
+
 def end(host, daemon):
     path = host.expose(ROOT / "packaging/end-daemon")
     host.run([path, str(daemon.pid)], timeout=LIMIT, check=True)

@@ -1,8 +1,12 @@
 #include <arpa/inet.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <ctime>
 
 #include "SGCLog.h"
@@ -14,6 +18,7 @@ namespace {
 
 using testing::EndsWith;
 using testing::MatchesRegex;
+using testing::StartsWith;
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
 
@@ -77,6 +82,44 @@ TEST_F(Log, TheLinesOfABurstComeTogetherAndBeforeAnyOther) {
     }
     EXPECT_THAT(logged(), MatchesRegex("[^\n]*: d = value\n[^\n]*: e = value\n"));
     EXPECT_THAT(GetCapturedStdout(), EndsWith(logged()));
+}
+
+TEST_F(Log, TheJournalGetsPrioritiesAndNoRecords) {
+    const char* path = "/etc/quoradmind/journal";
+    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+    std::strcpy(address.sun_path, path);
+    const OwnedFd journal(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    ASSERT_EQ(bind(journal.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(setenv("QUORSYNCD_JOURNAL", path, 1), 0);
+    CaptureStdout();
+    {
+        const LogBurst burst;
+        log_client("a");
+        log_message(msg::TOOK_OVER);
+    }
+    (void)write_log(LOG_ERROR, "%s", "a\nb\n");
+    (void)write_log(LOG_FATAL, "%s", std::string(5000, 'x').c_str());
+    ASSERT_EQ(unsetenv("QUORSYNCD_JOURNAL"), 0);
+    (void)write_log(LOG_ERROR, "%s", "nobody asks for it");
+    EXPECT_EQ(GetCapturedStdout(), logged());
+    const auto next = [&journal] {
+        std::array<char, 8192> entry{};
+        const ssize_t size = recv(journal.get(), entry.data(), entry.size(), 0);
+        return std::string(entry.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+    };
+    const auto head = [](char priority, std::size_t size) {
+        return "PRIORITY="s + priority + "\nSYSLOG_IDENTIFIER=quorsyncd\nMESSAGE\n" +
+               static_cast<char>(size % 256) + static_cast<char>(size / 256) + std::string(6, '\0');
+    };
+    const std::size_t stamp = "quorsyncd:2.1 2026-11-16 03:52:26 "s.size();
+    std::string entry = next();
+    EXPECT_THAT(entry, StartsWith(head('6', stamp + 26) + "quorsyncd:2.1 "));
+    EXPECT_THAT(entry, EndsWith("INFO :become a master host\n"));
+    entry = next();
+    EXPECT_THAT(entry, StartsWith(head('3', stamp + 10) + "quorsyncd:2.1 "));
+    EXPECT_THAT(entry, EndsWith("ERROR :a\nb\n"));
+    EXPECT_THAT(next(), StartsWith(head('2', stamp + 7 + 4095) + "quorsyncd:2.1 "));
+    EXPECT_EQ(next(), "");
 }
 
 TEST_F(Log, ABurstEndsWhenItIsLargeOrOld) {
