@@ -103,17 +103,14 @@ std::string control_fault(std::string_view text) {
 }
 
 std::string_view similar_setting(std::string_view key) {
-    if (is_one_of(OWN_SETTINGS, key) || travels(CONFIG_SET, key)) {
+    std::vector<std::string_view> settings(OWN_SETTINGS.begin(), OWN_SETTINGS.end());
+    settings.insert(settings.end(), PUSH_CONFIG_KEYS.begin(), PUSH_CONFIG_KEYS.end());
+    if (std::find(settings.begin(), settings.end(), key) != settings.end()) {
         return {};
     }
-    for (const std::string_view setting : OWN_SETTINGS) {
-        if (is_like(key, setting)) {
-            return setting;
-        }
-    }
-    const auto* pushed = std::find_if(PUSH_CONFIG_KEYS.begin(), PUSH_CONFIG_KEYS.end(),
-                                      [key](const char* each) { return is_like(key, each); });
-    return pushed == PUSH_CONFIG_KEYS.end() ? std::string_view() : *pushed;
+    const auto like = std::find_if(settings.begin(), settings.end(),
+                                   [key](std::string_view each) { return is_like(key, each); });
+    return like == settings.end() ? std::string_view() : *like;
 }
 
 bool needs_restart(std::string_view key) {

@@ -49,7 +49,7 @@ SETTINGS = [
     ("master", "", {"master": "missing", "role": "'master' is missing"}),
     ("server_list", "10.77.0.8,10.77.0.9,10.77.0.1", {}),
     ("master_paths", "10.77.0.9", {}),
-    ("master_paths", "10.77.0.2,ten", {"master_paths": "ten is not a dotted IPv4 address"}),
+    ("master_paths", "10.77.0.2,ten", {"master_paths": '"ten" is not a dotted IPv4 address'}),
     ("master_paths", "10.99.0.1", {"master_paths": "10.99.0.1 cannot be reached: no route"}),
     ("config_db_version", "one#two", {"settings": "separates the two stamps"}),
     ("dhcpcfg", "x" * 1024, {"settings": '"dhcpcfg" too long'}),

@@ -8,6 +8,7 @@
 
 #include "ctl/client_count.h"
 #include "ctl/configured_role.h"
+#include "ctl/setting_rules.h"
 #include "data_sets.h"
 #include "findings.h"
 #include "keys.h"
@@ -22,39 +23,36 @@ namespace {
 
 constexpr const char* BY_STORE_PUT = "set it with \"quorsyncctl store put {} {}\"";
 
-void check_ha(const PairSettings& settings, Findings& findings) {
-    if (settings.ha == HA_ENABLED) {
-        findings.good("ha", "\"enable\"");
-        return;
+// One line for a setting, with what is wrong with it, if anything is.
+void add_setting(const char* key, const std::string& shown, const std::string& fault,
+                 const char* example, Findings& findings) {
+    if (fault.empty()) {
+        findings.good(key, shown);
+    } else {
+        findings.problem(key, fault, fmt::format(BY_STORE_PUT, key, example));
     }
-    findings.problem("ha",
-                     settings.ha.empty()
-                         ? "is missing"
-                         : fmt::format("is \"{}\", not exactly \"{}\"", settings.ha, HA_ENABLED),
-                     fmt::format(BY_STORE_PUT, KEY_HA, HA_ENABLED));
+}
+
+void check_ha(const PairSettings& settings, Findings& findings) {
+    std::string fault = setting_fault(KEY_HA, settings.ha);
+    if (settings.ha.empty()) {
+        fault = "is missing";
+    } else if (fault.empty() && settings.ha != HA_ENABLED) {
+        fault = fmt::format("is \"{}\": the pair is switched off", settings.ha);
+    }
+    add_setting(KEY_HA, fmt::format("\"{}\"", settings.ha), fault, HA_ENABLED, findings);
 }
 
 void check_server_list(const PairSettings& settings, Findings& findings) {
-    const std::string fault = server_list_fault(settings.server_list);
-    if (fault.empty()) {
-        findings.good("server_list", settings.server_list);
-    } else {
-        findings.problem("server_list", fault,
-                         fmt::format(BY_STORE_PUT, KEY_SERVER_LIST, "ADDRESS,ADDRESS"));
-    }
+    // One server is enough to store, but not for a pair.
+    add_setting(KEY_SERVER_LIST, settings.server_list, server_list_fault(settings.server_list),
+                "ADDRESS,ADDRESS", findings);
 }
 
 void check_master(const PairSettings& settings, Findings& findings) {
-    const std::string address = settings.master.substr(0, settings.master.find('*'));
-    if (is_dotted_address(address)) {
-        findings.good("master", settings.master);
-    } else {
-        findings.problem("master",
-                         settings.master.empty()
-                             ? "is missing or empty"
-                             : fmt::format("\"{}\" is not a dotted IPv4 address", settings.master),
-                         fmt::format(BY_STORE_PUT, KEY_MASTER, "ADDRESS"));
-    }
+    const std::string fault = settings.master.empty() ? "is missing or empty"
+                                                      : setting_fault(KEY_MASTER, settings.master);
+    add_setting(KEY_MASTER, settings.master, fault, "ADDRESS", findings);
 }
 
 // Whether the kernel knows a way to `address`. Sends nothing.
@@ -70,19 +68,19 @@ bool has_route(const std::string& address) {
 // What is wrong with one further address of the master; empty for nothing.
 std::string path_fault(const std::string& path, const PairSettings& settings, bool seen,
                        const std::string& local) {
-    if (!is_dotted_address(path)) {
-        return "is not a dotted IPv4 address";
+    if (std::string fault = setting_fault(KEY_MASTER_PATHS, path); !fault.empty()) {
+        return fault;
     }
     if (path == settings.master) {
-        return "is 'master' itself";
+        return path + " is 'master' itself";
     }
     if (seen) {
-        return "is listed twice";
+        return path + " is listed twice";
     }
     if (list_has(local, path)) {
-        return "is an address of this host, which is not the master";
+        return path + " is an address of this host, which is not the master";
     }
-    return has_route(path) ? "" : "cannot be reached: no route";
+    return has_route(path) ? "" : path + " cannot be reached: no route";
 }
 
 void check_master_paths(const PairSettings& settings, const std::string& local,
@@ -92,14 +90,9 @@ void check_master_paths(const PairSettings& settings, const std::string& local,
     std::string seen;
     for (const std::string_view item : split(text_of(list), ',')) {
         const std::string path(item);
-        const std::string fault = path_fault(path, settings, list_has(seen, path), own);
+        add_setting(KEY_MASTER_PATHS, path, path_fault(path, settings, list_has(seen, path), own),
+                    "ADDRESS,...", findings);
         seen += path + ",";
-        if (fault.empty()) {
-            findings.good(KEY_MASTER_PATHS, path);
-        } else {
-            findings.problem(KEY_MASTER_PATHS, fmt::format("{} {}", path, fault),
-                             fmt::format(BY_STORE_PUT, KEY_MASTER_PATHS, "ADDRESS,..."));
-        }
     }
 }
 
