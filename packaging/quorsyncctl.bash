@@ -8,11 +8,26 @@ _quorsyncctl_help() {
         section == wanted && /^  [^ ]/ { gsub(/,/, " ", $1); print $1 }'
 }
 
+_quorsyncctl_keys() {
+    # The keys of the file that the command line names.
+    local n file=config
+    for ((n = 1; n < ${#words[@]} - 1; n++)); do
+        [[ ${words[n]} == -f || ${words[n]} == --file ]] && file=${words[n + 1]}
+    done
+    quorsyncctl store dump --file "$file" 2>/dev/null | sed 's/=.*//'
+}
+
 _quorsyncctl() {
-    local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
+    # Words between blanks: bash itself also separates them at ":", which MAC addresses have.
+    local line=${COMP_LINE:0:COMP_POINT} words
+    read -ra words <<<"$line"
+    [[ $line == *[[:space:]] ]] && words+=("")
+    local count=${#words[@]}
+    local current=${words[count - 1]} previous=${words[count - 2]} before=""
+    ((count > 3)) && before=${words[count - 3]}
     local word verbs=() wanted=Subcommands: found
     COMPREPLY=()
-    for word in "${COMP_WORDS[@]:1:COMP_CWORD-1}"; do
+    for word in "${words[@]:1:count-2}"; do
         grep -qxF -e "$word" <<<"$(_quorsyncctl_help "${verbs[@]}")" && verbs+=("$word")
     done
     case "$previous ${verbs[*]}" in
@@ -22,6 +37,17 @@ _quorsyncctl() {
         diff\ * | *\ diff) found="config client disk" ;;
         --since\ *) found="today yesterday 30m 2h 3d" ;;
         --dir\ *) mapfile -t COMPREPLY < <(compgen -d -- "$current"); return ;;
+    esac
+    case "${verbs[*]}" in
+        store\ get | store\ put | store\ del | store\ list-*)
+            if [[ -z $found && $current != -* &&
+                ($previous == -* || $previous == "${verbs[1]}" || $before == -f || $before == --file) ]]; then
+                mapfile -t COMPREPLY < <(compgen -W "$(_quorsyncctl_keys)" -- "$current")
+                # What stands before the last ":" is on the line already.
+                COMPREPLY=("${COMPREPLY[@]#"${current%"${current##*:}"}"}")
+                return
+            fi
+            ;;
     esac
     if [ -z "$found" ] || [[ $current == -* ]]; then
         [[ $current == -* ]] && wanted=Options:

@@ -25,9 +25,15 @@ bool is_terminal(int fd) {
     return is;
 }
 
+// A terminal that does more than print characters.
+bool obeys_escapes(int fd) {
+    const char* kind = std::getenv("TERM");
+    return is_terminal(fd) && (kind == nullptr || std::string_view(kind) != "dumb");
+}
+
 bool shows_colours(int fd) {
     const char* refused = std::getenv("NO_COLOR");
-    return is_terminal(fd) && (refused == nullptr || *refused == '\0');
+    return obeys_escapes(fd) && (refused == nullptr || *refused == '\0');
 }
 
 std::string paint_for(int fd, Colour colour, std::string_view text) {
@@ -35,10 +41,6 @@ std::string paint_for(int fd, Colour colour, std::string_view text) {
         return std::string(text);
     }
     return fmt::format("{}{}{}", code_of(colour), text, PLAIN_AGAIN);
-}
-
-bool is_printable(char byte) {
-    return byte >= ' ' && byte <= '~';
 }
 
 }  // namespace
@@ -54,20 +56,6 @@ void print_line(std::string_view text) {
 void print_complaint(std::string_view text) {
     std::fflush(stdout);
     fmt::print(stderr, "{} {}\n", paint_for(STDERR_FILENO, Colour::RED, "quorsyncctl:"), text);
-}
-
-std::string escape(std::string_view text) {
-    std::string shown;
-    for (const char byte : text) {
-        if (byte == '\\') {
-            shown += "\\\\";
-        } else if (is_printable(byte)) {
-            shown += byte;
-        } else {
-            shown += fmt::format("\\x{:02x}", static_cast<unsigned char>(byte));
-        }
-    }
-    return shown;
 }
 
 std::string counted(std::size_t count, std::string_view noun) {
@@ -107,7 +95,7 @@ std::string bytes_text(std::uint64_t bytes) {
 }
 
 ProgressBar::ProgressBar(std::string_view label)
-    : label_(label), visible_(is_terminal(STDERR_FILENO)) {}
+    : label_(label), visible_(obeys_escapes(STDERR_FILENO)) {}
 
 ProgressBar::~ProgressBar() {
     if (shown_) {

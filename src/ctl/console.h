@@ -1,5 +1,5 @@
 // All that the tool prints: results on standard output, complaints on standard error, colours only
-// where a terminal shows them and NO_COLOR is not set.
+// on a terminal that has them (TERM is not "dumb"), and not with NO_COLOR set.
 #pragma once
 
 #include <fmt/format.h>
@@ -10,6 +10,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include "characters.h"
 
 enum class Colour { PLAIN, BOLD, DIM, GREEN, YELLOW, RED };
 
@@ -30,10 +32,6 @@ void complain(fmt::format_string<Arguments...> format, Arguments&&... arguments)
     print_complaint(fmt::format(format, std::forward<Arguments>(arguments)...));
 }
 
-// `text` with every byte outside printable ASCII as "\xNN" and "\" as "\\": on one line, safe for a
-// terminal, and to be told back.
-std::string escape(std::string_view text);
-
 // "7 records", "1 record".
 std::string counted(std::size_t count, std::string_view noun);
 
@@ -46,8 +44,8 @@ std::string age_text(long seconds);
 // "512 B", "2.0 KiB", "117.2 MiB".
 std::string bytes_text(std::uint64_t bytes);
 
-// One line of standard error that is overwritten as a transfer goes on; without a terminal there,
-// nothing. One thread.
+// One line of standard error that is overwritten as a transfer goes on; without a terminal there
+// that can do that, nothing. One thread.
 class ProgressBar {
 public:
     explicit ProgressBar(std::string_view label);

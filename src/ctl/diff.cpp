@@ -90,8 +90,7 @@ Cell value_cell(const std::optional<std::string>& value) {
     if (!value) {
         return {"-", Colour::DIM};
     }
-    const std::string shown = escape(*value);
-    return {shown.size() <= WIDTH ? shown : shown.substr(0, WIDTH - 3) + "...", Colour::PLAIN};
+    return {shortened(escape(*value), WIDTH), Colour::PLAIN};
 }
 
 // What is equal on both sides is no news, unless it says how the pair stands or cannot travel.

@@ -1,8 +1,6 @@
 #include "rows.h"
 
 #include <algorithm>
-#include <clocale>
-#include <cwchar>
 
 namespace {
 
@@ -16,28 +14,13 @@ std::vector<std::size_t> widths_of(const Rows& rows) {
     for (const Row& row : rows) {
         widths.resize(std::max(widths.size(), row.cells.size()));
         for (std::size_t n = 0; n < row.cells.size(); ++n) {
-            widths[n] = std::max(widths[n], row.cells[n].text.size());
+            widths[n] = std::max(widths[n], columns_of(row.cells[n].text));
         }
     }
     return widths;
 }
 
 }  // namespace
-
-bool is_utf8(std::string_view text) {
-    static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", locale_t{});
-    const locale_t before = uselocale(utf8);
-    std::mbstate_t state{};
-    while (!text.empty()) {
-        const std::size_t length = std::mbrtowc(nullptr, text.data(), text.size(), &state);
-        if (length == 0 || length > text.size()) {
-            break;  // a zero byte, or one of the two error values
-        }
-        text.remove_prefix(length);
-    }
-    (void)uselocale(before);
-    return text.empty();
-}
 
 Json::Json(json_object* value)
     : value_(value, [](json_object* object) { json_object_put(object); }) {}
@@ -89,7 +72,7 @@ void print_table(const Rows& rows) {
             const Cell& cell = row.cells[n];
             line += paint(cell.colour, cell.text);
             if (n + 1 < row.cells.size()) {
-                line.append(widths[n] - cell.text.size() + 2, ' ');
+                line.append(widths[n] - columns_of(cell.text) + 2, ' ');
             }
         }
         line.erase(line.find_last_not_of(' ') + 1);  // of empty cells at the end

@@ -14,9 +14,6 @@
 
 #include "console.h"
 
-// Whether `text` is UTF-8 without a zero byte.
-bool is_utf8(std::string_view text);
-
 // A JSON value; copies share it.
 class Json {
 public:

@@ -45,6 +45,7 @@ def couple(empty_lab):
 def test_looking_at_a_store_leaves_no_trace(couple, ctl, traces):
     master, _ = couple
     master.config.put("odd", b"a\nb\\\xff")
+    master.config.put("place", "B\u00fcro \u202e\u0085")
     servers = master.config.get("server_list").decode()
     assert ctl(master, "store", "get", "server_list") == (FINE, servers + "\n", "")
     before = traces(master)  # The first call has made the tool appear.
@@ -52,7 +53,8 @@ def test_looking_at_a_store_leaves_no_trace(couple, ctl, traces):
     assert "\nodd=a\\x0ab\\\\\\xff\n" in dump and f"\nserver_list={servers}\n" in dump
     _, text, _ = ctl(master, "store", "dump", "--json")
     records = json.loads(text)
-    assert len(records) == 5 and records["ha"] == "enable" and records["odd"] == "a\\x0ab\\\\\\xff"
+    assert "\nplace=B\u00fcro \\xe2\\x80\\xae\\xc2\\x85\n" in dump
+    assert len(records) == 6 and records["ha"] == "enable" and records["odd"] == "a\\x0ab\\\\\\xff"
     assert ctl(master, "store", "verify")[0] == FINE
 
     code, out, complaint = ctl(master, "store", "get", "no such")

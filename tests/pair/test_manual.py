@@ -34,9 +34,10 @@ def commands(tool, *verbs):
         yield from commands(tool, *verbs, verb)
 
 
-def complete(tool, *words):
-    script = f"""source {ROOT}/packaging/quorsyncctl.bash
-        COMP_WORDS=(quorsyncctl "$@") COMP_CWORD=$# && _quorsyncctl; echo "${{COMPREPLY[*]}}" """
+def complete(tool, *words, setup=""):
+    script = f"""source {ROOT}/packaging/quorsyncctl.bash; {setup}
+        COMP_LINE="quorsyncctl $*" COMP_POINT=${{#COMP_LINE}} && _quorsyncctl
+        echo "${{COMPREPLY[*]}}" """
     return set(tool("/bin/bash", "-c", script, "bash", *words).split())
 
 
@@ -62,3 +63,14 @@ def test_completion_offers_what_the_help_lists(tool):
     assert complete(tool, "store", "bump", "") == {"config", "client", "dsver"}
     assert complete(tool, "service", "stop", "boot", "--i") == {"--if-slave"}
     assert complete(tool, "store", "get", "-f", "c") == {"config", "client"}
+    keys = """quorsyncctl() { if [ "$2 $4" = "dump client" ]; then echo 00:1E:4F=x; echo name=y
+        else command quorsyncctl "$@"; fi; };"""
+    assert complete(tool, "store", "get", "-f", "client", "", setup=keys) == {"00:1E:4F", "name"}
+    assert complete(tool, "store", "del", "-f", "client", "00:1", setup=keys) == {"1E:4F"}
+
+
+def test_colours_are_for_terminals_that_have_them(tool):
+    shows = ["/usr/bin/script", "-qec", "quorsyncctl service status || true", "/dev/null"]
+    for setting, coloured in (("TERM=xterm", True), ("TERM=dumb", False), ("NO_COLOR=1", False)):
+        out = tool("/usr/bin/env", "-u", "NO_COLOR", "TERM=xterm", setting, *shows)
+        assert "stagd" in out and ("\x1b[" in out) == coloured, setting
