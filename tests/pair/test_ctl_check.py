@@ -105,6 +105,11 @@ def test_database_files_that_are_not_well(host, faults, ctl):
     assert "not a hash database" in found["10.77.0.2.db"]
     assert found["__db.client.db"].startswith("warning: left by a process that was killed")
     assert "found damaged" in found["client.db.damaged"]
+    client.unlink()
+    started = faults(host)[1]["client list"]
+    assert started.startswith("warning") and "a master empties its slave" in started
+    host.config.put("client_db_version", "1")
+    assert faults(host)[1]["client list"].startswith("problem")
     (stores / "config.db").unlink()
     code, found = faults(host)
     assert code == PROBLEM and "is missing" in found["config.db"] and "ha" not in found
