@@ -67,6 +67,10 @@ public:
     // Why the last request failed: the line that was logged; empty when it did not.
     const std::string& failure() const { return failure_; }
 
+    // The errno with which the last request could not connect, EINPROGRESS for a time-out; 0 when
+    // it could.
+    int connect_error() const { return connect_error_; }
+
 private:
     int send_request(std::uint32_t dwBusinessId, const char* szCommand);
     int recv_reply(char* szRetMsg, std::int32_t nRetSize, std::int32_t* nErrCode);
@@ -74,6 +78,7 @@ private:
 
     PK_Socket socket_;
     std::string failure_;
+    int connect_error_ = 0;
     std::uint32_t port_ = 3232;
     std::uint32_t timeout_ = 5;
     std::optional<FetchLimits> fetch_limits_ = FetchLimits{};
@@ -92,6 +97,7 @@ inline constexpr std::int32_t FETCH_NULL_TEXT = -77;
 struct FileFetch {
     std::int32_t result = FETCH_WHOLE;
     std::int32_t peer_error = 0;  // the peer's own number, with FETCH_REFUSED
+    int connect_error = 0;        // with FETCH_NOT_BEGUN; as PK_Request_Client::connect_error()
     std::int64_t length = 0;      // in bytes, as the peer announced it; 0 before it did
     std::int64_t received = 0;    // bytes that are in the local file
     std::string failure;          // the line that was logged, with FETCH_NOT_BEGUN
@@ -103,6 +109,10 @@ using FetchProgress = std::function<void(std::int64_t received, std::int64_t len
 // GetServerFile with all that is known of its outcome. `progress` may be empty; no text is null.
 FileFetch fetch_server_file(PK_Request_Client& client, const char* server, const char* server_path,
                             const char* local_path, const FetchProgress& progress = {});
+
+// The same into `fd`, an empty file of the caller's that is open for writing and stays open.
+FileFetch fetch_server_file(PK_Request_Client& client, const char* server, const char* server_path,
+                            int fd, const FetchProgress& progress = {});
 
 // Fetches `szServerFilePath` of the server at `szServerIp` (dotted) into `szLocalPath`. One of
 // the results above. What arrived before a failure stays in the local file. The connection stays

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 inline constexpr int ROLE_MASTER = 0x1010;
 inline constexpr int ROLE_SLAVE = 0x101;
@@ -50,8 +51,10 @@ struct RoleInputs {
 // The decision itself: a pure function, for any host whose addresses are given.
 RoleDecision decide_role(const RoleInputs& inputs);
 
-// `server_list` as numbered text, "1,192.168.0.1*2,192.168.0.2"; a new text that the caller frees,
-// empty when the key is missing.
+// A server list as numbered text, "1,192.168.0.1*2,192.168.0.2".
+std::string numbered_list_of(std::string_view server_list);
+
+// The same of `server_list`; a new text that the caller frees, empty when the key is missing.
 char* numbered_server_list();
 
 // Decides the role of this host, trying again every 5 seconds until there is one; sets master_ip

@@ -33,6 +33,7 @@ _quorsyncctl() {
     case "$previous ${verbs[*]}" in
         --file\ * | -f\ store*) found="config client disk" ;;
         --set\ *) found="auto config client" ;;
+        --peer\ *) found=$(quorsyncctl store get server_list 2>/dev/null | tr , ' ') ;;
         bump\ *) found="config client dsver" ;;
         diff\ * | *\ diff) found="config client disk" ;;
         --since\ *) found="today yesterday 30m 2h 3d" ;;

@@ -1,8 +1,11 @@
+#include <unistd.h>
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -62,8 +65,11 @@ bool admit_length(PK_Request_Client& client, Clock::time_point asked, std::int64
     return true;
 }
 
+// Writes bytes at an offset: how many, or -1 with errno.
+using WriteAt = std::function<ssize_t(const void*, std::size_t, std::int64_t)>;
+
 // Receives `fetch.length` bytes into the file.
-std::int32_t recv_into(PK_Request_Client& client, PK_File& file, FileFetch& fetch,
+std::int32_t recv_into(PK_Request_Client& client, const WriteAt& write, FileFetch& fetch,
                        const FetchProgress& progress) {
     std::array<char, CHUNK_SIZE> buffer;
     while (fetch.received < fetch.length) {
@@ -75,7 +81,7 @@ std::int32_t recv_into(PK_Request_Client& client, PK_File& file, FileFetch& fetc
             return FETCH_CUT;
         }
         const ssize_t written =
-            file.Write(buffer.data(), static_cast<std::size_t>(chunk), fetch.received);
+            write(buffer.data(), static_cast<std::size_t>(chunk), fetch.received);
         if (written != chunk) {
             log_message(msg::DOWNLOAD_NOT_WRITTEN, static_cast<int>(written), chunk, errno, ORIGIN,
                         "recv_file", __LINE__);
@@ -96,7 +102,10 @@ std::int32_t recv_announced(PK_Request_Client& client, const char* path, FileFet
         fetch.failure = log_failure(msg::DOWNLOAD_NOT_OPENED, path, ORIGIN, __LINE__);
         return FETCH_NOT_BEGUN;
     }
-    return recv_into(client, file, fetch, progress);
+    const auto write = [&file](const void* bytes, std::size_t count, std::int64_t offset) {
+        return file.Write(bytes, count, offset);
+    };
+    return recv_into(client, write, fetch, progress);
 }
 
 // Reads the length out of the peer's reply.
@@ -130,6 +139,7 @@ std::int32_t request_file(PK_Request_Client& client, const char* server, const c
                                       json_object_to_json_string(request.get()), reply.data(),
                                       REPLY_SIZE, &fetch.peer_error) != 0) {
         fetch.failure = client.failure();
+        fetch.connect_error = client.connect_error();
         return FETCH_NOT_BEGUN;
     }
     if (fetch.peer_error != 0) {
@@ -147,6 +157,19 @@ FileFetch fetch_server_file(PK_Request_Client& client, const char* server, const
     fetch.result = request_file(client, server, server_path, fetch);
     if (fetch.result == 0) {
         fetch.result = recv_announced(client, local_path, fetch, progress);
+    }
+    return fetch;
+}
+
+FileFetch fetch_server_file(PK_Request_Client& client, const char* server, const char* server_path,
+                            int fd, const FetchProgress& progress) {
+    const auto write = [fd](const void* bytes, std::size_t count, std::int64_t offset) {
+        return pwrite(fd, bytes, count, offset);
+    };
+    FileFetch fetch;
+    fetch.result = request_file(client, server, server_path, fetch);
+    if (fetch.result == 0) {
+        fetch.result = recv_into(client, write, fetch, progress);
     }
     return fetch;
 }

@@ -36,10 +36,10 @@ int PK_Request_Client::Hpc_RequestPro_NoClose(const char* szIP, std::uint32_t dw
     log_message(msg::SERVICE_REQUEST, szIP, dwBusinessId, szCommand);
     *nErrCode = NO_ANSWER_YET;
     failure_.clear();
-    const int connected = socket_.Connect(szIP, static_cast<std::uint16_t>(port_), timeout_);
-    if (connected != 0) {
-        failure_ = log_failure(msg::SERVICE_NOT_CONNECTED, strerror(connected), ORIGIN, FUNCTION,
-                               __LINE__);
+    connect_error_ = socket_.Connect(szIP, static_cast<std::uint16_t>(port_), timeout_);
+    if (connect_error_ != 0) {
+        failure_ = log_failure(msg::SERVICE_NOT_CONNECTED, strerror(connect_error_), ORIGIN,
+                               FUNCTION, __LINE__);
         return REQUEST_NO_CONNECTION;
     }
     try {

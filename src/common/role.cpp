@@ -139,16 +139,20 @@ RoleDecision decide_role(const RoleInputs& inputs) {
     return decision;
 }
 
-char* numbered_server_list() {
-    const OwnedText list(db_get(CONFIG_DB, KEY_SERVER_LIST));
+std::string numbered_list_of(std::string_view server_list) {
     std::string numbered;
     int number = 0;
-    for (const std::string_view address : split(text_of(list), ',')) {
+    for (const std::string_view address : split(server_list, ',')) {
         numbered += numbered.empty() ? "" : "*";
         numbered += std::to_string(++number) + ",";
         numbered += address;
     }
-    return strdup(numbered.c_str());
+    return numbered;
+}
+
+char* numbered_server_list() {
+    const OwnedText list(db_get(CONFIG_DB, KEY_SERVER_LIST));
+    return strdup(numbered_list_of(text_of(list)).c_str());
 }
 
 int determine_role() {

@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "console.h"
+#include "data_sets.h"
+#include "peer/peer_file.h"
 #include "rows.h"
 #include "store_files.h"
 #include "verbs.h"
@@ -21,6 +23,7 @@ struct Options {
     std::string left;
     std::string right;
     std::string set = "auto";
+    std::string peer;
     bool json = false;
 };
 
@@ -155,10 +158,9 @@ bool hold_clients(const Options& options) {
     return any;
 }
 
-int diff(const Options& options) {
-    const bool clients = hold_clients(options);
-    const auto left = read_records(store_path(options.left));
-    const auto right = read_records(store_path(options.right));
+// Prints what differs between the two, and returns the exit code.
+int compare_files(const Options& options, const std::optional<Records>& left,
+                  const std::optional<Records>& right, bool clients) {
     if (!left || !right) {
         return EXIT_CANNOT_TELL;
     }
@@ -172,6 +174,35 @@ int diff(const Options& options) {
     return faults == 0 ? EXIT_FINE : EXIT_PROBLEM;
 }
 
+int diff_files(const Options& options) {
+    const bool clients = hold_clients(options);
+    return compare_files(options, read_records(store_path(options.left)),
+                         read_records(store_path(options.right)), clients);
+}
+
+int diff_with_peer(Options options) {
+    const DataSet* set = data_set_named(options.left);
+    if (set == nullptr) {
+        throw WrongUse("A.db", "with --peer one of config, client");
+    }
+    const std::string address = peer_address(options.peer);
+    options.right = fmt::format("{}:{}", address, options.left);
+    const PeerFile file = fetch_peer_file(address, set->path, false);
+    if (!file.failure.empty()) {
+        complain("{}", file.failure);
+        return EXIT_CANNOT_TELL;
+    }
+    return compare_files(options, read_records(set->path), read_records(file.path()),
+                         holds_clients(set->path));
+}
+
+int diff(const Options& options) {
+    if (options.peer.empty() == options.right.empty()) {
+        throw WrongUse("B.db", "one of B.db and --peer is wanted");
+    }
+    return options.peer.empty() ? diff_files(options) : diff_with_peer(options);
+}
+
 }  // namespace
 
 void add_diff(const Command& tool) {
@@ -180,11 +211,16 @@ void add_diff(const Command& tool) {
         .notes(
             "Lists the keys that differ, both stamps and dsver. The master copies the stamps and\n"
             "the keys marked \"pushed\" to the slave; if one of them differs, the exit code is 1.\n"
+            "With --peer, A is config or client, and that of the other server is fetched through\n"
+            "its file service. The service decides which files it serves; the daemon itself\n"
+            "fetches config.db only.\n"
             "Examples:\n"
             "  quorsyncctl diff config /etc/quoradmind/192.168.0.2.db\n"
-            "  quorsyncctl diff client /mnt/backup/client.db --json")
+            "  quorsyncctl diff client /mnt/backup/client.db --json\n"
+            "  quorsyncctl diff client --peer 192.168.0.2")
         .argument("A.db", options->left, "config, client, disk or a path")
-        .argument("B.db", options->right, "config, client, disk or a path")
+        .optional_argument("B.db", options->right, "config, client, disk or a path")
+        .peer_option(options->peer, "Compare with the same file of the other server")
         .option("--set", options->set, "Data set of both files; auto decides by their names",
                 {"auto", "config", "client"})
         .flag("--json", options->json, "Print machine-readable output")

@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -14,7 +13,7 @@
 #include "PK_Request_Client.h"
 #include "configured_role.h"
 #include "console.h"
-#include "history/log_reader.h"
+#include "peer/peer_file.h"
 #include "store.h"
 #include "verbs.h"
 
@@ -28,38 +27,12 @@ struct Options {
     std::string local;
 };
 
-std::string failure_text(const Options& options, const FileFetch& fetch) {
-    switch (fetch.result) {
-        case FETCH_REFUSED:
-            // The service has its own numbers; most of them are the system's.
-            return fmt::format("{} refuses {} (errno {}: {})", options.address, options.remote,
-                               fetch.peer_error, std::strerror(std::abs(fetch.peer_error)));
-        case FETCH_NOT_KEPT:
-            return fetch.length == 0
-                       ? fmt::format("{} answers without the length of {}", options.address,
-                                     options.remote)
-                       : fmt::format(
-                             "{}.part cannot be written to its end; is its file system full?",
-                             options.local);
-        case FETCH_CUT:
-            return fmt::format("{} ended {} after {} of {}", options.address, options.remote,
-                               bytes_text(fetch.received), bytes_text(fetch.length));
-        default:
-            return fmt::format("{} from {}: {}; its file service listens on TCP port {}",
-                               options.remote, options.address, without_origin(fetch.failure),
-                               FILE_SERVICE_PORT);
-    }
-}
-
 FileFetch receive(const Options& options, const std::string& beside) {
     PK_Request_Client client;
     client.SetFetchLimits(std::nullopt);  // whoever waits for it can see how it goes
     ProgressBar bar(options.remote);
     return fetch_server_file(client, options.address.c_str(), options.remote.c_str(),
-                             beside.c_str(), [&bar](std::int64_t done, std::int64_t total) {
-                                 bar.show(static_cast<std::uint64_t>(done),
-                                          static_cast<std::uint64_t>(total));
-                             });
+                             beside.c_str(), shown_by(bar));
 }
 
 int fetch(const Options& options) {
@@ -80,7 +53,7 @@ int fetch(const Options& options) {
     const FileFetch fetched = receive(options, beside);
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     if (fetched.result != 0) {
-        complain("{}", failure_text(options, fetched));
+        complain("{}", fetch_failure_text(options.address, options.remote, beside, fetched));
     } else if (const std::string failure = put_copy_in_place(beside, options.local);
                !failure.empty()) {
         complain("{}", failure);

@@ -12,6 +12,7 @@
 
 #include "console.h"
 #include "log.h"
+#include "peer/peer_file.h"
 #include "session.h"
 
 namespace {
@@ -99,6 +100,20 @@ const Command& Command::number(const char* name, int& value, int absent, const c
 
 const Command& Command::flag(const char* name, bool& value, const char* help) const {
     m_app.add_flag(name, value, help);
+    return *this;
+}
+
+const Command& Command::optional_argument(const char* name, std::string& value,
+                                          const char* help) const {
+    m_app.add_option(name, value, help);
+    return *this;
+}
+
+const Command& Command::peer_option(std::string& value, const char* help) const {
+    m_app.add_option("--peer", value, help)
+        ->expected(0, 1)
+        ->default_str(OTHER_SERVER)
+        ->option_text("[ADDRESS]");
     return *this;
 }
 

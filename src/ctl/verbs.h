@@ -43,6 +43,9 @@ public:
     const Command& argument(const char* name, std::string& value, const char* help,
                             const std::vector<std::string>& choices = {}) const;
 
+    // One that may be left out.
+    const Command& optional_argument(const char* name, std::string& value, const char* help) const;
+
     // An option with a value; the help shows the value that `value` has now, unless it is empty.
     const Command& option(const char* name, std::string& value, const char* help,
                           const std::vector<std::string>& choices = {}) const;
@@ -51,6 +54,9 @@ public:
     const Command& number(const char* name, int& value, int absent, const char* help) const;
 
     const Command& flag(const char* name, bool& value, const char* help) const;
+
+    // --peer [ADDRESS]: `value` becomes ADDRESS, or OTHER_SERVER (peer/peer_file.h) without one.
+    const Command& peer_option(std::string& value, const char* help) const;
 
     // The command runs `function` and ends with the exit code that this returns. Without it, one of
     // the commands below this one is wanted.

@@ -2,6 +2,8 @@
 
 import json
 import os
+import select
+import signal
 from pathlib import Path
 
 import pytest
@@ -232,6 +234,53 @@ def test_diff_tells_what_is_mirrored(couple, ctl):
     assert code == CANNOT_TELL and "/no/such.db" in complaint
     code, _, complaint = ctl(master, "diff", "config", "client")
     assert code == WRONG_USE and "has clients" in complaint
+
+
+@pytest.mark.sanitizer
+def test_diff_fetches_the_other_sides_file(couple, ctl, traces, daemon_path, daemon_env):
+    master, slave = couple
+    for host in couple:
+        host.client.fill({f"mac{n}": "x" * 500 for n in range(100)})
+    tool = master.expose(daemon_path.parent / "quorsyncctl")
+    before = traces(master)
+
+    def diff(name, peer=slave.address):
+        answer = ctl(master, "diff", name, "--peer", *peer.split())
+        assert traces(master) == before
+        return answer
+
+    with FileService(slave):
+        code, out, complaint = diff("client")
+        assert (code, complaint) == (FINE, "") and f"B {slave.address}:client\n" in out
+        # The other server by the settings; nothing but the option says that it is asked.
+        assert "stamp  config_db_version" in diff("config", "")[1]
+        slave.client.put("mac7", "y")
+        code, out, _ = diff("client")
+        assert code == PROBLEM and "differs  pushed  mac7" in out and "mac8" not in out
+        (slave.root / STORES[1:] / "client.db").write_bytes(os.urandom(16384))
+        code, _, complaint = diff("client")
+        assert code == CANNOT_TELL and "client.db of 10.77.0.2 does not verify" in complaint
+        (slave.root / STORES[1:] / "client.db").unlink()
+        code, out, complaint = diff("client")
+        assert (code, out, complaint.count("\n")) == (CANNOT_TELL, "", 1)
+        assert "refuses /etc/quoradmind/client.db" in complaint
+    for wrong in ("10.77.0.1", "there"):
+        assert diff("client", wrong)[0] == WRONG_USE
+    assert ctl(master, "diff", "client")[0] == WRONG_USE
+    code, _, complaint = diff("client")
+    assert code == CANNOT_TELL and "Connection refused; its file service listens" in complaint
+
+    # Ended in the middle, on a terminal.
+    terminal, inner = os.openpty()
+    with FileService(slave, pace=2000):
+        command = [tool, "diff", "config", "--peer"]
+        asked = master.popen(command, stderr=inner, env=daemon_env)
+        assert select.select([terminal], [], [], 60)[0] and b" %  " in os.read(terminal, 4096)
+        assert traces(master) == before
+        asked.signal(signal.SIGINT)
+        assert asked.wait() == -signal.SIGINT and traces(master) == before
+    os.close(terminal)
+    os.close(inner)
 
 
 @pytest.mark.sanitizer

@@ -5,11 +5,18 @@ import json
 import pytest
 from lab import wait_until
 from lab.faults import BOUND_BY_MODES
+from lab.file_service import FileService
 from peer import LIMIT
 
 FINE, PROBLEM, WRONG_USE, CANNOT_TELL = range(4)
 PIPE = "/var/lib/quoradmind/dhcp_fifo"
 LISTENER = "import socket, time; s = socket.create_server(('', 13233)); time.sleep(1000)"
+DROPS = b"""table inet t {
+    chain c {
+        type filter hook input priority 0
+        tcp dport 3223 drop
+    }
+}"""
 READER = f"import os, time; os.open('{PIPE}', os.O_RDONLY | os.O_NONBLOCK); time.sleep(1000)"
 
 
@@ -174,3 +181,45 @@ def test_a_host_that_is_not_well(host, faults, run_daemon, ctl):
     host.wait_log("bottle=1", LIMIT)
     slave.kill()
     assert "left over" in faults(host)[1]["semaphore"]
+
+
+def test_a_running_pair_and_its_settings(pair, ctl):
+    master, slave = pair.master, pair.slave
+    pair.wait_equal(LIMIT)
+
+    def found(host, *options):
+        told = json.loads(ctl(host, "check", "--json", *options)[1])["findings"]
+        return {each["name"]: f"{each['mark']}: {each['text']}; {each['remedy']}" for each in told}
+
+    def pair_findings(host, *options):
+        return {name: text for name, text in found(host, *options).items() if "peer" in name}
+
+    with FileService(slave), FileService(master):
+        for host in (master, slave):
+            told = pair_findings(host, "--peer")
+            assert {text.partition(":")[0] for text in told.values()} == {"ok"}, told
+            assert "carry the heartbeats" in told["peer ports"]
+            assert found(host)["running role"].startswith("ok")
+        # What a daemon was started with stays, whatever the settings say now.
+        slave.config.fill({"master": slave.address, "master_paths": "10.77.0.99"})
+        text = found(slave)["running role"]
+        assert text.startswith("problem: the daemon runs as slave") and "restart needed" in text
+        told = pair_findings(master, "--peer", slave.address)
+        assert told["peer master"].startswith("problem") and "two masters" in told["peer master"]
+        slave.config.put("master", master.address)
+        told = pair_findings(master, "--peer")
+        assert "10.77.0.99 is no address of this host" in told["peer master_paths"]
+        slave.config.put("server_list", f"{master.address},10.77.0.9")
+        told = pair_findings(master, "--peer", slave.address)
+        assert told["peer server_list"].startswith("problem"), told
+
+        # A packet filter that drops, and nobody who listens.
+        slave.run(["/usr/sbin/nft", "-f", "-"], input=DROPS, check=True)
+        told = pair_findings(master, "--peer", slave.address)
+        assert "does not answer" in told["peer config.db"]
+        assert "a packet filter drops" in told["peer config.db"]
+        slave.shell("nft flush ruleset")
+    text = pair_findings(master, "--peer", slave.address)["peer config.db"]
+    assert text.startswith("problem") and "Connection refused" in text
+    pair.slave_daemon.kill()
+    wait_until(lambda: "no heartbeat" in pair_findings(master, "--peer")["peer ports"], LIMIT, "10 s")

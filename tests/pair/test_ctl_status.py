@@ -22,8 +22,8 @@ PROMTOOL = "/usr/bin/promtool"
 def told(ctl):
     """The exit code, the names of the problems, and all that `status --json` tells."""
 
-    def ask(host):
-        code, out, _ = ctl(host, "status", "--json")
+    def ask(host, *options):
+        code, out, _ = ctl(host, "status", "--json", *options)
         status = json.loads(out)
         jsonschema.Draft202012Validator(SCHEMA).validate(status)
         assert status["exit_code"] == code
@@ -162,6 +162,28 @@ def test_an_ordinary_push_is_no_problem_at_any_time(pair_factory, ctl, told, bec
     pair.slave_daemon.signal(SIGSTOP)
     code, _, complaint = ctl(pair.master, "store", "bump", "--wait", "2", "client")
     assert code == PROBLEM and "no slave has taken" in complaint
+
+
+def test_both_sides_at_once(serving, ctl, told, becomes):
+    master, slave = serving.master, serving.slave
+    becomes(master, FINE)
+    with FileService(slave):
+        code, names, status = told(master, "--peer")
+        assert (code, names, status["peer"]["failure"]) == (FINE, [], None)
+        here, there = status["peer"]["here"], status["peer"]["there"]
+        assert here["settings"]["client_db_version"] == there["settings"]["client_db_version"]
+        assert [side["configured_role"]["role"] for side in (here, there)] == ["master", "slave"]
+        slave.config.put("master", slave.address)
+        code, names, status = told(master, "--peer", slave.address)
+        assert (code, names) == (PROBLEM, ["peer_disagrees"])
+        code, out, _ = ctl(master, "status", "--peer")
+        assert "two masters, which both serve clients" in out
+        rows = [line.split() for line in out.splitlines()]
+        assert ["master", master.address, slave.address, "DIFFER"] in rows
+        assert f"not known from here of {slave.address}: its role now" in out
+    code, names, status = told(master, "--peer")
+    assert (code, names, status["peer"]["there"]) == (PROBLEM, ["peer_not_read"], None)
+    assert told(master)[0] == FINE and "peer" not in told(master)[2]
 
 
 @pytest.mark.parametrize("log", ["read-only", "missing"])

@@ -44,6 +44,9 @@ def test_only_the_pair_gets_through(pair_factory):
             with stranger.line.open_socket() as knock:
                 knock.connect((pair.slave.address, port))
 
+        unedited = pair.slave.run(["/usr/sbin/nft", "-f", "-"], input=FILTER.read_bytes())
+        assert unedited.returncode != 0 and b"ADDRESSES_OF_THE_PAIR_ARE_MISSING" in unedited.stderr
+        assert pair.slave.shell("nft list ruleset") == ""
         load_filter(pair)
         mark = pair.master.log_mark()
         assert_drops(pair.master, lambda: peer.outlet.send(beat))

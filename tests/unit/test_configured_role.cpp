@@ -1,9 +1,11 @@
 #include "ctl/configured_role.h"
+#include "ctl/peer/agreement.h"
 #include "support.h"
 
 namespace {
 
 using testing::HasSubstr;
+using testing::Not;
 
 TEST(ConfiguredRole, NamesEachServersRoleOnce) {
     const PairSettings settings{"enable", "A,B,C", "1,A*2,B*3,C", "B"};
@@ -24,6 +26,28 @@ TEST(ConfiguredRole, FindsWhatIsWrongWithAServerList) {
     EXPECT_THAT(server_list_fault("10.0.0.1,10.0.0.256"), HasSubstr("\"10.0.0.256\""));
     EXPECT_THAT(server_list_fault("10.0.0.1,one"), HasSubstr("not a dotted"));
     EXPECT_THAT(server_list_fault("10.0.0.1,10.0.0.1"), HasSubstr("twice"));
+}
+
+// What one setting on the peer makes of a pair.
+std::string disagreement(const char* key, const char* value, const char* peer_address = "B") {
+    const PairSide own{"A", {}, {{"ha", "enable"}, {"server_list", "A,B"}, {"master", "A"}}};
+    PairSide peer{peer_address, {}, own.settings};
+    peer.settings[key] = value;
+    std::string told;
+    for (const Disagreement& each : disagreements(own, peer)) {
+        told += each.key + ": " + each.text + "\n";
+    }
+    return told;
+}
+
+TEST(Agreement, NamesWhatBothSidesContradictEachOtherIn) {
+    EXPECT_EQ(disagreement("dsver", "1"), "");
+    EXPECT_EQ(disagreement("master", "A*1"), "");
+    EXPECT_EQ(disagreement("ha", "off"), "ha: \"enable\" here and \"off\" on B\n");
+    EXPECT_THAT(disagreement("master", "B"), HasSubstr("\"B\" on B: two masters"));
+    EXPECT_EQ(disagreement("server_list", "A,C"), "server_list: \"A,B\" here and \"A,C\" on B\n");
+    EXPECT_THAT(disagreement("dsver", "1", "C"), Not(HasSubstr("role")))
+        << "another address of B, perhaps";
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "ctl/console.h"
+#include "ctl/peer/peer_file.h"
 #include "ctl/rows.h"
 #include "ctl/verbs.h"
 #include "findings.h"
@@ -16,16 +17,20 @@ namespace {
 constexpr const char* NOTES = R"(
 Prints one line for each requirement, with the reason and the remedy where it is not met. Nothing is
 created, opened for writing or changed, and a running daemon is not disturbed. Warnings do not
-change the exit code.
+change the exit code. With --peer, the config.db of the other server is fetched through its file
+service and compared, too.
 
 Examples:
   quorsyncctl check
   quorsyncctl check --warn    (for a unit: only what is wrong, exit code 0)
-  quorsyncctl check --json)";
+  quorsyncctl check --json
+  quorsyncctl check --peer
+  quorsyncctl check --peer 192.168.0.2)";
 
 struct Options {
     bool warn = false;
     bool json = false;
+    std::string peer;
 };
 
 struct MarkStyle {
@@ -89,11 +94,19 @@ int exit_code_of(const Findings& findings) {
 }
 
 int check(const Options& options) {
+    const std::string peer = options.peer.empty() ? "" : peer_address(options.peer);
     Findings findings;
-    if (check_files(findings)) {
+    const bool has_settings = check_files(findings);
+    if (has_settings) {
         check_settings(findings);
     }
     check_host(findings);
+    if (has_settings) {
+        check_running(findings);
+    }
+    if (has_settings && !peer.empty()) {
+        check_peer(peer, findings);
+    }
     print(findings, options);
     return options.warn ? EXIT_FINE : exit_code_of(findings);
 }
@@ -106,5 +119,6 @@ void add_check(const Command& tool) {
         .notes(NOTES)
         .flag("--warn", options->warn, "Print only what is wrong, on standard error; exit with 0")
         .flag("--json", options->json, "Print machine-readable output")
+        .peer_option(options->peer, "Compare with the settings of the other server, too")
         .runs([options] { return check(*options); });
 }

@@ -49,5 +49,12 @@ bool check_files(Findings& findings);
 // The pair's settings, the addresses of this host and the roles that follow from both.
 void check_settings(Findings& findings);
 
+// Whether the running daemon still works by these settings; nothing where it has no role.
+void check_running(Findings& findings);
+
+// The other server at `address`: its settings beside these, and whether the pair's ports carry
+// anything. Its file service is asked for config.db; nothing is sent to its daemon.
+void check_peer(const std::string& address, Findings& findings);
+
 // Programs, pipe, log directory, ports, semaphore and daemons of this host.
 void check_host(Findings& findings);
