@@ -37,6 +37,7 @@ _quorsyncctl() {
         bump\ *) found="config client dsver" ;;
         diff\ * | *\ diff) found="config client disk" ;;
         --since\ *) found="today yesterday 30m 2h 3d" ;;
+        --html\ *) mapfile -t COMPREPLY < <(compgen -f -- "$current"); return ;;
         --dir\ *) mapfile -t COMPREPLY < <(compgen -d -- "$current"); return ;;
     esac
     case "${verbs[*]}" in

@@ -98,6 +98,12 @@ const Command& Command::number(const char* name, int& value, int absent, const c
     return *this;
 }
 
+const Command& Command::options(const char* name, std::vector<std::string>& values,
+                                const char* help) const {
+    m_app.add_option(name, values, help)->capture_default_str()->allow_extra_args(false);
+    return *this;
+}
+
 const Command& Command::flag(const char* name, bool& value, const char* help) const {
     m_app.add_flag(name, value, help);
     return *this;

@@ -50,6 +50,10 @@ public:
     const Command& option(const char* name, std::string& value, const char* help,
                           const std::vector<std::string>& choices = {}) const;
 
+    // An option with one or more values, each behind the option's name.
+    const Command& options(const char* name, std::vector<std::string>& values,
+                           const char* help) const;
+
     // An option with a positive number, which is `absent` where the option stands alone.
     const Command& number(const char* name, int& value, int absent, const char* help) const;
 

@@ -10,14 +10,20 @@ constexpr std::size_t MAX_REPEATED = 512;
 }  // namespace
 
 std::string_view kind_name(EventKind kind) {
-    constexpr std::array<std::string_view, 14> NAMES = {
-        "waiting", "start", "stop",    "last-answer", "take-over", "step-down", "sync",
-        "push",    "fetch", "trouble", "silence",     "clock",     "flapping",  "re-sync"};
+    constexpr std::array<std::string_view, 15> NAMES = {
+        "waiting", "start",   "stop",    "last-answer", "take-over", "step-down", "sync",  "push",
+        "fetch",   "trouble", "silence", "clock",       "flapping",  "re-sync",   "missed"};
     return NAMES[static_cast<std::size_t>(kind)];
 }
 
+bool wants_attention(const std::vector<TimelineEvent>& events) {
+    return std::any_of(events.begin(), events.end(), [](const TimelineEvent& event) {
+        return event.kind == EventKind::FLAPPING || event.kind == EventKind::RESYNC;
+    });
+}
+
 TimelineEvent& EventList::add(EventKind kind, LogTime time, std::string text) {
-    events_.push_back({kind, time, time, 1, std::move(text), {}, {}, {}});
+    events_.push_back({kind, time, time, 1, std::move(text), {}, {}, {}, false, {}});
     return events_.back();
 }
 

@@ -25,6 +25,7 @@ enum class EventKind {
     CLOCK,     // the clock was set back
     FLAPPING,  // several take-overs in a short time
     RESYNC,    // the same transfer again and again
+    MISSED,    // heartbeats of a slave that were not answered: only in the picture
 };
 
 // "take-over": the kind as it is called in all output.
@@ -42,7 +43,12 @@ struct TimelineEvent {
     std::optional<long> seconds_from;
     std::optional<long> seconds_to;
     std::optional<long> records;  // of a transfer
+    bool failed = false;          // a transfer that did not come to its end
+    std::string line;             // the first message that told of it
 };
+
+// Whether one of them is named as what an operator must look after.
+bool wants_attention(const std::vector<TimelineEvent>& events);
 
 // Repetitions within this time of each other belong together.
 inline constexpr std::chrono::seconds TOGETHER{60};

@@ -3,8 +3,10 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <iterator>
 
 #include "ctl/configured_role.h"
+#include "ctl/console.h"
 #include "role.h"
 #include "text.h"
 
@@ -125,6 +127,7 @@ void RoleEvents::start(LogTime time, std::string_view master_ip, std::string_vie
     fresh.slave_ip = slave_ip;
     state_ = fresh;
     beat_before_answer_.reset();
+    missing_ = false;
     start_event_ = events_.size();
     events_.add(EventKind::START, time, start_text());
 }
@@ -161,11 +164,46 @@ void RoleEvents::count_beat(LogTime time, int bottle, int status) {
     note_silence(time);
     state_.role = "slave";
     state_.acting = !state_.stop && status == STATUS_PROMOTED;
-    if (bottle >= SLAVE_BEAT_RESET - 1) {
+    const bool answered = bottle >= SLAVE_BEAT_RESET - 1;
+    note_missed(time, answered);
+    if (answered) {
         beat_before_answer_ = state_.beat ? state_.beat : state_.start;
         state_.answer = time;
     }
     state_.beat = time;
+}
+
+// The heartbeat before this one was answered, or not. Before the first one there was none.
+void RoleEvents::note_missed(LogTime time, bool answered) {
+    if (answered || !state_.beat) {
+        missing_ = false;
+        return;
+    }
+    if (!missing_) {
+        missed_.push_back({*state_.beat, time, 0});
+    }
+    missing_ = true;
+    missed_.back().until = time;
+    ++missed_.back().count;
+}
+
+std::vector<TimelineEvent> RoleEvents::missed_beats() const {
+    std::vector<TimelineEvent> events;
+    const auto told = [](const MissedBeats& beats) {
+        return TimelineEvent{
+            EventKind::MISSED,
+            beats.first,
+            beats.until,
+            beats.count,
+            counted(static_cast<std::size_t>(beats.count), "heartbeat") + " without an answer",
+            {},
+            {},
+            {},
+            false,
+            {}};
+    };
+    std::transform(missed_.begin(), missed_.end(), std::back_inserter(events), told);
+    return events;
 }
 
 void RoleEvents::note_silence(LogTime time) {

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "event_list.h"
 #include "log_state.h"
@@ -21,6 +22,9 @@ public:
     // Reports what the last search for a role, which nothing followed, was waiting for.
     void end_search();
 
+    // The heartbeats that were not answered, a row of them as one event.
+    std::vector<TimelineEvent> missed_beats() const;
+
 private:
     bool handle_beat(const ParsedMessage& message);
     void begin_search(LogTime time, std::string_view ha);
@@ -32,6 +36,7 @@ private:
     void step_down(LogTime time);
 
     std::string start_text() const;
+    void note_missed(LogTime time, bool answered);
     void note_silence(LogTime time);
     void note_flapping(LogTime time);
 
@@ -47,4 +52,12 @@ private:
     std::optional<LogTime> beat_before_answer_;
     std::deque<LogTime> take_overs_;  // of the last minutes
     std::optional<std::size_t> flapping_;
+
+    struct MissedBeats {
+        LogTime first;  // when the first of them was sent
+        LogTime until;
+        long count;
+    };
+    std::vector<MissedBeats> missed_;
+    bool missing_ = false;  // the last heartbeat was not answered
 };

@@ -22,6 +22,7 @@ constexpr std::chrono::hours FILE_SPAN{25};
 
 constexpr std::size_t MAX_ALIKE = 5;  // further ones of a kind are told as one
 constexpr std::size_t MAX_QUEUE = 1000;
+constexpr std::size_t MAX_LINE = 300;  // bytes that are kept of a message
 
 // The fetches of a master.
 class FetchEvents {
@@ -102,9 +103,10 @@ bool FetchEvents::note_cause(const ParsedMessage& failure) {
 }
 
 void FetchEvents::fail(LogTime time, const std::string& cause) {
-    events_.repeat(EventKind::FETCH, time,
-                   fmt::format("config.db of {} could not be fetched: {}",
-                               server_.value_or("another server"), cause));
+    TimelineEvent& event = events_.repeat(EventKind::FETCH, time,
+                                          fmt::format("config.db of {} could not be fetched: {}",
+                                                      server_.value_or("another server"), cause));
+    event.failed = true;
     server_.reset();  // the DHCP reload that may follow is no end of a fetch
 }
 
@@ -165,6 +167,14 @@ struct Timeline::Parts {
     TransferEvents transfers{events, state};
     FetchEvents fetches{events};
     FailureEvents failures{events};
+    RoleBands bands;
+
+    // New events since there were so many come from this message.
+    void note_line(std::size_t known, std::string_view text) {
+        for (std::size_t fresh = known; fresh < events.size(); ++fresh) {
+            events.at(fresh).line = text.substr(0, MAX_LINE);
+        }
+    }
 
     void watch_clock(LogTime time) {
         if (!state.first_message) {
@@ -185,6 +195,7 @@ Timeline::~Timeline() = default;
 
 void Timeline::add(const LogMessage& line) {
     Parts& parts = *parts_;
+    const std::size_t known = parts.events.size();
     parts.watch_clock(line.time);
     const ParsedMessage message = parse_message(line);
     if (message.meaning() == Meaning::START) {
@@ -196,6 +207,8 @@ void Timeline::add(const LogMessage& line) {
     if (message.failure && !handled) {
         parts.failures.add(message);
     }
+    parts.note_line(known, line.text);
+    parts.bands.add(line.time, parts.state);
 }
 
 std::vector<TimelineEvent> Timeline::finish() {
@@ -204,6 +217,19 @@ std::vector<TimelineEvent> Timeline::finish() {
     parts_->transfers.report_open_ones();
     parts_->state.open_transfer = open_transfer;  // reported, but it may go on
     return parts_->events.sorted();
+}
+
+std::vector<TimelineEvent> Timeline::missed_beats() const {
+    return parts_->roles.missed_beats();
+}
+
+const std::vector<RoleBand>& Timeline::bands() const {
+    return parts_->bands.list();
+}
+
+std::string Timeline::own_address() const {
+    const LogState& state = parts_->state;
+    return state.role == "master" ? state.master_ip : state.role == "slave" ? state.slave_ip : "";
 }
 
 History read_history(const std::string& directory, std::optional<LogTime> since) {

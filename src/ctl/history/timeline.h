@@ -11,6 +11,7 @@
 #include "event_list.h"
 #include "log_reader.h"
 #include "log_state.h"
+#include "role_bands.h"
 
 // A pure function of the messages.
 class Timeline {
@@ -24,6 +25,14 @@ public:
 
     // After the last message: what has happened, in order of time.
     std::vector<TimelineEvent> finish();
+
+    // The slave's heartbeats that were not answered, a row of them as one event.
+    std::vector<TimelineEvent> missed_beats() const;
+
+    const std::vector<RoleBand>& bands() const;
+
+    // The host's address in the pair; empty as long as the log does not tell it.
+    std::string own_address() const;
 
 private:
     struct Parts;

@@ -12,6 +12,7 @@
 #include "ctl/rows.h"
 #include "ctl/verbs.h"
 #include "log.h"
+#include "picture_file.h"
 #include "timeline.h"
 
 namespace {
@@ -23,11 +24,13 @@ and lead to exit code 1.
 
 Examples:
   quorsyncctl timeline --since 2h
-  quorsyncctl timeline --since "2026-11-16 03:00" --json)";
+  quorsyncctl timeline --since "2026-11-16 03:00" --json
+  quorsyncctl timeline --html pair.html --dir logs/master --dir logs/slave)";
 
 struct Options {
-    std::string directory = LOG_DIRECTORY;
+    std::vector<std::string> directories = {LOG_DIRECTORY};
     std::string since;
+    std::string html;
     bool json = false;
 };
 
@@ -77,7 +80,17 @@ Row row_of(const TimelineEvent& event) {
     return row;
 }
 
+void check_options(const Options& options) {
+    if (options.html.empty() && options.directories.size() > 1) {
+        throw WrongUse("--dir", "several of them are only drawn, with --html FILE");
+    }
+    if (!options.html.empty() && options.json) {
+        throw WrongUse("--html", "is another form than --json; choose one");
+    }
+}
+
 int show_timeline(const Options& options) {
+    check_options(options);
     std::optional<LogTime> since;
     if (!options.since.empty()) {
         since = parse_since(options.since, log_time_now());
@@ -87,7 +100,10 @@ int show_timeline(const Options& options) {
                                           "\"2026-11-16 03:00\", \"03:00\", \"2h\" or \"today\"");
         }
     }
-    History history = read_history(options.directory, since);
+    if (!options.html.empty()) {
+        return draw_timeline(options.html, options.directories, since);
+    }
+    History history = read_history(options.directories.front(), since);
     if (!history.failure.empty()) {
         complain("{}", history.failure);
         return EXIT_CANNOT_TELL;
@@ -102,10 +118,7 @@ int show_timeline(const Options& options) {
     } else {
         print_table(rows);
     }
-    const bool alarming = std::any_of(events.begin(), events.end(), [](const auto& event) {
-        return event.kind == EventKind::FLAPPING || event.kind == EventKind::RESYNC;
-    });
-    return alarming ? EXIT_PROBLEM : EXIT_FINE;
+    return wants_attention(events) ? EXIT_PROBLEM : EXIT_FINE;
 }
 
 }  // namespace
@@ -116,7 +129,9 @@ void add_timeline(const Command& tool) {
         .notes(NOTES)
         .option("--since", options->since,
                 "Begin at a time, a day, or so long ago: 30m, 2h, 3d, today, yesterday")
-        .option("--dir", options->directory, "Where the daily logs are")
+        .options("--dir", options->directories,
+                 "Where the daily logs are; with --html, once for each server")
+        .option("--html", options->html, "Draw a page with a lane for each server into this file")
         .flag("--json", options->json, "Print machine-readable output")
         .runs([options] { return show_timeline(*options); });
 }

@@ -217,6 +217,7 @@ void TransferEvents::report(std::size_t set, bool whole) {
     event.count = transfer.times < ENDLESS ? 1 : transfer.times;
     event.until = transfer.last;
     event.records = transfer.records;
+    event.failed = !whole;
     event.seconds_from = event.seconds_to = seconds_between(transfer.begin, transfer.last);
     event.text = transfer.times < ENDLESS ? text_of_one(set, whole) : text_of_many(set);
 }
