@@ -2,7 +2,11 @@
 
 import re
 import shlex
+import shutil
+import subprocess
+import tempfile
 from collections.abc import Callable
+from pathlib import Path
 
 from lab import Host, Pair, describe_difference, realistic_clients, wait_until
 from lab.pair import PUSHED_KEYS
@@ -222,6 +226,25 @@ def look_back(run: Run) -> None:
                 for line in lines:
                     step.quote(host, line)
                 step.evidence = lines[-1]
+    with run.step("both timelines as a page") as step:
+        step.needs(ROLES)
+        step.evidence = draw_page(step, pair)
+
+
+def draw_page(step: Step, pair: Pair) -> str:
+    """Copy the logs of both servers to a folder that stays, as an operator would; the page."""
+    folder = Path(tempfile.mkdtemp(prefix="quorsyncd-demo-"))
+    for host in (pair.master, pair.slave):
+        shutil.copytree(host.root / "var/log", folder / host.name)
+    step.tell(f"in {folder}: quorsyncctl timeline --html pair.html --dir master --dir slave")
+    tool = pair.executable.parent / "quorsyncctl"
+    command = [tool, "timeline", "--html", "pair.html", "--dir", "master", "--dir", "slave"]
+    done = subprocess.run(command, cwd=folder, capture_output=True, text=True, check=False)
+    assert done.returncode == 0, f"exit status {done.returncode}: {done.stdout}{done.stderr}"
+    page = (folder / "pair.html").read_text(encoding="utf-8")
+    for sign in (pair.master.address, pair.slave.address, "#s-take-over", "#s-step-down"):
+        assert sign in page, f"{sign} is not in the page"
+    return str(folder / "pair.html")
 
 
 def printed(host: Host, program: str, verb: str) -> list[str]:
