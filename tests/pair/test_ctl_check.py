@@ -14,7 +14,7 @@ LISTENER = "import socket, time; s = socket.create_server(('', 13233)); time.sle
 DROPS = b"""table inet t {
     chain c {
         type filter hook input priority 0
-        tcp dport 3223 drop
+        tcp dport %d drop
     }
 }"""
 READER = f"import os, time; os.open('{PIPE}', os.O_RDONLY | os.O_NONBLOCK); time.sleep(1000)"
@@ -198,7 +198,7 @@ def test_a_running_pair_and_its_settings(pair, ctl):
         for host in (master, slave):
             told = pair_findings(host, "--peer")
             assert {text.partition(":")[0] for text in told.values()} == {"ok"}, told
-            assert "carry the heartbeats" in told["peer ports"]
+            assert "carry heartbeats and answers" in told["peer ports"]
             assert found(host)["running role"].startswith("ok")
         # What a daemon was started with stays, whatever the settings say now.
         slave.config.fill({"master": slave.address, "master_paths": "10.77.0.99"})
@@ -214,12 +214,18 @@ def test_a_running_pair_and_its_settings(pair, ctl):
         assert told["peer server_list"].startswith("problem"), told
 
         # A packet filter that drops, and nobody who listens.
-        slave.run(["/usr/sbin/nft", "-f", "-"], input=DROPS, check=True)
+        slave.run(["/usr/sbin/nft", "-f", "-"], input=DROPS % 3223, check=True)
         told = pair_findings(master, "--peer", slave.address)
         assert "does not answer" in told["peer config.db"]
         assert "a packet filter drops" in told["peer config.db"]
         slave.shell("nft flush ruleset")
     text = pair_findings(master, "--peer", slave.address)["peer config.db"]
     assert text.startswith("problem") and "Connection refused" in text
-    pair.slave_daemon.kill()
-    wait_until(lambda: "no heartbeat" in pair_findings(master, "--peer")["peer ports"], LIMIT, "10 s")
+    # Heartbeats come in, and no answer goes out.
+    slave.run(["/usr/sbin/nft", "-f", "-"], input=DROPS % 13233, check=True)
+
+    def unanswered():
+        text = pair_findings(master, "--peer", slave.address)["peer ports"]
+        return text.startswith("problem: no answered heartbeat") and "a packet filter" in text
+
+    wait_until(unanswered, LIMIT, "answers that are missed")

@@ -47,7 +47,8 @@ bool is_own_address(const std::string& address) {
     sockaddr_in local{};
     local.sin_family = AF_INET;
     local.sin_addr.s_addr = inet_addr(address.c_str());
-    return bind(fd.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0;
+    return is_dotted_address(address) &&
+           bind(fd.get(), reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0;
 }
 
 // A slave turns to these for its master.
@@ -78,15 +79,15 @@ void check_stamps(const PairSide& own, const PairSide& peer, Findings& findings)
     }
 }
 
-// The last beat between this host and that one, as far as this one knows; null before the first.
+// The last answered beat between this host and that one, which came by one port and was answered by
+// the other; null before the first.
 const PageTime* last_beat(const DaemonState& state, const std::string& address) {
     const StatePage& page = *state.page;
-    const bool master = role_of(state) == HostRole::MASTER;
-    const PageTime& beat = master ? page.heartbeat_received : page.heartbeat_answered;
     // One that was asked at an address that is not listed beats from a listed one.
-    const bool of_another = master && list_has(own_side().value(KEY_SERVER_LIST), address) &&
+    const bool of_another = role_of(state) == HostRole::MASTER &&
+                            list_has(own_side().value(KEY_SERVER_LIST), address) &&
                             page.partner != inet_addr(address.c_str());
-    return beat.ever() && !of_another ? &beat : nullptr;
+    return page.heartbeat_answered.ever() && !of_another ? &page.heartbeat_answered : nullptr;
 }
 
 std::string ports_text() {
@@ -114,13 +115,14 @@ void check_beats(const std::string& address, Findings& findings) {
         age_of(beat != nullptr ? *beat : state.page->started, state));
     const std::string time = age_text(age.count());
     if (beat != nullptr && age <= FRESH) {
-        findings.good("peer ports", fmt::format("{} carry the heartbeats: the last one {} ago",
-                                                ports_text(), time));
+        findings.good("peer ports",
+                      fmt::format("{} carry heartbeats and answers: the last one {} ago",
+                                  ports_text(), time));
     } else if (age <= FRESH) {
-        findings.warning("peer ports", fmt::format("no heartbeat yet for {}", time),
+        findings.warning("peer ports", fmt::format("no answered heartbeat yet for {}", time),
                          "try again in some seconds");
     } else {
-        findings.problem("peer ports", fmt::format("no heartbeat for {}", time),
+        findings.problem("peer ports", fmt::format("no answered heartbeat for {}", time),
                          fmt::format("look whether the daemon runs on {}, and on both servers for "
                                      "a packet filter that drops {}: \"nft list ruleset\"",
                                      address, ports_text()));

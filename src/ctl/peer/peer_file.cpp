@@ -79,10 +79,8 @@ std::string fetch_failure_text(const std::string& address, const std::string& re
         case FETCH_NOT_KEPT:
             return fetch.length == 0
                        ? fmt::format("{} answers without the length of {}", address, remote)
-                       : fmt::format(
-                             "{} cannot be written to its end; is its file "
-                             "system full?",
-                             local);
+                       : fmt::format("{} cannot be written to its end; is its file system full?",
+                                     local);
         case FETCH_CUT:
             return fmt::format("{} ended {} after {} of {}", address, remote,
                                bytes_text(static_cast<std::uint64_t>(fetch.received)),
