@@ -132,7 +132,8 @@ TEST(Picture, OfADayAtRestIsSmall) {
         servers.push_back({"A", "/var/log", timeline->bands(), timeline->finish()});
         EXPECT_EQ(timeline->bands().size(), 1U);
     }
-    EXPECT_LT(html_of(lay_out(servers, range_of(servers))).size(), 20'000U);
+    EXPECT_LT(html_of(lay_out(servers, range_of(servers, {}))).size(), 20'000U);
+    EXPECT_EQ(range_of({}, DAY.from).from, DAY.from);
 }
 
 TEST(Picture, ShowsAnyBytesAsText) {

@@ -236,7 +236,7 @@ std::optional<MarkRow> row_of(EventKind kind) {
     }
 }
 
-TimeRange range_of(const std::vector<ServerHistory>& servers) {
+TimeRange range_of(const std::vector<ServerHistory>& servers, LogTime otherwise) {
     std::optional<TimeRange> range;
     for (const ServerHistory& server : servers) {
         for (const RoleBand& band : server.bands) {
@@ -244,7 +244,7 @@ TimeRange range_of(const std::vector<ServerHistory>& servers) {
                               range ? std::max(range->until, band.until) : band.until};
         }
     }
-    const TimeRange whole = range.value_or(TimeRange{});
+    const TimeRange whole = range.value_or(TimeRange{otherwise, otherwise});
     return {whole.from, std::max(whole.until, whole.from + SHORTEST_RANGE)};
 }
 

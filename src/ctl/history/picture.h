@@ -80,8 +80,9 @@ struct Picture {
 // Marks of a row that are closer together than this part of the width are drawn as one.
 inline constexpr double MARK_SPACING = 1.0 / 100;
 
-// From the first to the last message of all servers; at least some seconds.
-TimeRange range_of(const std::vector<ServerHistory>& servers);
+// From the first to the last message of all servers; from `otherwise` on where nothing was logged.
+// At least some seconds.
+TimeRange range_of(const std::vector<ServerHistory>& servers, LogTime otherwise);
 
 // A pure function. What lies outside the range is left out.
 Picture lay_out(const std::vector<ServerHistory>& servers, TimeRange range);

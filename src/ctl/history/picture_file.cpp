@@ -61,7 +61,7 @@ int draw_timeline(const std::string& file, const std::vector<std::string>& direc
         }
         servers.push_back(server_of(history.timeline, directory));
     }
-    const Picture picture = lay_out(servers, range_of(servers));
+    const Picture picture = lay_out(servers, range_of(servers, since.value_or(log_time_now())));
     const std::string page = html_of(picture);
     const Replacement written =
         replace_file_by(fresh_name(file), file,
