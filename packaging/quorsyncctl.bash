@@ -36,7 +36,7 @@ _quorsyncctl() {
         --peer\ *) found=$(quorsyncctl store get server_list 2>/dev/null | tr , ' ') ;;
         bump\ *) found="config client dsver" ;;
         diff\ * | *\ diff) found="config client disk" ;;
-        --since\ *) found="today yesterday 30m 2h 3d" ;;
+        --since\ *) found="all today yesterday 30m 2h 3d 1w" ;;
         --html\ *) mapfile -t COMPREPLY < <(compgen -f -- "$current"); return ;;
         --dir\ *) mapfile -t COMPREPLY < <(compgen -d -- "$current"); return ;;
     esac

@@ -1,5 +1,6 @@
 #include "verbs.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -60,6 +61,16 @@ void complain_about(const CLI::App& verb, const CLI::ParseError& error) {
     complain("see \"{} --help\"", words_of(verb));
 }
 
+// Adds an option by its names, which the kind of its value may follow.
+CLI::Option* add_to(CLI::App& app, std::string_view name, std::string& value, const char* help) {
+    const std::size_t blank = std::min(name.find(' '), name.size());
+    CLI::Option* option = app.add_option(std::string(name.substr(0, blank)), value, help);
+    if (blank < name.size()) {
+        option->type_name(std::string(name.substr(blank + 1)));
+    }
+    return option;
+}
+
 void limit(CLI::Option* option, const std::vector<std::string>& choices) {
     if (!choices.empty()) {
         option->check(CLI::IsMember(choices));
@@ -86,7 +97,7 @@ const Command& Command::argument(const char* name, std::string& value, const cha
 
 const Command& Command::option(const char* name, std::string& value, const char* help,
                                const std::vector<std::string>& choices) const {
-    limit(m_app.add_option(name, value, help)->capture_default_str(), choices);
+    limit(add_to(m_app, name, value, help)->capture_default_str(), choices);
     return *this;
 }
 

@@ -46,7 +46,8 @@ public:
     // One that may be left out.
     const Command& optional_argument(const char* name, std::string& value, const char* help) const;
 
-    // An option with a value; the help shows the value that `value` has now, unless it is empty.
+    // An option with a value. `name` may tell the kind of its value, "-n,--last COUNT". The help
+    // shows the value that `value` has now, unless it is empty.
     const Command& option(const char* name, std::string& value, const char* help,
                           const std::vector<std::string>& choices = {}) const;
 

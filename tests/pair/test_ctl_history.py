@@ -1,5 +1,6 @@
 """What the operator's tool tells of a pair's past: its timeline."""
 
+import datetime
 import json
 import re
 
@@ -38,3 +39,33 @@ def test_the_timeline_of_a_pair(pair_factory, ctl):
     assert re.search(r"take-over +takes over .* s after the master's last answer", out)
     _, out, _ = ctl(master, "timeline")
     assert re.search(r"push +client set sent: 50 records", out)
+
+
+def write_log(path, day, size):
+    """A whole day of a slave that gets one client after the other, with a take-over every hour."""
+    with open(path, "wb") as file:
+        for minute in range(1440):
+            stamp = f"quorsyncd:2.1 {day:%Y-%m-%d} {minute // 60:02}:{minute % 60:02}:00 "
+            line = f"{stamp}INFO :data 2: 00:1E:4F:AA:0B:{minute:04}=name=PC|ip=192.168.0.21\n"
+            file.write((line * (size // 1440 // len(line))).encode())
+            if minute % 60 == 0:
+                file.write(f"{stamp}INFO :become a master host\n".encode())
+
+
+def test_a_large_log_is_not_read_from_its_beginning(empty_lab, daemon_path, daemon_env):
+    host = empty_lab.add_host("a")
+    tool = host.expose(daemon_path.parent / "quorsyncctl")
+    yesterday = datetime.date.today() - datetime.timedelta(days=1)
+    write_log(host.root / f"var/log/quorsyncd_{yesterday:%Y_%m_%d}.log", yesterday, 500 << 20)
+
+    def bytes_read(arguments, output):
+        script = f"{tool} {arguments} >/tmp/out; grep rchar /proc/$$/io"
+        count = int(host.run(["sh", "-c", script], env=daemon_env).stdout.split()[1])
+        assert output in (host.root / "tmp/out").read_text()
+        return count
+
+    ignored = bytes_read("--version", "2.1")
+    assert bytes_read("status", "daemon") - ignored < 1 << 20
+    assert bytes_read("timeline -n 1", f"{yesterday} 23:00:00  take-over") - ignored < 32 << 20
+    late = f"--since '{yesterday} 22:30'"
+    assert bytes_read(f"timeline {late}", "23:00:00  take-over") - ignored < 100 << 20

@@ -1,3 +1,6 @@
+#include <fmt/format.h>
+#include <zlib.h>
+
 #include <sstream>
 
 #include "ctl/history/log_reader.h"
@@ -12,6 +15,7 @@ using testing::HasSubstr;
 using Lines = std::vector<std::string>;
 
 constexpr const char* DAY = "2026-11-16 ";
+const LogTime MIDNIGHT = *parse_day("2026-11-16");
 
 // "03:00:02 INFO :text" as the daemon writes it, without the newline.
 std::string stamped(const std::string& line) {
@@ -22,7 +26,7 @@ Timeline timeline_of(const Lines& lines) {
     Timeline timeline;
     for (const std::string& line : lines) {
         const std::string whole = stamped(line);
-        const auto message = parse_log_line(whole);
+        const auto message = parse_log_line(whole, MIDNIGHT);
         EXPECT_TRUE(message) << line;
         timeline.add(*message);
     }
@@ -67,6 +71,7 @@ TEST_F(LogFiles, AreReadAcrossNewlinesAndForeignLines) {
                "no message\n" + stamped("03:00:00 INFO :data 2: K=a\nb") + stop + "\n" +
                    std::string(3U << 20U, 'x') + "\n\n" + std::string(5000, '\0') +
                    "quorsyncd:2.1 2026-99-16 03:00:20 INFO :become a master host\n" +
+                   "quorsyncd:2.1 2026-11-15 03:00:20 INFO :become a master host\n" +
                    stamped("03:00:21 INFO :a value with " + stop) + "\n" +
                    stamped("03:00:22 INFO :become a master host"));  // not ended yet
     write_file("/var/log/quorsyncd_2026_11_15.log",
@@ -84,6 +89,82 @@ TEST_F(LogFiles, AreReadAcrossNewlinesAndForeignLines) {
     EXPECT_THAT(read_history("/nowhere", {}).failure, HasSubstr("No such file"));
 }
 
+TEST_F(LogFiles, AreReadWhenRotatedAndPackedToo) {
+    const auto text = [](const std::string& date, const std::string& server) {
+        return "quorsyncd:2.1 " + date + " INFO :quorsyncd start,master_ip:" + server +
+               ",slave_ip:S\n";
+    };
+    const auto pack = [](const std::string& path, const std::string& lines) {
+        const gzFile file = gzopen(path.c_str(), "w");
+        EXPECT_GT(gzwrite(file, lines.data(), static_cast<unsigned>(lines.size())), 0);
+        gzclose(file);
+    };
+    write_file("/var/log/quorsyncd_2026_11_16.log", text("2026-11-16 09:00:00", "E"));
+    write_file("/var/log/quorsyncd_2026_11_16.log.1", text("2026-11-16 08:00:00", "D"));
+    pack("/var/log/quorsyncd_2026_11_16.log.2.gz", text("2026-11-16 07:00:00", "C"));
+    pack("/var/log/quorsyncd_2026_11_15.log-20261117.gz", text("2026-11-15 07:00:00", "B"));
+    pack("/var/log/quorsyncd_2026_11_14.log.1.gz", text("2026-11-14 07:00:00", "A"));
+    write_file("/var/log/quorsyncd_2026_11_16.log.1.gz", "being packed");
+    write_file("/var/log/quorsyncd_2026_11_16.log.old", text("2026-11-16 01:00:00", "X"));
+    write_file("/var/log/quorsyncd_2026_11_16.log.1x", text("2026-11-16 01:00:00", "X"));
+    std::string masters;
+    History all = read_history("/var/log", {});
+    EXPECT_EQ(all.failure, "");
+    for (const TimelineEvent& event : all.timeline.finish()) {
+        masters += event.text.substr(event.text.find("master ") + 7, 1);
+    }
+    EXPECT_EQ(masters, "ABCDE");
+    write_file("/var/log/quorsyncd_2026_11_13.log.gz", "\x1f\x8b\x08 torn");
+    EXPECT_THAT(read_history("/var/log", {}).failure, HasSubstr("11_13.log.gz cannot be read"));
+}
+
+// A day of a slave: take-overs, client lists with forged lines, and the clock set back at noon.
+std::string long_log() {
+    std::string text;
+    for (int minute = 0; minute < 24 * 60; ++minute) {
+        const int shown = minute < 12 * 60 ? minute : minute - 100;
+        const std::string stamp =
+            fmt::format("quorsyncd:2.1 {}{:02}:{:02}:00 ", DAY, shown / 60, shown % 60);
+        if (minute % 240 == 100) {
+            text += stamp + "INFO :become a master host\n";
+        }
+        if (minute % 240 == 160) {
+            text += stamp + "INFO :restore to be a slave host\n";
+        }
+        for (int record = 0; record < 20; ++record) {
+            text += fmt::format("{}INFO :data 2: MAC{}={:100}\n", stamp, record, "");
+        }
+        text += stamp + "INFO :data 2: MAC=a\n" + stamped("00:00:00 INFO :data 2: MAC=b\n");
+        text += stamp + "INFO :data 2: dbver=1\n";
+    }
+    return text;
+}
+
+// What is told since a time, or of the last events, is what reading all comes to.
+TEST_F(LogFiles, AreReadFromNearTheWantedTime) {
+    write_file("/var/log/quorsyncd_2026_11_16.log", long_log());
+    for (int hour = 0; hour < 24; ++hour) {
+        const LogTime since = MIDNIGHT + std::chrono::hours(hour);
+        Timeline wanted;
+        DailyLog log = daily_logs("/var/log")->front();
+        EXPECT_TRUE(visit_messages(log, [&](const LogMessage& message) {
+            if (message.time >= since) {
+                wanted.add(message);
+            }
+        }));
+        EXPECT_EQ(told(read_history("/var/log", since).timeline.finish()), told(wanted.finish()));
+        begin_at(log, since);
+        EXPECT_EQ(log.begin > 0, hour > 3) << log.begin;
+    }
+    const Lines all = told(read_history("/var/log", {}).timeline.finish());
+    for (const std::size_t count : {1U, 2U, 9U, 40U, 1000U}) {
+        Lines last = told(read_last_events("/var/log", {}, count).timeline.finish());
+        ASSERT_GE(last.size(), count);
+        last.erase(last.begin(), last.end() - static_cast<std::ptrdiff_t>(count));
+        EXPECT_EQ(last, Lines(all.end() - static_cast<std::ptrdiff_t>(count), all.end()));
+    }
+}
+
 TEST(Since, IsUnderstoodAsOperatorsSayIt) {
     const LogTime now = *parse_since("2026-11-16 10:00:00", {});
     const auto text = [now](const char* since) {
@@ -93,6 +174,8 @@ TEST(Since, IsUnderstoodAsOperatorsSayIt) {
     EXPECT_EQ(text("2026-11-16 03:00"), "2026-11-16 03:00:00");
     EXPECT_EQ(text("03:00"), "2026-11-16 03:00:00");
     EXPECT_EQ(text("3d"), "2026-11-13 10:00:00");
+    EXPECT_EQ(text("1w"), "2026-11-09 10:00:00");
+    EXPECT_EQ(text("90m"), "2026-11-16 08:30:00");
     EXPECT_EQ(text("yesterday"), "2026-11-15 00:00:00");
     for (const char* wrong : {"", "h", "2", "2x", "-2h", "2026-02-30", "25:00", "soon"}) {
         EXPECT_EQ(text(wrong), "none") << wrong;

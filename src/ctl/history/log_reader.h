@@ -4,16 +4,12 @@
 // middle of a line. What no message begins is skipped: rests of such messages, and lines of others.
 #pragma once
 
-#include <chrono>
 #include <functional>
 #include <optional>
-#include <string>
 #include <string_view>
-#include <vector>
 
-// Local wall time without its zone, as the log holds it: differences are wrong by what the clock
-// was set meanwhile.
-using LogTime = std::chrono::local_seconds;
+#include "log_files.h"
+#include "log_time.h"
 
 // One message. `text` is its first line and points into the reader's buffer.
 struct LogMessage {
@@ -26,27 +22,9 @@ using MessageVisitor = std::function<void(const LogMessage&)>;
 // A message without its origin in the sources, which tells an operator nothing.
 std::string_view without_origin(std::string_view text);
 
-// The message that begins in `line` (without its newline), if there is one.
-std::optional<LogMessage> parse_log_line(std::string_view line);
+// The message that begins in `line` (without its newline) of the log of that day, if there is one.
+// The daemon chooses the log by the time in the line: one of another day stands in a value.
+std::optional<LogMessage> parse_log_line(std::string_view line, LogTime day);
 
-struct DailyLog {
-    std::string path;
-    LogTime day;  // its first second
-};
-
-// The daily files in `directory`, oldest first. Sets errno and yields nothing when it cannot be
-// read.
-std::optional<std::vector<DailyLog>> daily_logs(const std::string& directory);
-
-// Calls `visit` for each message of the file. False with errno when it cannot be read to its end.
-bool visit_messages(const std::string& path, const MessageVisitor& visit);
-
-// The present time.
-LogTime log_time_now();
-
-// What "2026-11-16 03:00", "2026-11-16", "03:00" (of today), "2h" (also s, m, d), "today" and
-// "yesterday" mean at the time `now`; nothing for any other text.
-std::optional<LogTime> parse_since(std::string_view text, LogTime now);
-
-// "2026-11-16 03:52:26".
-std::string format_log_time(LogTime time);
+// Calls `visit` for each message of the log. False with errno when it cannot be read to its end.
+bool visit_messages(const DailyLog& log, const MessageVisitor& visit);

@@ -17,8 +17,7 @@ namespace {
 // Lines of several threads may come in the wrong order by a moment.
 constexpr std::chrono::seconds CLOCK_STEP{2};
 
-// A file may go on for a moment into the next day, when the clock is set.
-constexpr std::chrono::hours FILE_SPAN{25};
+constexpr off_t FIRST_PART = 1L << 20U;  // of the logs, which may tell enough
 
 constexpr std::size_t MAX_ALIKE = 5;  // further ones of a kind are told as one
 constexpr std::size_t MAX_QUEUE = 1000;
@@ -232,26 +231,82 @@ std::string Timeline::own_address() const {
     return state.role == "master" ? state.master_ip : state.role == "slave" ? state.slave_ip : "";
 }
 
-History read_history(const std::string& directory, std::optional<LogTime> since) {
-    History history;
-    const auto logs = daily_logs(directory);
+std::optional<LogTime> Timeline::first_message() const {
+    return parts_->state.first_message;
+}
+
+namespace {
+
+// The logs with lines since then, or all; none, with the failure, where they cannot be had.
+std::vector<DailyLog> logs_since(const std::string& directory, std::optional<LogTime> since,
+                                 std::string& failure) {
+    auto logs = daily_logs(directory);
     if (!logs || logs->empty()) {
-        history.failure =
+        failure =
             fmt::format("{}: {}; --dir names another directory", directory,
                         logs ? "holds no daily log \"quorsyncd_YYYY_MM_DD.log\"" : strerror(errno));
-        return history;
+        return {};
     }
-    for (const DailyLog& log : *logs) {
-        if (since && log.day + FILE_SPAN < *since) {
-            continue;
-        }
-        const bool whole = visit_messages(log.path, [&](const LogMessage& message) {
+    if (since) {
+        std::erase_if(*logs, [since](const DailyLog& log) {
+            return log.day + std::chrono::days(1) <= *since;
+        });
+        std::for_each(logs->begin(), logs->end(),
+                      [since](DailyLog& log) { begin_at(log, *since); });
+    }
+    return std::move(*logs);
+}
+
+History read_logs(const std::vector<DailyLog>& logs, std::optional<LogTime> since) {
+    History history;
+    for (const DailyLog& log : logs) {
+        const bool whole = visit_messages(log, [&](const LogMessage& message) {
             if (!since || message.time >= *since) {
                 history.timeline.add(message);
             }
         });
         if (!whole) {
             history.failure = fmt::format("{} cannot be read: {}", log.path, strerror(errno));
+            break;
+        }
+    }
+    return history;
+}
+
+// Whether the last `count` events are told as they would be with all that was logged before.
+bool tells_last(Timeline& timeline, std::size_t count) {
+    const std::vector<TimelineEvent> events = timeline.finish();
+    if (events.size() < count) {
+        return false;
+    }
+    const auto begin = events.end() - static_cast<std::ptrdiff_t>(count);
+    return begin == events.end() ||
+           (begin->time - *timeline.first_message() > TOGETHER &&
+            std::none_of(begin, events.end(), [](const TimelineEvent& event) {
+                return event.kind == EventKind::STEP_DOWN && !event.seconds_from;
+            }));
+}
+
+}  // namespace
+
+History read_history(const std::string& directory, std::optional<LogTime> since) {
+    std::string failure;
+    const std::vector<DailyLog> logs = logs_since(directory, since, failure);
+    History history = read_logs(logs, since);
+    history.failure += failure;
+    return history;
+}
+
+History read_last_events(const std::string& directory, std::optional<LogTime> since,
+                         std::size_t count) {
+    History history;
+    const std::vector<DailyLog> logs = logs_since(directory, since, history.failure);
+    for (off_t bytes = FIRST_PART; history.failure.empty(); bytes *= 8) {
+        const std::vector<DailyLog> part = last_part(logs, bytes);
+        history = read_logs(part, since);
+        const bool is_all = part.size() == logs.size() &&
+                            (logs.empty() || part.front().begin <= logs.front().begin);
+        if (is_all || tells_last(history.timeline, count)) {
             break;
         }
     }

@@ -34,12 +34,14 @@ public:
     // The host's address in the pair; empty as long as the log does not tell it.
     std::string own_address() const;
 
+    std::optional<LogTime> first_message() const;
+
 private:
     struct Parts;
     std::unique_ptr<Parts> parts_;
 };
 
-// What all daily logs in a directory tell.
+// What the daily logs in a directory tell.
 struct History {
     Timeline timeline;
     std::string failure;  // why not all of it could be read; empty when it could
@@ -47,3 +49,7 @@ struct History {
 
 // Reads the messages since then, or all. A directory without any log is a failure.
 History read_history(const std::string& directory, std::optional<LogTime> since);
+
+// Reads only so much of their end that it tells the last events, and maybe more of them.
+History read_last_events(const std::string& directory, std::optional<LogTime> since,
+                         std::size_t count);

@@ -2,8 +2,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
+#include <charconv>
 #include <iterator>
 #include <optional>
 #include <string>
@@ -23,13 +22,17 @@ their records and rates, fetches and failures. "flapping" and "re-sync" name wha
 and lead to exit code 1.
 
 Examples:
+  quorsyncctl timeline -n 20
   quorsyncctl timeline --since 2h
   quorsyncctl timeline --since "2026-11-16 03:00" --json
   quorsyncctl timeline --html pair.html --dir logs/master --dir logs/slave)";
 
+constexpr const char* DEFAULT_SINCE = "24h";
+
 struct Options {
     std::vector<std::string> directories = {LOG_DIRECTORY};
-    std::string since;
+    std::string since;  // empty: DEFAULT_SINCE, or all where so many events are wanted
+    std::string last;   // so many events, or all
     std::string html;
     bool json = false;
 };
@@ -87,36 +90,80 @@ void check_options(const Options& options) {
     if (!options.html.empty() && options.json) {
         throw WrongUse("--html", "is another form than --json; choose one");
     }
+    if (!options.html.empty() && !options.last.empty()) {
+        throw WrongUse("-n", "is for the list of events; --since says from when on to draw");
+    }
+}
+
+bool is_default_span(const Options& options) {
+    return options.since.empty() && options.last.empty() &&
+           options.directories.front() == LOG_DIRECTORY;
+}
+
+// Nothing for all.
+std::optional<LogTime> begin_of(const Options& options) {
+    const std::string since = is_default_span(options) ? DEFAULT_SINCE : options.since;
+    if (since.empty() || since == "all") {
+        return std::nullopt;
+    }
+    const auto begin = parse_since(since, log_time_now());
+    if (!begin) {
+        throw WrongUse("--since", "\"" + since +
+                                      "\" is not a time; use \"2026-11-16 03:00\", \"03:00\", "
+                                      "\"2h\", \"3d\", \"1w\", \"today\" or \"all\"");
+    }
+    return begin;
+}
+
+// Nothing for all.
+std::optional<std::size_t> count_of(const Options& options) {
+    if (options.last.empty()) {
+        return std::nullopt;
+    }
+    std::size_t count = 0;
+    const char* end = options.last.data() + options.last.size();
+    const auto [rest, error] = std::from_chars(options.last.data(), end, count);
+    if (error != std::errc() || rest != end || count == 0) {
+        throw WrongUse("-n", "\"" + options.last + "\" is not a number of events");
+    }
+    return count;
+}
+
+void print_events(const Options& options, const std::optional<LogTime>& since, const Rows& rows) {
+    const std::string begin = since ? " since " + format_log_time(*since) : "";
+    const char* more = is_default_span(options) ? "; \"--since all\" tells everything" : "";
+    if (rows.empty()) {
+        say("Nothing happened{}{}.", begin, more);
+    } else if (is_default_span(options)) {
+        print_line(paint(Colour::DIM, fmt::format("What happened{}{}:", begin, more)));
+    }
+    print_table(rows);
 }
 
 int show_timeline(const Options& options) {
     check_options(options);
-    std::optional<LogTime> since;
-    if (!options.since.empty()) {
-        since = parse_since(options.since, log_time_now());
-        if (!since) {
-            throw WrongUse("--since", "\"" + options.since +
-                                          "\" is not a time; use "
-                                          "\"2026-11-16 03:00\", \"03:00\", \"2h\" or \"today\"");
-        }
-    }
+    const std::optional<LogTime> since = begin_of(options);
+    const std::optional<std::size_t> count = count_of(options);
     if (!options.html.empty()) {
         return draw_timeline(options.html, options.directories, since);
     }
-    History history = read_history(options.directories.front(), since);
+    const std::string& directory = options.directories.front();
+    History history =
+        count ? read_last_events(directory, since, *count) : read_history(directory, since);
     if (!history.failure.empty()) {
         complain("{}", history.failure);
         return EXIT_CANNOT_TELL;
     }
-    const std::vector<TimelineEvent> events = history.timeline.finish();
+    std::vector<TimelineEvent> events = history.timeline.finish();
+    if (count && *count < events.size()) {
+        events.erase(events.begin(), events.end() - static_cast<std::ptrdiff_t>(*count));
+    }
     Rows rows;
     std::transform(events.begin(), events.end(), std::back_inserter(rows), row_of);
     if (options.json) {
         Json::object({{"events", list_of(rows)}}).print();
-    } else if (events.empty()) {
-        say("Nothing happened{}.", since ? " since " + format_log_time(*since) : "");
     } else {
-        print_table(rows);
+        print_events(options, since, rows);
     }
     return wants_attention(events) ? EXIT_PROBLEM : EXIT_FINE;
 }
@@ -127,8 +174,10 @@ void add_timeline(const Command& tool) {
     const auto options = std::make_shared<Options>();
     tool.command("timeline", "Show what happened, from the daemon's logs.")
         .notes(NOTES)
-        .option("--since", options->since,
-                "Begin at a time, a day, or so long ago: 30m, 2h, 3d, today, yesterday")
+        .option("--since TIME", options->since,
+                "Begin at a time, a day, or so long ago: 30m, 2h, 3d, 1w, today, yesterday; all "
+                "for everything; without it, --dir and -n: 24h")
+        .option("-n,--last COUNT", options->last, "Only the last events, so many")
         .options("--dir", options->directories,
                  "Where the daily logs are; with --html, once for each server")
         .option("--html", options->html, "Draw a page with a lane for each server into this file")

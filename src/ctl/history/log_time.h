@@ -1,0 +1,29 @@
+// Times as the daily logs hold them and as operators write them.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <string_view>
+
+// Local wall time without its zone, as the log holds it: differences are wrong by what the clock
+// was set meanwhile.
+using LogTime = std::chrono::local_seconds;
+
+inline constexpr std::size_t STAMP_LENGTH = 19;  // "2026-11-16 03:52:26"
+
+// The present time.
+LogTime log_time_now();
+
+// The first second of "2026-11-16"; whatever stands between the numbers.
+std::optional<LogTime> parse_day(std::string_view text);
+
+// "2026-11-16 03:52:26", also without the seconds.
+std::optional<LogTime> parse_stamp(std::string_view text);
+
+// What "2026-11-16 03:00", "2026-11-16", "03:00" (of today), "2h" (also s, m, d, w), "today" and
+// "yesterday" mean at the time `now`; nothing for any other text.
+std::optional<LogTime> parse_since(std::string_view text, LogTime now);
+
+// "2026-11-16 03:52:26".
+std::string format_log_time(LogTime time);
