@@ -4,7 +4,7 @@ import datetime
 import json
 import re
 
-from lab import realistic_clients
+from lab import realistic_clients, wait_until
 from peer import LIMIT
 
 FINE, _, WRONG_USE, CANNOT_TELL = range(4)
@@ -39,6 +39,9 @@ def test_the_timeline_of_a_pair(pair_factory, ctl):
     assert re.search(r"take-over +takes over .* s after the master's last answer", out)
     _, out, _ = ctl(master, "timeline")
     assert re.search(r"push +client set sent: 50 records", out)
+    slave.daemons[-1].kill()
+    last = lambda: ctl(master, "timeline", "-n", "1")[1]
+    wait_until(lambda: "slave-silent" in last(), LIMIT, "the slave's silence")
 
 
 def write_log(path, day, size):

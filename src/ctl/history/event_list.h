@@ -17,15 +17,17 @@ enum class EventKind {
     LAST_ANSWER,  // of the master, before a take-over
     TAKE_OVER,
     STEP_DOWN,
-    SYNC,      // a slave got a data set
-    PUSH,      // a master sent one
-    FETCH,     // a master fetched a server's config.db
-    TROUBLE,   // the daemon logged a failure
-    SILENCE,   // a slave's heartbeat stood still
-    CLOCK,     // the clock was set back
-    FLAPPING,  // several take-overs in a short time
-    RESYNC,    // the same transfer again and again
-    MISSED,    // heartbeats of a slave that were not answered: only in the picture
+    SYNC,          // a slave got a data set
+    PUSH,          // a master sent one
+    FETCH,         // a master fetched a server's config.db
+    TROUBLE,       // the daemon logged a failure
+    SILENCE,       // a slave's heartbeat stood still
+    CLOCK,         // the clock was set back
+    FLAPPING,      // several take-overs in a short time
+    RESYNC,        // the same transfer again and again
+    MISSED,        // heartbeats of a slave that were not answered: only in the picture
+    SLAVE_SILENT,  // its heartbeats do not come to its master
+    SLAVE_BACK,
 };
 
 // "take-over": the kind as it is called in all output.

@@ -10,6 +10,7 @@
 
 #include "message_parser.h"
 #include "role_events.h"
+#include "slave_events.h"
 #include "transfer_events.h"
 
 namespace {
@@ -163,6 +164,7 @@ struct Timeline::Parts {
     EventList events;
     LogState state;
     RoleEvents roles{events, state};
+    SlaveEvents slaves{events};
     TransferEvents transfers{events, state};
     FetchEvents fetches{events};
     FailureEvents failures{events};
@@ -201,6 +203,7 @@ void Timeline::add(const LogMessage& line) {
         parts.transfers.restart();
         parts.fetches.restart();
     }
+    parts.slaves.watch(message);
     const bool handled = parts.roles.handle(message) || parts.transfers.handle(message) ||
                          parts.fetches.handle(message);
     if (message.failure && !handled) {
@@ -216,6 +219,10 @@ std::vector<TimelineEvent> Timeline::finish() {
     parts_->transfers.report_open_ones();
     parts_->state.open_transfer = open_transfer;  // reported, but it may go on
     return parts_->events.sorted();
+}
+
+void Timeline::reach(LogTime now) {
+    parts_->slaves.report_silent_ones(now);
 }
 
 std::vector<TimelineEvent> Timeline::missed_beats() const {
@@ -301,7 +308,7 @@ History read_last_events(const std::string& directory, std::optional<LogTime> si
                          std::size_t count) {
     History history;
     const std::vector<DailyLog> logs = logs_since(directory, since, history.failure);
-    for (off_t bytes = FIRST_PART; history.failure.empty(); bytes *= 8) {
+    for (off_t bytes = FIRST_PART; history.failure.empty(); bytes *= 4) {
         const std::vector<DailyLog> part = last_part(logs, bytes);
         history = read_logs(part, since);
         const bool is_all = part.size() == logs.size() &&

@@ -23,6 +23,9 @@ public:
 
     void add(const LogMessage& message);
 
+    // The daemon has been at work until `now`, and has logged no more.
+    void reach(LogTime now);
+
     // After the last message: what has happened, in order of time.
     std::vector<TimelineEvent> finish();
 

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "ctl/console.h"
+#include "ctl/proc_info.h"
 #include "ctl/rows.h"
 #include "ctl/verbs.h"
 #include "log.h"
@@ -48,6 +49,7 @@ Colour colour_of(EventKind kind) {
             return Colour::RED;
         case EventKind::WAITING:
         case EventKind::SILENCE:
+        case EventKind::SLAVE_SILENT:
         case EventKind::CLOCK:
             return Colour::YELLOW;
         default:
@@ -153,6 +155,9 @@ int show_timeline(const Options& options) {
     if (!history.failure.empty()) {
         complain("{}", history.failure);
         return EXIT_CANNOT_TELL;
+    }
+    if (directory == LOG_DIRECTORY && !processes_named(PROGRAM_NAME).empty()) {
+        history.timeline.reach(log_time_now());
     }
     std::vector<TimelineEvent> events = history.timeline.finish();
     if (count && *count < events.size()) {
