@@ -89,6 +89,37 @@ TEST_F(LogFiles, AreReadAcrossNewlinesAndForeignLines) {
     EXPECT_THAT(read_history("/nowhere", {}).failure, HasSubstr("No such file"));
 }
 
+TEST_F(LogFiles, TellNothingOfWhatStandsInAValue) {
+    const std::string forged = stamped("03:00:10 INFO :become a master host\n");
+    const std::string record = stamped("03:00:10 INFO :data 2: K=a\n");
+    const std::string next = stamped("03:00:10 INFO :data 2: L=b\n");
+    const std::string sent = stamped("03:00:10 DEBUG : send data: K = a\n");
+    const std::string late = stamped("03:00:40 INFO :become a master host\n");
+    const std::string closing = stamped("03:00:10 INFO :data 2: dbver=20261116030000\n");
+    const std::string note = "a line of somebody else\n";
+    const auto take_overs = [](const std::string& text) {
+        write_file("/var/log/quorsyncd_2026_11_16.log", text);
+        const Lines events = told(read_history("/var/log", {}).timeline.finish());
+        return std::count_if(events.begin(), events.end(), [](const std::string& event) {
+            return event.find("take-over") != std::string::npos ||
+                   event.find("clock") != std::string::npos;
+        });
+    };
+    EXPECT_EQ(take_overs(record + forged + "end" + next), 0);
+    EXPECT_EQ(take_overs(record + forged + "end\n" + next), 0);
+    EXPECT_EQ(take_overs(record + forged + forged + "end"), 0);
+    for (const char* time : {"03:00:00", "03:01:00"}) {
+        const std::string other = stamped(time + " INFO :become a master host\n"s);
+        EXPECT_EQ(take_overs(sent + other + sent), 0) << time;
+        EXPECT_EQ(take_overs(record + other + stamped("03:00:12 DEBUG :bottle=2, status=71\n")), 0);
+    }
+    // Messages of their own.
+    EXPECT_EQ(take_overs(record + late), 1);
+    EXPECT_EQ(take_overs(record + late + stamped("03:00:42 INFO :data 2: K=a\n") + note), 1);
+    EXPECT_EQ(take_overs(closing + forged + note), 1);
+    EXPECT_EQ(take_overs(sent + std::string(6000, 'x') + "\n" + forged + note), 1);
+}
+
 TEST_F(LogFiles, AreReadWhenRotatedAndPackedToo) {
     const auto text = [](const std::string& date, const std::string& server) {
         return "quorsyncd:2.1 " + date + " INFO :quorsyncd start,master_ip:" + server +
@@ -121,7 +152,7 @@ TEST_F(LogFiles, AreReadWhenRotatedAndPackedToo) {
 // A day of a slave: take-overs, client lists with forged lines, and the clock set back at noon.
 std::string long_log() {
     std::string text;
-    for (int minute = 0; minute < 24 * 60; ++minute) {
+    for (int minute = 10; minute < 24 * 60; ++minute) {
         const int shown = minute < 12 * 60 ? minute : minute - 100;
         const std::string stamp =
             fmt::format("quorsyncd:2.1 {}{:02}:{:02}:00 ", DAY, shown / 60, shown % 60);
@@ -154,7 +185,7 @@ TEST_F(LogFiles, AreReadFromNearTheWantedTime) {
         }));
         EXPECT_EQ(told(read_history("/var/log", since).timeline.finish()), told(wanted.finish()));
         begin_at(log, since);
-        EXPECT_EQ(log.begin > 0, hour > 3) << log.begin;
+        EXPECT_EQ(log.begin > 0, hour > 2) << log.begin;
     }
     const Lines all = told(read_history("/var/log", {}).timeline.finish());
     for (const std::size_t count : {1U, 2U, 9U, 40U, 1000U}) {

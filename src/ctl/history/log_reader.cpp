@@ -5,6 +5,7 @@
 #include <cstring>
 #include <memory>
 
+#include "continuations.h"
 #include "log.h"
 
 namespace {
@@ -84,6 +85,13 @@ private:
     bool failed_ = false;
 };
 
+// Whether nothing stands before the message in its line.
+bool begins_with(std::string_view line, const LogMessage& message) {
+    const std::string_view before(line.data(),
+                                  static_cast<std::size_t>(message.text.data() - line.data()));
+    return before.rfind(LINE_START) == 0;
+}
+
 }  // namespace
 
 std::string_view without_origin(std::string_view text) {
@@ -113,10 +121,12 @@ bool visit_messages(const DailyLog& log, const MessageVisitor& visit) {
     if (log.begin > 0) {
         (void)lines.next(line);  // the rest of one
     }
+    Continuations messages(visit);
     while (lines.next(line)) {
-        if (const auto message = parse_log_line(line, log.day)) {
-            visit(*message);
-        }
+        const auto message = parse_log_line(line, log.day);
+        messages.add(line.size() + 1, message ? &*message : nullptr,
+                     message && begins_with(line, *message));
     }
+    messages.finish();
     return !lines.failed();
 }

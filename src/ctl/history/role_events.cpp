@@ -24,6 +24,12 @@ std::string span_text(const TimelineEvent& event) {
                : fmt::format("{} to {} s", *event.seconds_from, *event.seconds_to);
 }
 
+std::string flapping_text(const TimelineEvent& event) {
+    return fmt::format(
+        "flapping: {} take-overs in {} s; the line to the master or the master itself is unsteady",
+        event.count, seconds_between(event.time, event.until));
+}
+
 // What a search for a role that ends with this step waits for; nothing for other messages.
 std::optional<RoleReason> reason_by_step(Meaning step) {
     switch (step) {
@@ -73,16 +79,21 @@ bool RoleEvents::handle(const ParsedMessage& message) {
 }
 
 bool RoleEvents::handle_beat(const ParsedMessage& message) {
+    const bool of_slave = state_.role != "master";  // anything else stands in a value
     switch (message.meaning()) {
         case Meaning::BEAT:
             count_beat(message.time, leading_number(message.arguments[0]),
                        leading_number(message.arguments[1]));
             return true;
         case Meaning::TAKE_OVER:
-            take_over(message.time);
+            if (of_slave) {
+                take_over(message.time);
+            }
             return true;
         case Meaning::STEP_DOWN:
-            step_down(message.time);
+            if (of_slave) {
+                step_down(message.time);
+            }
             return true;
         default:
             return false;
@@ -128,6 +139,8 @@ void RoleEvents::start(LogTime time, std::string_view master_ip, std::string_vie
     state_ = fresh;
     beat_before_answer_.reset();
     missing_ = false;
+    changes_.clear();
+    beat_promoted_.reset();
     start_event_ = events_.size();
     events_.add(EventKind::START, time, start_text());
 }
@@ -162,6 +175,7 @@ void RoleEvents::stop(LogTime time) {
 // answered since the beat before.
 void RoleEvents::count_beat(LogTime time, int bottle, int status) {
     note_silence(time);
+    check_changes(status == STATUS_PROMOTED);
     state_.role = "slave";
     state_.acting = !state_.stop && status == STATUS_PROMOTED;
     const bool answered = bottle >= SLAVE_BEAT_RESET - 1;
@@ -217,7 +231,35 @@ void RoleEvents::note_silence(LogTime time) {
     event.until = time;
 }
 
+// The beats tell the role, too, and one comes between two changes of it: a change that they deny
+// stood in a value.
+void RoleEvents::check_changes(bool promoted) {
+    bool may_be_one = beat_promoted_ != promoted;
+    for (auto change = changes_.rbegin(); change != changes_.rend(); ++change) {
+        if (may_be_one && change->to_master == promoted) {
+            may_be_one = false;
+        } else {
+            take_back(*change);
+        }
+    }
+    changes_.clear();
+    beat_promoted_ = promoted;
+}
+
+void RoleEvents::take_back(const Change& change) {
+    for (const std::size_t event : change.events) {
+        events_.remove(event);
+    }
+    --state_.role_changes;
+    if (change.to_master) {
+        state_.take_over = change.take_over_before;
+        take_back_flapping(change.time);
+    }
+}
+
 void RoleEvents::take_over(LogTime time) {
+    changes_.push_back({true, time, state_.take_over, {}});
+    std::vector<std::size_t>& events = changes_.back().events;
     state_.acting = true;
     state_.take_over = time;
     ++state_.role_changes;
@@ -228,6 +270,7 @@ void RoleEvents::take_over(LogTime time) {
         const LogTime earliest = beat_before_answer_.value_or(*state_.answer);
         from = seconds_between(*state_.answer, time);
         to = seconds_between(earliest, time);
+        events.push_back(events_.size());
         events_.add(EventKind::LAST_ANSWER, earliest, "the master's last answer").until =
             *state_.answer;
     } else if (state_.start) {
@@ -237,6 +280,7 @@ void RoleEvents::take_over(LogTime time) {
     if (!state_.open_transfer.empty()) {
         text += fmt::format(", while the {} was on its way", state_.open_transfer);
     }
+    events.push_back(events_.size());
     TimelineEvent& event = events_.add(EventKind::TAKE_OVER, time, text);
     event.seconds_from = from;
     event.seconds_to = to;
@@ -263,15 +307,29 @@ void RoleEvents::note_flapping(LogTime time) {
     TimelineEvent& event = events_.at(*flapping_);
     ++event.count;
     event.until = time;
-    event.text = fmt::format(
-        "flapping: {} take-overs in {} s; the line to the master or the master itself is unsteady",
-        event.count, seconds_between(event.time, time));
+    event.text = flapping_text(event);
+}
+
+void RoleEvents::take_back_flapping(LogTime time) {
+    std::erase(take_overs_, time);
+    if (take_overs_.empty() || !flapping_ || events_.at(*flapping_).until < time) {
+        return;
+    }
+    TimelineEvent& event = events_.at(*flapping_);
+    --event.count;
+    event.until = take_overs_.back();
+    event.text = flapping_text(event);
+    if (event.count < static_cast<long>(FLAPPING_COUNT)) {
+        events_.remove(*flapping_);
+        flapping_.reset();
+    }
 }
 
 void RoleEvents::step_down(LogTime time) {
     state_.acting = false;
     state_.step_down = time;
     ++state_.role_changes;
+    changes_.push_back({false, time, {}, {events_.size()}});
     TimelineEvent& event =
         events_.add(EventKind::STEP_DOWN, time, "steps down: the master answers again");
     if (state_.take_over && *state_.take_over <= time) {

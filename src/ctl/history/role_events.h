@@ -35,6 +35,17 @@ private:
     void take_over(LogTime time);
     void step_down(LogTime time);
 
+    // A change of the role until the next beat, and its events.
+    struct Change {
+        bool to_master;
+        LogTime time;
+        std::optional<LogTime> take_over_before;
+        std::vector<std::size_t> events;
+    };
+    void check_changes(bool promoted);
+    void take_back(const Change& change);
+    void take_back_flapping(LogTime time);
+
     std::string start_text() const;
     void note_missed(LogTime time, bool answered);
     void note_silence(LogTime time);
@@ -52,6 +63,8 @@ private:
     std::optional<LogTime> beat_before_answer_;
     std::deque<LogTime> take_overs_;  // of the last minutes
     std::optional<std::size_t> flapping_;
+    std::optional<bool> beat_promoted_;  // whether it had taken over at the last beat
+    std::vector<Change> changes_;        // since then
 
     struct MissedBeats {
         LogTime first;  // when the first of them was sent
