@@ -54,7 +54,7 @@ enum class PageResult : std::int64_t { NONE, SUCCESS, FAILURE };
 inline constexpr std::size_t PAGE_DATA_SETS = 2;  // configuration, clients: their kind less 1
 inline constexpr std::size_t PAGE_LOG_LEVELS = 4;
 
-// The last data set that was pushed or received whole.
+// The last data set that was pushed or received whole, by this daemon or the one before it.
 struct PageDataSet {
     PageTime done;
     PageNumber records;  // without the closing one
@@ -119,7 +119,8 @@ struct StatePage {
     PageTime period;              // a slave's last one began; every 2 seconds while it is well
     PageTime heartbeat_sent;      // by a slave
     PageTime heartbeat_received;  // by a master, from a configured server
-    PageTime heartbeat_answered;  // received by a slave, or sent to that server by a master
+    PageTime heartbeat_answered;  // received by a slave, or sent to that server by a master; also
+                                  // by the daemon before, as long as there was none since
     PageNumber unanswered;        // heartbeats of a master since the last one that it answered
     std::array<PageText<16>, PAGE_DATA_SETS> answered_stamps;  // that a master sent last
     PageTime stamps_compared;  // by a slave, with those of an answer
@@ -150,8 +151,9 @@ struct StatePage {
 static_assert(std::is_standard_layout_v<StatePage> && alignof(StatePage) == 8);
 static_assert(sizeof(StatePage) == 1448, "another layout needs another LAYOUT");
 
-// Makes the page of this process and publishes it, with what it holds so far. 0 or an errno; EBUSY
-// where the page belongs to another daemon that is at work. Before other threads are started.
+// Makes the page of this process and publishes it, with what it holds so far and what the page in
+// its place tells of the last data sets and the last answer. 0 or an errno; EBUSY where the page
+// belongs to another daemon that is at work. Before other threads are started.
 [[nodiscard]] int publish_state_page(const char* version, const char* path = STATE_PAGE);
 
 // When the process started, in clock ticks since boot; 0 when there is none of that pid.

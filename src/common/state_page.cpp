@@ -77,6 +77,31 @@ int fill(const std::string& path, const char* version, StatePage*& page) {
     return 0;
 }
 
+void copy_time(const PageTime& from, PageTime& to) {
+    to.monotonic = from.monotonic.load();
+    to.wall = from.wall.load();
+}
+
+// What a daemon that is started again goes on telling until it knows something later.
+void keep_last_events(const StatePage& before, StatePage& page) {
+    if (before.started.monotonic > page.started.monotonic) {
+        return;  // of before a restart of the host
+    }
+    if (!page.heartbeat_answered.ever()) {
+        copy_time(before.heartbeat_answered, page.heartbeat_answered);
+    }
+    for (std::size_t n = 0; n < PAGE_DATA_SETS; ++n) {
+        const PageDataSet& from = before.sets[n];
+        PageDataSet& to = page.sets[n];
+        if (!to.done.ever() && from.done.ever()) {
+            to.stamp.set(from.stamp.get());
+            to.records = from.records.load();
+            to.duration = from.duration.load();
+            copy_time(from.done, to.done);
+        }
+    }
+}
+
 bool belongs_to_another(const char* path) {
     const StatePageView view(path);
     return view.get() != nullptr && view.get()->pid != getpid() && is_alive(*view.get()) &&
@@ -150,9 +175,14 @@ int publish_state_page(const char* version, const char* path) {
     if (belongs_to_another(path)) {
         return EBUSY;
     }
+    const StatePageView before(path);
     StatePage* page = nullptr;
-    const auto fill_page = [version, &page](const std::string& fresh) {
-        return fill(fresh, version, page);
+    const auto fill_page = [version, &before, &page](const std::string& fresh) {
+        const int error = fill(fresh, version, page);
+        if (error == 0 && before.get() != nullptr) {
+            keep_last_events(*before.get(), *page);
+        }
+        return error;
     };
     const Replacement replaced = replace_file(path, fill_page);
     if (!replaced.in_place) {

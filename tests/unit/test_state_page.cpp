@@ -27,6 +27,10 @@ protected:
         const pid_t child = fork();
         if (child == 0) {
             page::own().phase = static_cast<std::int64_t>(phase);
+            page::answer_received();
+            page::Transfer reception;
+            reception.receives(1, 9);
+            reception.ends(true, "of the one before");
             const char done = publish_state_page("x", path().c_str()) == 0 ? 'y' : 'n';
             (void)!write(ready[1], &done, 1);
             for (;;) {
@@ -123,6 +127,11 @@ TEST_F(StatePageFile, OfADaemonAtWorkIsNotReplaced) {
     EXPECT_FALSE(is_alive(*left.get())) << "a process that only waits to be reaped";
     EXPECT_EQ(publish_state_page("2.1", path().c_str()), 0);
     (void)waitpid(killed, nullptr, 0);
+    const StatePageView fresh(path().c_str());
+    EXPECT_EQ(fresh.get()->sets[0].stamp.get(), "of the one before");
+    EXPECT_TRUE(fresh.get()->sets[0].done.ever());
+    EXPECT_TRUE(fresh.get()->heartbeat_answered.ever());
+    EXPECT_FALSE(fresh.get()->stamps_compared.ever());
 }
 
 TEST_F(StatePageFile, OfAnotherLayoutIsRefused) {
