@@ -3,6 +3,7 @@
 import datetime
 import json
 import re
+from pathlib import Path
 
 from lab import realistic_clients, wait_until
 from peer import LIMIT
@@ -44,14 +45,27 @@ def test_the_timeline_of_a_pair(pair_factory, ctl):
     wait_until(lambda: "slave-silent" in last(), LIMIT, "the slave's silence")
 
 
+def test_a_change_is_told_with_its_operator_and_value(empty_lab, daemon_path, daemon_env):
+    host = empty_lab.add_host("a")
+    tool = host.expose(daemon_path.parent / "quorsyncctl")
+    for key, value in (("name", "B\u00fcro"), ("note", "x" * 81)):
+        change = [tool, "store", "put", key, value, "--force"]
+        assert host.run(change, env={**daemon_env, "SUDO_USER": "al\nice"}).returncode == FINE
+    told = host.run([tool, "timeline"], env=daemon_env).stdout.decode()
+    login = Path("/proc/self/loginuid").read_text()
+    name = r"al\\\\x0aice" if login == str((1 << 32) - 1) else r"\w+"
+    assert re.search(rf"change +put name in .*config.db by {name}: B\S+ro\n", told)
+    assert re.search(rf"change +put note in .*config.db by {name}: x{{77}}\.\.\.\n", told)
+
+
 def write_log(path, day, size):
-    """A whole day of a slave that gets one client after the other, with a take-over every hour."""
+    """A whole day of a slave that gets one client after the other, with a take-over now and then."""
     with open(path, "wb") as file:
         for minute in range(1440):
             stamp = f"quorsyncd:2.1 {day:%Y-%m-%d} {minute // 60:02}:{minute % 60:02}:00 "
             line = f"{stamp}INFO :data 2: 00:1E:4F:AA:0B:{minute:04}=name=PC|ip=192.168.0.21\n"
             file.write((line * (size // 1440 // len(line))).encode())
-            if minute % 60 == 0:
+            if minute % 20 == 0:
                 file.write(f"{stamp}INFO :become a master host\n".encode())
 
 
@@ -69,6 +83,6 @@ def test_a_large_log_is_not_read_from_its_beginning(empty_lab, daemon_path, daem
 
     ignored = bytes_read("--version", "2.1")
     assert bytes_read("status", "daemon") - ignored < 1 << 20
-    assert bytes_read("timeline -n 1", f"{yesterday} 23:00:00  take-over") - ignored < 32 << 20
+    assert bytes_read("timeline -n 1", f"{yesterday} 23:40:00  take-over") - ignored < 32 << 20
     late = f"--since '{yesterday} 22:30'"
     assert bytes_read(f"timeline {late}", "23:00:00  take-over") - ignored < 100 << 20

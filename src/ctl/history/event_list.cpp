@@ -10,10 +10,10 @@ constexpr std::size_t MAX_REPEATED = 512;
 }  // namespace
 
 std::string_view kind_name(EventKind kind) {
-    constexpr std::array<std::string_view, 17> NAMES = {
-        "waiting",  "start",   "stop",   "last-answer",  "take-over", "step-down",
-        "sync",     "push",    "fetch",  "trouble",      "silence",   "clock",
-        "flapping", "re-sync", "missed", "slave-silent", "slave-back"};
+    constexpr std::array<std::string_view, 18> NAMES = {
+        "waiting",  "start",   "stop",   "last-answer",  "take-over",  "step-down",
+        "sync",     "push",    "fetch",  "trouble",      "silence",    "clock",
+        "flapping", "re-sync", "missed", "slave-silent", "slave-back", "change"};
     return NAMES[static_cast<std::size_t>(kind)];
 }
 

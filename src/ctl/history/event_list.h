@@ -28,6 +28,7 @@ enum class EventKind {
     MISSED,        // heartbeats of a slave that were not answered: only in the picture
     SLAVE_SILENT,  // its heartbeats do not come to its master
     SLAVE_BACK,
+    CHANGE,  // by an operator, with the tool
 };
 
 // "take-over": the kind as it is called in all output.

@@ -226,10 +226,13 @@ std::optional<MarkRow> row_of(EventKind kind) {
             return MarkRow::ROLE;
         case EventKind::MISSED:
         case EventKind::SILENCE:
+        case EventKind::SLAVE_SILENT:
+        case EventKind::SLAVE_BACK:
             return MarkRow::BEATS;
         case EventKind::SYNC:
         case EventKind::PUSH:
         case EventKind::FETCH:
+        case EventKind::CHANGE:
             return MarkRow::DATA;
         default:
             return MarkRow::TROUBLE;

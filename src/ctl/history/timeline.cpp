@@ -8,6 +8,7 @@
 #include <deque>
 #include <map>
 
+#include "ctl/audit.h"
 #include "message_parser.h"
 #include "role_events.h"
 #include "slave_events.h"
@@ -124,38 +125,43 @@ void FetchEvents::succeed(LogTime time) {
     server_.reset();
 }
 
-// The failures of a log: each text once, and of many alike only the first ones.
-class FailureEvents {
+// Events that may come in great numbers, with the texts of lines: each text once, and of many alike
+// only the first ones.
+class AlikeEvents {
 public:
-    explicit FailureEvents(EventList& events) : events_(events) {}
+    AlikeEvents(EventList& events, EventKind kind) : events_(events), kind_(kind) {}
 
-    void add(const ParsedMessage& failure);
+    // Texts that begin with the same `group` are alike; `remark` goes behind the text.
+    void add(LogTime time, const std::string& group, const std::string& text,
+             const std::string& remark = {});
 
 private:
     EventList& events_;
+    EventKind kind_;
     LogTime last_{};
     std::map<std::string, std::vector<std::string>> alike_;
 };
 
-void FailureEvents::add(const ParsedMessage& failure) {
-    std::string text(without_origin(failure.text));
-    const std::string kind = text.substr(0, text.find(':'));
-    if (failure.time - last_ > TOGETHER) {
+void AlikeEvents::add(LogTime time, const std::string& group, const std::string& text,
+                      const std::string& remark) {
+    if (time - last_ > TOGETHER) {
         alike_.clear();
     }
-    last_ = failure.time;
-    std::vector<std::string>& known = alike_[kind];
+    last_ = time;
+    std::vector<std::string>& known = alike_[group];
     const bool is_known = std::find(known.begin(), known.end(), text) != known.end();
     if (!is_known && known.size() < MAX_ALIKE) {
         known.push_back(text);
     } else if (!is_known) {
-        events_.repeat(EventKind::TROUBLE, failure.time, kind + ": others of the kind");
+        events_.repeat(kind_, time, group + ": others of the kind");
         return;
     }
-    if (failure.message != nullptr && failure.message->consequence != nullptr) {
-        text += fmt::format(" ({})", failure.message->consequence);
-    }
-    events_.repeat(EventKind::TROUBLE, failure.time, text);
+    events_.repeat(kind_, time, text + remark);
+}
+
+std::string consequence_of(const ParsedMessage& failure) {
+    const char* text = failure.message == nullptr ? nullptr : failure.message->consequence;
+    return text == nullptr ? "" : fmt::format(" ({})", text);
 }
 
 }  // namespace
@@ -167,7 +173,8 @@ struct Timeline::Parts {
     SlaveEvents slaves{events};
     TransferEvents transfers{events, state};
     FetchEvents fetches{events};
-    FailureEvents failures{events};
+    AlikeEvents failures{events, EventKind::TROUBLE};
+    AlikeEvents changes{events, EventKind::CHANGE};
     RoleBands bands;
 
     // New events since there were so many come from this message.
@@ -206,8 +213,13 @@ void Timeline::add(const LogMessage& line) {
     parts.slaves.watch(message);
     const bool handled = parts.roles.handle(message) || parts.transfers.handle(message) ||
                          parts.fetches.handle(message);
-    if (message.failure && !handled) {
-        parts.failures.add(message);
+    if (message.text.starts_with(AUDIT_START)) {
+        const std::string text(message.text.substr(AUDIT_START.size()));
+        parts.changes.add(line.time, text.substr(0, text.find(' ')), text);
+    } else if (message.failure && !handled) {
+        const std::string text(without_origin(message.text));
+        parts.failures.add(line.time, text.substr(0, text.find(':')), text,
+                           consequence_of(message));
     }
     parts.note_line(known, line.text);
     parts.bands.add(line.time, parts.state);

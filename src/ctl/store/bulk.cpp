@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "ctl/audit.h"
 #include "ctl/configured_role.h"
 #include "ctl/console.h"
 #include "ctl/session.h"
@@ -19,7 +20,6 @@
 #include "data_sets.h"
 #include "json_lines.h"
 #include "keys.h"
-#include "log.h"
 
 namespace {
 
@@ -168,7 +168,7 @@ int restore(const StoreOptions& options) {
         complain("{} stays as it was: {}", path, failure);
         return EXIT_PROBLEM;
     }
-    write_log(LOG_INFO, "quorsyncctl: restore %s from %s", path.c_str(), options.place.c_str());
+    log_change(fmt::format("restore {}", path), options.place);
     if (path == CLIENT_DB && is_configured_slave()) {
         complain(
             "the master's next set takes its place: restore it on the master, too, and bump it");

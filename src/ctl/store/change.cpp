@@ -9,6 +9,7 @@
 #include <memory>
 #include <string_view>
 
+#include "ctl/audit.h"
 #include "ctl/client_count.h"
 #include "ctl/configured_role.h"
 #include "ctl/console.h"
@@ -123,7 +124,7 @@ void check_place(const StoreOptions& options) {
 }
 
 void report_change(const StoreOptions& options, const char* what, const std::string& subject) {
-    write_log(LOG_INFO, "quorsyncctl: %s %s in %s", what, subject.c_str(), options.path().c_str());
+    log_change(fmt::format("{} {} in {}", what, subject, options.path()), options.value);
     print_hints(options);
 }
 
