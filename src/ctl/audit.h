@@ -6,6 +6,6 @@
 
 inline constexpr std::string_view AUDIT_START = "quorsyncctl: ";
 
-// Logs "quorsyncctl: DONE by USER: VALUE", without the end when `value` is empty. `done` begins with
-// the verb and holds no control character; of `value`, any text, the beginning is logged.
+// Logs "quorsyncctl: DONE by USER: VALUE", without the end when `value` is empty. `done` begins
+// with the verb and holds no control character; of `value`, any text, the beginning is logged.
 void log_change(const std::string& done, const std::string& value);
