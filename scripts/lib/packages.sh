@@ -10,6 +10,7 @@ declare -A packages=(
     [bench]="libbenchmark-dev rsync time"
     [fuzz]="clang libclang-rt-14-dev"
     [format]="clang-format"
+    [systemd]="debootstrap systemd-container"
     [tidy]="clang-tidy"
     [deb]="build-essential debhelper dpkg-dev lintian mandoc scdoc"
 )
