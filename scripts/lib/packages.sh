@@ -7,6 +7,7 @@ declare -A packages=(
            util-linux"
     [check]="clang-format faketime prometheus python3-jsonschema python3-pytest
              python3-pytest-timeout python3-pytest-xdist"
+    [browser]="chromium fonts-dejavu-core"
     [bench]="libbenchmark-dev rsync time"
     [fuzz]="clang libclang-rt-14-dev"
     [format]="clang-format"
