@@ -2,7 +2,7 @@
 
 declare -A packages=(
     [build]="cmake g++ libcli11-dev libdb5.3-dev libfmt-dev libgmock-dev libgtest-dev
-             libjson-c-dev liblog4cplus-dev ninja-build pkg-config"
+             libjson-c-dev liblog4cplus-dev ninja-build pkg-config zlib1g-dev"
     [lab]="db5.3-util iproute2 mawk mount nftables procps psmisc python3 python3-bsddb3 strace
            util-linux"
     [check]="clang-format faketime prometheus python3-jsonschema python3-pytest
