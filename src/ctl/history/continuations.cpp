@@ -48,26 +48,38 @@ void Continuations::finish() {
     release();
 }
 
-void Continuations::judge(const LogMessage& message) {
-    const LogTime time = message.time;
+// False where the message stands in a value, by its time; leaves out others that do, by its time.
+bool Continuations::keeps_order(LogTime time) {
+    if (time + DISORDER >= latest_) {  // as nearly always
+        latest_ = std::max(latest_, time);
+        return true;
+    }
     const auto is_later = [time](const auto& each) {
         return each.time > time + DISORDER;
     };
     const bool too_early =
         !with_values_.empty() && std::all_of(with_values_.begin(), with_values_.end(), is_later);
     if (too_early) {
-        return;
+        return false;
     }
     std::erase_if(with_values_, is_later);
     std::erase_if(held_, is_later);
+    latest_ = time + DISORDER;
+    return true;
+}
+
+void Continuations::judge(const LogMessage& message) {
+    if (!keeps_order(message.time)) {
+        return;
+    }
     if (holds_value(message.text)) {
         release();
         visit_(message);
-        with_values_.push_back({place_, time});
+        with_values_.push_back({place_, message.time});
     } else if (with_values_.empty()) {
         visit_(message);
     } else {
-        held_.push_back({time, message.level, std::string(message.text)});
+        held_.push_back({message.time, message.level, std::string(message.text)});
     }
 }
 

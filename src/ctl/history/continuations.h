@@ -38,11 +38,13 @@ private:
     };
 
     bool ends_in_value(std::size_t length) const;
+    bool keeps_order(LogTime time);
     void judge(const LogMessage& message);
     void release();
 
     const MessageVisitor& visit_;
     std::size_t place_ = 0;              // bytes so far
+    LogTime latest_{};                   // no time below is later than this
     std::deque<WithValue> with_values_;  // whose values may not have ended
     std::vector<Held> held_;             // without values, behind the last of those
 };
