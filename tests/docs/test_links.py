@@ -85,7 +85,7 @@ def test_commands_are_verbs_and_options_of_the_tools(document):
             verb, *operands = words.split()
             names = [verb, *operands[:1]] if verb in GROUPS else [verb]
             names += re.findall(r"(?:^| )(-\w|--[a-z-]+)", rest)
-            listed = {"--help"}.union(*re.findall(r'"(?:(-\w),)?([a-z-]+)"', source_of(verb)))
+            listed = {"--help"}.union(*re.findall(r'"(?:(-\w),)?([a-z-]+)[" ]', source_of(verb)))
             wrong += [f"{line}: {name}" for name in names if name not in listed]
     assert not wrong
 
