@@ -1,16 +1,21 @@
 // What `status` makes of a state page and the processes.
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <ctime>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "ctl/moments.h"
 #include "ctl/status/follow.h"
 #include "ctl/status/nagios.h"
 #include "ctl/status/verdict.h"
 #include "ctl/verbs.h"
+#include "owned.h"
 #include "role.h"
 #include "support.h"
 
@@ -134,6 +139,31 @@ TEST(Status, OfAMaster) {
     EXPECT_THAT(host.told(), ElementsAre("slave_silent", "1"));
 }
 
+TEST(Status, NoticesDatagramsThatNobodyReads) {
+    const OwnedFd fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_in own{};
+    own.sin_family = AF_INET;
+    own.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof own;
+    auto* address = reinterpret_cast<sockaddr*>(&own);
+    ASSERT_EQ(bind(fd.get(), address, size), 0);
+    ASSERT_EQ(getsockname(fd.get(), address, &size), 0);
+    EXPECT_FALSE(has_unread_datagrams(ntohs(own.sin_port)));
+    ASSERT_EQ(sendto(fd.get(), "x", 1, 0, address, size), 1);
+    EXPECT_TRUE(has_unread_datagrams(ntohs(own.sin_port)));
+}
+
+TEST(Status, GivesMomentsWithTheirZone) {
+    const char* zone = std::getenv("TZ");
+    const std::string before = zone == nullptr ? "" : zone;
+    (void)setenv("TZ", "AAA-5:30", 1);
+    EXPECT_EQ(json_moment(0, 7).line(),
+              R"({"time":"1970-01-01 05:30:00","zone":"+05:30","epoch":0,"seconds_ago":7})");
+    (void)setenv("TZ", "BBB3", 1);
+    EXPECT_THAT(json_moment(0, 7).line(), HasSubstr(R"("1969-12-31 21:00:00","zone":"-03:00")"));
+    (void)(zone == nullptr ? unsetenv("TZ") : setenv("TZ", before.c_str(), 1));
+}
+
 TEST(Status, OfACopyUnderWay) {
     for (const int role : {ROLE_MASTER, ROLE_SLAVE}) {
         Host host(role);
@@ -163,6 +193,8 @@ TEST(Status, OfACopyUnderWay) {
         host.page->sets_missing = 0;
         set(host.page->sets[1].done, 2);
         EXPECT_THAT(host.told(), ElementsAre("0")) << "before the next answer";
+        set(host.page->sets[0].done, 9);
+        EXPECT_EQ(judge(host.facts).sync.reason, "a data set was copied whole 2 s ago");
     }
 }
 

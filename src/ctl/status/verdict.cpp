@@ -92,14 +92,11 @@ SyncVerdict judge_copy(const HostFacts& facts) {
             under_way ? progress_text(page, facts.list_records) : "a data set is asked for"};
 }
 
-// The data set that came to its end a moment ago; null for none.
+// The last data set, if it came to its end a moment ago and none is missing; null for none.
 const PageDataSet* fresh_set(const HostFacts& facts) {
-    for (const PageDataSet& set : facts.page->sets) {
-        if (is_fresh(set.done, facts) && facts.page->sets_missing == 0) {
-            return &set;
-        }
-    }
-    return nullptr;
+    const auto& sets = facts.page->sets;
+    const PageDataSet& last = sets[0].done.monotonic > sets[1].done.monotonic ? sets[0] : sets[1];
+    return is_fresh(last.done, facts) && facts.page->sets_missing == 0 ? &last : nullptr;
 }
 
 SyncVerdict whole_set(const PageDataSet& set, const HostFacts& facts) {
@@ -114,7 +111,8 @@ SyncVerdict judge_slave(const HostFacts& facts) {
     if (page.transfer.kind != 0 || (told && page.sets_missing != 0)) {
         return judge_copy(facts);
     }
-    if (const PageDataSet* set = fresh_set(facts); set != nullptr) {
+    const PageDataSet* set = fresh_set(facts);
+    if (set != nullptr && set->done.monotonic > page.stamps_compared.monotonic) {
         return whole_set(*set, facts);
     }
     if (heard.verdict != InSync::YES) {
