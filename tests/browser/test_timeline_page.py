@@ -46,7 +46,7 @@ function measure(page) {
     texts: all("p,td,code,small,.legend li").map((text) => getComputedStyle(text).color),
     bands: all(".b").filter((band) => band.querySelector("text"))
       .map((band) => pair(band.querySelector("text"), band.querySelector("rect"))),
-    signs: all(".m").map((mark) => getComputedStyle(mark).fill),
+    signs: all(".m").map((mark) => getComputedStyle(mark).stroke),
   };
 }
 onload = () => {

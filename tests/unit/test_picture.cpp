@@ -136,6 +136,20 @@ TEST(Picture, OfADayAtRestIsSmall) {
     EXPECT_EQ(range_of({}, DAY.from).from, DAY.from);
 }
 
+TEST(Picture, HasASignForEachKindOfEvent) {
+    for (int n = 0; n <= static_cast<int>(EventKind::CHANGE); ++n) {
+        const auto kind = static_cast<EventKind>(n);
+        const std::string name(kind_name(kind));
+        const std::string page = html_of(lay_out({slave_with({event(kind, DAY.from)})}, DAY));
+        if (row_of(kind) && row_of(kind) != MarkRow::BEATS) {
+            EXPECT_THAT(page, HasSubstr("id=\"s-" + name + "\"")) << name;
+        }
+        EXPECT_EQ(page.find("<li><svg class=\"m " + name) != std::string::npos,
+                  row_of(kind).has_value())
+            << name;
+    }
+}
+
 TEST(Picture, ShowsAnyBytesAsText) {
     const std::string bytes = "<script>\"&'\x01\xff\xc3\xa4\xe2\x80\xae\n";
     ServerHistory server = slave_with({event(EventKind::TROUBLE, DAY.from, bytes)});

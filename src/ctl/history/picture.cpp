@@ -218,6 +218,7 @@ std::vector<std::pair<EventKind, long>> totals_of(const std::vector<ServerHistor
 std::optional<MarkRow> row_of(EventKind kind) {
     switch (kind) {
         case EventKind::LAST_ANSWER:
+        case EventKind::SLAVE_BACK:
             return std::nullopt;
         case EventKind::START:
         case EventKind::STOP:
@@ -227,7 +228,6 @@ std::optional<MarkRow> row_of(EventKind kind) {
         case EventKind::MISSED:
         case EventKind::SILENCE:
         case EventKind::SLAVE_SILENT:
-        case EventKind::SLAVE_BACK:
             return MarkRow::BEATS;
         case EventKind::SYNC:
         case EventKind::PUSH:

@@ -3,7 +3,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -11,6 +13,7 @@
 
 #include "ctl/console.h"
 #include "ctl/verbs.h"
+#include "log.h"
 #include "picture.h"
 #include "picture_html.h"
 #include "replace_file.h"
@@ -18,12 +21,22 @@
 
 namespace {
 
+// The logs of some hours need not tell the address.
+std::string name_of(const std::string& address, const std::string& directory) {
+    std::array<char, HOST_NAME_MAX + 1> host{};
+    if (address.empty() && directory == LOG_DIRECTORY &&
+        gethostname(host.data(), host.size()) == 0) {
+        return host.data();
+    }
+    return address.empty() ? directory : address;
+}
+
 ServerHistory server_of(Timeline& timeline, const std::string& directory) {
     std::vector<TimelineEvent> events = timeline.finish();
     const std::vector<TimelineEvent> missed = timeline.missed_beats();
     events.insert(events.end(), missed.begin(), missed.end());
-    const std::string address = timeline.own_address();
-    return {address.empty() ? directory : address, directory, timeline.bands(), std::move(events)};
+    return {name_of(timeline.own_address(), directory), directory, timeline.bands(),
+            std::move(events)};
 }
 
 // 0 or an errno.

@@ -114,6 +114,7 @@ constexpr std::array NOUNS = {
     Noun{EventKind::FLAPPING, "time of flapping", "times of flapping", true},
     Noun{EventKind::RESYNC, "endless re-sync", "endless re-syncs", true},
     Noun{EventKind::SILENCE, "standstill", "standstills", true},
+    Noun{EventKind::SLAVE_SILENT, "time of a silent slave", "times of a silent slave", true},
     Noun{EventKind::TROUBLE, "failure", "failures", true},
     Noun{EventKind::MISSED, "missed heartbeat", "missed heartbeats", true},
     Noun{EventKind::WAITING, "wait for a role", "waits for a role", true},
@@ -123,7 +124,8 @@ constexpr std::array NOUNS = {
     Noun{EventKind::STEP_DOWN, "step-down", "step-downs", false},
     Noun{EventKind::PUSH, "set sent", "sets sent", false},
     Noun{EventKind::SYNC, "set received", "sets received", false},
-    Noun{EventKind::FETCH, "fetch", "fetches", false}};
+    Noun{EventKind::FETCH, "fetch", "fetches", false},
+    Noun{EventKind::CHANGE, "change by an operator", "changes by an operator", false}};
 
 // How many of them the picture tells of.
 long total_of(const Picture& picture, EventKind kind) {

@@ -26,21 +26,21 @@ svg{display:block;overflow:visible;font-size:12px}.lane{position:relative}
 .lane:hover,.lane:focus-within{z-index:1}
 .grid{stroke:var(--line)}.tick{stroke:var(--soft)}.axis text{fill:var(--soft)}
 .b rect{stroke:var(--soft);stroke-width:1}.b text{font-weight:600}
-.master rect{fill:var(--master)}.master text{fill:var(--on-master)}
-.slave rect{fill:var(--slave)}.slave text{fill:var(--on-slave)}
-.acting rect{fill:var(--acting)}.acting text{fill:var(--on-acting)}
-.waiting rect{fill:var(--waits)}.waiting text{fill:var(--on-waits)}
-.stopped rect{fill:var(--stopped)}.stopped text{fill:var(--on-stopped)}
-.silent rect,.unknown rect{fill:url(#hatch)}.silent text,.unknown text{fill:var(--text);
+.b.master rect{fill:var(--master)}.b.master text{fill:var(--on-master)}
+.b.slave rect{fill:var(--slave)}.b.slave text{fill:var(--on-slave)}
+.b.acting rect{fill:var(--acting)}.b.acting text{fill:var(--on-acting)}
+.b.waiting rect{fill:var(--waits)}.b.waiting text{fill:var(--on-waits)}
+.b.stopped rect{fill:var(--stopped)}.b.stopped text{fill:var(--on-stopped)}
+.b.silent rect,.b.unknown rect{fill:url(#hatch)}.b.silent text,.b.unknown text{fill:var(--text);
 paint-order:stroke;stroke:var(--back);stroke-width:4px}
-.changing rect{stroke-dasharray:3 2;stroke:var(--text)}
+.b.changing rect{stroke-dasharray:3 2;stroke:var(--text)}
 .m{fill:var(--text);stroke:var(--text);color:var(--text);text-decoration:none;outline:none;cursor:pointer}
 .m .n{stroke:none;fill:var(--text)}.in{fill:var(--back);stroke:none;font-weight:700;text-anchor:middle}
 .hollow{fill:var(--back)}
 .take-over,.step-down{fill:var(--acting);stroke:var(--acting)}
 .push,.sync,.fetch{fill:var(--data);stroke:var(--data)}
 .failed,.trouble,.flapping,.re-sync,.missed{fill:var(--bad);stroke:var(--bad)}
-.silence{fill:var(--back);stroke:var(--bad)}
+.silence,.slave-silent{fill:var(--back);stroke:var(--bad)}
 .m:hover use,.m:hover rect,.m:focus use,.m:focus rect{stroke:var(--text);stroke-width:3}
 .t{display:none;pointer-events:none}.m:hover .t,.m:focus .t{display:block}
 .m:hover .t{position:relative}.t div{background:var(--tip);color:var(--text);
@@ -72,6 +72,7 @@ inline constexpr std::string_view PICTURE_SIGNS = R"svg(
 <g id="s-push"><path d="M0 -7L7 6H-7Z"/></g>
 <g id="s-sync"><path d="M0 7L7 -6H-7Z"/></g>
 <g id="s-fetch"><path d="M0 -7L7 0L0 7L-7 0Z"/></g>
+<g id="s-change"><path d="M-2 -7H2V-2H7V2H2V7H-2V2H-7V-2H-2Z"/></g>
 <g id="s-trouble"><path d="M0 -8L9 7H-9Z"/><text class="in" y="5.500">!</text></g>
 <g id="s-flapping"><circle r="8"/><text class="in" y="4">F</text></g>
 <g id="s-re-sync"><circle r="8"/><text class="in" y="4">R</text></g>
