@@ -63,9 +63,12 @@ std::string counted(std::size_t count, std::string_view noun) {
 }
 
 std::string grouped(std::int64_t number) {
-    std::string text = std::to_string(number);
-    for (std::size_t end = text.size(); end > 3; end -= 3) {
-        text.insert(end - 3, ",");
+    const std::string digits = std::to_string(number);
+    std::string text;
+    for (std::size_t n = 0; n < digits.size(); ++n) {
+        const bool begins_group = n > 0 && (digits.size() - n) % 3 == 0;
+        text += begins_group ? "," : "";
+        text += digits[n];
     }
     return text;
 }
