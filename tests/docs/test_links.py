@@ -110,6 +110,12 @@ def test_no_line_is_too_long(document):
     assert not [line for line in lines if len(line) > LONGEST_LINE and not line.startswith("|")]
 
 
+def test_no_manual_has_a_table_by_mistake():
+    """scdoc takes a line that begins like this for one, and fails."""
+    for page in ROOT.glob("man/*.scd"):
+        assert not re.findall(r"^[\[|\]].*", text_of(page), re.MULTILINE), page.name
+
+
 @pytest.mark.parametrize("name", ["README.md", "docs/guide.md"])
 def test_sentences_are_short(name):
     text = INDENTED.sub("\n\n", FENCED.sub("", text_of(ROOT / name)))
