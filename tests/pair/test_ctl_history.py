@@ -21,6 +21,8 @@ def test_the_timeline_of_a_pair(pair_factory, ctl):
     pair.wait_equal()
     for host in (master, slave):
         assert ctl(host, "check")[0] == FINE
+    # So many regular beats tell a slave from a passer-by.
+    wait_until(lambda: len(master.find_log("beat back to")) >= 3, LIMIT, "three answered beats")
     slave.wait_log("bottle=2", LIMIT)
     mark = slave.log_mark()
     master.line.cut()

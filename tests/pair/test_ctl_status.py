@@ -61,7 +61,7 @@ def serving(pair, ctl):
 
 
 @pytest.mark.sanitizer
-def test_a_pair_that_is_well(pair_factory, ctl, becomes):
+def test_a_pair_that_is_well(pair_factory, ctl, told, becomes):
     pair = pair_factory(clients=realistic_clients(50))
     master, slave = pair.master, pair.slave
     becomes(slave, PROBLEM, "daemon_missing")
@@ -69,6 +69,8 @@ def test_a_pair_that_is_well(pair_factory, ctl, becomes):
         pair.start()
         becomes(master, PROBLEM, "service_missing", "service_missing")
         assert ctl(master, "service", "start", "boot")[0] == FINE
+        becomes(slave, FINE)  # Also while a set is being copied.
+        wait_until(lambda: told(slave)[2]["state"]["sets"]["client"], LIMIT, "the client set")
         status = becomes(slave, FINE)
         state = status["state"]
         started = state["started"]
@@ -80,8 +82,9 @@ def test_a_pair_that_is_well(pair_factory, ctl, becomes):
         assert state["counters"]["transfers_broken"] == state["counters"]["take_overs"] == 0
         assert state["counters"]["heartbeats_answered"] > 0
         wait_until(lambda: list((master.root / "etc/quoradmind").glob("10.*.db")), LIMIT, "a copy")
+        fetch = lambda: told(master)[2]["state"]["fetch"]
+        wait_until(lambda: fetch()["last_result"] == 0, LIMIT, "the end of the fetch")
         status = becomes(master, FINE)
-        assert status["state"]["fetch"]["last_result"] == 0
         assert status["state"]["sets"]["client"]["stamp"] == "client-1"
         assert status["state"]["counters"]["records_sent"] == 54  # With the two closing ones.
     assert f"of {slave.address}: " in ctl(master, "status")[1]

@@ -49,7 +49,7 @@ void SlaveEvents::beat(LogTime time, std::string_view address) {
     Slave& slave = found->second;
     if (time - slave.sign > SILENT) {
         end_silence(found->first, slave, time);
-        slave.regular = 0;
+        slave.regular = slave.regular < REGULAR ? 0 : slave.regular;  // it stays a slave
     }
     slave.beat = slave.sign = time;
     ++slave.regular;

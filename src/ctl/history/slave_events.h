@@ -22,7 +22,7 @@ private:
     struct Slave {
         LogTime beat;      // the last one
         LogTime sign;      // that, or what kept the master from answering beats
-        long regular = 0;  // beats in a row
+        long regular = 0;  // beats in a row, until they are enough
     };
 
     void beat(LogTime time, std::string_view address);
