@@ -236,8 +236,8 @@ StoreKept db_keep(const char* path, const char* name);
 int db_verify(const char* path);
 
 // Puts a copy of the database `source` in the place of `target`, with mode and owner of the file
-// that it replaces, or else of the source; an ordinary user's copy is his own. A symbolic link
-// `target` is followed. The source is locked
+// that it replaces, or else those of a new store; an ordinary user's copy is his own. A symbolic
+// link `target` is followed. The source is locked
 // while it is copied, and the copy verified. A kill or a power failure at any moment leaves the old
 // file or the new one. Returns an empty text, or why `target` stays as it was.
 std::string db_copy(const std::string& source, const std::string& target);

@@ -196,6 +196,46 @@ def test_whole_stores_are_saved_and_loaded(couple, ctl):
     assert code == WRONG_USE and "not a sound copy" in complaint and master.client.get("b") == b"c"
 
 
+def test_a_restore_replaces_what_is_meant_and_keeps_it(couple, ctl):
+    master, _ = couple
+    master.client.fill({"mac": "v"})
+    assert ctl(master, "store", "backup", "/tmp/saved")[0] == FINE
+    settings = master.config.items()
+    master.shell("cd /tmp/saved && cp client.db night.db && cp config.db client.db.previous")
+    code, _, complaint = ctl(master, "store", "restore", "/tmp/saved/night.db")
+    assert code == WRONG_USE and "--file" in complaint and master.config.items() == settings
+    copy = "/tmp/saved/config.db"
+    assert ctl(master, "store", "restore", "-f", "client", copy)[0] == FINE
+    assert master.client.items() == settings == master.config.items()
+    undo = ["store", "restore", f"{STORES}/client.db.before-restore"]
+    assert ctl(master, *undo)[0] == FINE and master.client.items() == {b"mac": b"v"}
+    assert ctl(master, *undo)[0] == FINE and master.client.items() == settings
+    assert ctl(master, *undo)[0] == FINE
+    assert ctl(master, "store", "restore", "/tmp/saved/client.db.previous")[0] == FINE
+    assert master.client.items() == settings == master.config.items()
+    names = {path.name for path in (master.root / STORES[1:]).iterdir()}
+    assert names == {"config.db", "client.db", "client.db.before-restore"}
+
+
+def test_a_backup_that_others_could_change_or_without_a_store_is_none(couple, ctl, daemon_path):
+    master, _ = couple
+    for mode, owner, place in ((0o775, 0, "a"), (0o757, 0, "b"), (0o755, 65534, "c")):
+        target = master.root / "tmp" / place
+        target.mkdir()
+        target.chmod(mode)
+        os.chown(target, owner, 0)
+        code, _, complaint = ctl(master, "store", "backup", f"/tmp/{place}")
+        assert code == WRONG_USE and "other users" in complaint and not list(target.iterdir())
+    tool = master.expose(daemon_path.parent / "quorsyncctl")
+    master.shell(f"chmod 700 {STORES}")
+    other = ["/usr/bin/setpriv", "--reuid=65534", tool, "store", "backup", "/tmp/c"]
+    done = master.run(other)
+    assert done.returncode == PROBLEM and b"config.db is not backed up: Perm" in done.stderr
+    master.shell(f"rm {STORES}/*")
+    code, out, complaint = ctl(master, "store", "backup", "/tmp/saved")
+    assert (code, out) == (PROBLEM, "") and "nothing is backed up" in complaint
+
+
 def test_a_wrong_word_is_named_beside_the_right_ones(couple, ctl):
     for wrong, group, verbs in (
         (["nonsense"], "quorsyncctl", "check, status, timeline, store, diff, fetch"),

@@ -16,6 +16,7 @@
 #include "common/store/page_walk.h"
 #include "keys.h"
 #include "store.h"
+#include "store_backup.h"
 #include "support.h"
 
 namespace {
@@ -394,6 +395,22 @@ TEST_F(StoreTest, AChangedFileKeepsLinkModeOwnerAndReaders) {
     EXPECT_FALSE(std::filesystem::exists(DISK_DB + ".changed2"s));
 }
 
+TEST_F(StoreTest, ABackupIsANewFileOfTheCallersOwn) {
+    fill(CONFIG_DB, 2);
+    write_file(DISK_DB, "of another one");
+    ASSERT_EQ(chmod(CONFIG_DB, 0664), 0);
+    ASSERT_EQ(chown(CONFIG_DB, 12, 34), 0);
+    std::filesystem::create_symlink(DISK_DB, CLIENT_DB);
+    EXPECT_EQ(db_back_up(CONFIG_DB, CLIENT_DB), "");
+    EXPECT_EQ(contents(DISK_DB), "of another one");
+    EXPECT_FALSE(std::filesystem::is_symlink(CLIENT_DB));
+    EXPECT_EQ(records_of(CLIENT_DB), records_of(CONFIG_DB));
+    EXPECT_EQ(mode_of(CLIENT_DB), 0600U);
+    EXPECT_EQ(status_of(CLIENT_DB).st_uid, geteuid());
+    EXPECT_NE(db_back_up(DISK_DB, CLIENT_DB), "");
+    EXPECT_EQ(records_of(CLIENT_DB).size(), 2U);
+}
+
 TEST_F(StoreTest, ACopyIsSoundAndKeepsLinkModeAndOwner) {
     fill(DISK_DB, 1);
     fill(CLIENT_DB, 2);
@@ -404,11 +421,12 @@ TEST_F(StoreTest, ACopyIsSoundAndKeepsLinkModeAndOwner) {
     EXPECT_TRUE(std::filesystem::is_symlink(CONFIG_DB));
     EXPECT_EQ(records_of(DISK_DB), records_of(CLIENT_DB));
     EXPECT_EQ(db_copy(DISK_DB, "/etc/quoradmind/new.db"), "");
-    for (const char* copy : {DISK_DB, "/etc/quoradmind/new.db"}) {
-        EXPECT_EQ(mode_of(copy), 0640U);
-        EXPECT_EQ(status_of(copy).st_uid, 12U);
-        EXPECT_EQ(status_of(copy).st_gid, 34U);
-    }
+    EXPECT_EQ(mode_of(DISK_DB), 0640U);
+    EXPECT_EQ(status_of(DISK_DB).st_uid, 12U);
+    EXPECT_EQ(status_of(DISK_DB).st_gid, 34U);
+    // As a store that was just created, whoever the copy belongs to.
+    EXPECT_EQ(mode_of("/etc/quoradmind/new.db") & ~0022U, 0644U);
+    EXPECT_EQ(status_of("/etc/quoradmind/new.db").st_uid, geteuid());
     write_file(CLIENT_DB, std::string(8192, 'x'));
     EXPECT_NE(db_copy(CLIENT_DB, CONFIG_DB), "");
     EXPECT_NE(db_copy("/etc/quoradmind/none.db", CONFIG_DB), "");

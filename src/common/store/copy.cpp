@@ -16,6 +16,7 @@
 #include "owned.h"
 #include "replace_file.h"
 #include "store.h"
+#include "store_backup.h"
 
 namespace {
 
@@ -24,21 +25,19 @@ int give_mode_and_owner(int copy, const struct stat& model) {
     return result == EPERM && geteuid() != 0 ? 0 : result;
 }
 
-// Makes `copy`, which takes the place of `target`. 0 or the library's error code.
-int fill_copy(const FreshFile& copy, const std::string& source, const std::string& target) {
+// Fills and verifies `copy`. 0 or the library's error code.
+int fill_copy(const FreshFile& copy, const std::string& source) {
+    if (copy.error() != 0) {
+        return copy.error();
+    }
     const StoreLock lock(source.c_str());
-    if (!lock.exists() || lock.error() != 0) {
-        return lock.exists() ? lock.error() : ENOENT;
+    if (lock.error() != 0 || lock.refused()) {
+        return lock.error() != 0 ? lock.error() : EBUSY;
     }
-    struct stat model {};
-    if (lock.refused() || (stat(target.c_str(), &model) != 0 && fstat(lock.fd(), &model) != 0)) {
-        return lock.refused() ? EBUSY : errno;
+    if (!lock.exists()) {
+        return ENOENT;
     }
-    if (!copy_contents(lock.fd(), copy.fd())) {
-        return errno;
-    }
-    const int result = give_mode_and_owner(copy.fd(), model);
-    return result != 0 ? result : db_verify(copy.path().c_str());
+    return copy_contents(lock.fd(), copy.fd()) ? db_verify(copy.path().c_str()) : errno;
 }
 
 }  // namespace
@@ -88,11 +87,17 @@ std::string put_copy_in_place(const std::string& download, const std::string& ta
 }
 
 std::string db_copy(const std::string& source, const std::string& target) {
+    constexpr mode_t NEW_STORE = 0664;  // as any access creates one
     std::error_code unknown;
     const std::filesystem::path linked = std::filesystem::weakly_canonical(target, unknown);
     const std::string place = unknown ? target : linked.string();
-    FreshFile copy(place);
-    const int result = copy.error() != 0 ? copy.error() : fill_copy(copy, source, place);
+    struct stat replaced {};
+    const bool is_new = stat(place.c_str(), &replaced) != 0;
+    FreshFile copy(place, is_new ? NEW_STORE : 0600);
+    int result = fill_copy(copy, source);
+    if (result == 0 && !is_new) {
+        result = give_mode_and_owner(copy.fd(), replaced);
+    }
     if (result != 0) {
         return store_error_text(result);
     }
@@ -101,4 +106,16 @@ std::string db_copy(const std::string& source, const std::string& target) {
         copy.keep();
     }
     return failure;
+}
+
+std::string db_back_up(const std::string& source, const std::string& target) {
+    FreshFile copy(target);
+    if (const int result = fill_copy(copy, source); result != 0) {
+        return store_error_text(result);
+    }
+    const Replacement moved = move_in_place(copy.path(), target, rename_file);
+    if (moved.in_place) {
+        copy.keep();
+    }
+    return moved.error == 0 ? "" : strerror(moved.error);
 }

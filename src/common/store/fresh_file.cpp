@@ -23,10 +23,10 @@ void remove_leftover(const std::string& path) {
 
 }  // namespace
 
-FreshFile::FreshFile(const std::string& target) {
+FreshFile::FreshFile(const std::string& target, mode_t mode) {
     for (const char* ending : ENDINGS) {
         remove_leftover(target + ending);
-        if (!file_.valid() && create(target + ending)) {
+        if (!file_.valid() && create(target + ending, mode)) {
             path_ = target + ending;
         }
     }
@@ -39,10 +39,10 @@ FreshFile::~FreshFile() {
     }
 }
 
-bool FreshFile::create(const std::string& path) {
+bool FreshFile::create(const std::string& path, mode_t mode) {
     struct stat created {};
     do {
-        file_.reset(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+        file_.reset(open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, mode));
         error_ = file_.valid() ? 0 : errno;
         // Before it was locked, another writer may have taken it for a leftover.
     } while (file_.valid() && (flock(file_.get(), LOCK_EX) != 0 ||

@@ -7,11 +7,12 @@
 
 #include "owned.h"
 
-// Empty, locked as a database file is, and readable for nobody else. Each writer has a name of its
+// Empty and locked as a database file is. Each writer has a name of its
 // own, also one that does not have the lock of `target`; what killed ones have left goes.
 class FreshFile {
 public:
-    explicit FreshFile(const std::string& target);
+    // `mode` less the umask.
+    explicit FreshFile(const std::string& target, mode_t mode = 0600);
 
     // Removes it, unless it was kept.
     ~FreshFile();
@@ -28,7 +29,7 @@ public:
     void keep() { path_.clear(); }
 
 private:
-    bool create(const std::string& path);
+    bool create(const std::string& path, mode_t mode);
 
     OwnedFd file_;
     std::string path_;

@@ -1,6 +1,8 @@
 #include "bulk.h"
 
 #include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -8,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <string_view>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -20,6 +23,8 @@
 #include "data_sets.h"
 #include "json_lines.h"
 #include "keys.h"
+#include "replace_file.h"
+#include "store_backup.h"
 
 namespace {
 
@@ -79,6 +84,9 @@ int put_all(Store& store, const std::vector<StoredRecord>& records, const std::s
 
 // --- backup and restore --------------------------------------------------------------------------
 
+// Of the file that a restore has replaced, behind its own name.
+constexpr std::string_view BEFORE_RESTORE = ".before-restore";
+
 std::string base_name(const std::string& path) {
     return std::filesystem::path(path).filename().string();
 }
@@ -88,15 +96,65 @@ bool is_before_shrink(const StoreOptions& options) {
     return base_name(options.place) == base_name(BEFORE_SHRINK_CLIENT_DB);
 }
 
-// The store that a copy of that name is of, unless the operator names one.
+// The store that is to be replaced: the operator names it, or the copy's name does.
 std::string restored_path(const StoreOptions& options) {
-    for (const char* path : {CONFIG_DB, CLIENT_DB, DISK_DB}) {
-        if (base_name(options.place) == base_name(path)) {
+    constexpr std::pair<const char*, const char*> COPIES[] = {
+        {CONFIG_DB, CONFIG_DB},
+        {CLIENT_DB, CLIENT_DB},
+        {PREVIOUS_CLIENT_DB, CLIENT_DB},
+        {BEFORE_SHRINK_CLIENT_DB, CLIENT_DB},
+        {DISK_DB, DISK_DB},
+    };
+    if (!options.restored.empty()) {
+        const std::string path = store_path(options.restored);
+        check_path(path);
+        return path;
+    }
+    std::string name = base_name(options.place);
+    if (name.ends_with(BEFORE_RESTORE)) {
+        name.resize(name.size() - BEFORE_RESTORE.size());
+    }
+    for (const auto& [copy, path] : COPIES) {
+        if (name == base_name(copy)) {
             return path;
         }
     }
-    return is_before_shrink(options) ? CLIENT_DB : options.path();
+    throw WrongUse(options.place, "its name is that of no store; name the store with --file");
 }
+
+// A second name for the file `path` while another one takes its place; what `path` was then stays
+// under the name that ends in BEFORE_RESTORE. Not before: that may be the copy that is restored.
+class ReplacedFile {
+public:
+    explicit ReplacedFile(const std::string& path) {
+        std::error_code unknown;
+        const std::filesystem::path linked = std::filesystem::weakly_canonical(path, unknown);
+        const std::string target = unknown ? path : linked.string();
+        kept_ = fmt::format("{}{}", target, BEFORE_RESTORE);
+        fresh_ = fmt::format("{}.new", kept_);
+        (void)unlink(fresh_.c_str());  // left by a process that was killed
+        error_ = link(target.c_str(), fresh_.c_str()) == 0 || errno == ENOENT ? 0 : errno;
+    }
+    ~ReplacedFile() { (void)unlink(fresh_.c_str()); }
+    ReplacedFile(const ReplacedFile&) = delete;
+    ReplacedFile& operator=(const ReplacedFile&) = delete;
+
+    // Why the file cannot be kept; empty when it can.
+    std::string failure() const {
+        return error_ == 0 ? "" : fmt::format("{}: {}", kept_, std::strerror(error_));
+    }
+
+    void keep() const {
+        if (const int error = rename_file(fresh_, kept_); error != 0 && error != ENOENT) {
+            complain("{}: {}; what was there before is lost", kept_, std::strerror(error));
+        }
+    }
+
+private:
+    std::string kept_;
+    std::string fresh_;
+    int error_ = 0;
+};
 
 void check_copy(const StoreOptions& options, const std::string& path) {
     if (const int error = db_verify(options.place.c_str()); error != 0) {
@@ -108,6 +166,27 @@ void check_copy(const StoreOptions& options, const std::string& path) {
         throw WrongUse(path,
                        "this host is the slave: the master's next set overwrites it; --force "
                        "restores it anyway");
+    }
+}
+
+// Creates the directory where it is missing. Throws where another user could change its entries:
+// what he puts there in the place of a copy would be written by root, or be restored.
+void prepare_directory(const std::string& path) {
+    std::error_code error;
+    const mode_t mask = umask(0777);
+    umask(mask | S_IWGRP | S_IWOTH);
+    std::filesystem::create_directories(path, error);
+    umask(mask);
+    struct stat status {};
+    if (error || stat(path.c_str(), &status) != 0) {
+        throw WrongUse(path, error ? error.message() : std::strerror(errno));
+    }
+    const bool trusted = status.st_uid == 0 || status.st_uid == geteuid();
+    if (!trusted || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        throw WrongUse(path, "other users may write into it; take a directory of your own");
+    }
+    if (std::filesystem::equivalent(path, STORE_DIRECTORY, error)) {
+        throw WrongUse(path, "is where the stores themselves are");
     }
 }
 
@@ -138,36 +217,42 @@ int load(const StoreOptions& options) {
 }
 
 int backup(const StoreOptions& options) {
-    std::error_code error;
-    std::filesystem::create_directories(options.place, error);
-    if (error) {
-        throw WrongUse(options.place, error.message());
-    }
-    int status = EXIT_FINE;
+    prepare_directory(options.place);
+    std::size_t saved = 0;
+    std::size_t failed = 0;
     for (const std::string path : {CONFIG_DB, CLIENT_DB, DISK_DB}) {
-        if (!std::filesystem::exists(path, error)) {
+        if (access(path.c_str(), F_OK) != 0 && errno == ENOENT) {
             continue;
         }
         const std::string target = options.place + "/" + base_name(path);
-        const std::string failure = db_copy(path, target);
+        const std::string failure = db_back_up(path, target);
         if (failure.empty()) {
-            say("{}: {}", target, bytes_text(std::filesystem::file_size(target, error)));
+            std::error_code unknown;
+            say("{}: {}", target, bytes_text(std::filesystem::file_size(target, unknown)));
+            ++saved;
         } else {
             complain("{} is not backed up: {}", path, failure);
-            status = EXIT_PROBLEM;
+            ++failed;
         }
     }
-    return status;
+    if (saved + failed == 0) {
+        complain("{}: nothing is backed up: {} has no store", options.place, STORE_DIRECTORY);
+    }
+    return saved != 0 && failed == 0 ? EXIT_FINE : EXIT_PROBLEM;
 }
 
 int restore(const StoreOptions& options) {
     const std::string path = restored_path(options);
     check_copy(options, path);
     begin_changes();
-    if (const std::string failure = db_copy(options.place, path); !failure.empty()) {
+    const ReplacedFile replaced(path);
+    std::string failure = replaced.failure();
+    failure = failure.empty() ? db_copy(options.place, path) : failure;
+    if (!failure.empty()) {
         complain("{} stays as it was: {}", path, failure);
         return EXIT_PROBLEM;
     }
+    replaced.keep();
     log_change(fmt::format("restore {}", path), options.place);
     if (path == CLIENT_DB && is_configured_slave()) {
         complain(

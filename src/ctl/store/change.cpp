@@ -88,6 +88,15 @@ int absent(const StoreOptions& options) {
     return EXIT_PROBLEM;
 }
 
+void check_path(const std::string& path) {
+    if (path.find('/') == std::string::npos && access(path.c_str(), F_OK) != 0) {
+        throw WrongUse(
+            "--file", fmt::format("\"{}\" is neither config, client or disk nor a file here; a new "
+                                  "one needs its full path",
+                                  path));
+    }
+}
+
 void check_change(const StoreOptions& options, const std::string& value) {
     const std::string path = options.path();
     const std::string misfit =
@@ -95,11 +104,7 @@ void check_change(const StoreOptions& options, const std::string& value) {
     if (options.key.empty()) {
         throw WrongUse("KEY", "is empty");
     }
-    if (path.find('/') == std::string::npos && access(path.c_str(), F_OK) != 0) {
-        throw WrongUse("--file", "\"" + path +
-                                     "\" is neither config, client or disk nor a file "
-                                     "here; a new one needs its full path");
-    }
+    check_path(path);
     if (!misfit.empty()) {
         throw WrongUse(options.key, misfit);
     }

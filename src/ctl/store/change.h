@@ -9,9 +9,10 @@
 struct StoreOptions {
     std::string file = "config";
     std::string key;
-    std::string value;  // or the item of a list
-    std::string set;    // of bump: config, client or dsver
-    std::string place;  // of load, backup and restore: a file or a directory
+    std::string value;     // or the item of a list
+    std::string set;       // of bump: config, client or dsver
+    std::string place;     // of load, backup and restore: a file or a directory
+    std::string restored;  // of restore: as `file`; empty for the one the copy is named after
     bool json = false;
     bool json_lines = false;
     bool force = false;
@@ -28,9 +29,10 @@ int absent(const StoreOptions& options);
 // How the record gets to this host's peer, or from it.
 Replication pair_replication(const StoreOptions& options);
 
-// Throw what the operator did wrong: by the record with that value, and by changing it on this
-// host.
+// Throw what the operator did wrong: by the record with that value, by a file of that
+// path, and by changing the record on this host.
 void check_change(const StoreOptions& options, const std::string& value);
+void check_path(const std::string& path);
 void check_place(const StoreOptions& options);
 
 // The last words on a change that has succeeded: a line for the log, which names `what` was done to

@@ -272,9 +272,11 @@ void add_whole_files(const Command& verb, const SharedOptions& options) {
     saving.argument("DIRECTORY", options->place, "Where the copies go; created if missing")
         .runs([options] { return backup(*options); });
 
-    const Command restoring =
-        add_operation(verb, "restore", "Replace a store with a copy.", restore, options);
-    restoring.argument("COPY", options->place, "A file of \"store backup\"");
+    const Command restoring = verb.command("restore", "Replace a store with a copy.");
+    restoring.argument("COPY", options->place, "A file of \"store backup\"")
+        .option("-f,--file", options->restored,
+                "config, client, disk or a path; default: the store that COPY is named after")
+        .runs([options] { return restore(*options); });
     add_force(restoring, options);
 }
 
