@@ -17,6 +17,15 @@ _quorsyncctl_keys() {
     quorsyncctl store dump --file "$file" 2>/dev/null | sed 's/=.*//'
 }
 
+_quorsyncctl_offer() {
+    # The lines of standard input that begin with the current word. Not by "compgen -W", which
+    # expands its words: a key or a setting may hold "$(command)".
+    local offered
+    while IFS= read -r offered; do
+        [[ -n $offered && $offered == "$current"* ]] && COMPREPLY+=("$offered")
+    done
+}
+
 _quorsyncctl() {
     # Words between blanks: bash itself also separates them at ":", which MAC addresses have.
     local line=${COMP_LINE:0:COMP_POINT} words
@@ -44,7 +53,7 @@ _quorsyncctl() {
         store\ get | store\ put | store\ del | store\ list-*)
             if [[ -z $found && $current != -* &&
                 ($previous == -* || $previous == "${verbs[1]}" || $before == -f || $before == --file) ]]; then
-                mapfile -t COMPREPLY < <(compgen -W "$(_quorsyncctl_keys)" -- "$current")
+                _quorsyncctl_offer < <(_quorsyncctl_keys)
                 # What stands before the last ":" is on the line already.
                 COMPREPLY=("${COMPREPLY[@]#"${current%"${current##*:}"}"}")
                 return
@@ -55,7 +64,7 @@ _quorsyncctl() {
         [[ $current == -* ]] && wanted=Options:
         found=$(_quorsyncctl_help "${verbs[@]}")
     fi
-    mapfile -t COMPREPLY < <(compgen -W "$found" -- "$current")
+    _quorsyncctl_offer <<<"${found//[[:blank:]]/$'\n'}"
     [ ${#COMPREPLY[@]} -gt 0 ] || mapfile -t COMPREPLY < <(compgen -f -- "$current")
 }
 complete -o filenames -F _quorsyncctl quorsyncctl

@@ -67,6 +67,14 @@ def test_completion_offers_what_the_help_lists(tool):
         else command quorsyncctl "$@"; fi; };"""
     assert complete(tool, "store", "get", "-f", "client", "", setup=keys) == {"00:1E:4F", "name"}
     assert complete(tool, "store", "del", "-f", "client", "00:1", setup=keys) == {"1E:4F"}
+    # What a store holds is never executed.
+    evil = """quorsyncctl() { if [[ $* == *--help ]]; then command quorsyncctl "$@"
+        else echo 'x`kill$IFS$$`$(:),y=1'; fi; };"""
+    for words, offered in (
+        (["store", "get", ""], {"x`kill$IFS$$`$(:),y"}),
+        (["status", "--peer", "x"], {"x`kill$IFS$$`$(:)"}),
+    ):
+        assert complete(tool, *words, setup=evil) == offered
 
 
 def test_colours_are_for_terminals_that_have_them(tool):
