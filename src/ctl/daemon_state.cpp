@@ -78,6 +78,10 @@ bool runs(const std::vector<ProcessInfo>& processes, const char* name) {
                        [name](const ProcessInfo& process) { return process.name == name; });
 }
 
+bool happened_since_start(const PageTime& time, const DaemonState& state) {
+    return time.ever() && time.monotonic >= state.page->started.monotonic;
+}
+
 std::chrono::nanoseconds age_of(const PageTime& time, const DaemonState& state) {
     return std::chrono::nanoseconds(std::max<std::int64_t>(state.now - time.monotonic, 0));
 }

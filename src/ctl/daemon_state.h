@@ -43,6 +43,10 @@ const char* role_name(HostRole role);
 
 bool runs(const std::vector<ProcessInfo>& processes, const char* name);
 
+// Whether the daemon of the page knows it for itself. Of the daemon before it the page tells the
+// last answer and the last data sets, and nobody knows what has become of them since.
+bool happened_since_start(const PageTime& time, const DaemonState& state);
+
 // How long ago that was.
 std::chrono::nanoseconds age_of(const PageTime& time, const DaemonState& state);
 

@@ -195,6 +195,10 @@ TEST(Status, OfACopyUnderWay) {
         EXPECT_THAT(host.told(), ElementsAre("0")) << "before the next answer";
         set(host.page->sets[0].done, 9);
         EXPECT_EQ(judge(host.facts).sync.reason, "a data set was copied whole 2 s ago");
+        set(host.page->started, 1);
+        set(host.page->heartbeat_answered, 2);
+        EXPECT_THAT(host.told(), ElementsAre("3")) << "what the daemon before it knew";
+        EXPECT_THAT(judge(host.facts).sync.reason, HasSubstr("nothing heard"));
     }
 }
 

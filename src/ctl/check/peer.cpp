@@ -80,14 +80,15 @@ void check_stamps(const PairSide& own, const PairSide& peer, Findings& findings)
 }
 
 // The last answered beat between this host and that one, which came by one port and was answered by
-// the other; null before the first.
+// the other; null before the first since the daemon's start.
 const PageTime* last_beat(const DaemonState& state, const std::string& address) {
     const StatePage& page = *state.page;
     // One that was asked at an address that is not listed beats from a listed one.
     const bool of_another = role_of(state) == HostRole::MASTER &&
                             list_has(own_side().value(KEY_SERVER_LIST), address) &&
                             page.partner != inet_addr(address.c_str());
-    return page.heartbeat_answered.ever() && !of_another ? &page.heartbeat_answered : nullptr;
+    const bool known = happened_since_start(page.heartbeat_answered, state);
+    return known && !of_another ? &page.heartbeat_answered : nullptr;
 }
 
 std::string ports_text() {

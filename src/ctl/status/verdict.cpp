@@ -66,7 +66,7 @@ std::string missing_sets(const StatePage& page) {
 }
 
 SyncVerdict judge_beats(const HostFacts& facts, const PageTime& beat, const char* partner) {
-    if (!is_fresh(beat, facts)) {
+    if (!is_fresh(beat, facts) || !happened_since_start(beat, facts)) {
         return {InSync::CANNOT_TELL, beat.ever()
                                          ? fmt::format("nothing heard from the {} for {}", partner,
                                                        seconds_text(age_of(beat, facts)))
@@ -96,7 +96,8 @@ SyncVerdict judge_copy(const HostFacts& facts) {
 const PageDataSet* fresh_set(const HostFacts& facts) {
     const auto& sets = facts.page->sets;
     const PageDataSet& last = sets[0].done.monotonic > sets[1].done.monotonic ? sets[0] : sets[1];
-    return is_fresh(last.done, facts) && facts.page->sets_missing == 0 ? &last : nullptr;
+    const bool fresh = is_fresh(last.done, facts) && happened_since_start(last.done, facts);
+    return fresh && facts.page->sets_missing == 0 ? &last : nullptr;
 }
 
 SyncVerdict whole_set(const PageDataSet& set, const HostFacts& facts) {
