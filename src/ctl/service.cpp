@@ -63,14 +63,18 @@ struct Options {
 
 // Whether boot services that run here before the daemon starts are those of a take-over: the host
 // is the slave, or its address in the pair is missing and its daemon has ended as acting master.
+// Not while a daemon runs that acts as master, such as one that was started by hand: they are its.
 bool has_left_over_services() {
+    const DaemonState daemon = daemon_state();
+    if (role_of(daemon) == HostRole::ACTING_MASTER) {
+        return false;
+    }
     const RoleDecision decision = own_configured_role().decision;
     const bool address_missing = decision.reason == RoleReason::NO_LOCAL_ADDRESS ||
                                  decision.reason == RoleReason::NOT_IN_PAIR;
     if (!address_missing) {
         return decision.role == ROLE_SLAVE;
     }
-    const DaemonState daemon = daemon_state();
     return daemon.page != nullptr && daemon.page->role == ROLE_ACTING_MASTER;
 }
 
@@ -187,7 +191,7 @@ int stop(const Service& service, const Options& options) {
         return EXIT_PROBLEM;
     }
     if (options.if_slave && !has_left_over_services()) {
-        say("{}: left alone, this host is not the slave", service.name);
+        say("{}: left alone, this host is not a slave that stands by", service.name);
         return EXIT_FINE;
     }
     const bool by_script = service.processes.empty();
