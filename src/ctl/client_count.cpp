@@ -58,8 +58,7 @@ std::optional<std::size_t> stamped_client_count() {
     return noted ? noted : pushed_count(*values[0]);
 }
 
-std::string client_list_fault() {
-    const auto count = client_count();
+std::string client_list_fault(std::optional<std::size_t> count) {
     const auto before = stamped_client_count();
     if (count && before && has_shrunk(*before, *count)) {
         return fmt::format("has {}, less than half of the {} that the last stamp stood for",

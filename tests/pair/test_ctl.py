@@ -119,6 +119,8 @@ def test_changes_of_a_store(couple, ctl):
     assert slave.config.get("dhcpcfg") is None
     assert ctl(slave, "store", "put", "dhcpcfg", "x", "--force")[0] == FINE
     assert ctl(slave, "store", "put", "ha", "disable")[0] == FINE
+    stamp = ["config_db_version", "20990101000000"]
+    assert "store bump" in ctl(master, "store", "put", *stamp, "--wait")[2]
     assert slave.config.get("dhcpcfg") == b"x" and slave.config.get("ha") == b"disable"
 
 
@@ -147,8 +149,18 @@ def test_a_change_carries_its_stamps_along(couple, ctl):
     assert ctl(master, "store", "bump", "client")[0] == FINE
     for n in range(3):
         master.client.delete(f"mac{n}")
-    code, _, complaint = ctl(master, "store", "bump", "client")
-    assert code == WRONG_USE and "has 2 records, less than half of the 5" in complaint
+    before = master.config.items(), master.client.items()
+    raising = [["bump", "client"], ["put", "client_db_version", "20990101000000"]]
+    for change in (["put", "mac4", "w"], ["del", "mac3"], ["list-remove", "mac3", "v"]):
+        raising.append([*change, "-f", "client", "--bump"])
+    (master.root / "tmp/one").write_text('{"key": "mac4", "value": "w"}\n')
+    (master.root / "tmp/stamp").write_text('{"key": "client_db_version", "value": "2099"}\n')
+    raising += [["load", "/tmp/one", "-f", "client", "--bump"], ["load", "/tmp/stamp"]]
+    for change in raising:
+        code, _, complaint = ctl(master, "store", *change)
+        assert code == WRONG_USE and " of the 5" in complaint and "--force" in complaint, change
+    assert (master.config.items(), master.client.items()) == before
+    assert "has 2 records, less than half" in ctl(master, "store", "bump", "client")[2]
     assert ctl(master, "store", "bump", "client", "--force")[0] == FINE
     code, out, hint = ctl(master, "store", "put", "mac", "v", "--file", "client")
     assert (code, out) == (FINE, "") and "store bump client" in hint
@@ -172,12 +184,18 @@ def test_whole_stores_are_saved_and_loaded(couple, ctl):
     assert slave.store("/tmp/new.db").items() == whole
 
     # One line that is no record, and nothing is stored.
-    for wrong in ("{", '["key"]', '{"key": "a"}', '{"key": "a", "value_base64": "?"}'):
+    two = '{"key": "a", "value": "b"} {"key": "d", "value": "e"}'
+    for wrong in ("{", '["key"]', '{"key": "a"}', '{"key": "a", "value_base64": "?"}', two):
         (master.root / "tmp/lines").write_text('{"key": "b", "value": "c"}\n' + wrong + "\n")
         code, _, complaint = ctl(master, "store", "load", "/tmp/lines", "-f", "client")
         assert code == WRONG_USE and "line 2" in complaint
     assert master.client.items() == whole
-    (master.root / "tmp/lines").write_text('{"key": "b", "value": "c"}\n')
+    (slave.root / "tmp/lines").write_text(
+        '{"key": "a", "value": "b"}\n{"key": "config_db_version", "value": "2"}\n'
+    )
+    code, _, complaint = ctl(slave, "store", "load", "/tmp/lines")
+    assert code == WRONG_USE and "config_db_version: this host is the slave" in complaint
+    (master.root / "tmp/lines").write_text('{"key": "b", "value": "c"} \t\r\n')
     stamp = master.config.get("client_db_version")
     code, out, hint = ctl(master, "store", "load", "/tmp/lines", "-f", "client", "--bump")
     assert (code, out, hint) == (FINE, "", "") and master.client.get("b") == b"c"

@@ -127,7 +127,9 @@ def test_what_an_operator_must_act_on(serving, ctl, told, becomes):
     assert status["role"] == "ended" and status["state"]["counters"]["step_downs"] == 1
 
 
-def test_an_ordinary_push_is_no_problem_at_any_time(pair_factory, ctl, told, becomes):
+def test_an_ordinary_push_is_no_problem_at_any_time(
+    pair_factory, ctl, told, becomes, daemon_path, daemon_env
+):
     pair = pair_factory(clients=realistic_clients(30_000))
     pair.start()
     assert ctl(pair.master, "service", "start", "boot")[0] == FINE
@@ -163,8 +165,18 @@ def test_an_ordinary_push_is_no_problem_at_any_time(pair_factory, ctl, told, bec
     assert code == FINE and out.startswith("client: the slave has 2")
     assert pair.slave.client.get("newer") == b"record"
     pair.slave_daemon.signal(SIGSTOP)
+    tool = pair.master.expose(daemon_path.parent / "quorsyncctl")
     code, _, complaint = ctl(pair.master, "store", "bump", "--wait", "2", "client")
     assert code == PROBLEM and "no slave has taken" in complaint
+    stamp = pair.master.config.get("client_db_version")
+    bump = [tool, "store", "bump", "--wait", "900", "client"]
+    with open(pair.master.root / "tmp/complaint", "w+b") as complaint:
+        waiting = pair.master.popen(bump, stderr=complaint, env=daemon_env)
+        wait_until(lambda: pair.master.config.get("client_db_version") != stamp, LIMIT, "a stamp")
+        pair.master_daemon.kill()
+        assert waiting.wait() == PROBLEM
+        complaint.seek(0)
+        assert b"no longer master" in complaint.read()
 
 
 def test_both_sides_at_once(serving, ctl, told, becomes):

@@ -71,13 +71,29 @@ std::string key_for_all(StoreOptions options, const std::vector<StoredRecord>& r
     return records.front().key;
 }
 
+// Throws where one of the records may not be changed on this host, or not under its new stamp.
+void check_records(const StoreOptions& all, const std::vector<StoredRecord>& records) {
+    StoreOptions options = all;
+    Keys keys;
+    for (const StoredRecord& record : records) {
+        keys.insert(record.key);
+        options.key = record.key;
+        if (pair_replication(options) == Replication::STAMP) {
+            check_host(options);
+            check_clients(options, {}, {});
+        }
+    }
+    check_place(all);
+    check_clients(all, keys, {});
+}
+
 int put_all(Store& store, const std::vector<StoredRecord>& records, const std::string& label) {
     ProgressBar bar(label);
     for (std::size_t n = 0; n < records.size(); ++n) {
         if (const int result = store.put(records[n].key, records[n].value); result != 0) {
             return result;
         }
-        bar.show(n + 1, records.size());
+        bar.tell(fmt::format("{} of {} records", n + 1, records.size()));
     }
     return 0;
 }
@@ -200,7 +216,7 @@ int load(const StoreOptions& options) {
     }
     StoreOptions all = options;
     all.key = key_for_all(options, records);
-    check_place(all);
+    check_records(all, records);
     begin_changes();
     const std::unique_ptr<Store> store = open_store(options.path());
     if (!store) {

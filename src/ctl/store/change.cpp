@@ -70,6 +70,16 @@ const char* stamp_of_change(const StoreOptions& options) {
     return own && !options.keep_dsver && is_configured_slave() ? KEY_DSVER : nullptr;
 }
 
+// How many of the keys client.db has.
+std::size_t count_present(const Keys& keys) {
+    const std::unique_ptr<Store> store = keys.empty() ? nullptr : db_open_present(CLIENT_DB);
+    std::string value;
+    const auto is_present = [&](const std::string& key) {
+        return store && store->get(key, value, 1) == 0;
+    };
+    return static_cast<std::size_t>(std::count_if(keys.begin(), keys.end(), is_present));
+}
+
 }  // namespace
 
 Replication pair_replication(const StoreOptions& options) {
@@ -115,16 +125,43 @@ void check_place(const StoreOptions& options) {
     if (options.bump && pair_replication(options) != Replication::PUSHED) {
         throw WrongUse("--bump", "the record is in no set that the slave fetches");
     }
-    if (options.wait > 0 && !options.bump && pair_replication(options) != Replication::STAMP) {
-        throw WrongUse("--wait", "wants a new stamp of config or client: --bump makes one");
+    const bool new_stamp =
+        options.bump || (!options.set.empty() && pair_replication(options) == Replication::STAMP);
+    if (options.wait > 0 && !new_stamp) {
+        throw WrongUse("--wait",
+                       "wants a new stamp of config or client: --bump or \"store bump\" makes one");
     }
     if (options.wait > 0 && !serves_as_master()) {
         throw WrongUse("--wait", "the daemon of this host does not run as master");
     }
+    check_host(options);
+}
+
+void check_host(const StoreOptions& options) {
     if (!options.force && is_mirrored(pair_replication(options)) && is_configured_slave()) {
         throw WrongUse(options.key,
                        "this host is the slave: change it on the master, which overwrites it here; "
                        "--force changes it anyway");
+    }
+}
+
+void check_clients(const StoreOptions& options, const Keys& put, const Keys& deleted) {
+    const bool changes_list = options.path() == CLIENT_DB;
+    const bool raises_stamp =
+        changes_list ? options.bump
+                     : options.path() == CONFIG_DB && options.key == CLIENT_SET.stamp_key;
+    auto count = raises_stamp && !options.force ? client_count() : std::nullopt;
+    if (!count) {
+        return;
+    }
+    if (changes_list) {
+        *count += put.size() - count_present(put) - count_present(deleted);
+    }
+    if (const std::string fault = client_list_fault(count); !fault.empty()) {
+        throw WrongUse(CLIENT_DB,
+                       fmt::format("{}{}: the slave would drop its clients; --force gives it a new "
+                                   "stamp anyway",
+                                   changes_list ? "with this change it " : "", fault));
     }
 }
 

@@ -1,6 +1,7 @@
 // A change of a store by the operator: what is checked before, and what is said and done after it.
 #pragma once
 
+#include <set>
 #include <string>
 
 #include "ctl/store_files.h"
@@ -34,6 +35,15 @@ Replication pair_replication(const StoreOptions& options);
 void check_change(const StoreOptions& options, const std::string& value);
 void check_path(const std::string& path);
 void check_place(const StoreOptions& options);
+
+// The latter's part on a slave, which gets the mirrored records from its master.
+void check_host(const StoreOptions& options);
+
+// Throws where a new stamp of the clients that comes with the change, by the key itself or by
+// --bump, would make the slave replace its clients by nothing, or by few. The change puts these
+// keys and deletes those.
+using Keys = std::set<std::string>;
+void check_clients(const StoreOptions& options, const Keys& put, const Keys& deleted);
 
 // The last words on a change that has succeeded: a line for the log, which names `what` was done to
 // which `subject`, and hints for the operator.

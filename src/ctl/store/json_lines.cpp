@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string_view>
 
@@ -84,9 +85,15 @@ std::string to_json_line(const StoredRecord& record) {
 }
 
 std::string from_json_line(const std::string& line, StoredRecord& record) {
-    const OwnedJson object(json_tokener_parse(line.c_str()));
+    const std::unique_ptr<json_tokener, decltype(&json_tokener_free)> tokener(json_tokener_new(),
+                                                                              json_tokener_free);
+    const OwnedJson object(
+        json_tokener_parse_ex(tokener.get(), line.data(), static_cast<int>(line.size())));
     if (!object || !json_object_is_type(object.get(), json_type_object)) {
         return "is no JSON object";
+    }
+    if (line.find_first_not_of(" \t\r", json_tokener_get_parse_end(tokener.get())) != line.npos) {
+        return "has more than one JSON object";
     }
     auto key = bytes_in(object.get(), "key");
     auto value = bytes_in(object.get(), "value");

@@ -8,7 +8,6 @@
 
 #include "bulk.h"
 #include "change.h"
-#include "ctl/client_count.h"
 #include "ctl/console.h"
 #include "ctl/rows.h"
 #include "ctl/session.h"
@@ -85,6 +84,7 @@ int verify(const StoreOptions& options) {
 int put(const StoreOptions& options) {
     check_change(options, options.value);
     check_place(options);
+    check_clients(options, {options.key}, {});
     begin_changes();
     const std::unique_ptr<Store> store = open_store(options.path());
     if (!store) {
@@ -98,6 +98,7 @@ int del(const StoreOptions& options) {
     if (access(options.path().c_str(), F_OK) != 0) {
         return absent(options);  // a change would create the file
     }
+    check_clients(options, {}, {options.key});
     begin_changes();
     const std::unique_ptr<Store> store = open_store(options.path());
     if (!store) {
@@ -156,6 +157,7 @@ int list_add(const StoreOptions& options) {
     }
     check_change(options, longer);
     check_place(options);
+    check_clients(options, {options.key}, {});
     return change_list(options, add_list_item, "list-add");
 }
 
@@ -171,24 +173,13 @@ int list_remove(const StoreOptions& options) {
         return EXIT_PROBLEM;
     }
     check_place(options);
+    check_clients(options, {}, *list == options.value ? Keys{options.key} : Keys{});
     return change_list(options, remove_list_item, "list-remove");
-}
-
-// Throws where the new stamp would make the slave replace its clients by nothing, or by few.
-void check_clients(const StoreOptions& options) {
-    if (options.force || options.key != CLIENT_SET.stamp_key) {
-        return;
-    }
-    if (const std::string fault = client_list_fault(); !fault.empty()) {
-        throw WrongUse(CLIENT_DB, fmt::format("{}: the slave would drop its clients; --force bumps "
-                                              "it anyway",
-                                              fault));
-    }
 }
 
 int bump(const StoreOptions& options) {
     check_place(options);
-    check_clients(options);
+    check_clients(options, {}, {});
     begin_changes();
     const RaisedStamp raised = raise_stamp(options.key.c_str());
     if (raised.error != 0) {

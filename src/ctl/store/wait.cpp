@@ -33,22 +33,30 @@ bool serves_as_master() {
 
 int wait_for_slave(const DataSet& set, const std::string& stamp, std::chrono::seconds limit) {
     const auto start = Clock::now();
+    bool is_master = true;
     {
         ProgressBar progress(set.name);
-        while (Clock::now() - start < limit) {
+        while (is_master && Clock::now() - start < limit) {
             const DaemonState state = daemon_state();
-            if (role_of(state) != HostRole::MASTER) {
-                break;
-            }
-            if (is_taken(*state.page, set, stamp)) {
+            is_master = role_of(state) == HostRole::MASTER;
+            if (is_master && is_taken(*state.page, set, stamp)) {
                 const auto passed = Clock::now() - start;
                 say("{}: the slave has {} after {} s", set.name, stamp,
                     std::chrono::duration_cast<std::chrono::seconds>(passed).count());
                 return EXIT_FINE;
             }
-            progress.tell(state_text(*state.page, set));
-            std::this_thread::sleep_for(LOOK_AGAIN);
+            if (is_master) {
+                progress.tell(state_text(*state.page, set));
+                std::this_thread::sleep_for(LOOK_AGAIN);
+            }
         }
+    }
+    if (!is_master) {
+        complain(
+            "{}: the daemon of this host is no longer master; whether a slave has {} is not "
+            "known; \"quorsyncctl status\" tells more",
+            set.name, stamp);
+        return EXIT_PROBLEM;
     }
     complain("{}: no slave has taken {} within {} s; \"quorsyncctl status\" tells more", set.name,
              stamp, limit.count());

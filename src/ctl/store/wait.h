@@ -11,5 +11,5 @@ bool serves_as_master();
 
 // Waits until two heartbeats that were answered with the set's new stamp have led to no request:
 // the slave has it. Shows on a terminal how far it is. The exit code; a problem at the end of
-// `limit`.
+// `limit`, and where the daemon of this host stops being master.
 int wait_for_slave(const DataSet& set, const std::string& stamp, std::chrono::seconds limit);
