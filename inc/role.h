@@ -57,6 +57,10 @@ std::string numbered_list_of(std::string_view server_list);
 // The same of `server_list`; a new text that the caller frees, empty when the key is missing.
 char* numbered_server_list();
 
+// The decision for this host by its settings and addresses as they are now. Logs only what cannot
+// be read.
+RoleDecision decide_own_role();
+
 // Decides the role of this host, trying again every 5 seconds until there is one; sets master_ip
 // and slave_ip (own_role.h) and returns ROLE_MASTER or ROLE_SLAVE. Main thread. Logs at each
 // try how far it came; the timeline tells from it what a host waits for. A host that is not one of

@@ -10,6 +10,8 @@
 // All times are pairs of CLOCK_MONOTONIC and CLOCK_REALTIME in nanoseconds; 0 is "never".
 #pragma once
 
+#include <sys/types.h>
+
 #include <array>
 #include <atomic>
 #include <cstddef>
@@ -151,10 +153,15 @@ struct StatePage {
 static_assert(std::is_standard_layout_v<StatePage> && alignof(StatePage) == 8);
 static_assert(sizeof(StatePage) == 1448, "another layout needs another LAYOUT");
 
+// The pid of the daemon that is at work by the page at `path`; 0 for none, and for this process.
+pid_t daemon_of_page(const char* path = STATE_PAGE);
+
 // Makes the page of this process and publishes it, with what it holds so far and what the page in
 // its place tells of the last data sets and the last answer. 0 or an errno; EBUSY where the page
-// belongs to another daemon that is at work. Before other threads are started.
-[[nodiscard]] int publish_state_page(const char* version, const char* path = STATE_PAGE);
+// belongs to another daemon that is at work, unless this one holds the host (only_daemon.h): then
+// that one has stopped its work. Before other threads are started.
+[[nodiscard]] int publish_state_page(const char* version, const char* path = STATE_PAGE,
+                                     bool holds_host = false);
 
 // When the process started, in clock ticks since boot; 0 when there is none of that pid.
 std::int64_t start_ticks_of(std::int64_t pid);

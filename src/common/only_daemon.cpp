@@ -5,10 +5,12 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <thread>
 #include <utility>
 
 #include "owned.h"
+#include "state_page.h"
 
 namespace {
 
@@ -27,33 +29,48 @@ struct flock whole_file() {
     return lock;
 }
 
-bool is_taken(int fd) {
+enum class Claim : std::uint8_t { OURS, TAKEN, UNKNOWN };
+
+Claim try_lock(int fd) {
     const struct flock lock = whole_file();
-    return fcntl(fd, F_SETLK, &lock) != 0 && (errno == EACCES || errno == EAGAIN);
+    if (fcntl(fd, F_SETLK, &lock) == 0) {
+        return Claim::OURS;
+    }
+    return errno == EACCES || errno == EAGAIN ? Claim::TAKEN : Claim::UNKNOWN;
 }
 
-pid_t holder_of(int fd) {
+std::optional<pid_t> holder_of(int fd) {
     struct flock lock = whole_file();
     return fcntl(fd, F_GETLK, &lock) == 0 && lock.l_type != F_UNLCK ? lock.l_pid : 0;
 }
 
+// An ordinary user cannot open the lock, but everybody may read the page.
+std::optional<pid_t> other_by_page(const char* page) {
+    const pid_t pid = daemon_of_page(page);
+    return pid != 0 ? std::optional(pid) : std::nullopt;
+}
+
 }  // namespace
 
-std::optional<pid_t> claim_host(const char* path) {
+std::optional<pid_t> claim_host(const char* path, const char* page) {
     // For nobody else: a reader could lock it, too, and no daemon would start.
     OwnedFd fd(open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-    if (!fd.valid()) {
-        return std::nullopt;
-    }
     const auto deadline = steady_clock::now() + LONGEST_END;
-    while (is_taken(fd.get())) {
-        if (steady_clock::now() >= deadline) {
-            return holder_of(fd.get());
+    for (;; std::this_thread::sleep_for(LOOK_AGAIN)) {
+        const Claim claim = try_lock(fd.get());
+        if (claim == Claim::OURS) {
+            held = fd.release();
+            return std::nullopt;
         }
-        std::this_thread::sleep_for(LOOK_AGAIN);
+        const auto other = claim == Claim::TAKEN ? holder_of(fd.get()) : other_by_page(page);
+        if (!other || steady_clock::now() >= deadline) {
+            return other;
+        }
     }
-    held = fd.release();
-    return std::nullopt;
+}
+
+bool holds_host() {
+    return held >= 0;
 }
 
 void release_host() {

@@ -155,6 +155,14 @@ char* numbered_server_list() {
     return strdup(numbered_list_of(text_of(list)).c_str());
 }
 
+RoleDecision decide_own_role() {
+    const auto text = [](char* taken) {
+        return std::string(text_of(OwnedText(taken)));
+    };
+    return decide_role({text(db_get(CONFIG_DB, KEY_HA)), text(numbered_server_list()),
+                        text(local_ip_list()), text(db_get(CONFIG_DB, KEY_MASTER))});
+}
+
 int determine_role() {
     for (;; sleep(RETRY_SECONDS)) {
         RoleInputs inputs;

@@ -102,12 +102,6 @@ void keep_last_events(const StatePage& before, StatePage& page) {
     }
 }
 
-bool belongs_to_another(const char* path) {
-    const StatePageView view(path);
-    return view.get() != nullptr && view.get()->pid != getpid() && is_alive(*view.get()) &&
-           view.get()->phase != static_cast<std::int64_t>(PagePhase::STOPPED);
-}
-
 void set_phase(PagePhase phase) {
     page::own().phase = static_cast<std::int64_t>(phase);
 }
@@ -171,8 +165,16 @@ template struct PageText<16>;
 
 // --- The file ------------------------------------------------------------------------------------
 
-int publish_state_page(const char* version, const char* path) {
-    if (belongs_to_another(path)) {
+pid_t daemon_of_page(const char* path) {
+    const StatePageView view(path);
+    const StatePage* page = view.get();
+    const bool at_work = page != nullptr && page->pid != getpid() && is_alive(*page) &&
+                         page->phase != static_cast<std::int64_t>(PagePhase::STOPPED);
+    return at_work ? static_cast<pid_t>(page->pid) : 0;
+}
+
+int publish_state_page(const char* version, const char* path, bool holds_host) {
+    if (!holds_host && daemon_of_page(path) != 0) {
         return EBUSY;
     }
     const StatePageView before(path);

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <optional>
@@ -61,6 +62,14 @@ void redirect_standard_descriptors() {
     fill_standard_descriptors();
 }
 
+// Whether the daemon `pid` is a slave: by the state page if that is its own, else by the settings.
+bool is_slave(pid_t pid) {
+    const StatePageView page;
+    const bool known = page.get() != nullptr && page.get()->pid == pid;
+    const std::int64_t its_role = known ? page.get()->role.load() : decide_own_role().role;
+    return its_role == ROLE_SLAVE || its_role == ROLE_ACTING_MASTER;
+}
+
 // Ends a second daemon of this host before it does anything, with the status of one whose port is
 // taken.
 void end_beside_another() {
@@ -71,10 +80,7 @@ void end_beside_another() {
     (void)std::fprintf(stderr, "%s: another one runs on this host, pid %d; this one ends\n",
                        PROGRAM_NAME, *other);
     log_message(msg::ANOTHER_DAEMON_RUNS, *other);
-    const StatePageView page;
-    const bool slave = page.get() != nullptr &&
-                       (page.get()->role == ROLE_SLAVE || page.get()->role == ROLE_ACTING_MASTER);
-    end_process(slave ? EXIT_UNREACHABLE : EXIT_NO_SETUP);
+    end_process(is_slave(*other) ? EXIT_UNREACHABLE : EXIT_NO_SETUP);
 }
 
 void detach() {
@@ -98,7 +104,8 @@ int run_daemon() {
     (void)!chdir("/");
     std::memset(master_ip, 0, sizeof master_ip);
     std::memset(slave_ip, 0, sizeof slave_ip);
-    if (const int failure = publish_state_page(PROGRAM_VERSION); failure != 0) {
+    if (const int failure = publish_state_page(PROGRAM_VERSION, STATE_PAGE, holds_host());
+        failure != 0) {
         log_message(msg::NO_STATE_PAGE, STATE_PAGE, strerror(failure));
     }
     role = determine_role();

@@ -82,6 +82,9 @@ def test_a_second_daemon_leaves_no_trace(pair_factory):
             assert second.stderr.decode() == f"quorsyncd: another one {text}\n"
             assert [line.level for line in host.find_log(f"another daemon {text}", mark)] == ["ERROR"]
         assert len(host.find_log("ha :")) == 1
+        # Without the page of the first one, the settings tell its role.
+        (host.root / "run/quorsyncd.state").unlink()
+        assert host.run([host.expose(pair.executable)]).returncode == status
         assert state(host) == before and first.alive
     assert not pair.slave.find_log("become a master host")
 

@@ -8,9 +8,11 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <optional>
 #include <string>
 #include <thread>
 
+#include "only_daemon.h"
 #include "state_page.h"
 #include "support.h"
 
@@ -113,8 +115,11 @@ TEST_F(StatePageFile, OfADaemonAtWorkIsNotReplaced) {
     for (const auto& [phase, failure] :
          {std::pair(PagePhase::SERVING, EBUSY), std::pair(PagePhase::STOPPED, 0)}) {
         const pid_t other = other_daemon(phase);
+        const auto seen = failure == 0 ? std::nullopt : std::optional(other);
+        EXPECT_EQ(claim_host("/etc/no/lock", path().c_str()), seen) << "as an ordinary user";
         EXPECT_EQ(publish_state_page("2.1", path().c_str()), failure);
         EXPECT_EQ(StatePageView(path().c_str()).get()->pid, failure == 0 ? getpid() : other);
+        EXPECT_EQ(publish_state_page("2.1", path().c_str(), true), 0) << "it has left its work";
         (void)kill(other, SIGKILL);
         (void)waitpid(other, nullptr, 0);
     }
