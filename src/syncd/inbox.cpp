@@ -7,13 +7,22 @@
 #include "resolve.h"
 #include "tcp.h"
 
-void Inbox::put(const Datagram& datagram) {
+void DroppedDatagrams::count(const Datagram& datagram) {
     std::unique_lock hold(lock_);
-    const std::size_t dropped = keep(datagram) ? 0 : dropped_.count();
+    const std::size_t dropped = line_.count();
     hold.unlock();
     if (dropped > 0) {
         const OwnedText address(ip_to_string(datagram.sender.sin_addr.s_addr));
         log_message(msg::DATAGRAMS_DROPPED, whose_, dropped, address.get());
+    }
+}
+
+void Inbox::put(const Datagram& datagram) {
+    std::unique_lock hold(lock_);
+    const bool kept = keep(datagram);
+    hold.unlock();
+    if (!kept) {
+        dropped_.count(datagram);
     }
 }
 

@@ -10,18 +10,33 @@
 #include "backlog.h"
 #include "rare_line.h"
 
+// The datagrams of one kind of senders for which no inbox has a place. Any thread.
+class DroppedDatagrams {
+public:
+    // Of `whose` datagrams, a word for the log.
+    explicit DroppedDatagrams(const char* whose) : whose_(whose) {}
+
+    // One more. Logs DATAGRAMS_DROPPED, at most once a second.
+    void count(const Datagram& datagram);
+
+private:
+    const char* whose_;
+    std::mutex lock_;  // guards the line
+    RareLine line_;
+};
+
 // Any thread.
 class Inbox {
 public:
-    // Of `whose` datagrams, a word for the log, at most `most` wait, and the end of a push is
-    // awaited for `longest_end`: a slave that still deals with the answers of a master that stood
-    // still comes to the push later.
-    Inbox(const char* whose, std::size_t most,
+    // At most `most` datagrams wait; further ones are counted in `dropped`, which outlives the
+    // inbox. The end of a push is awaited for `longest_end`: a slave that still deals with the
+    // answers of a master that stood still comes to the push later.
+    Inbox(DroppedDatagrams& dropped, std::size_t most,
           std::chrono::milliseconds longest_end = std::chrono::seconds(2))
-        : whose_(whose), longest_end_(longest_end), waiting_(most) {}
+        : dropped_(dropped), longest_end_(longest_end), waiting_(most) {}
 
     // The datagram waits for its answer. Dropped is a repeat of a request whose push is ending; and
-    // any, when as many wait as may, which is logged as DATAGRAMS_DROPPED, at most once a second.
+    // any, when as many wait as may.
     void put(const Datagram& datagram);
 
     // No more will come, for the reason `cause` (errno).
@@ -46,12 +61,11 @@ private:
 
     bool keep(const Datagram& datagram);
 
-    const char* whose_;
+    DroppedDatagrams& dropped_;
     std::chrono::milliseconds longest_end_;
     std::mutex lock_;  // guards all below
     std::condition_variable changed_;
     Backlog waiting_;
     std::optional<Push> ending_;
     std::optional<int> closed_;
-    RareLine dropped_;
 };

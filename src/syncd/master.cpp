@@ -71,9 +71,11 @@ OwnedFd open_peer_socket() {
 // Datagrams by their senders. One thread answers each kind, so that an answer which takes its time
 // delays none of another kind.
 struct Inboxes {
-    Inbox servers{"servers", MOST_OF_SERVERS};  // in server_list
-    Inbox reached{"strangers", MOST_OF_STRANGERS};
-    Inbox strangers{"strangers", MOST_OF_STRANGERS};
+    DroppedDatagrams of_servers{"servers"};
+    DroppedDatagrams of_strangers{"strangers"};
+    Inbox servers{of_servers, MOST_OF_SERVERS};  // in server_list
+    Inbox reached{of_strangers, MOST_OF_STRANGERS};
+    Inbox strangers{of_strangers, MOST_OF_STRANGERS};
     ReachedSenders reached_senders;
 };
 
@@ -89,7 +91,7 @@ void answer(const Datagram& datagram, Inbox& inbox, ReachedSenders& reached) {
         const OwnedText ip(ip_to_string(sender.sin_addr.s_addr));
         log_message(msg::NO_SOCKET_TO_SLAVE, cause, ip.get(), "start_master", __LINE__);
     }
-    reached.note(sender.sin_addr.s_addr, !TcpPeerHasEnded(connection));
+    reached.note(sender.sin_addr.s_addr, connection > 0 && !TcpPeerHasEnded(connection));
     if (message.type == MSG_DATA_REQUEST) {
         if (push_master_data(connection, sender, message.record)) {
             inbox.end_push(connection, datagram);
@@ -183,7 +185,7 @@ void serve(OwnedFd fd) {
     const bool apart = answer_apart(&Inboxes::reached) && answer_apart(&Inboxes::strangers) &&
                        start_thread([number, inboxes] { receive_all(OwnedFd(number), *inboxes); });
     if (!apart) {
-        return;  // the socket stays bound: no second master may start beside a broken one
+        end_process(EXIT_NO_SETUP);  // whoever watches over the process starts it again
     }
     answer_all(inboxes->servers, inboxes->reached_senders);
     if (slave_exit_requested != 1) {

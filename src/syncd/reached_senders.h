@@ -5,26 +5,29 @@
 
 #include <netinet/in.h>
 
+#include <algorithm>
 #include <cstddef>
+#include <deque>
 #include <mutex>
-#include <set>
 
 // Any thread. Logs nothing.
 class ReachedSenders {
 public:
     bool has(in_addr_t address) const {
         const std::lock_guard hold(lock_);
-        return addresses_.contains(address);
+        return std::find(addresses_.begin(), addresses_.end(), address) != addresses_.end();
     }
 
-    // How the last connection to `address` (network byte order) went. Of more than the most that
-    // are kept, the further ones stay strangers.
+    // How the last connection to `address` (network byte order) went. Beyond the most that are
+    // kept, the one that was reached longest ago becomes a stranger again.
     void note(in_addr_t address, bool reached) {
         const std::lock_guard hold(lock_);
-        if (!reached) {
-            addresses_.erase(address);
-        } else if (addresses_.size() < MOST) {
-            addresses_.insert(address);
+        std::erase(addresses_, address);
+        if (reached) {
+            addresses_.push_back(address);
+        }
+        if (addresses_.size() > MOST) {
+            addresses_.pop_front();
         }
     }
 
@@ -32,5 +35,5 @@ private:
     static constexpr std::size_t MOST = 64;
 
     mutable std::mutex lock_;
-    std::set<in_addr_t> addresses_;
+    std::deque<in_addr_t> addresses_;  // the one that was reached last at the end
 };

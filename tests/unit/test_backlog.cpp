@@ -8,6 +8,7 @@
 #include "rare_line.h"
 #include "support.h"
 #include "syncd/inbox.h"
+#include "syncd/reached_senders.h"
 #include "tcp.h"
 
 namespace {
@@ -56,7 +57,9 @@ TEST(Backlog, DropsTheRepeatsOfARequestAndNothingElse) {
 class Answering : public WithFiles {};
 
 TEST_F(Answering, OnlySoManyDatagramsWaitAndTheRestIsCounted) {
-    Inbox inbox("strangers", 64);
+    DroppedDatagrams dropped("strangers");
+    Inbox inbox(dropped, 64);
+    Inbox other(dropped, 0);
     const Datagram beat{make_heartbeat("10.0.0.9", "x"), address("10.0.0.9")};
     for (int n = 0; n < 64; ++n) {
         inbox.put(beat);
@@ -64,7 +67,9 @@ TEST_F(Answering, OnlySoManyDatagramsWaitAndTheRestIsCounted) {
     EXPECT_EQ(logged(), "");
     for (int n = 0; n < 100; ++n) {
         inbox.put(beat);
+        other.put(beat);
     }
+    EXPECT_EQ(count_of(logged(), ", 1 dropped"), 1U);  // the line of both
     EXPECT_THAT(logged(), HasSubstr("too many datagrams of strangers, 1 dropped, the last one of "
                                     "10.0.0.9\n"));
     EXPECT_LT(count_of(logged(), "dropped"), 50U);  // and not a line for each
@@ -74,6 +79,20 @@ TEST_F(Answering, OnlySoManyDatagramsWaitAndTheRestIsCounted) {
     inbox.close(EBADF);
     EXPECT_FALSE(inbox.next().has_value());
     EXPECT_EQ(errno, EBADF);
+}
+
+TEST(ReachedSenders, ForgetTheOneThatWasReachedLongestAgo) {
+    ReachedSenders senders;
+    for (const in_addr_t address : {1, 2, 3, 1}) {
+        senders.note(address, true);
+    }
+    for (in_addr_t address = 4; address <= 65; ++address) {
+        senders.note(address, true);
+    }
+    EXPECT_TRUE(senders.has(1) && senders.has(65));
+    EXPECT_FALSE(senders.has(2));
+    senders.note(65, false);
+    EXPECT_FALSE(senders.has(65));
 }
 
 TEST(RareLine, IsDueOnceASecondAndCountsAll) {
@@ -101,7 +120,8 @@ public:
 // What is left of a slave's datagrams around the end of a push of the clients, by kind of set.
 std::vector<std::uint32_t> left_after_a_push() {
     Ends ends;
-    Inbox inbox("servers", 3, 1h);
+    DroppedDatagrams dropped("servers");
+    Inbox inbox(dropped, 3, 1h);
     const Datagram pushed = request(2, "10.0.0.2");
     inbox.put(pushed);
     std::thread answerer([&] { inbox.end_push(ends.master.get(), pushed); });
@@ -131,7 +151,8 @@ TEST_F(Answering, RepeatsAreDroppedUntilThePushWasRead) {
 TEST_F(Answering, AReceiverThatNeverEndsIsNotWaitedFor) {
     const Ends ends;
     ASSERT_EQ(TcpSendAll(ends.slave.get(), "junk", 4), 0);
-    Inbox inbox("servers", 1, 20ms);
+    DroppedDatagrams dropped("servers");
+    Inbox inbox(dropped, 1, 20ms);
     inbox.end_push(ends.master.get(), request(2, "10.0.0.2"));
     EXPECT_FALSE(TcpPeerHasEnded(ends.master.get()));
     inbox.put(request(2, "10.0.0.2"));
