@@ -1,9 +1,12 @@
 #include "common/journal.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -36,6 +39,17 @@ std::string entry_of(int level, std::string_view line) {
     return entry;
 }
 
+// Writes the line to standard error, which may be a socket of the journal, too: never waits.
+void print_error(std::string_view line) {
+    const std::string text = std::string(line) + '\n';
+    pollfd out{.fd = STDERR_FILENO, .events = POLLOUT, .revents = 0};
+    if (poll(&out, 1, 0) == 1 &&
+        send(STDERR_FILENO, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0 &&
+        errno == ENOTSOCK) {
+        (void)!write(STDERR_FILENO, text.data(), text.size());
+    }
+}
+
 }  // namespace
 
 void send_to_journal(int level, std::string_view line) {
@@ -51,6 +65,9 @@ void send_to_journal(int level, std::string_view line) {
     }
     const std::string entry = entry_of(level, line);
     const OwnedFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    (void)sendto(fd.get(), entry.data(), entry.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
-                 reinterpret_cast<const sockaddr*>(&journal), sizeof journal);
+    const ssize_t sent = sendto(fd.get(), entry.data(), entry.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+                                reinterpret_cast<const sockaddr*>(&journal), sizeof journal);
+    if (sent < 0 && (level == LOG_ERROR || level == LOG_FATAL)) {
+        print_error(line);
+    }
 }

@@ -10,7 +10,8 @@
 
 inline constexpr const char* JOURNAL_VARIABLE = "QUORSYNCD_JOURNAL";  // the path of its socket
 
-// Sends the line, if there is a journal, without ever waiting: one that does not read loses it.
+// Sends the line, if there is a journal, without ever waiting: one that does not read loses it, but
+// an ERROR or FATAL line that it did not take goes to standard error.
 // DEBUG, INFO and ERROR become debug, info and err, FATAL becomes crit. Any thread; errno is not
 // kept.
 void send_to_journal(int level, std::string_view line);

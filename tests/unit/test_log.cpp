@@ -16,10 +16,15 @@
 
 namespace {
 
+using testing::AllOf;
 using testing::EndsWith;
+using testing::HasSubstr;
 using testing::MatchesRegex;
+using testing::Not;
 using testing::StartsWith;
+using testing::internal::CaptureStderr;
 using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStderr;
 using testing::internal::GetCapturedStdout;
 
 class Log : public WithFiles {};
@@ -120,6 +125,13 @@ TEST_F(Log, TheJournalGetsPrioritiesAndNoRecords) {
     EXPECT_THAT(entry, EndsWith("ERROR :a\nb\n"));
     EXPECT_THAT(next(), StartsWith(head('2', stamp + 7 + 4095) + "quorsyncd:2.1 "));
     EXPECT_EQ(next(), "");
+
+    ASSERT_EQ(setenv("QUORSYNCD_JOURNAL", "/etc/no/journal", 1), 0);
+    CaptureStderr();
+    (void)write_log(LOG_INFO, "%s", "bears to be lost");
+    (void)write_log(LOG_ERROR, "%s", "does not");
+    EXPECT_THAT(GetCapturedStderr(), AllOf(EndsWith("ERROR :does not\n"), Not(HasSubstr("lost"))));
+    ASSERT_EQ(unsetenv("QUORSYNCD_JOURNAL"), 0);
 }
 
 TEST_F(Log, ABurstEndsWhenItIsLargeOrOld) {
