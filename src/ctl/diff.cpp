@@ -36,7 +36,8 @@ struct Difference {
     std::string misfit;  // why a message cannot carry one of them
 
     bool equal() const { return left == right; }
-    bool mirrored() const { return is_mirrored(replication); }
+    // Stamps are not equal while a set is being copied: they are shown, and are no fault.
+    bool is_fault() const { return replication == Replication::PUSHED && !equal(); }
 };
 
 std::optional<std::string> value_of(const Records& records, const std::string& key) {
@@ -104,7 +105,7 @@ bool is_shown(const Difference& difference) {
 }
 
 Colour colour_of(const Difference& difference) {
-    return difference.equal() ? Colour::GREEN : difference.mirrored() ? Colour::RED : Colour::DIM;
+    return difference.equal() ? Colour::GREEN : difference.is_fault() ? Colour::RED : Colour::DIM;
 }
 
 Row row_of(const Difference& difference) {
@@ -140,8 +141,12 @@ void print(const Options& options, const std::vector<Difference>& differences, s
     }
     say("A {}\nB {}", options.left, options.right);
     print_table(rows);
-    say("{}", faults == 0 ? paint(Colour::GREEN, "The mirrored data are equal.")
-                          : paint(Colour::RED, counted(faults, "mirrored key") + " differ."));
+    if (faults == 0) {
+        say("{}", paint(Colour::GREEN, "The mirrored data are equal."));
+    } else {
+        const char* verb = faults == 1 ? "differs" : "differ";
+        say("{}", paint(Colour::RED, fmt::format("{} {}.", counted(faults, "mirrored key"), verb)));
+    }
 }
 
 // Whether both files hold boot clients.
@@ -165,11 +170,9 @@ int compare_files(const Options& options, const std::optional<Records>& left,
         return EXIT_CANNOT_TELL;
     }
     const auto differences = compare_all(*left, *right, clients);
-    const auto is_fault = [](const Difference& each) {
-        return each.mirrored() && !each.equal();
-    };
-    const auto faults =
-        static_cast<std::size_t>(std::count_if(differences.begin(), differences.end(), is_fault));
+    const auto faults = static_cast<std::size_t>(
+        std::count_if(differences.begin(), differences.end(),
+                      [](const Difference& each) { return each.is_fault(); }));
     print(options, differences, faults);
     return faults == 0 ? EXIT_FINE : EXIT_PROBLEM;
 }
@@ -209,8 +212,8 @@ void add_diff(const Command& tool) {
     const auto options = std::make_shared<Options>();
     tool.command("diff", "Compare two database files key by key.")
         .notes(
-            "Lists the keys that differ, both stamps and dsver. The master copies the stamps and\n"
-            "the keys marked \"pushed\" to the slave; if one of them differs, the exit code is 1.\n"
+            "Lists the keys that differ, and always both stamps and dsver. The master copies the\n"
+            "keys marked \"pushed\" to the slave; if one of them differs, the exit code is 1.\n"
             "With --peer, A is config or client, and that of the other server is fetched through\n"
             "its file service. The service decides which files it serves; the daemon itself\n"
             "fetches config.db only.\n"

@@ -282,7 +282,12 @@ def test_diff_tells_what_is_mirrored(couple, ctl):
         ["only", "in", "B", "dsver", "dsver", "-", "1"],
     ]
 
-    master.config.fill({"dhcpcfg": "x" * 1024, "config_db_version": "20200101000001"})
+    # Stamps differ while a set is copied.
+    master.config.put("config_db_version", "20200101000001")
+    code, out, _ = ctl(master, "diff", "config", copy.path)
+    assert code == FINE and "differs    stamp " in out and "are equal." in out
+    master.config.put("dhcpcfg", "x" * 1024)
+    assert "1 mirrored key differs." in ctl(master, "diff", "config", copy.path)[1]
     code, out, _ = ctl(master, "diff", "config", copy.path, "--json")
     keys = {entry["key"]: entry for entry in json.loads(out)["keys"]}
     assert code == PROBLEM
@@ -322,6 +327,13 @@ def test_diff_fetches_the_other_sides_file(couple, ctl, traces, daemon_path, dae
         code, out, complaint = diff("client")
         assert (code, out, complaint.count("\n")) == (CANNOT_TELL, "", 1)
         assert "refuses /etc/quoradmind/client.db" in complaint
+    # A peer cannot fill the disk, nor keep a script.
+    with FileService(slave, reply='{"length": "1073741825"}'):
+        code, _, complaint = diff("config")
+        assert code == CANNOT_TELL and "too long for a database" in complaint
+    with FileService(slave, pace=500):
+        code, _, complaint = diff("config")
+        assert code == CANNOT_TELL and "ended" in complaint
     for wrong in ("10.77.0.1", "there"):
         assert diff("client", wrong)[0] == WRONG_USE
     assert ctl(master, "diff", "client")[0] == WRONG_USE

@@ -2,8 +2,10 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -40,14 +42,26 @@ OwnedFd file_without_a_name() {
     return OwnedFd(file ? fcntl(fileno(file.get()), F_DUPFD_CLOEXEC, 3) : -1);
 }
 
+// On a terminal, whoever waits can see how it goes. A script has the time that a probe has.
+FetchLimits limits_of_whole_file(bool on_terminal) {
+    constexpr std::chrono::hours NO_HURRY{24 * 365};
+    FetchLimits limits = ProbeLimits::FETCH;
+    limits.bytes = LONGEST_PEER_FILE;
+    limits.base = on_terminal ? NO_HURRY : limits.base;
+    return limits;
+}
+
 FileFetch receive(const std::string& address, const std::string& remote, int fd, bool brief) {
     PK_Request_Client client;
-    if (brief) {
+    const bool on_terminal = isatty(STDERR_FILENO) == 1;
+    if (brief || !on_terminal) {
         client.SetTimeout(ProbeLimits::TIMEOUT);
+    }
+    if (brief) {
         client.SetFetchLimits(ProbeLimits::FETCH);
         return fetch_server_file(client, address.c_str(), remote.c_str(), fd);
     }
-    client.SetFetchLimits(std::nullopt);  // whoever waits for it can see how it goes
+    client.SetFetchLimits(limits_of_whole_file(on_terminal));
     ProgressBar bar(fmt::format("{}:{}", address, remote));
     return fetch_server_file(client, address.c_str(), remote.c_str(), fd, shown_by(bar));
 }
@@ -108,11 +122,12 @@ PeerFile fetch_peer_file(const std::string& address, const std::string& remote, 
     }
     peer.fetch = receive(address, remote, peer.file.get(), brief);
     if (peer.fetch.result != FETCH_WHOLE) {
-        const bool too_long = brief && peer.fetch.length > ProbeLimits::FETCH.bytes;
-        peer.failure =
-            too_long ? fmt::format("{} of {} is of {}, too long for settings", remote, address,
-                                   bytes_text(static_cast<std::uint64_t>(peer.fetch.length)))
-                     : fetch_failure_text(address, remote, "the temporary file", peer.fetch);
+        const auto longest = brief ? ProbeLimits::FETCH.bytes : LONGEST_PEER_FILE;
+        peer.failure = peer.fetch.length > longest
+                           ? fmt::format("{} of {} is of {}, too long for {}", remote, address,
+                                         bytes_text(static_cast<std::uint64_t>(peer.fetch.length)),
+                                         brief ? "settings" : "a database")
+                           : fetch_failure_text(address, remote, "the temporary file", peer.fetch);
     } else if (const int damage = db_verify(peer.path().c_str()); damage != 0) {
         peer.failure = fmt::format(
             "{} of {} does not verify ({}): it is damaged, or was written to meanwhile; try again",

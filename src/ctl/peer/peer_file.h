@@ -25,6 +25,10 @@ struct ProbeLimits {
                                        .base = std::chrono::milliseconds(6'000)};
 };
 
+// Fetches of a whole database, which may be long: on a terminal, where whoever waits sees how it
+// goes, no time limit but that of each receive; for a script, that of a probe.
+inline constexpr std::int64_t LONGEST_PEER_FILE = std::int64_t{1} << 30U;
+
 struct PeerFile {
     OwnedFd file;         // has no name anywhere: it goes with this process, however that ends
     FileFetch fetch;      // what became of the fetch
@@ -34,8 +38,8 @@ struct PeerFile {
     std::string path() const;
 };
 
-// Fetches a database and verifies it. With `brief` within ProbeLimits, otherwise without a limit
-// and with a progress bar.
+// Fetches a database and verifies it. With `brief` within ProbeLimits, otherwise up to
+// LONGEST_PEER_FILE and with a progress bar.
 PeerFile fetch_peer_file(const std::string& address, const std::string& remote, bool brief);
 
 // A value of --peer without an address.
