@@ -1,19 +1,25 @@
 #include "ctl/daemon_state.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 
 #include "ctl/console.h"
 #include "data_sets.h"
+#include "keys.h"
 #include "log.h"
 #include "peer_message.h"
 #include "role.h"
 
 namespace {
+
+// The boot services are being stopped for so long after a step-down.
+constexpr std::chrono::seconds STOPPING{5};
 
 void read_page(DaemonState& state) {
     const StatePageView view;
@@ -80,6 +86,34 @@ bool runs(const std::vector<ProcessInfo>& processes, const char* name) {
 
 bool happened_since_start(const PageTime& time, const DaemonState& state) {
     return time.ever() && time.monotonic >= state.page->started.monotonic;
+}
+
+std::vector<const char*> missing_services(const DaemonState& state) {
+    const HostRole role = role_of(state);
+    const bool started = role == HostRole::ACTING_MASTER &&
+                         state.page->services_result != static_cast<int>(PageResult::NONE);
+    std::vector<const char*> missing;
+    if (role == HostRole::MASTER || started) {
+        std::copy_if(std::begin(BOOT_SERVICES), std::end(BOOT_SERVICES),
+                     std::back_inserter(missing),
+                     [&state](const char* service) { return !runs(state.services, service); });
+    }
+    return missing;
+}
+
+bool serves_beside_master(const DaemonState& state) {
+    if (role_of(state) != HostRole::SLAVE || state.services.empty()) {
+        return false;
+    }
+    const PageTime& step_down = state.page->step_down;
+    return !step_down.ever() || age_of(step_down, state) >= STOPPING;
+}
+
+std::string slave_without_copy(const DaemonState& state) {
+    const std::string slave =
+        role_of(state) == HostRole::MASTER ? state.page->slave_ip.get() : std::string();
+    const std::string copy = fmt::format("{}/{}.db", STORE_DIRECTORY, slave);
+    return slave.empty() || access(copy.c_str(), F_OK) == 0 ? "" : slave;
 }
 
 std::chrono::nanoseconds age_of(const PageTime& time, const DaemonState& state) {

@@ -47,6 +47,17 @@ bool runs(const std::vector<ProcessInfo>& processes, const char* name);
 // last answer and the last data sets, and nobody knows what has become of them since.
 bool happened_since_start(const PageTime& time, const DaemonState& state);
 
+// The boot services that do not run although this host serves clients. An acting master counts from
+// the end of their start on.
+std::vector<const char*> missing_services(const DaemonState& state);
+
+// Whether a boot service runs although this host is a slave that stands by, and is not stopping
+// them at the moment.
+bool serves_beside_master(const DaemonState& state);
+
+// The address of a master's slave whose settings it has never fetched; empty for none.
+std::string slave_without_copy(const DaemonState& state);
+
 // How long ago that was.
 std::chrono::nanoseconds age_of(const PageTime& time, const DaemonState& state);
 

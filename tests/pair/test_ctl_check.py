@@ -194,6 +194,15 @@ def test_a_running_pair_and_its_settings(pair, ctl):
     def pair_findings(host, *options):
         return {name: text for name, text in found(host, *options).items() if "peer" in name}
 
+    told = found(master)
+    assert told["quordhcpd"].startswith("problem") and "start boot" in told["stagd"]
+    assert told["copy of 10.77.0.2"].startswith("warning: never fetched")
+    assert "copy of 10.77.0.2  never fetched\n" in ctl(master, "status")[1]
+    assert ctl(master, "service", "start", "boot")[0] == FINE
+    assert ctl(slave, "service", "start", "boot", "--force")[0] == FINE
+    assert not {"quordhcpd", "stagd"} & set(found(master))
+    assert found(slave)["stagd"].startswith("problem: runs on a slave")
+    assert ctl(slave, "service", "stop", "boot")[0] == FINE
     with FileService(slave), FileService(master):
         for host in (master, slave):
             told = pair_findings(host, "--peer")

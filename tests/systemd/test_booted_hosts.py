@@ -63,6 +63,9 @@ def test_a_killed_daemon_comes_back_before_its_slave_takes_over(master, slave):
     wait_until(lambda: unit(master, "MainPID") not in ("0", old), LIMIT, "the restart", 0.2)
     assert serves(master), "the boot services outlive the daemon"
     both_are_fine(master, slave)
+    slave.shell("quorsyncctl store bump dsver")  # the master asks for its settings; nobody answers
+    errors = lambda: journal(master, "-u", "quorsyncd", "-p", "err")
+    wait_until(lambda: "Client.GetServerFile nRet:-1" in errors(), LIMIT, "an error", 0.2)
 
 
 def test_a_power_cut_and_the_way_back(master, slave):

@@ -218,6 +218,8 @@ TEST(Status, TellsAStampThatIsNotHeardOfAndAListWithoutOne) {
         host.facts.list_changed = seconds * SECOND + 1;
         return judge(host.facts).warnings.size();
     };
+    EXPECT_EQ(warned(std::mktime(&bumped) + 1), 0U) << "the master before may have made it";
+    host.facts.stamped_here = true;
     EXPECT_EQ(warned(std::mktime(&bumped)), 0U);
     EXPECT_EQ(warned(std::mktime(&bumped) + 1), 1U);
     EXPECT_THAT(nagios_result(host.facts, judge(host.facts)).line, HasSubstr("QUORSYNCD WARNING"));
@@ -231,6 +233,9 @@ TEST(Status, TellsAStampThatIsNotHeardOfAndAListWithoutOne) {
     pushed.duration = 10 * SECOND;
     EXPECT_EQ(warned(989), 0U);
     EXPECT_EQ(warned(990), 1U) << "it may have come behind the push";
+    host.page->started.monotonic = NOW + 1;
+    EXPECT_EQ(warned(999), 0U) << "the slave that became the master had received it";
+    EXPECT_EQ(warned(1000), 1U);
 }
 
 TEST(Status, OfAFlappingSlave) {
@@ -264,6 +269,8 @@ TEST(Status, ForNagios) {
     host = Host(ROLE_SLAVE);
     set(host.page->stamps_compared, 11);
     EXPECT_EQ(result(host).code, 3);
+    host.facts.config_failure = "config.db is gone";
+    EXPECT_THAT(result(host).line, HasSubstr("QUORSYNCD UNKNOWN - config.db is gone; slave"));
 }
 
 TEST(Status, WithoutARole) {

@@ -101,6 +101,7 @@ int check(const Options& options) {
         check_settings(findings);
     }
     check_host(findings);
+    check_services(findings);
     if (has_settings) {
         check_running(findings);
     }

@@ -49,6 +49,10 @@ bool check_files(Findings& findings);
 // The pair's settings, the addresses of this host and the roles that follow from both.
 void check_settings(Findings& findings);
 
+// Whether the boot services run where clients are to be served, and nowhere else, and whether a
+// master has its slave's settings; nothing where the daemon has no role.
+void check_services(Findings& findings);
+
 // Whether the running daemon still works by these settings; nothing where it has no role.
 void check_running(Findings& findings);
 

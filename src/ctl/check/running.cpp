@@ -1,5 +1,5 @@
-// The part of `check` about a running daemon: whether it still works by the settings. It reads them
-// when it takes its role, and not again.
+// The part of `check` about a running daemon: whether its role is served, and whether it still
+// works by the settings. It reads them when it takes its role, and not again.
 #include <fmt/format.h>
 
 #include <string>
@@ -37,6 +37,26 @@ bool has_role(HostRole role) {
 }
 
 }  // namespace
+
+void check_services(Findings& findings) {
+    const DaemonState state = daemon_state();
+    for (const char* service : missing_services(state)) {
+        findings.problem(service, fmt::format("does not run on a {}", role_name(role_of(state))),
+                         "\"quorsyncctl service start boot\"");
+    }
+    if (serves_beside_master(state)) {
+        for (const ProcessInfo& service : state.services) {
+            findings.problem(service.name, "runs on a slave that stands by: both servers may serve",
+                             "\"quorsyncctl service stop boot\"");
+        }
+    }
+    if (const std::string slave = slave_without_copy(state); !slave.empty()) {
+        findings.warning(
+            "copy of " + slave, "never fetched: DHCP lacks the slave's settings",
+            "\"quorsyncctl timeline\" shows what failed; a slave without 'dsver' needs "
+            "\"quorsyncctl store bump dsver\"");
+    }
+}
 
 void check_running(Findings& findings) {
     const DaemonState state = daemon_state();

@@ -31,6 +31,14 @@ std::vector<PeerCopy> peer_copies() {
     return copies;
 }
 
+// On a master, the copy of its slave's settings that it does not have.
+void add_missing_copy(const DaemonState& state, std::vector<PeerCopy>& copies) {
+    const std::string slave = slave_without_copy(state);
+    if (!slave.empty()) {
+        copies.push_back({slave, std::nullopt, std::nullopt});
+    }
+}
+
 void read_settings(HostFacts& facts) {
     const std::unique_ptr<Store> store = db_open(CONFIG_DB);
     facts.config_failure = open_failure(store);
@@ -43,6 +51,10 @@ void read_settings(HostFacts& facts) {
             facts.settings[key] = value;
         }
     }
+    const auto stamp = facts.settings.find(KEY_CLIENT_VERSION);
+    std::string note;
+    facts.stamped_here = stamp != facts.settings.end() && store->get(KEY_CLIENT_COUNT, note) == 0 &&
+                         note.starts_with(stamp->second + " ");
 }
 
 std::optional<std::int64_t> change_of(const char* path) {
@@ -80,6 +92,7 @@ HostFacts host_facts() {
         facts.configured.text = fmt::format("cannot tell: {} cannot be read", CONFIG_DB);
     }
     facts.copies = peer_copies();
+    add_missing_copy(facts, facts.copies);
     facts.list_records = records_to_come(facts);
     return facts;
 }

@@ -48,6 +48,9 @@ std::string text_of(const HostFacts& facts, const Verdict& verdict) {
     constexpr std::array<std::string_view, 4> SYNC = {"in sync", "not in sync", "copying",
                                                       "sync unknown"};
     std::vector<std::string> texts;
+    if (!facts.config_failure.empty()) {
+        texts.push_back(facts.config_failure);
+    }
     for (const auto& problems : {verdict.problems, verdict.warnings}) {
         for (const Problem& problem : problems) {
             texts.push_back(problem.text);

@@ -31,9 +31,9 @@ bool is_stamp(std::string_view key) {
 
 // The copy of the peer's settings that this host holds.
 std::string copy_note(const PairSide& peer, const HostFacts& facts) {
-    const auto copy =
-        std::find_if(facts.copies.begin(), facts.copies.end(),
-                     [&peer](const auto& each) { return each.address == peer.address; });
+    const auto copy = std::find_if(
+        facts.copies.begin(), facts.copies.end(),
+        [&peer](const auto& each) { return each.age && each.address == peer.address; });
     return copy == facts.copies.end() ? "each server its own"
            : copy->dsver == peer.value(KEY_DSVER)
                ? "each server its own; the copy of it here is the latest"

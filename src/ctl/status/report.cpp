@@ -278,8 +278,9 @@ void add_sets(const HostFacts& facts, Rows& rows) {
 void add_copies(const std::vector<PeerCopy>& copies, Rows& rows) {
     for (const PeerCopy& copy : copies) {
         add_text(rows, ("copy of " + copy.address).c_str(),
-                 fmt::format("dsver {}, {} old", escape(copy.dsver.value_or("absent")),
-                             age_text(copy.age)));
+                 copy.age ? fmt::format("dsver {}, {} old", escape(copy.dsver.value_or("absent")),
+                                        age_text(*copy.age))
+                          : "never fetched");
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstring>
 #include <ctime>
 #include <optional>
@@ -31,9 +32,6 @@ constexpr std::int64_t TOO_MANY_UNANSWERED = 6;
 
 // Three take-overs within that are flapping.
 constexpr auto FLAPPING = 1h;
-
-// The boot services are being stopped for so long after a step-down.
-constexpr auto STOPPING = 5s;
 
 std::string seconds_text(std::chrono::nanoseconds time) {
     return age_text(std::chrono::duration_cast<std::chrono::seconds>(time).count());
@@ -214,7 +212,6 @@ private:
     void judge_role();
     void judge_services();
     void judge_log();
-    void add_missing_services(const char* where);
 
     const HostFacts& facts_;
     HostRole role_;
@@ -293,26 +290,12 @@ void Judge::judge_role() {
     }
 }
 
-void Judge::add_missing_services(const char* where) {
-    for (const char* service : BOOT_SERVICES) {
-        if (!runs(facts_.services, service)) {
-            add("service_missing", fmt::format("{} does not run on the {}", service, where),
-                "\"quorsyncctl service start boot\"");
-        }
-    }
-}
-
 void Judge::judge_services() {
-    const StatePage& page = *facts_.page;
-    if (role_ == HostRole::MASTER) {
-        add_missing_services("master");
+    for (const char* service : missing_services(facts_)) {
+        add("service_missing", fmt::format("{} does not run on the {}", service, role_name(role_)),
+            "\"quorsyncctl service start boot\"");
     }
-    const auto result = static_cast<PageResult>(page.services_result.load());
-    if (role_ == HostRole::ACTING_MASTER && result != PageResult::NONE) {
-        add_missing_services("acting master");
-    }
-    const bool stopping = page.step_down.ever() && age_of(page.step_down, facts_) < STOPPING;
-    if (role_ == HostRole::SLAVE && !facts_.services.empty() && !stopping) {
+    if (serves_beside_master(facts_)) {
         add("both_serve",
             fmt::format("{} runs on a slave that stands by: both servers may serve",
                         facts_.services.front().name),
@@ -343,19 +326,21 @@ std::optional<std::int64_t> time_of_stamp(const std::string& stamp) {
     return (std::int64_t{std::mktime(&local)} + 1) * NANOSECONDS - 1;
 }
 
-// When the list was last known to be what the stamp in config.db stands for: when the stamp was
-// made, if it tells, else when the last push with this stamp began.
+// When the list was last known to be what the stamp in config.db stands for; nothing where neither
+// this host made the stamp nor the state page tells of a copy with it. A master pushes the list as
+// it was at the begin of the push; a slave has it written by the end of the copy.
 std::optional<std::int64_t> time_of_list(const HostFacts& facts) {
     const auto stamp = facts.settings.find(KEY_CLIENT_VERSION);
     if (stamp == facts.settings.end()) {
         return std::nullopt;
     }
-    const PageDataSet& pushed = facts.page->sets[DATA_KIND_CLIENT - 1];
-    if (const auto made = time_of_stamp(stamp->second)) {
+    const auto made = facts.stamped_here ? time_of_stamp(stamp->second) : std::nullopt;
+    const PageDataSet& set = facts.page->sets[DATA_KIND_CLIENT - 1];
+    if (!set.done.ever() || set.stamp.get() != comparable_stamp(stamp->second)) {
         return made;
     }
-    const bool known = pushed.done.ever() && pushed.stamp.get() == comparable_stamp(stamp->second);
-    return known ? std::optional<std::int64_t>(pushed.done.wall - pushed.duration) : std::nullopt;
+    const bool pushed = happened_since_start(set.done, facts);  // else by the daemon before
+    return std::max(set.done.wall - (pushed ? set.duration.load() : 0), made.value_or(0));
 }
 
 std::vector<Problem> warnings_of(const HostFacts& facts) {
