@@ -1,4 +1,5 @@
 // quorsyncctl service: the boot services of this host by hand.
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "audit.h"
 #include "configured_role.h"
 #include "console.h"
 #include "daemon_state.h"
@@ -164,6 +166,7 @@ int start_anew(const Service& service, const std::vector<ProcessInfo>& before) {
         complain("{}: {} does not run; see its own log", service.name, missing);
         return EXIT_PROBLEM;
     }
+    log_change(fmt::format("service start {}", service.name), {});
     say("{}: started", service.name);
     return EXIT_FINE;
 }
@@ -207,6 +210,9 @@ int stop(const Service& service, const Options& options) {
     if (const std::string_view left = wrong_process(service, false); !left.empty()) {
         complain("{}: {} still runs; it cannot be killed now", service.name, left);
         return EXIT_PROBLEM;
+    }
+    if (ran) {
+        log_change(fmt::format("service stop {}", service.name), {});
     }
     say("{}: {}", service.name, ran ? "stopped" : "did not run");
     return EXIT_FINE;

@@ -19,8 +19,8 @@ def test_the_timeline_of_a_pair(pair_factory, ctl):
     assert ctl(slave, "timeline", "--since", "soon")[0] == WRONG_USE
     pair.start()
     pair.wait_equal()
-    for host in (master, slave):
-        assert ctl(host, "check")[0] == FINE
+    assert ctl(master, "service", "start", "boot")[0] == FINE
+    assert ctl(slave, "check")[0] == FINE
     # So many regular beats tell a slave from a passer-by.
     wait_until(lambda: len(master.find_log("beat back to")) >= 3, LIMIT, "three answered beats")
     slave.wait_log("bottle=2", LIMIT)
@@ -37,11 +37,14 @@ def test_the_timeline_of_a_pair(pair_factory, ctl):
     assert kinds.index("last-answer") < kinds.index("take-over") < kinds.index("step-down")
     assert any(event["kind"] == "sync" and event["records"] == 50 for event in events)
     took_over = events[kinds.index("take-over")]
+    at = took_over["at"]
+    assert datetime.datetime.fromisoformat(at["time"] + at["zone"]).timestamp() == at["epoch"]
     assert 4 <= took_over["seconds_from"] <= took_over["seconds_to"]
     _, out, _ = ctl(slave, "timeline", "--since", "1h")
     assert re.search(r"take-over +takes over .* s after the master's last answer", out)
     _, out, _ = ctl(master, "timeline")
     assert re.search(r"push +client set sent: 50 records", out)
+    assert re.search(r"change +service start boot by \w+\n", out)
     slave.daemons[-1].kill()
     last = lambda: ctl(master, "timeline", "-n", "1")[1]
     wait_until(lambda: "slave-silent" in last(), LIMIT, "the slave's silence")

@@ -1,6 +1,9 @@
 #include <fmt/format.h>
 #include <zlib.h>
 
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
 #include <sstream>
 
 #include "ctl/history/log_reader.h"
@@ -146,7 +149,33 @@ TEST_F(LogFiles, AreReadWhenRotatedAndPackedToo) {
     }
     EXPECT_EQ(masters, "ABCDE");
     write_file("/var/log/quorsyncd_2026_11_13.log.gz", "\x1f\x8b\x08 torn");
-    EXPECT_THAT(read_history("/var/log", {}).failure, HasSubstr("11_13.log.gz cannot be read"));
+    const std::string cut = "/var/log/quorsyncd_2026_11_14.log.1.gz";
+    std::filesystem::resize_file(cut, std::filesystem::file_size(cut) - 1);
+    all = read_history("/var/log", {});
+    EXPECT_THAT(all.unread, ElementsAre(HasSubstr("11_13.log.gz cannot be read: Bad message"),
+                                        HasSubstr("11_14.log.1.gz cannot be read: Bad message")));
+    EXPECT_EQ(all.timeline.finish().size(), 5U) << "of the others, and of what is there";
+}
+
+TEST(Timeline, KnowsThatSummerTimeBegins) {
+    setenv("TZ", "AAA0BBB,M11.3.1/3,M12.1.0", 1);  // on that day, at three
+    tzset();
+    Lines of_master;
+    Lines of_slave;
+    for (const char* time : {"02:59:54", "02:59:56", "02:59:58", "04:00:00", "04:00:02"}) {
+        of_master.push_back(std::string(time) + " DEBUG :beat back to B :1#2");
+        of_slave.push_back(std::string(time) + " DEBUG :bottle=2, status=71");
+    }
+    EXPECT_THAT(told(timeline_of(of_slave).finish()), ElementsAre());
+    EXPECT_EQ(timeline_of(of_slave).bands().size(), 1U);
+    Timeline timeline = timeline_of(of_master);
+    EXPECT_THAT(told(timeline.finish()), ElementsAre());
+    timeline.reach(MIDNIGHT + std::chrono::hours(4) + std::chrono::seconds(20));
+    EXPECT_THAT(told(timeline.finish()),
+                ElementsAre("04:00:02 slave-silent: no heartbeat of B for 18 s"));
+    EXPECT_EQ(timeline.finish().size(), 1U);
+    unsetenv("TZ");
+    tzset();
 }
 
 // A day of a slave: take-overs, client lists with forged lines, a clock that is wrong at ten for

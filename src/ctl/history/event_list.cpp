@@ -55,8 +55,9 @@ void EventList::forget_old(LogTime time) {
     }
 }
 
-std::vector<TimelineEvent> EventList::sorted() const {
+std::vector<TimelineEvent> EventList::sorted(const std::vector<TimelineEvent>& more) const {
     std::vector<TimelineEvent> events = events_;
+    events.insert(events.end(), more.begin(), more.end());
     std::erase_if(events, [](const TimelineEvent& event) { return event.count == 0; });
     std::stable_sort(events.begin(), events.end(),
                      [](const TimelineEvent& left, const TimelineEvent& right) {

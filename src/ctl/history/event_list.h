@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "log_reader.h"
@@ -59,13 +60,19 @@ inline constexpr std::chrono::seconds TOGETHER{60};
 inline constexpr long ENDLESS = 3;  // so often in a row is no accident; twice may be
 
 inline long seconds_between(LogTime from, LogTime to) {
-    return static_cast<long>((to - from).count());
+    return static_cast<long>(elapsed(from, to).count());
+}
+
+// Whether more than `span` passed between both. Mostly the times alone deny it, at less cost.
+inline bool lasts_longer(LogTime from, LogTime to, std::chrono::seconds span) {
+    return to - from > span && elapsed(from, to) > span;
 }
 
 class EventList {
 public:
     // A new event; the reference holds until the next one.
     TimelineEvent& add(EventKind kind, LogTime time, std::string text);
+    void add(TimelineEvent event) { events_.push_back(std::move(event)); }
 
     // The same event once more, or a new one when the last such was too long ago.
     TimelineEvent& repeat(EventKind kind, LogTime time, const std::string& text);
@@ -76,8 +83,8 @@ public:
     // Leaves the event out; the indices of the others stay.
     void remove(std::size_t index) { events_[index].count = 0; }
 
-    // In order of time.
-    std::vector<TimelineEvent> sorted() const;
+    // In order of time, `more` among them.
+    std::vector<TimelineEvent> sorted(const std::vector<TimelineEvent>& more) const;
 
 private:
     void forget_old(LogTime time);

@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <cstdint>
 #include <string_view>
 
 #include "log.h"
@@ -24,6 +25,9 @@ constexpr std::string_view PACKED_END = ".gz";
 constexpr off_t PLACES = 64;
 constexpr off_t CLOSE_ENOUGH = 256L * 1024;
 constexpr std::size_t PLACE_SIZE = 16UL * 1024;  // three times the longest line
+
+// A small file may unpack to more than anybody waits for.
+constexpr std::int64_t MOST_UNPACKED = std::int64_t{4} << 30U;
 
 // Summer time ends, or a wrong clock is put right. A log that was written meanwhile goes back.
 constexpr hours SET_BACK{2};
@@ -176,12 +180,27 @@ LogBytes::LogBytes(const DailyLog& log) : fd_(open(log.path.c_str(), O_RDONLY | 
 
 ssize_t LogBytes::read(char* to, std::size_t size) {
     if (packed_) {
-        errno = EBADMSG;  // unless the system knows better
-        return gzread(packed_.get(), to, static_cast<unsigned>(size));
+        return read_packed(to, size);
     }
     ssize_t got = 0;
     do {
         got = ::read(fd_.get(), to, size);
     } while (got < 0 && errno == EINTR);
+    return got;
+}
+
+ssize_t LogBytes::read_packed(char* to, std::size_t size) {
+    errno = EBADMSG;  // unless the system knows better
+    const int got = gzread(packed_.get(), to, static_cast<unsigned>(size));
+    int state = Z_OK;
+    (void)gzerror(packed_.get(), &state);
+    if (got == 0 && state == Z_BUF_ERROR) {  // the file ends in the middle
+        return -1;
+    }
+    unpacked_ += std::max(got, 0);
+    if (unpacked_ > MOST_UNPACKED) {
+        errno = EFBIG;
+        return -1;
+    }
     return got;
 }

@@ -6,6 +6,7 @@
 #include <zlib.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -41,14 +42,18 @@ public:
 
     bool valid() const { return fd_.valid() || packed_ != nullptr; }
 
-    // As read(2).
+    // As read(2). EBADMSG where a packed log is damaged or ends too early, EFBIG where it unpacks
+    // to more than 4 GiB.
     ssize_t read(char* to, std::size_t size);
 
 private:
+    ssize_t read_packed(char* to, std::size_t size);
+
     struct Close {
         void operator()(gzFile file) const { (void)gzclose_r(file); }
     };
 
     OwnedFd fd_;
     std::unique_ptr<gzFile_s, Close> packed_;
+    std::int64_t unpacked_ = 0;  // bytes
 };

@@ -1,6 +1,7 @@
 #include "log_reader.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <memory>
@@ -127,6 +128,8 @@ bool visit_messages(const DailyLog& log, const MessageVisitor& visit) {
         messages.add(line.size() + 1, message ? &*message : nullptr,
                      message && begins_with(line, *message));
     }
+    const int error = errno;
     messages.finish();
+    errno = error;
     return !lines.failed();
 }

@@ -68,6 +68,18 @@ LogTime log_time_now() {
     return LogTime(seconds(timegm(&local)));
 }
 
+std::time_t epoch_of(LogTime time) {
+    const std::time_t as_utc = time.time_since_epoch().count();
+    std::tm local{};
+    gmtime_r(&as_utc, &local);
+    local.tm_isdst = -1;
+    return std::mktime(&local);
+}
+
+std::chrono::seconds elapsed(LogTime from, LogTime to) {
+    return seconds(epoch_of(to) - epoch_of(from));
+}
+
 std::optional<LogTime> parse_day(std::string_view text) {
     if (text.size() != 10) {
         return std::nullopt;

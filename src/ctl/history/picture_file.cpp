@@ -66,12 +66,16 @@ int draw_timeline(const std::string& file, const std::vector<std::string>& direc
         throw WrongUse("--html", "\"" + file + "\" is no ordinary file");
     }
     std::vector<ServerHistory> servers;
+    bool all_read = true;
     for (const std::string& directory : directories) {
         History history = read_history(directory, since);
         if (!history.failure.empty()) {
             complain("{}", history.failure);
             return EXIT_CANNOT_TELL;
         }
+        complain_of_unread(history);
+        all_read &= history.unread.empty();
+        reach_present(history.timeline, directory);
         servers.push_back(server_of(history.timeline, directory));
     }
     const Picture picture = lay_out(servers, range_of(servers, since.value_or(log_time_now())));
@@ -89,5 +93,5 @@ int draw_timeline(const std::string& file, const std::vector<std::string>& direc
     const bool attention = std::any_of(servers.begin(), servers.end(), [](const auto& server) {
         return wants_attention(server.events);
     });
-    return attention ? EXIT_PROBLEM : EXIT_FINE;
+    return !all_read ? EXIT_CANNOT_TELL : attention ? EXIT_PROBLEM : EXIT_FINE;
 }

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <array>
 
+#include "event_list.h"
+
 namespace {
 
 // A pair at work logs each heartbeat, every 2 seconds.
@@ -44,7 +46,7 @@ void RoleBands::add(LogTime time, const LogState& state) {
     RoleBand& last = bands_.back();
     const LogTime before = last.until;
     // A slave that was stopped logs nothing any more.
-    if (time - before > SILENCE && last.kind != BandKind::STOPPED) {
+    if (lasts_longer(before, time, SILENCE) && last.kind != BandKind::STOPPED) {
         bands_.push_back({BandKind::SILENT, before, time});
         bands_.push_back({kind, time, time});
         return;

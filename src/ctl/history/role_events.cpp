@@ -221,7 +221,7 @@ std::vector<TimelineEvent> RoleEvents::missed_beats() const {
 }
 
 void RoleEvents::note_silence(LogTime time) {
-    if (!state_.beat || time - *state_.beat <= STANDSTILL) {
+    if (!state_.beat || !lasts_longer(*state_.beat, time, STANDSTILL)) {
         return;
     }
     TimelineEvent& event = events_.add(

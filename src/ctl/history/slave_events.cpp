@@ -13,6 +13,19 @@ constexpr std::chrono::seconds SILENT{10};
 constexpr long REGULAR = 3;  // beats in a row: others than slaves send one now and then
 constexpr std::size_t MOST_SLAVES = 16;
 
+TimelineEvent silence_of(const std::string& address, LogTime beat, LogTime until) {
+    return {EventKind::SLAVE_SILENT,
+            beat,
+            until,
+            1,
+            fmt::format("no heartbeat of {} for {} s", address, seconds_between(beat, until)),
+            {},
+            {},
+            {},
+            false,
+            {}};
+}
+
 }  // namespace
 
 void SlaveEvents::watch(const ParsedMessage& message) {
@@ -47,7 +60,7 @@ void SlaveEvents::beat(LogTime time, std::string_view address) {
         found = slaves_.emplace(address, Slave{time, time}).first;
     }
     Slave& slave = found->second;
-    if (time - slave.sign > SILENT) {
+    if (lasts_longer(slave.sign, time, SILENT)) {
         end_silence(found->first, slave, time);
         slave.regular = slave.regular < REGULAR ? 0 : slave.regular;  // it stays a slave
     }
@@ -59,24 +72,18 @@ void SlaveEvents::end_silence(const std::string& address, const Slave& slave, Lo
     if (slave.regular < REGULAR) {
         return;
     }
-    add_silence(address, slave, time);
+    events_.add(silence_of(address, slave.beat, time));
     events_.add(
         EventKind::SLAVE_BACK, time,
         fmt::format("{} beats again, after {} s", address, seconds_between(slave.beat, time)));
 }
 
-void SlaveEvents::add_silence(const std::string& address, const Slave& slave, LogTime until) {
-    events_
-        .add(
-            EventKind::SLAVE_SILENT, slave.beat,
-            fmt::format("no heartbeat of {} for {} s", address, seconds_between(slave.beat, until)))
-        .until = until;
-}
-
-void SlaveEvents::report_silent_ones(LogTime now) {
+std::vector<TimelineEvent> SlaveEvents::silent_ones(LogTime now) const {
+    std::vector<TimelineEvent> silent;
     for (const auto& [address, slave] : slaves_) {
-        if (slave.regular >= REGULAR && now - slave.sign > SILENT) {
-            add_silence(address, slave, now);
+        if (slave.regular >= REGULAR && lasts_longer(slave.sign, now, SILENT)) {
+            silent.push_back(silence_of(address, slave.beat, now));
         }
     }
+    return silent;
 }

@@ -4,6 +4,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "event_list.h"
 #include "message_parser.h"
@@ -15,8 +16,8 @@ public:
     // Any message.
     void watch(const ParsedMessage& message);
 
-    // The master has been at work until then.
-    void report_silent_ones(LogTime now);
+    // The silences that last, where the master has been at work until then.
+    std::vector<TimelineEvent> silent_ones(LogTime now) const;
 
 private:
     struct Slave {
@@ -27,7 +28,6 @@ private:
 
     void beat(LogTime time, std::string_view address);
     void end_silence(const std::string& address, const Slave& slave, LogTime time);
-    void add_silence(const std::string& address, const Slave& slave, LogTime until);
 
     EventList& events_;
     std::map<std::string, Slave> slaves_;  // by address

@@ -9,6 +9,9 @@
 #include <map>
 
 #include "ctl/audit.h"
+#include "ctl/console.h"
+#include "ctl/proc_info.h"
+#include "log.h"
 #include "message_parser.h"
 #include "role_events.h"
 #include "slave_events.h"
@@ -176,6 +179,7 @@ struct Timeline::Parts {
     AlikeEvents failures{events, EventKind::TROUBLE};
     AlikeEvents changes{events, EventKind::CHANGE};
     RoleBands bands;
+    std::optional<LogTime> reached;  // beyond the last message
 
     // New events since there were so many come from this message.
     void note_line(std::size_t known, std::string_view text) {
@@ -230,11 +234,12 @@ std::vector<TimelineEvent> Timeline::finish() {
     const std::string open_transfer = parts_->state.open_transfer;
     parts_->transfers.report_open_ones();
     parts_->state.open_transfer = open_transfer;  // reported, but it may go on
-    return parts_->events.sorted();
+    const LogTime end = parts_->reached.value_or(parts_->state.last_message.value_or(LogTime{}));
+    return parts_->events.sorted(parts_->slaves.silent_ones(end));
 }
 
 void Timeline::reach(LogTime now) {
-    parts_->slaves.report_silent_ones(now);
+    parts_->reached = now;
 }
 
 std::vector<TimelineEvent> Timeline::missed_beats() const {
@@ -276,20 +281,27 @@ std::vector<DailyLog> logs_since(const std::string& directory, std::optional<Log
     return std::move(*logs);
 }
 
-History read_logs(const std::vector<DailyLog>& logs, std::optional<LogTime> since) {
+// What they tell together. Where one cannot be read, the others do.
+struct ReadLogs {
     History history;
+    bool vanished = false;  // a log: it was renamed since the directory was listed
+};
+
+ReadLogs read_logs(const std::vector<DailyLog>& logs, std::optional<LogTime> since) {
+    ReadLogs read;
     for (const DailyLog& log : logs) {
         const bool whole = visit_messages(log, [&](const LogMessage& message) {
             if (!since || message.time >= *since) {
-                history.timeline.add(message);
+                read.history.timeline.add(message);
             }
         });
         if (!whole) {
-            history.failure = fmt::format("{} cannot be read: {}", log.path, strerror(errno));
-            break;
+            read.vanished |= errno == ENOENT;
+            read.history.unread.push_back(
+                fmt::format("{} cannot be read: {}", log.path, strerror(errno)));
         }
     }
-    return history;
+    return read;
 }
 
 // Whether the last `count` events are told as they would be with all that was logged before.
@@ -306,28 +318,50 @@ bool tells_last(Timeline& timeline, std::size_t count) {
             }));
 }
 
+// Of the messages since then, or all, so many of the last bytes that these tell the last events.
+ReadLogs read_end(const std::string& directory, std::optional<LogTime> since, std::size_t count) {
+    ReadLogs read;
+    const std::vector<DailyLog> logs = logs_since(directory, since, read.history.failure);
+    for (off_t bytes = FIRST_PART; read.history.failure.empty(); bytes *= 4) {
+        const std::vector<DailyLog> part = last_part(logs, bytes);
+        read = read_logs(part, since);
+        const bool is_all = part.size() == logs.size() &&
+                            (logs.empty() || part.front().begin <= logs.front().begin);
+        if (is_all || tells_last(read.history.timeline, count)) {
+            break;
+        }
+    }
+    return read;
+}
+
+ReadLogs read_all(const std::string& directory, std::optional<LogTime> since) {
+    std::string failure;
+    ReadLogs read = read_logs(logs_since(directory, since, failure), since);
+    read.history.failure = failure;
+    return read;
+}
+
 }  // namespace
 
+void complain_of_unread(const History& history) {
+    for (const std::string& line : history.unread) {
+        complain("{}", line);
+    }
+}
+
+void reach_present(Timeline& timeline, const std::string& directory) {
+    if (directory == LOG_DIRECTORY && !processes_named(PROGRAM_NAME).empty()) {
+        timeline.reach(log_time_now());
+    }
+}
+
 History read_history(const std::string& directory, std::optional<LogTime> since) {
-    std::string failure;
-    const std::vector<DailyLog> logs = logs_since(directory, since, failure);
-    History history = read_logs(logs, since);
-    history.failure += failure;
-    return history;
+    ReadLogs read = read_all(directory, since);
+    return read.vanished ? read_all(directory, since).history : std::move(read.history);
 }
 
 History read_last_events(const std::string& directory, std::optional<LogTime> since,
                          std::size_t count) {
-    History history;
-    const std::vector<DailyLog> logs = logs_since(directory, since, history.failure);
-    for (off_t bytes = FIRST_PART; history.failure.empty(); bytes *= 4) {
-        const std::vector<DailyLog> part = last_part(logs, bytes);
-        history = read_logs(part, since);
-        const bool is_all = part.size() == logs.size() &&
-                            (logs.empty() || part.front().begin <= logs.front().begin);
-        if (is_all || tells_last(history.timeline, count)) {
-            break;
-        }
-    }
-    return history;
+    ReadLogs read = read_end(directory, since, count);
+    return read.vanished ? read_end(directory, since, count).history : std::move(read.history);
 }

@@ -23,7 +23,8 @@ public:
 
     void add(const LogMessage& message);
 
-    // The daemon has been at work until `now`, and has logged no more.
+    // The daemon has been at work until `now`, and has logged no more; without this, until its last
+    // message.
     void reach(LogTime now);
 
     // After the last message: what has happened, in order of time.
@@ -47,8 +48,15 @@ private:
 // What the daily logs in a directory tell.
 struct History {
     Timeline timeline;
-    std::string failure;  // why not all of it could be read; empty when it could
+    std::string failure;              // why there is nothing to read; empty when there is
+    std::vector<std::string> unread;  // a line for each log that could not be read to its end
 };
+
+// On standard error.
+void complain_of_unread(const History& history);
+
+// Where these are the logs of this host, and its daemon runs: the timeline reaches the present.
+void reach_present(Timeline& timeline, const std::string& directory);
 
 // Reads the messages since then, or all. A directory without any log is a failure.
 History read_history(const std::string& directory, std::optional<LogTime> since);

@@ -3,12 +3,13 @@
 
 #include <algorithm>
 #include <charconv>
+#include <ctime>
 #include <iterator>
 #include <optional>
 #include <string>
 
 #include "ctl/console.h"
-#include "ctl/proc_info.h"
+#include "ctl/moments.h"
 #include "ctl/rows.h"
 #include "ctl/verbs.h"
 #include "log.h"
@@ -65,12 +66,17 @@ std::string repetition(const TimelineEvent& event) {
     return fmt::format(" ({} times until {})", event.count, format_log_time(event.until));
 }
 
+Json json_of(LogTime time) {
+    const std::time_t moment = epoch_of(time);
+    return json_moment(moment, std::max<long>(std::time(nullptr) - moment, 0));
+}
+
 Row row_of(const TimelineEvent& event) {
     Row row{{{format_log_time(event.time)},
              {std::string(kind_name(event.kind)), colour_of(event.kind)},
              {escape(event.text) + repetition(event)}},
-            {{"time", format_log_time(event.time)},
-             {"until", format_log_time(event.until)},
+            {{"at", json_of(event.time)},
+             {"until", json_of(event.until)},
              {"kind", kind_name(event.kind)},
              {"count", event.count}}};
     const auto add_number = [&row](const char* name, std::optional<long> number) {
@@ -156,9 +162,8 @@ int show_timeline(const Options& options) {
         complain("{}", history.failure);
         return EXIT_CANNOT_TELL;
     }
-    if (directory == LOG_DIRECTORY && !processes_named(PROGRAM_NAME).empty()) {
-        history.timeline.reach(log_time_now());
-    }
+    complain_of_unread(history);
+    reach_present(history.timeline, directory);
     std::vector<TimelineEvent> events = history.timeline.finish();
     if (count && *count < events.size()) {
         events.erase(events.begin(), events.end() - static_cast<std::ptrdiff_t>(*count));
@@ -170,7 +175,9 @@ int show_timeline(const Options& options) {
     } else {
         print_events(options, since, rows);
     }
-    return wants_attention(events) ? EXIT_PROBLEM : EXIT_FINE;
+    return !history.unread.empty()   ? EXIT_CANNOT_TELL
+           : wants_attention(events) ? EXIT_PROBLEM
+                                     : EXIT_FINE;
 }
 
 }  // namespace
