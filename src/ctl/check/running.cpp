@@ -41,7 +41,7 @@ bool has_role(HostRole role) {
 void check_services(Findings& findings) {
     const DaemonState state = daemon_state();
     for (const char* service : missing_services(state)) {
-        findings.problem(service, fmt::format("does not run on a {}", role_name(role_of(state))),
+        findings.problem(service, fmt::format("does not run on the {}", role_name(role_of(state))),
                          "\"quorsyncctl service start boot\"");
     }
     if (serves_beside_master(state)) {
