@@ -183,6 +183,49 @@ TEST_F(ClientListTest, OneThatShrinksByMoreThanHalfIsKept) {
     EXPECT_EQ(kept(), 5U);
     EXPECT_THAT(logged(), HasSubstr("client list shrunk: 5 -> 1 records"));
     EXPECT_EQ(stamp(), "v5");
+
+    // Another shrinking costs neither the larger list nor the new stamp.
+    ask(1);
+    push({}, "v6");
+    EXPECT_THAT(logged(), HasSubstr("shrunk: 1 -> 0 records, the old one is removed: "s +
+                                    BEFORE_SHRINK_CLIENT_DB + " has 5\n"));
+    EXPECT_EQ(std::pair(kept(), stamp()), std::pair(5UL, "v6"s));
+    EXPECT_FALSE(std::filesystem::exists(PREVIOUS_CLIENT_DB));
+
+    // A list whose own number is wrong is counted, and one that cannot be counted is kept.
+    const std::vector<std::string> six = {"a", "b", "c", "d", "e", "f"};
+    ask(1);
+    push(six, "v7");
+    ask(1);
+    constexpr std::streamoff RECORDS_AT = 88;
+    std::fstream file(PREVIOUS_CLIENT_DB, std::ios::in | std::ios::out | std::ios::binary);
+    file.seekp(RECORDS_AT).write("\0\0\0", 4);
+    file.close();
+    push({}, "v8");
+    EXPECT_EQ(kept(), 6U);
+    ask(1);
+    push(six, "v9");
+    ask(1);
+    std::filesystem::remove(BEFORE_SHRINK_CLIENT_DB);
+    write_file(PREVIOUS_CLIENT_DB, "no list");
+    push(six, "v10");
+    EXPECT_EQ(std::filesystem::file_size(BEFORE_SHRINK_CLIENT_DB), "no list"s.size());
+}
+
+TEST_F(ClientListTest, OneThatIsRestoredInTheMiddleOfAPushGetsNoneOfItsRecords) {
+    ask(1);
+    ClientPush asked{.of_master = true};
+    list_->put(asked, "lost", "new");
+    list_->flush(asked);
+    std::filesystem::rename(PREVIOUS_CLIENT_DB, CLIENT_DB);
+    for (const char* key : {"more", "and more"}) {
+        list_->put(asked, key, "new");
+        list_->flush(asked);
+    }
+    EXPECT_TRUE(list_->close(asked, "v2"));
+    list_->end(asked);
+    EXPECT_EQ(records_of(CLIENT_DB), old_);
+    EXPECT_EQ(stamp(), "v1");
 }
 
 // --- The way back to the list from before --------------------------------------------------------

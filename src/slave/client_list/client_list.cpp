@@ -326,8 +326,8 @@ bool ClientList::empty() {
 // Nobody knows whether the administrator meant a list of less than half the records, or none.
 bool ClientList::retire_kept() {
     const ListSizes sizes = files_.sizes();
-    memory_.kept = !(has_shrunk(sizes.kept, sizes.now) ? files_.keep_before_shrink(sizes)
-                                                       : files_.drop_kept());
+    const bool shrunk = !sizes.kept || has_shrunk(*sizes.kept, sizes.now);
+    memory_.kept = !(shrunk ? files_.keep_before_shrink(sizes) : files_.drop_kept());
     return !memory_.kept;
 }
 
@@ -412,7 +412,13 @@ bool ClientList::open_batch(ClientPush& push) {
         replaced_by_empty(push);
     }
     memory_.batch = &push;
-    return true;
+    const FileId file = files_.batch_file();
+    const bool replaced = batch == Batch::OPEN && push.asked && push.file.value_or(file) != file;
+    push.file = file;
+    if (replaced) {
+        replaced_by_others(push);
+    }
+    return !replaced;
 }
 
 // What client.db held is gone: the records of this push and of others, and what the stamp names.
@@ -422,6 +428,14 @@ void ClientList::replaced_by_empty(ClientPush& push) {
     if (is_whole(memory_.state)) {
         (void)files_.delete_stamp();
     }
+}
+
+// Somebody has restored a list while the push filled another file: none of its records get there.
+void ClientList::replaced_by_others(ClientPush& push) {
+    (void)move(ListEvent::PUSH_BREAKS);
+    look_for_kept();
+    ++memory_.version;
+    push.failed = true;
 }
 
 void ClientList::close_batch() {

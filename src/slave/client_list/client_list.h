@@ -17,7 +17,8 @@
 //     without an operator and without a new stamp.
 // I4. When faults end, both sides become equal.
 // I5. A complete list whose place is taken by one of less than half its records is there as
-//     client.db.before-shrink, until the list shrinks so the next time.
+//     client.db.before-shrink, until the list shrinks so the next time. One that has more records
+//     than the next one stays for a week.
 //
 // Several requests may be on their way: each answer of a master that stood still makes one. So the
 // list counts the pushes that are due, also across a restart, and starts each of them on an empty
@@ -55,6 +56,7 @@ struct ClientPush {
     bool stored = false;   // any record could
     bool whole = false;    // its closing record came and was obeyed: for whoever tells of it
     unsigned version = 0;  // of client.db, when the push began
+    std::optional<FileId> file = std::nullopt;  // that its last batch went into
 };
 
 // All that the list remembers outside its files. A value of its own, so that tests can take the
@@ -163,6 +165,7 @@ private:
     bool outdated(const ClientPush& push) const;
     bool open_batch(ClientPush& push);
     void replaced_by_empty(ClientPush& push);
+    void replaced_by_others(ClientPush& push);
     void close_batch();
 
     ListFiles& files_;

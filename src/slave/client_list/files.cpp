@@ -1,11 +1,13 @@
 #include "slave/client_list/files.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <sstream>
 
@@ -73,6 +75,25 @@ std::optional<std::size_t> count_records(const char* path) {
     return cursor.failed() ? std::nullopt : std::optional(count);
 }
 
+// The file's own number or, where it counts none, that of a walk: the file may be damaged. 0 for a
+// missing one, which a walk would create.
+std::optional<std::size_t> certain_count(const char* path) {
+    if (access(path, F_OK) != 0) {
+        return 0;
+    }
+    const std::optional<std::size_t> counted = db_count(path);
+    return counted.value_or(0) > 0 ? counted : count_records(path);
+}
+
+// How many records client.db.before-shrink has, if nobody has had a week to look after it yet.
+std::size_t records_to_be_restored() {
+    constexpr std::time_t WEEK = std::time_t{7} * 24 * 60 * 60;
+    struct stat file {};
+    const bool fresh = stat(BEFORE_SHRINK_CLIENT_DB, &file) == 0 &&
+                       std::time(nullptr) - file.st_ctime < WEEK;  // since it got this name
+    return fresh ? db_count(BEFORE_SHRINK_CLIENT_DB).value_or(0) : 0;
+}
+
 // Removes the file, also for good. A missing one is flushed as well: an earlier call may have got
 // only so far.
 bool remove_for_good(const char* path) {
@@ -97,9 +118,7 @@ public:
     bool drop_kept() override { return remove_for_good(PREVIOUS_CLIENT_DB); }
     bool put_back() override;
 
-    ListSizes sizes() override {
-        return {db_count(PREVIOUS_CLIENT_DB).value_or(0), db_count(CLIENT_DB).value_or(0)};
-    }
+    ListSizes sizes() override;
     bool keep_before_shrink(const ListSizes& sizes) override;
 
     bool empty() override { return db_replace_empty(CLIENT_DB); }
@@ -111,6 +130,7 @@ public:
     bool delete_stamp() override { return db_del(CONFIG_DB, KEY_CLIENT_VERSION) == 0; }
 
     Batch open_batch() override;
+    FileId batch_file() override;
     bool put(const std::string& key, const std::string& value) override;
     bool close_batch() override;
 
@@ -178,13 +198,29 @@ bool HostFiles::put_back() {
     return true;
 }
 
+ListSizes HostFiles::sizes() {
+    return {certain_count(PREVIOUS_CLIENT_DB), certain_count(CLIENT_DB).value_or(0)};
+}
+
 bool HostFiles::keep_before_shrink(const ListSizes& sizes) {
+    const std::size_t kept = sizes.kept.value_or(0);
+    if (const std::size_t more = records_to_be_restored(); more > kept) {
+        const bool dropped = drop_kept();
+        if (dropped) {
+            log_message(msg::LARGER_LIST_STAYS, kept, sizes.now, BEFORE_SHRINK_CLIENT_DB, more);
+        }
+        return dropped;
+    }
     if (const int failed = rename_file(PREVIOUS_CLIENT_DB, BEFORE_SHRINK_CLIENT_DB); failed != 0) {
         log_message(msg::PREVIOUS_LIST_NOT_KEPT, PREVIOUS_CLIENT_DB, BEFORE_SHRINK_CLIENT_DB,
                     strerror(failed));
         return false;
     }
-    log_message(msg::LIST_SHRUNK, sizes.kept, sizes.now, BEFORE_SHRINK_CLIENT_DB);
+    if (sizes.kept) {
+        log_message(msg::LIST_SHRUNK, kept, sizes.now, BEFORE_SHRINK_CLIENT_DB);
+    } else {
+        log_message(msg::LIST_NOT_COUNTED, BEFORE_SHRINK_CLIENT_DB);
+    }
     if (const int failed = flush_directory_of(CLIENT_DB); failed != 0) {
         log_message(msg::STORE_NOT_FLUSHED, BEFORE_SHRINK_CLIENT_DB, strerror(failed));
         return false;
@@ -206,6 +242,12 @@ Batch HostFiles::open_batch() {
         return Batch::FAILED;
     }
     return damaged ? Batch::OPEN_EMPTY : Batch::OPEN;
+}
+
+FileId HostFiles::batch_file() {
+    struct stat file {};
+    (void)stat(CLIENT_DB, &file);
+    return {file.st_dev, file.st_ino};
 }
 
 bool HostFiles::put(const std::string& key, const std::string& value) {

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "stamps.h"
 
@@ -37,11 +38,13 @@ enum class Kept : std::uint8_t {
     LOST,        // it is damaged, or the file system refused
 };
 
-// Records; 0 for a file that is missing or cannot be read.
+// Records; 0 for a missing file.
 struct ListSizes {
-    std::size_t kept;
-    std::size_t now;
+    std::optional<std::size_t> kept;  // nothing when they cannot be counted
+    std::size_t now;                  // 0 then
 };
+
+using FileId = std::pair<std::uint64_t, std::uint64_t>;  // device and inode
 
 enum class Batch : std::uint8_t {
     OPEN,
@@ -68,7 +71,8 @@ public:
     virtual bool put_back() = 0;
 
     // How many records both have, and client.db.previous gets the name client.db.before-shrink, in
-    // the place of an older one.
+    // the place of an older one. One that has more records and is less than a week old stays
+    // instead: client.db.previous is removed.
     virtual ListSizes sizes() = 0;
     virtual bool keep_before_shrink(const ListSizes& sizes) = 0;
 
@@ -81,9 +85,10 @@ public:
     virtual bool store_stamp(const std::string& stamp) = 0;
     virtual bool delete_stamp() = 0;
 
-    // Records on their way into client.db: one open file, locked until it is closed by the same
-    // thread. On disk when closed; false then means that some may be lost.
+    // Records on their way into client.db: one open file, which is batch_file(), locked until it is
+    // closed by the same thread. On disk when closed; false then means that some may be lost.
     virtual Batch open_batch() = 0;
+    virtual FileId batch_file() = 0;
     virtual bool put(const std::string& key, const std::string& value) = 0;
     virtual bool close_batch() = 0;
 };
