@@ -55,6 +55,12 @@ def killed_at(calls: str, number: int, *paths: str) -> tuple[str, ...]:
     return (*STRACE, "-o", "/dev/null", *only(paths), "-e", f"trace={calls}", "-e", kill)
 
 
+def failing_from(call: str, number: int) -> tuple[str, ...]:
+    """A daemon's wrapper under which the call fails from the n-th time in a thread on."""
+    fail = f"inject={call}:error=EAGAIN:when={number}+"
+    return (*STRACE, "-o", "/dev/null", "-e", f"trace={call}", "-e", fail)
+
+
 def slow_writes(file: str, milliseconds: float) -> tuple[str, ...]:
     """A daemon's wrapper under which every write to the file takes so much longer."""
     slow = f"inject=write:delay_exit={round(1000 * milliseconds)}"

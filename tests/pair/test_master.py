@@ -4,6 +4,7 @@ from socket import SOCK_DGRAM
 
 import lab
 import pytest
+from lab import tracing
 from peer import (
     ALL,
     CLIENT,
@@ -166,3 +167,18 @@ def test_a_set_that_cannot_be_read_is_not_pushed(asked):
         assert peer.ask(request(CLIENT)) == []
         path.write_bytes(good)
         assert len(peer.ask(request(CLIENT))) == 201
+
+
+def test_a_master_without_a_thread_for_its_answers_ends(pair_factory):
+    pair, trace = pair_factory(), "/lab/out/trace"
+    pair.wrapper = tracing.recording(trace, "clone3")
+    pair.start_master()
+    pair.start_slave()
+    pair.master.wait_log("beat back", LIMIT)
+    threads = len(tracing.recorded(pair.master, trace))
+    pair.master.kill_daemons(pair.executable)
+    for number in (threads - 2, threads - 1, threads):
+        mark = pair.master.log_mark()
+        pair.wrapper = tracing.failing_from("clone3", number)
+        assert pair.start_master().wait(LIMIT) == 1
+        assert pair.master.find_log("no thread to receive and answer datagrams", mark)
