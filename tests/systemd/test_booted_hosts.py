@@ -46,11 +46,11 @@ def test_the_first_start_as_the_readme_tells_it(master, slave):
             host.shell(f"quorsyncctl store put {key} {value}")
     records = "seq 300 | sed 's/.*/{\"key\": \"client&\", \"value\": \"v\"}/'"
     master.shell(f"{records} | quorsyncctl store load - --file client")
-    master.shell("quorsyncctl store bump client")
+    master.shell("quorsyncctl store bump config && quorsyncctl store bump client")
     for host in (master, slave):
         host.shell("quorsyncctl check")
-        host.shell("systemctl enable --now quorsyncd")
-    master.shell("quorsyncctl service start boot")
+    master.shell("quorsyncctl service start boot && systemctl enable --now quorsyncd")
+    slave.shell("systemctl enable --now quorsyncd")
     both_are_fine(master, slave)
     assert "client set" in slave.shell("quorsyncctl timeline")
     assert slave.shell("quorsyncctl store dump --file client").count("client") == 300
