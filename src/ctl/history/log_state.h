@@ -21,7 +21,6 @@ struct LogState {
     std::optional<LogTime> answer;  // the beat before which the master last answered
     bool acting = false;            // it has taken over
     std::optional<LogTime> take_over;
-    std::optional<LogTime> step_down;
     long role_changes = 0;  // take-overs and step-downs
 
     // On both.

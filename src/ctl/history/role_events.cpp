@@ -132,7 +132,6 @@ void RoleEvents::start(LogTime time, std::string_view master_ip, std::string_vie
     fresh.first_message = state_.first_message;
     fresh.last_message = state_.last_message;
     fresh.take_over = state_.take_over;
-    fresh.step_down = state_.step_down;
     fresh.start = time;
     fresh.master_ip = master_ip;
     fresh.slave_ip = slave_ip;
@@ -327,7 +326,6 @@ void RoleEvents::take_back_flapping(LogTime time) {
 
 void RoleEvents::step_down(LogTime time) {
     state_.acting = false;
-    state_.step_down = time;
     ++state_.role_changes;
     changes_.push_back({false, time, {}, {events_.size()}});
     TimelineEvent& event =
