@@ -42,9 +42,9 @@ public:
     // Time-out of connecting and of every send and receive, in seconds.
     void SetTimeout(std::uint32_t seconds) { timeout_ = seconds; }
 
-    // Limits of a fetch; none for a file that a person wants, who can see how long it takes.
-    void SetFetchLimits(const std::optional<FetchLimits>& limits) { fetch_limits_ = limits; }
-    const std::optional<FetchLimits>& fetch_limits() const { return fetch_limits_; }
+    // Limits of the fetches that follow.
+    void SetFetchLimits(const FetchLimits& limits) { fetch_limits_ = limits; }
+    const FetchLimits& fetch_limits() const { return fetch_limits_; }
 
     // Sends `szCommand` to the service at `szIP` (dotted) and reads the reply into `szRetMsg` (a
     // buffer of `nRetSize` bytes; the text is terminated). 0, then `*nErrCode` is the peer's error
@@ -81,7 +81,7 @@ private:
     int connect_error_ = 0;
     std::uint32_t port_ = 3232;
     std::uint32_t timeout_ = 5;
-    std::optional<FetchLimits> fetch_limits_ = FetchLimits{};
+    FetchLimits fetch_limits_;
 };
 
 // Results of a fetch.
@@ -100,6 +100,7 @@ struct FileFetch {
     int connect_error = 0;        // with FETCH_NOT_BEGUN; as PK_Request_Client::connect_error()
     std::int64_t length = 0;      // in bytes, as the peer announced it; 0 before it did
     std::int64_t received = 0;    // bytes that are in the local file
+    bool too_slow = false;        // with FETCH_CUT: the time allowed was over
     std::string failure;          // the line that was logged, with FETCH_NOT_BEGUN
 };
 

@@ -52,16 +52,13 @@ using Clock = std::chrono::steady_clock;
 
 // Whether a file of that length may come; then the connection gets its deadline.
 bool admit_length(PK_Request_Client& client, Clock::time_point asked, std::int64_t length) {
-    const auto& limits = client.fetch_limits();
-    if (!limits) {
-        return true;
-    }
-    if (length > limits->bytes) {
+    const FetchLimits& limits = client.fetch_limits();
+    if (length > limits.bytes) {
         log_message(msg::LENGTH_TOO_LARGE, static_cast<long>(length),
-                    static_cast<long>(limits->bytes), ORIGIN, __LINE__);
+                    static_cast<long>(limits.bytes), ORIGIN, __LINE__);
         return false;
     }
-    client.SetDeadline(asked + limits->time_for(length));
+    client.SetDeadline(asked + limits.time_for(length));
     return true;
 }
 
@@ -75,8 +72,10 @@ std::int32_t recv_into(PK_Request_Client& client, const WriteAt& write, FileFetc
     while (fetch.received < fetch.length) {
         const auto chunk =
             static_cast<std::int32_t>(std::min(fetch.length - fetch.received, CHUNK_SIZE));
+        errno = 0;  // the end of the stream sets none
         const int received = client.RecvAll(buffer.data(), chunk);
         if (received != chunk) {
+            fetch.too_slow = errno == ETIMEDOUT;  // with which a deadline ends a receive
             log_message(msg::DOWNLOAD_CUT, received, chunk, errno, ORIGIN, "recv_file", __LINE__);
             return FETCH_CUT;
         }
@@ -131,9 +130,7 @@ std::int32_t request_file(PK_Request_Client& client, const char* server, const c
     const OwnedJson request = make_request(server_path);
     client.SetPort(FILE_SERVICE_PORT);
     const Clock::time_point asked = Clock::now();
-    if (client.fetch_limits()) {
-        client.SetDeadline(asked + client.fetch_limits()->time_for(0));
-    }
+    client.SetDeadline(asked + client.fetch_limits().time_for(0));
     std::array<char, REPLY_SIZE> reply{};  // zeroed: an answer may come without a body
     if (client.Hpc_RequestPro_NoClose(server, BUSINESS_GET_FILE,
                                       json_object_to_json_string(request.get()), reply.data(),

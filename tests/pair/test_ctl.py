@@ -330,10 +330,10 @@ def test_diff_fetches_the_other_sides_file(couple, ctl, traces, daemon_path, dae
     # A peer cannot fill the disk, nor keep a script.
     with FileService(slave, reply='{"length": "1073741825"}'):
         code, _, complaint = diff("config")
-        assert code == CANNOT_TELL and "too long for a database" in complaint
+        assert code == CANNOT_TELL and "is of 1,073,741,825 bytes" in complaint
     with FileService(slave, pace=500):
         code, _, complaint = diff("config")
-        assert code == CANNOT_TELL and "ended" in complaint
+        assert code == CANNOT_TELL and "arrives too slowly" in complaint
     for wrong in ("10.77.0.1", "there"):
         assert diff("client", wrong)[0] == WRONG_USE
     assert ctl(master, "diff", "client")[0] == WRONG_USE
@@ -371,6 +371,9 @@ def test_fetch_replaces_a_file_when_all_of_it_has_come(empty_lab, ctl):
         assert target.read_bytes() == data
         code, _, complaint = fetch("/tmp/missing")
         assert code == PROBLEM and "No such file or directory" in complaint
+    with FileService(there, reply='{"length": "67108865"}'):
+        code, _, complaint = fetch("/tmp/file")
+        assert code == PROBLEM and "67,108,865 bytes; at most 67,108,864 are" in complaint
     code, _, complaint = fetch("/tmp/file")
     assert code == PROBLEM and "Connection refused; its file service listens" in complaint
     assert target.read_bytes() == data

@@ -244,7 +244,7 @@ TEST_F(FileFetch, AgainstAPeerThatFollowsAScript) {
     }
 }
 
-TEST_F(FileFetch, LimitsGrowWithTheLengthAndCanBeLifted) {
+TEST_F(FileFetch, LimitsGrowWithTheLength) {
     const FetchLimits limits;
     EXPECT_EQ(limits.time_for((1 << 20) - 1), 60s);
     EXPECT_EQ(limits.time_for(limits.bytes), 124s);
@@ -252,9 +252,6 @@ TEST_F(FileFetch, LimitsGrowWithTheLengthAndCanBeLifted) {
         client.SetFetchLimits(FetchLimits{.bytes = most});
         EXPECT_EQ(fetch_from({length_answer("5000") + NEW}), most == 5000 ? 0 : -3);
     }
-    client.SetFetchLimits(std::nullopt);
-    EXPECT_EQ(fetch_from({length_answer("67108865") + NEW}), -4);  // all that came
-    EXPECT_EQ(contents(TARGET), NEW.substr(0, 4096));
 }
 
 // One that sends a byte now and then, for minutes, and one that falls silent for as long.

@@ -36,6 +36,16 @@ std::string not_begun_text(const std::string& address, const std::string& remote
                        without_origin(fetch.failure), FILE_SERVICE_PORT);
 }
 
+std::string cut_text(const std::string& address, const std::string& remote,
+                     const FileFetch& fetch) {
+    const std::string come =
+        fmt::format("{} of {}", bytes_text(static_cast<std::uint64_t>(fetch.received)),
+                    bytes_text(static_cast<std::uint64_t>(fetch.length)));
+    return fetch.too_slow ? fmt::format("{} of {} arrives too slowly; given up after {}", remote,
+                                        address, come)
+                          : fmt::format("{} ended {} after {}", address, remote, come);
+}
+
 // tmpfile() makes one that never had a name, or takes the name away at once.
 OwnedFd file_without_a_name() {
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::tmpfile(), std::fclose);
@@ -51,8 +61,8 @@ FetchLimits limits_of_whole_file(bool on_terminal) {
     return limits;
 }
 
-FileFetch receive(const std::string& address, const std::string& remote, int fd, bool brief) {
-    PK_Request_Client client;
+FileFetch receive(PK_Request_Client& client, const std::string& address, const std::string& remote,
+                  int fd, bool brief) {
     const bool on_terminal = isatty(STDERR_FILENO) == 1;
     if (brief || !on_terminal) {
         client.SetTimeout(ProbeLimits::TIMEOUT);
@@ -84,21 +94,24 @@ std::string other_server(const std::string& local) {
 }  // namespace
 
 std::string fetch_failure_text(const std::string& address, const std::string& remote,
-                               const std::string& local, const FileFetch& fetch) {
+                               const std::string& local, const FileFetch& fetch,
+                               const FetchLimits& limits) {
     switch (fetch.result) {
         case FETCH_REFUSED:
             // The service has its own numbers; most of them are the system's.
             return fmt::format("{} refuses {} (errno {}: {})", address, remote, fetch.peer_error,
                                std::strerror(std::abs(fetch.peer_error)));
         case FETCH_NOT_KEPT:
+            if (fetch.length > limits.bytes) {
+                return fmt::format("{} of {} is of {} bytes; at most {} are fetched", remote,
+                                   address, grouped(fetch.length), grouped(limits.bytes));
+            }
             return fetch.length == 0
                        ? fmt::format("{} answers without the length of {}", address, remote)
                        : fmt::format("{} cannot be written to its end; is its file system full?",
                                      local);
         case FETCH_CUT:
-            return fmt::format("{} ended {} after {} of {}", address, remote,
-                               bytes_text(static_cast<std::uint64_t>(fetch.received)),
-                               bytes_text(static_cast<std::uint64_t>(fetch.length)));
+            return cut_text(address, remote, fetch);
         default:
             return not_begun_text(address, remote, fetch);
     }
@@ -120,14 +133,11 @@ PeerFile fetch_peer_file(const std::string& address, const std::string& remote, 
         peer.failure = fmt::format("no temporary file: {}", std::strerror(errno));
         return peer;
     }
-    peer.fetch = receive(address, remote, peer.file.get(), brief);
+    PK_Request_Client client;
+    peer.fetch = receive(client, address, remote, peer.file.get(), brief);
     if (peer.fetch.result != FETCH_WHOLE) {
-        const auto longest = brief ? ProbeLimits::FETCH.bytes : LONGEST_PEER_FILE;
-        peer.failure = peer.fetch.length > longest
-                           ? fmt::format("{} of {} is of {}, too long for {}", remote, address,
-                                         bytes_text(static_cast<std::uint64_t>(peer.fetch.length)),
-                                         brief ? "settings" : "a database")
-                           : fetch_failure_text(address, remote, "the temporary file", peer.fetch);
+        peer.failure = fetch_failure_text(address, remote, "the temporary file", peer.fetch,
+                                          client.fetch_limits());
     } else if (const int damage = db_verify(peer.path().c_str()); damage != 0) {
         peer.failure = fmt::format(
             "{} of {} does not verify ({}): it is damaged, or was written to meanwhile; try again",

@@ -11,9 +11,10 @@
 #include "owned.h"
 
 // What to do about a fetch that failed, in words that end a complaint; `local` is the file that was
-// to be written.
+// to be written, `limits` are those of the fetch.
 std::string fetch_failure_text(const std::string& address, const std::string& remote,
-                               const std::string& local, const FileFetch& fetch);
+                               const std::string& local, const FileFetch& fetch,
+                               const FetchLimits& limits);
 
 // Tells the bar of each piece.
 FetchProgress shown_by(ProgressBar& bar);
