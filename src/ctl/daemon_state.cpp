@@ -79,6 +79,10 @@ const char* role_name(HostRole role) {
     return NAMES[static_cast<std::size_t>(role)];
 }
 
+const char* role_name(const DaemonState& state) {
+    return role_name(state.page == nullptr ? HostRole::UNKNOWN : role_of(state));
+}
+
 bool runs(const std::vector<ProcessInfo>& processes, const char* name) {
     return std::any_of(processes.begin(), processes.end(),
                        [name](const ProcessInfo& process) { return process.name == name; });

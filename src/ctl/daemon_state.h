@@ -41,6 +41,9 @@ HostRole role_of(const DaemonState& state);
 // "acting master".
 const char* role_name(HostRole role);
 
+// That of the present role; "unknown" without a page, as also before the first daemon ran.
+const char* role_name(const DaemonState& state);
+
 bool runs(const std::vector<ProcessInfo>& processes, const char* name);
 
 // Whether the daemon of the page knows it for itself. Of the daemon before it the page tells the

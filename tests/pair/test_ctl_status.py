@@ -217,6 +217,9 @@ def test_a_log_that_cannot_be_written_hides_nothing(serving, becomes, log):
 def test_without_a_page_the_daemon_goes_on_and_status_says_so(pair_factory, ctl, becomes):
     pair = pair_factory()
     pair.slave.shell("mount -t tmpfs -o ro tmpfs /run")
+    # Before the first start, too, nobody knows a role.
+    assert becomes(pair.slave, PROBLEM, "daemon_missing")["role"] == "unknown"
+    assert "unknown: /run/quorsyncd.state" in ctl(pair.slave, "status")[1]
     pair.start()
     pair.slave.wait_log("/run/quorsyncd.state cannot be made", LIMIT)
     status = becomes(pair.slave, CANNOT_TELL)
