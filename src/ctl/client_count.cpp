@@ -60,12 +60,15 @@ std::optional<std::size_t> stamped_client_count() {
 
 std::string client_list_fault(std::optional<std::size_t> count) {
     const auto before = stamped_client_count();
+    if (count == std::size_t{0}) {
+        const char* what = access(CLIENT_DB, F_OK) == 0 ? "is empty" : "is missing";
+        return before.value_or(0) == 0 ? what
+                                       : fmt::format("{}, though the last stamp stood for {}", what,
+                                                     counted(*before, "record"));
+    }
     if (count && before && has_shrunk(*before, *count)) {
         return fmt::format("has {}, less than half of the {} that the last stamp stood for",
                            counted(*count, "record"), *before);
-    }
-    if (count == std::size_t{0}) {
-        return access(CLIENT_DB, F_OK) == 0 ? "has no record" : "is missing";
     }
     return {};
 }

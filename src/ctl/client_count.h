@@ -24,5 +24,5 @@ int note_client_count(Store& config, std::string_view stamp);
 std::optional<std::size_t> stamped_client_count();
 
 // What speaks against a master's list of so many records, by default the present one: "is missing",
-// "has no record" or "has 3 records, less than half of the 300 that ..."; empty for nothing.
+// "is empty" or "has 3 records, less than half of the 300 that ..."; empty for nothing.
 std::string client_list_fault(std::optional<std::size_t> count = client_count());

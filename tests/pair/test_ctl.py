@@ -140,7 +140,8 @@ def test_a_change_carries_its_stamps_along(couple, ctl):
     # An empty list under a new stamp would take the slave's clients.
     for missing in (True, False):
         code, _, complaint = ctl(master, "store", "bump", "client")
-        assert code == WRONG_USE and ("missing" if missing else "no record") in complaint
+        assert code == WRONG_USE and ("is missing" if missing else "is empty") in complaint
+        assert "restore" in complaint and "--force" in complaint
         master.client.fill({"mac": "v"})
         master.client.delete("mac")
     assert ctl(master, "store", "bump", "client", "--force")[0] == FINE

@@ -159,8 +159,9 @@ void check_clients(const StoreOptions& options, const Keys& put, const Keys& del
     }
     if (const std::string fault = client_list_fault(count); !fault.empty()) {
         throw WrongUse(CLIENT_DB,
-                       fmt::format("{}{}: the slave would drop its clients; --force gives it a new "
-                                   "stamp anyway",
+                       fmt::format("{}{}: the slave would drop its clients; restore the list first "
+                                   "(\"quorsyncctl store restore\"), then give it a new stamp; "
+                                   "--force does so now",
                                    changes_list ? "with this change it " : "", fault));
     }
 }
