@@ -121,6 +121,10 @@ def test_changes_of_a_store(couple, ctl):
     assert ctl(slave, "store", "put", "ha", "disable")[0] == FINE
     stamp = ["config_db_version", "20990101000000"]
     assert "store bump" in ctl(master, "store", "put", *stamp, "--wait")[2]
+    master.shell(f"mv {STORES} {STORES}.away")
+    code, _, complaint = ctl(master, "store", "put", "note", "x")
+    assert code == PROBLEM and f"{STORES}: No such file or directory" in complaint
+    master.shell(f"mv {STORES}.away {STORES}")
     assert slave.config.get("dhcpcfg") == b"x" and slave.config.get("ha") == b"disable"
 
 
