@@ -427,6 +427,15 @@ TEST_F(StoreTest, ACopyIsSoundAndKeepsLinkModeAndOwner) {
     // As a store that was just created, whoever the copy belongs to.
     EXPECT_EQ(mode_of("/etc/quoradmind/new.db") & ~0022U, 0644U);
     EXPECT_EQ(status_of("/etc/quoradmind/new.db").st_uid, geteuid());
+    // An ordinary user's copy has the mode, but no rights that were those of the owner.
+    ASSERT_EQ(chmod(CLIENT_DB, 0644), 0);
+    ASSERT_EQ(chmod("/etc/quoradmind", 0777), 0);
+    ASSERT_EQ(chmod(DISK_DB, 06664), 0);
+    ASSERT_EQ(seteuid(65534), 0);
+    EXPECT_EQ(db_copy(CLIENT_DB, CONFIG_DB), "");
+    ASSERT_EQ(seteuid(0), 0);
+    EXPECT_EQ(mode_of(DISK_DB), 0664U);
+    EXPECT_EQ(status_of(DISK_DB).st_uid, 65534U);
     write_file(CLIENT_DB, std::string(8192, 'x'));
     EXPECT_NE(db_copy(CLIENT_DB, CONFIG_DB), "");
     EXPECT_NE(db_copy("/etc/quoradmind/none.db", CONFIG_DB), "");

@@ -59,9 +59,10 @@ int copy_mode_and_owner(int target, const struct stat& model) {
         return errno;
     }
     // A file system without owners, or an ordinary user's own file, has the right one already.
-    if ((made.st_uid != model.st_uid || made.st_gid != model.st_gid) &&
-        fchown(target, model.st_uid, model.st_gid) != 0) {
-        return errno;
-    }
-    return fchmod(target, model.st_mode & 07777U) == 0 ? 0 : errno;
+    const bool same = made.st_uid == model.st_uid && made.st_gid == model.st_gid;
+    const int refused = same || fchown(target, model.st_uid, model.st_gid) == 0 ? 0 : errno;
+    // Its setuid and setgid bits are for the model's owner only.
+    const mode_t mode = model.st_mode & (refused == 0 ? 07777U : 01777U);
+    const int failed = fchmod(target, mode) == 0 ? 0 : errno;
+    return refused != 0 ? refused : failed;
 }

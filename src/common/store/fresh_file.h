@@ -36,5 +36,6 @@ private:
     int error_ = 0;
 };
 
-// Gives `target` mode and owner of the model. 0 or an errno.
+// Gives `target` mode and owner of the model; the mode, less setuid and setgid, also where the
+// owner is refused. 0 or an errno, that of the owner first.
 int copy_mode_and_owner(int target, const struct stat& model);
