@@ -178,6 +178,28 @@ TEST(Timeline, KnowsThatSummerTimeBegins) {
     tzset();
 }
 
+TEST(Timeline, TellsTheEndOfSummerTimeFromAClockThatWasSetBack) {
+    setenv("TZ", "AAA0BBB,M3.1.0,M11.3.1/3", 1);  // on that day, at three
+    tzset();
+    const auto clock_of = [](const char* from, const char* to) {
+        Lines lines;
+        for (const char* time : {from, to}) {
+            lines.push_back(std::string(time) + " DEBUG :bottle=2, status=71");
+        }
+        return told(timeline_of(lines).finish());
+    };
+    EXPECT_THAT(clock_of("02:59:59", "02:00:00"), ElementsAre());
+    EXPECT_THAT(clock_of("02:59:30", "02:00:20"), ElementsAre());
+    const auto is_set_back = ElementsAre(HasSubstr("clock: the clock was set back by "));
+    for (const char* to : {"02:58:00", "01:59:00", "02:02:00"}) {
+        EXPECT_THAT(clock_of("02:59:59", to), is_set_back) << to;
+    }
+    EXPECT_THAT(clock_of("03:30:00", "02:30:00"), is_set_back) << "after it";
+    EXPECT_THAT(clock_of("01:30:00", "00:30:00"), is_set_back) << "before it";
+    unsetenv("TZ");
+    tzset();
+}
+
 // A day of a slave: take-overs, client lists with forged lines, a clock that is wrong at ten for
 // five minutes, and that is set back at noon.
 std::string long_log() {

@@ -59,6 +59,13 @@ std::optional<seconds> parse_span(std::string_view text) {
     }
 }
 
+// Of local time from UTC, in seconds.
+long offset_at(std::time_t moment) {
+    std::tm local{};
+    localtime_r(&moment, &local);
+    return local.tm_gmtoff;
+}
+
 }  // namespace
 
 LogTime log_time_now() {
@@ -78,6 +85,18 @@ std::time_t epoch_of(LogTime time) {
 
 std::chrono::seconds elapsed(LogTime from, LogTime to) {
     return seconds(epoch_of(to) - epoch_of(from));
+}
+
+bool zone_went_back(LogTime from, LogTime to) {
+    constexpr std::time_t AROUND = 3 * 3600;  // more than any zone goes back
+    constexpr std::time_t TOGETHER = 60;
+    const std::time_t about = epoch_of(to);
+    const long before = offset_at(about - AROUND);
+    const long after = offset_at(about + AROUND);
+    const std::time_t first = from.time_since_epoch().count() - before;
+    const std::time_t second = to.time_since_epoch().count() - after;
+    return offset_at(first) == before && offset_at(second) == after && first <= second &&
+           second - first <= TOGETHER;
 }
 
 std::optional<LogTime> parse_day(std::string_view text) {

@@ -22,6 +22,10 @@ std::time_t epoch_of(LogTime time);
 // The time that passed between both, also where summer time began or ended meanwhile.
 std::chrono::seconds elapsed(LogTime from, LogTime to);
 
+// Whether the time zone's own change, as at the end of summer time, lies between both, at most a
+// minute apart, of which the later one shows the earlier time.
+bool zone_went_back(LogTime from, LogTime to);
+
 // The first second of "2026-11-16"; whatever stands between the numbers.
 std::optional<LogTime> parse_day(std::string_view text);
 

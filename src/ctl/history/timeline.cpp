@@ -191,7 +191,8 @@ struct Timeline::Parts {
     void watch_clock(LogTime time) {
         if (!state.first_message) {
             state.first_message = time;
-        } else if (*state.last_message - time > CLOCK_STEP) {
+        } else if (*state.last_message - time > CLOCK_STEP &&
+                   !zone_went_back(*state.last_message, time)) {
             events.add(EventKind::CLOCK, time,
                        fmt::format("the clock was set back by {} s",
                                    seconds_between(time, *state.last_message)));
