@@ -96,6 +96,7 @@ def test_a_removal_ends_the_daemon_and_a_purge_its_logs(master, slave):
         assert host.run(["pidof", "quorsyncd"]).returncode != 0
         assert serves(host) == served, "the boot services go on"
         assert host.shell("ls /var/log/quorsyncd_*.log")
+        host.shell("touch /var/log/quorsyncd_2020_01_02.log.1.gz")
         said = host.shell("apt-get purge --yes quorsyncd")
         assert "/etc/quoradmind stay" in said
         assert not host.shell("ls /var/log | grep quorsyncd", check=False)
