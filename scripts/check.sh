@@ -20,6 +20,11 @@ pair_tests() {
         --strict-markers --daemon="$PWD/build/$preset/quorsyncd" "$@"
 }
 
+every_state() {
+    step "Every state of the slave's client list"
+    build/release/tests/explore/explore
+}
+
 # The sanitizers' builds run beside the tests, at low priority: they may not cost the tests the time
 # their heartbeats need. A build that is done leaves a file of its name.
 start_sanitizer_builds() {
@@ -35,6 +40,24 @@ end_sanitizer_builds() {
     rm -rf "${sanitizer_work-}"
 }
 trap end_sanitizer_builds EXIT
+
+# side_by_side COMMAND -- COMMAND: both, since much of what they do is to wait. The output of the first
+# follows that of the second.
+side_by_side() {
+    local first=() failed=0 log background
+    while [ "$1" != -- ]; do
+        first+=("$1")
+        shift
+    done
+    shift
+    log=$(mktemp -p "$sanitizer_work")
+    "${first[@]}" >"$log" 2>&1 &
+    background=$!
+    "$@" || failed=1
+    wait "$background" || failed=1
+    cat "$log"
+    return "$failed"
+}
 
 await_build() {
     step "Waiting for the $1 build"
@@ -54,15 +77,12 @@ step "Documents"
 step "Building release"
 build release
 start_sanitizer_builds
-unit_tests release
-step "Every state of the slave's client list"
-build/release/tests/explore/explore
+side_by_side unit_tests release -- every_state
 pair_tests release
 for preset in asan tsan; do
     await_build "$preset"
-    unit_tests "$preset"
     # The tool has one thread: the thread sanitizer's build is without it.
     [ "$preset" = asan ] && most=() || most=(-k "not test_ctl")
-    pair_tests "$preset" -m sanitizer "${most[@]}"
+    side_by_side unit_tests "$preset" -- pair_tests "$preset" -m sanitizer "${most[@]}"
 done
 step "All checks passed"
