@@ -160,7 +160,7 @@ class Bench:
         beat = "start_data_syncd CLIENT"
         wait_until(lambda: self.slave.find_log(beat, mark), 30, f'"{beat}"', 0.001)
         begin = time.monotonic()
-        wait_until(stamp_arrived, timeout, "the new stamp", 0.002)
+        wait_until(stamp_arrived, timeout, "the new stamp", 0.0005)
         seconds = time.monotonic() - begin
         took_over = logged(self.slave, b"become a master host")
         if took_over:

@@ -7,6 +7,6 @@ inline constexpr int LINE_CLIENTS_DIFFER = 105;
 inline constexpr int LINE_CANNOT_LISTEN = 237;  // slave_thread
 inline constexpr int LINE_CANNOT_ACCEPT = 250;
 inline constexpr int LINE_RECEIVER_ENDS = 292;
-inline constexpr int LINE_HEARTBEAT_NOT_SENT = 290;  // send_heartbeat
+inline constexpr int LINE_HEARTBEAT_NOT_SENT = 290;  // Beat::send
 inline constexpr int LINE_REQUEST_AHEAD = 323;       // start_data_sync
 inline constexpr int LINE_DATA_NOT_REQUESTED = 343;

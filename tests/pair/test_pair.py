@@ -54,7 +54,7 @@ def test_records_and_beats_cost_few_system_calls(pair_factory):
     assert slave["write"] <= 2 * slave["recvfrom"] + 40 * periods
     assert slave["openat"] <= slave["recvfrom"] + 80 * periods + 400
     assert slave["pread64"] <= pushes * pages + 40 * periods
-    assert slave["fdatasync"] + slave["fsync"] <= 25 * (pushes + 1)
+    assert slave["fdatasync"] + slave["fsync"] <= 18 * (pushes + 1)
 
 
 @pytest.mark.sanitizer

@@ -13,6 +13,8 @@
 namespace {
 
 bool fail_directory_flush = false;
+int failure_of_batch_flush = 0;
+int batch_flushes = 0;
 std::function<void()> at_flush;  // of a file
 
 class ReplaceFile : public WithFiles {
@@ -89,6 +91,18 @@ TEST_F(ReplaceFile, ADatabaseThatMayComeBackIsNotEmptied) {
     EXPECT_THAT(logged(), testing::HasSubstr(CLIENT_DB + " cannot be emptied:Input/output error"s));
     EXPECT_THAT(logged(), testing::HasSubstr(target_ + " cannot be flushed:Input/output error"));
     EXPECT_EQ(contents(target_), "left by a kill");
+}
+
+TEST_F(ReplaceFile, ABatchIsFlushedOnceAndTellsIfItIsNot) {
+    for (const int failure : {0, EIO}) {
+        const std::unique_ptr<Store> batch = db_open(CLIENT_DB, 1U << 20U);
+        ASSERT_EQ(batch->put("key", std::to_string(failure)), 0);
+        batch_flushes = 0;
+        failure_of_batch_flush = failure;
+        EXPECT_EQ(batch->close(), failure);
+        failure_of_batch_flush = 0;
+        EXPECT_EQ(batch_flushes, 1);
+    }
 }
 
 TEST_F(ReplaceFile, TellsThatANameMayNotBeOnDisk) {
@@ -180,4 +194,11 @@ extern "C" int fsync(int fd) {
         hook();
     }
     return static_cast<int>(syscall(SYS_fsync, fd));
+}
+
+// The same for the data of a database that is written in place.
+extern "C" int fdatasync(int fd) {
+    ++batch_flushes;
+    errno = failure_of_batch_flush;
+    return errno == 0 ? static_cast<int>(syscall(SYS_fdatasync, fd)) : -1;
 }

@@ -20,6 +20,13 @@ constexpr std::time_t LEFTOVER_SECONDS = 2;
 constexpr auto LEFTOVER_STEP = 100ms;
 constexpr int LEFTOVER_TRIES = 40;  // by then it is old, unless others create it again and again
 
+// Whether the library's flushes on this thread are left out.
+thread_local bool without_flushes = false;
+
+int flush_for_library(int fd) {
+    return without_flushes ? 0 : fdatasync(fd);
+}
+
 // Creates the missing file and locks it.
 int create_file(StoreLock& lock) {
     if (const int left = remove_leftover_creation(lock.path()); left != 0) {
@@ -35,8 +42,9 @@ int create_file(StoreLock& lock) {
 }  // namespace
 
 DB* create_handle(std::uint32_t cache_bytes) {
+    static const int hooked = db_env_set_func_fsync(flush_for_library);
     DB* db = nullptr;
-    if (db_create(&db, nullptr, 0) != 0) {
+    if (hooked != 0 || db_create(&db, nullptr, 0) != 0) {
         return nullptr;
     }
     // Without a callback the library writes its own messages to stderr.
@@ -46,6 +54,14 @@ DB* create_handle(std::uint32_t cache_bytes) {
         (void)db->set_cachesize(db, 0, cache_bytes, 1);  // a smaller cache is only slower
     }
     return db;
+}
+
+int close_and_flush(DB* db, int fd) {
+    without_flushes = true;
+    const int closed = db->close(db, 0);
+    without_flushes = false;
+    const int flushed = fdatasync(fd) == 0 ? 0 : errno;
+    return closed != 0 ? closed : flushed;
 }
 
 int create_database(const std::string& path, int mode) {

@@ -12,6 +12,10 @@
 // (256 KiB).
 DB* create_handle(std::uint32_t cache_bytes);
 
+// Closes the handle of a file that was written to, which `fd` has open, too, and flushes the file
+// once: the library alone does so twice. 0 or an error code.
+int close_and_flush(DB* db, int fd);
+
 // Creates the empty hash database `path` with that mode less the umask. 0 or the library's error
 // code.
 int create_database(const std::string& path, int mode);

@@ -80,7 +80,7 @@ int Store::close() {
     if (db_ == nullptr) {
         return 0;
     }
-    int result = db_->close(db_, 0);
+    int result = written_ ? close_and_flush(db_, lock_->fd()) : db_->close(db_, 0);
     db_ = nullptr;
     if (change_) {
         result = change_->put_in_place();
