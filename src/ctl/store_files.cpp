@@ -41,7 +41,7 @@ std::string store_path(const std::string& name) {
 void complain_about_file(const std::string& path, const std::string& failure) {
     const std::string directory = std::filesystem::absolute(path).parent_path();
     if (access(directory.c_str(), F_OK) != 0) {
-        complain("{}: {}", directory, std::strerror(errno));
+        complain("{}: directory {}: {}", path, directory, std::strerror(errno));
     } else if (access(path.c_str(), F_OK) != 0) {
         complain("{}: {}; \"config\", \"client\", \"disk\" or a path name a file", path,
                  std::strerror(errno));
