@@ -21,6 +21,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+constexpr FetchLimits LIMITS{.bytes = LONGEST_PEER_FILE};
+
 struct Options {
     std::string address;
     std::string remote;
@@ -29,6 +31,7 @@ struct Options {
 
 FileFetch receive(const Options& options, const std::string& beside) {
     PK_Request_Client client;
+    client.SetFetchLimits(LIMITS);
     ProgressBar bar(options.remote);
     return fetch_server_file(client, options.address.c_str(), options.remote.c_str(),
                              beside.c_str(), shown_by(bar));
@@ -52,8 +55,8 @@ int fetch(const Options& options) {
     const FileFetch fetched = receive(options, beside);
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     if (fetched.result != 0) {
-        complain("{}", fetch_failure_text(options.address, options.remote, beside, fetched,
-                                          FetchLimits{}));
+        complain("{}",
+                 fetch_failure_text(options.address, options.remote, beside, fetched, LIMITS));
     } else if (const std::string failure = put_copy_in_place(beside, options.local);
                !failure.empty()) {
         complain("{}", failure);

@@ -376,9 +376,9 @@ def test_fetch_replaces_a_file_when_all_of_it_has_come(empty_lab, ctl):
         assert target.read_bytes() == data
         code, _, complaint = fetch("/tmp/missing")
         assert code == PROBLEM and "No such file or directory" in complaint
-    with FileService(there, reply='{"length": "67108865"}'):
+    with FileService(there, reply='{"length": "1073741825"}'):
         code, _, complaint = fetch("/tmp/file")
-        assert code == PROBLEM and "67,108,865 bytes; at most 67,108,864 are" in complaint
+        assert code == PROBLEM and "1,073,741,825 bytes; at most 1,073,741,824 are" in complaint
     code, _, complaint = fetch("/tmp/file")
     assert code == PROBLEM and "Connection refused; its file service listens" in complaint
     assert target.read_bytes() == data

@@ -26,8 +26,7 @@ struct ProbeLimits {
                                        .base = std::chrono::milliseconds(6'000)};
 };
 
-// Fetches of a whole database, which may be long: on a terminal, where whoever waits sees how it
-// goes, no time limit but that of each receive; for a script, that of a probe.
+// Of a file that somebody asks for by hand: a client list is no longer.
 inline constexpr std::int64_t LONGEST_PEER_FILE = std::int64_t{1} << 30U;
 
 struct PeerFile {
@@ -40,7 +39,8 @@ struct PeerFile {
 };
 
 // Fetches a database and verifies it. With `brief` within ProbeLimits, otherwise up to
-// LONGEST_PEER_FILE and with a progress bar.
+// LONGEST_PEER_FILE and with a progress bar: on a terminal, where whoever waits sees how it goes,
+// without a time limit but that of each receive; for a script, with that of a probe.
 PeerFile fetch_peer_file(const std::string& address, const std::string& remote, bool brief);
 
 // A value of --peer without an address.
