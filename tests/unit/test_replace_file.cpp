@@ -3,6 +3,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 
 #include "common/store/handle.h"
@@ -13,8 +14,8 @@
 namespace {
 
 bool fail_directory_flush = false;
-int failure_of_batch_flush = 0;
-int batch_flushes = 0;
+int failure_of_data_flush = 0;
+std::atomic<int> data_flushes = 0;
 std::function<void()> at_flush;  // of a file
 
 class ReplaceFile : public WithFiles {
@@ -97,12 +98,19 @@ TEST_F(ReplaceFile, ABatchIsFlushedOnceAndTellsIfItIsNot) {
     for (const int failure : {0, EIO}) {
         const std::unique_ptr<Store> batch = db_open(CLIENT_DB, 1U << 20U);
         ASSERT_EQ(batch->put("key", std::to_string(failure)), 0);
-        batch_flushes = 0;
-        failure_of_batch_flush = failure;
+        data_flushes = 0;
+        failure_of_data_flush = failure;
         EXPECT_EQ(batch->close(), failure);
-        failure_of_batch_flush = 0;
-        EXPECT_EQ(batch_flushes, 1);
+        failure_of_data_flush = 0;
+        EXPECT_EQ(data_flushes, 1);
     }
+}
+
+TEST_F(ReplaceFile, ADatabaseThatCannotBeFlushedIsNotCreated) {
+    failure_of_data_flush = EIO;
+    EXPECT_FALSE(db_store(DISK_DB, "key", "value"));
+    failure_of_data_flush = 0;
+    EXPECT_THAT(logged(), testing::HasSubstr("DB->open Input/output error"));
 }
 
 TEST_F(ReplaceFile, TellsThatANameMayNotBeOnDisk) {
@@ -198,7 +206,7 @@ extern "C" int fsync(int fd) {
 
 // The same for the data of a database that is written in place.
 extern "C" int fdatasync(int fd) {
-    ++batch_flushes;
-    errno = failure_of_batch_flush;
+    ++data_flushes;
+    errno = failure_of_data_flush;
     return errno == 0 ? static_cast<int>(syscall(SYS_fdatasync, fd)) : -1;
 }

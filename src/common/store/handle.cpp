@@ -23,8 +23,17 @@ constexpr int LEFTOVER_TRIES = 40;  // by then it is old, unless others create i
 // Whether the library's flushes on this thread are left out.
 thread_local bool without_flushes = false;
 
+// 0 or an errno.
+int flush_data(int fd) {
+    int result;
+    do {
+        result = fdatasync(fd);
+    } while (result != 0 && errno == EINTR);
+    return result == 0 ? 0 : errno;
+}
+
 int flush_for_library(int fd) {
-    return without_flushes ? 0 : fdatasync(fd);
+    return without_flushes ? 0 : flush_data(fd);
 }
 
 // Creates the missing file and locks it.
@@ -60,7 +69,7 @@ int close_and_flush(DB* db, int fd) {
     without_flushes = true;
     const int closed = db->close(db, 0);
     without_flushes = false;
-    const int flushed = fdatasync(fd) == 0 ? 0 : errno;
+    const int flushed = flush_data(fd);
     return closed != 0 ? closed : flushed;
 }
 

@@ -9,11 +9,12 @@
 #include "common/store/lock.h"
 
 // A new handle that is silent on stderr, or null. `cache_bytes` 0 keeps the library's default
-// (256 KiB).
+// (256 KiB). The first one replaces the library's flush, in the whole process, by one that
+// close_and_flush() can leave out.
 DB* create_handle(std::uint32_t cache_bytes);
 
-// Closes the handle of a file that was written to, which `fd` has open, too, and flushes the file
-// once: the library alone does so twice. 0 or an error code.
+// Closes a handle of create_handle() whose file was written to, and flushes that file, which `fd`
+// has open, too, once: the library alone does so twice. 0 or an error code.
 int close_and_flush(DB* db, int fd);
 
 // Creates the empty hash database `path` with that mode less the umask. 0 or the library's error
