@@ -10,6 +10,8 @@
 
 namespace {
 
+constexpr uid_t UNCHANGED = static_cast<uid_t>(-1);
+
 // Writers without a lock are rare: two at a time are already more than was ever seen.
 constexpr const char* ENDINGS[] = {".changed", ".changed2", ".changed3", ".changed4"};
 
@@ -61,8 +63,9 @@ int copy_mode_and_owner(int target, const struct stat& model) {
     // A file system without owners, or an ordinary user's own file, has the right one already.
     const bool same = made.st_uid == model.st_uid && made.st_gid == model.st_gid;
     const int refused = same || fchown(target, model.st_uid, model.st_gid) == 0 ? 0 : errno;
-    // Its setuid and setgid bits are for the model's owner only.
-    const mode_t mode = model.st_mode & (refused == 0 ? 07777U : 01777U);
-    const int failed = fchmod(target, mode) == 0 ? 0 : errno;
+    const bool group = refused == 0 || fchown(target, UNCHANGED, model.st_gid) == 0;
+    // What the model allows its owner or group is not for any other.
+    const mode_t kept = refused == 0 ? 07777U : group ? 01777U : 01707U;
+    const int failed = fchmod(target, model.st_mode & kept) == 0 ? 0 : errno;
     return refused != 0 ? refused : failed;
 }

@@ -36,6 +36,7 @@ private:
     int error_ = 0;
 };
 
-// Gives `target` mode and owner of the model; the mode, less setuid and setgid, also where the
-// owner is refused. 0 or an errno, that of the owner first.
+// Gives `target` mode, owner and group of the model. Where the system refuses the owner, the mode
+// is without setuid and setgid and, unless it grants the group, without the group's permissions. 0
+// or an errno, that of the owner first.
 int copy_mode_and_owner(int target, const struct stat& model);
