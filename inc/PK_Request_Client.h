@@ -100,7 +100,7 @@ struct FileFetch {
     int connect_error = 0;        // with FETCH_NOT_BEGUN; as PK_Request_Client::connect_error()
     std::int64_t length = 0;      // in bytes, as the peer announced it; 0 before it did
     std::int64_t received = 0;    // bytes that are in the local file
-    bool too_slow = false;        // with FETCH_CUT: the time allowed was over
+    bool too_slow = false;        // with FETCH_CUT: a time-out, or the time allowed, was over
     std::string failure;          // the line that was logged, with FETCH_NOT_BEGUN
 };
 

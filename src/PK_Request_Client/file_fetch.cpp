@@ -75,7 +75,7 @@ std::int32_t recv_into(PK_Request_Client& client, const WriteAt& write, FileFetc
         errno = 0;  // the end of the stream sets none
         const int received = client.RecvAll(buffer.data(), chunk);
         if (received != chunk) {
-            fetch.too_slow = errno == ETIMEDOUT;  // with which a deadline ends a receive
+            fetch.too_slow = errno == ETIMEDOUT || errno == EAGAIN;  // the deadline, or silence
             log_message(msg::DOWNLOAD_CUT, received, chunk, errno, ORIGIN, "recv_file", __LINE__);
             return FETCH_CUT;
         }

@@ -21,17 +21,15 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr FetchLimits LIMITS{.bytes = LONGEST_PEER_FILE};
-
 struct Options {
     std::string address;
     std::string remote;
     std::string local;
 };
 
-FileFetch receive(const Options& options, const std::string& beside) {
+FileFetch receive(const Options& options, const std::string& beside, const FetchLimits& limits) {
     PK_Request_Client client;
-    client.SetFetchLimits(LIMITS);
+    client.SetFetchLimits(limits);
     ProgressBar bar(options.remote);
     return fetch_server_file(client, options.address.c_str(), options.remote.c_str(),
                              beside.c_str(), shown_by(bar));
@@ -52,11 +50,12 @@ int fetch(const Options& options) {
     }
     const std::string beside = options.local + ".part";  // what is there stays until all has come
     const Clock::time_point start = Clock::now();
-    const FileFetch fetched = receive(options, beside);
+    const FetchLimits limits = limits_by_hand({});
+    const FileFetch fetched = receive(options, beside, limits);
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     if (fetched.result != 0) {
         complain("{}",
-                 fetch_failure_text(options.address, options.remote, beside, fetched, LIMITS));
+                 fetch_failure_text(options.address, options.remote, beside, fetched, limits));
     } else if (const std::string failure = put_copy_in_place(beside, options.local);
                !failure.empty()) {
         complain("{}", failure);

@@ -52,26 +52,20 @@ OwnedFd file_without_a_name() {
     return OwnedFd(file ? fcntl(fileno(file.get()), F_DUPFD_CLOEXEC, 3) : -1);
 }
 
-// On a terminal, whoever waits can see how it goes. A script has the time that a probe has.
-FetchLimits limits_of_whole_file(bool on_terminal) {
-    constexpr std::chrono::hours NO_HURRY{24 * 365};
-    FetchLimits limits = ProbeLimits::FETCH;
-    limits.bytes = LONGEST_PEER_FILE;
-    limits.base = on_terminal ? NO_HURRY : limits.base;
-    return limits;
+bool on_terminal() {
+    return isatty(STDERR_FILENO) == 1;
 }
 
 FileFetch receive(PK_Request_Client& client, const std::string& address, const std::string& remote,
                   int fd, bool brief) {
-    const bool on_terminal = isatty(STDERR_FILENO) == 1;
-    if (brief || !on_terminal) {
+    if (brief || !on_terminal()) {
         client.SetTimeout(ProbeLimits::TIMEOUT);
     }
     if (brief) {
         client.SetFetchLimits(ProbeLimits::FETCH);
         return fetch_server_file(client, address.c_str(), remote.c_str(), fd);
     }
-    client.SetFetchLimits(limits_of_whole_file(on_terminal));
+    client.SetFetchLimits(limits_by_hand(ProbeLimits::FETCH));
     ProgressBar bar(fmt::format("{}:{}", address, remote));
     return fetch_server_file(client, address.c_str(), remote.c_str(), fd, shown_by(bar));
 }
@@ -92,6 +86,13 @@ std::string other_server(const std::string& local) {
 }
 
 }  // namespace
+
+FetchLimits limits_by_hand(FetchLimits limits) {
+    constexpr std::chrono::hours NO_HURRY{24 * 365};
+    limits.bytes = std::int64_t{1} << 30U;
+    limits.base = on_terminal() ? NO_HURRY : limits.base;
+    return limits;
+}
 
 std::string fetch_failure_text(const std::string& address, const std::string& remote,
                                const std::string& local, const FileFetch& fetch,

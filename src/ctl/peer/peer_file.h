@@ -26,8 +26,10 @@ struct ProbeLimits {
                                        .base = std::chrono::milliseconds(6'000)};
 };
 
-// Of a file that somebody asks for by hand: a client list is no longer.
-inline constexpr std::int64_t LONGEST_PEER_FILE = std::int64_t{1} << 30U;
+// Limits of a fetch by hand, which may be of a whole client list: on a terminal, where whoever
+// waits sees how it goes, there is no time limit but that of each receive; for a script, that of
+// `limits`.
+FetchLimits limits_by_hand(FetchLimits limits);
 
 struct PeerFile {
     OwnedFd file;         // has no name anywhere: it goes with this process, however that ends
@@ -38,9 +40,8 @@ struct PeerFile {
     std::string path() const;
 };
 
-// Fetches a database and verifies it. With `brief` within ProbeLimits, otherwise up to
-// LONGEST_PEER_FILE and with a progress bar: on a terminal, where whoever waits sees how it goes,
-// without a time limit but that of each receive; for a script, with that of a probe.
+// Fetches a database and verifies it: with `brief` within ProbeLimits, otherwise by hand, within
+// the time of a probe for a script, and with a progress bar.
 PeerFile fetch_peer_file(const std::string& address, const std::string& remote, bool brief);
 
 // A value of --peer without an address.
