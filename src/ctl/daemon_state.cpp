@@ -79,7 +79,7 @@ const char* role_name(HostRole role) {
     return NAMES[static_cast<std::size_t>(role)];
 }
 
-const char* role_name(const DaemonState& state) {
+const char* shown_role(const DaemonState& state) {
     return role_name(state.page == nullptr ? HostRole::UNKNOWN : role_of(state));
 }
 

@@ -41,8 +41,9 @@ HostRole role_of(const DaemonState& state);
 // "acting master".
 const char* role_name(HostRole role);
 
-// That of the present role; "unknown" without a page, as also before the first daemon ran.
-const char* role_name(const DaemonState& state);
+// That of the present role, but "unknown" without a page, although role_of() says ENDED where no
+// daemon runs: before the first start there is nothing that has ended.
+const char* shown_role(const DaemonState& state);
 
 bool runs(const std::vector<ProcessInfo>& processes, const char* name);
 

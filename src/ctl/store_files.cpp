@@ -39,8 +39,9 @@ std::string store_path(const std::string& name) {
 }
 
 void complain_about_file(const std::string& path, const std::string& failure) {
-    const std::string directory = std::filesystem::absolute(path).parent_path();
-    if (access(directory.c_str(), F_OK) != 0) {
+    std::error_code no_such_path;
+    const std::string directory = std::filesystem::absolute(path, no_such_path).parent_path();
+    if (!no_such_path && access(directory.c_str(), F_OK) != 0) {
         complain("{}: directory {}: {}", path, directory, std::strerror(errno));
     } else if (access(path.c_str(), F_OK) != 0) {
         complain("{}: {}; \"config\", \"client\", \"disk\" or a path name a file", path,

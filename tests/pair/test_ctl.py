@@ -231,6 +231,7 @@ def test_a_restore_replaces_what_is_meant_and_keeps_it(couple, ctl):
     assert ctl(master, "store", "restore", "-f", "client", copy)[0] == FINE
     assert master.client.items() == settings == master.config.items()
     undo = ["store", "restore", f"{STORES}/client.db.before-restore"]
+    master.shell(f"cp {copy} {STORES}/client.db.previous")  # of a push that was interrupted
     assert ctl(master, *undo)[0] == FINE and master.client.items() == {b"mac": b"v"}
     assert ctl(master, *undo)[0] == FINE and master.client.items() == settings
     assert ctl(master, *undo)[0] == FINE
@@ -298,6 +299,7 @@ def test_diff_tells_what_is_mirrored(couple, ctl):
     assert code == PROBLEM
     assert keys["dhcpcfg"]["travels"] == "pushed" and "too long" in keys["dhcpcfg"]["misfit"]
     assert keys["config_db_version"]["state"] == "differs"
+    assert ": No such file" in ctl(master, "store", "get", "-f", "", "ha")[2]
     code, _, complaint = ctl(master, "diff", "config", "/no/such.db")
     assert code == CANNOT_TELL and "/no/such.db" in complaint
     code, _, complaint = ctl(master, "diff", "config", "client")

@@ -121,7 +121,7 @@ void check_roles(const PairSettings& settings, const std::string& local, Finding
         findings.good("role", fmt::format("this host: {}", own.text));
     } else {
         findings.problem("role", fmt::format("this host: {}", own.text),
-                         "the daemon tries again every 5 s and does not log the reason");
+                         "the daemon waits, and looks again every 5 s");
     }
     for (const ConfiguredRole& other : configured_roles(settings)) {
         if (list_has(local, other.addresses) || !is_dotted_address(other.addresses)) {
@@ -156,7 +156,7 @@ void check_master_clients(Findings& findings) {
     const std::string text = fmt::format("{} {}", CLIENT_DB, fault);
     if (OwnedText(db_get(CONFIG_DB, KEY_CLIENT_VERSION))) {
         findings.problem(
-            "client list", text + ": a slave that fetches it loses the others",
+            "client list", text + ": a slave that fetches it loses clients",
             "\"quorsyncctl store restore\" puts a backup back, or the slave's list; if it "
             "is meant, \"quorsyncctl store bump client --force\"");
     } else {

@@ -56,7 +56,7 @@ std::string text_of(const HostFacts& facts, const Verdict& verdict) {
             texts.push_back(problem.text);
         }
     }
-    texts.push_back(fmt::format("{}, {}: {}", role_name(facts),
+    texts.push_back(fmt::format("{}, {}: {}", shown_role(facts),
                                 SYNC[static_cast<std::size_t>(verdict.sync.verdict)],
                                 verdict.sync.reason));
     std::string text = escape(joined(texts, "; "));

@@ -159,7 +159,7 @@ Json json_of_page(const HostFacts& facts) {
 std::string role_text(const HostFacts& facts) {
     const HostRole role = role_of(facts);
     if (facts.page == nullptr) {
-        return fmt::format("{}: {}", role_name(facts), facts.no_page);
+        return fmt::format("{}: {}", shown_role(facts), facts.no_page);
     }
     const StatePage& page = *facts.page;
     switch (role) {
@@ -212,7 +212,7 @@ void add_host(const HostFacts& facts, Rows& rows) {
           {processes_text(facts.daemons), facts.daemons.size() == 1 ? Colour::PLAIN : Colour::RED}},
          {{"daemon", json_of(facts.daemons)}}});
     rows.push_back({{{"role"}, {escape(role_text(facts)), plain ? Colour::PLAIN : Colour::YELLOW}},
-                    {{"role", role_name(facts)},
+                    {{"role", shown_role(facts)},
                      {"no_state", facts.page == nullptr ? Json(facts.no_page) : Json()}}});
     rows.push_back({{{"boot services"},
                      {fmt::format("{}; marker 'dhcp' {}", processes_text(facts.services),

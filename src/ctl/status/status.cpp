@@ -20,7 +20,7 @@ constexpr const char* NOTES = R"(
 Shows role, daemon, boot services, stamps, heartbeats, take-overs, data sets and whether the pair is
 in sync, as this host knows it: from the daemon's state page /run/quorsyncd.state, the processes and
 the files. The exit code is 1, with a line PROBLEM for each state that needs an operator: the daemon
-does not run, stands still or has no role; two run; this host has taken over; it is not in sync; a
+does not run, stands still, was stopped or has no role; two run; this host has taken over; it is not in sync; a
 boot service is missing where this host serves, or runs where it stands by; the slave or its answers
 are missing; take-overs are frequent; the daily log cannot be written. It is 0 while a data set is
 being copied. With --peer it is 1 also if the settings of both servers contradict each other, or

@@ -257,6 +257,18 @@ int backup(const StoreOptions& options) {
     return saved != 0 && failed == 0 ? EXIT_FINE : EXIT_PROBLEM;
 }
 
+// Says what a restored store needs besides.
+void print_hint_of_restore(const std::string& path) {
+    if (path == CLIENT_DB && is_configured_slave()) {
+        complain(
+            "the master's next set takes its place: restore it on the master, too, and bump it");
+    } else if (path == CLIENT_DB) {
+        complain("\"quorsyncctl store bump client\" makes the slave fetch it");
+    } else if (path == CONFIG_DB) {
+        complain("a change of ha, server_list or master takes effect when the daemon is restarted");
+    }
+}
+
 int restore(const StoreOptions& options) {
     const std::string path = restored_path(options);
     check_copy(options, path);
@@ -270,13 +282,10 @@ int restore(const StoreOptions& options) {
     }
     replaced.keep();
     log_change(fmt::format("restore {}", path), options.place);
-    if (path == CLIENT_DB && is_configured_slave()) {
-        complain(
-            "the master's next set takes its place: restore it on the master, too, and bump it");
-    } else if (path == CLIENT_DB) {
-        complain("\"quorsyncctl store bump client\" makes the slave fetch it");
-    } else if (path == CONFIG_DB) {
-        complain("the settings take effect when the daemon is restarted");
+    // A daemon whose push was interrupted would go back to it and lose what was restored.
+    if (path == CLIENT_DB && unlink(PREVIOUS_CLIENT_DB) != 0 && errno != ENOENT) {
+        complain("{} is to be removed by hand: {}", PREVIOUS_CLIENT_DB, std::strerror(errno));
     }
+    print_hint_of_restore(path);
     return EXIT_FINE;
 }

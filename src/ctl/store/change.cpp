@@ -161,7 +161,7 @@ void check_clients(const StoreOptions& options, const Keys& put, const Keys& del
         throw WrongUse(CLIENT_DB,
                        fmt::format("{}{}: the slave would drop its clients; restore the list first "
                                    "(\"quorsyncctl store restore\"), then give it a new stamp; "
-                                   "--force does so now",
+                                   "--force stamps the list as it is",
                                    changes_list ? "with this change it " : "", fault));
     }
 }
