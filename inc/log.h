@@ -6,7 +6,7 @@
 //
 //   quorsyncd:2.1 2026-11-16 03:52:26 INFO :restore to be a slave host
 //
-// The daily file is opened and closed for every message, or for the lines of a burst of records
+// The daily log is opened and closed for every message, or for the lines of a burst of records
 // (log_burst.h), so it may be moved or deleted at any time. Nothing is filtered by level.
 #pragma once
 
@@ -21,11 +21,11 @@
 inline constexpr const char* PROGRAM_NAME = "quorsyncd";
 inline constexpr const char* PROGRAM_VERSION = "2.1";
 
-inline constexpr const char* LOG_DIRECTORY = "/var/log";  // of the daily files
+inline constexpr const char* LOG_DIRECTORY = "/var/log";  // of the daily logs
 
 struct LogSettings {
     int level = LOG_INFO;         // kept, but never consulted
-    char dir[266] = "/var/log/";  // directory of the daily files, with its trailing slash
+    char dir[266] = "/var/log/";  // directory of the daily logs, with its trailing slash
 };
 extern LogSettings log_settings;
 
@@ -101,10 +101,10 @@ std::string log_failure(std::type_identity_t<MessageFor<Arguments...>> message,
     return format_arguments(&message.get(), arguments...);
 }
 
-// The part of write_log that serves standard output and the daily file. Always returns 0.
+// The part of write_log that serves standard output and the daily log. Always returns 0.
 int write_log_file(const LogSettings& settings, int level, const char* message);
 
-// The daily file alone.
+// The daily log alone.
 void write_daily_log(const LogSettings& settings, int level, const char* message);
 
 // Hands the messages of write_log to `sink` and to none of the places above; null brings those

@@ -1,8 +1,8 @@
 // Lines of many records in one write.
 //
-// A push has a line for each record. Opening, writing and closing the daily file for it costs more
+// A push has a line for each record. Opening, writing and closing the daily log for it costs more
 // than the record itself, so the lines of the records that one read or one send handles are written
-// together, in one write to standard output and one to the daily file:
+// together, in one write to standard output and one to the daily log:
 //
 //   const LogBurst burst;
 //   for (...) { log_record(msg::RECORD_SENT, key, value); ... }

@@ -95,7 +95,7 @@ struct PageCounters {
     PageNumber take_overs;
     PageNumber step_downs;
     std::array<PageNumber, PAGE_LOG_LEVELS> log_lines;
-    PageNumber log_lines_lost;  // not written to the daily file
+    PageNumber log_lines_lost;  // not written to the daily log
 };
 
 // A change of the layout needs another LAYOUT: readers refuse what they do not know.
@@ -147,7 +147,7 @@ struct StatePage {
     PageTime fetch_ended;     // the last one before
     PageNumber fetch_result;  // of it, 0 for success
 
-    PageNumber log_error;  // the errno of the last line for the daily file, 0 when it was written
+    PageNumber log_error;  // the errno of the last line for the daily log, 0 when it was written
     PageCounters counters;
 };
 static_assert(std::is_standard_layout_v<StatePage> && alignof(StatePage) == 8);
@@ -223,7 +223,7 @@ int fetch_ends(int result);  // returns it
 void records_sent(std::size_t records, std::size_t bytes, std::size_t failed);
 void record_stored(bool success);
 
-// The log: a message; an attempt to write lines into the daily file, with its errno or 0.
+// The log: a message; an attempt to write lines into the daily log, with its errno or 0.
 void message_logged(int level);
 void lines_written(std::string_view lines, int error);
 

@@ -16,7 +16,7 @@ BOUND_BY_MODES = ("/usr/bin/setpriv", "--bounding-set=-dac_override,-dac_read_se
 
 
 def cut(direction: str = "both", share: float = 1.0) -> Fault:
-    """The master's line; direction and share as for Host.cut."""
+    """The master's line; direction and share as for Line.cut."""
 
     @contextmanager
     def fault(pair: Pair) -> Iterator[None]:
