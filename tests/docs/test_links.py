@@ -16,7 +16,8 @@ FENCED = re.compile(r"^ *```\w*\n(.*?)^ *```$", re.MULTILINE | re.DOTALL)
 INDENTED = re.compile(r"(?:^(?: {4}.*)?\n)+", re.MULTILINE)
 COMMAND = re.compile(r"\bquorsyncctl ((?:[a-z][a-z-]* ?)+)(.*)")
 GROUPS = ("store", "service", "dhcpd-conf")
-SAMPLE = re.compile(r"# quorsyncctl (status|check)\n((?: *\S.*\n)+)")
+OPTIONS = r"(?: --(?:peer|nagios))?(?: \| grep \w+)?"
+SAMPLE = re.compile(rf"# quorsyncctl (status|check){OPTIONS}\n((?: *\S.*\n)+)")
 VALUE = re.compile(r"[\d.,]*")  # "10.77.0.1,10.77.0.2", which no source has
 PART = r'"((?:[^"\\\n]|\\.)*)"'
 LITERAL = re.compile(rf"{PART}(?:\s+{PART})*")
@@ -57,8 +58,9 @@ def can_be_printed(cell, source):
     for literal in LITERAL.finditer(source):
         text = "".join(re.findall(PART, literal.group())).replace('\\"', '"')
         fixed = re.split(r"\{[^}]*\}", text)
-        whole = len("".join(fixed)) > 1 and re.match(".*".join(map(re.escape, fixed)), cell)
-        if whole or text.startswith(cell):
+        says = len(re.findall("[A-Za-z]", "".join(fixed))) > 2  # "{}, {}" prints nearly everything
+        whole = says and re.match(".*".join(map(re.escape, fixed)), cell)
+        if whole or cell in text:
             return True
     return False
 
@@ -100,7 +102,9 @@ def test_sample_outputs_have_the_lines_of_the_tool(document):
             if verb == "check":
                 del cells[1:2]  # the name of a thing; the mark and the text remain
             cells = [cell for cell in cells if not VALUE.fullmatch(cell)]
-            wrong += [cell for cell in cells if not can_be_printed(cell, source)]
+            wrong += [cell for cell in cells if not any(
+                can_be_printed(text, source) for text in (cell, re.sub("^[^:]+: ", "", cell))
+            )]
     assert not wrong
 
 
