@@ -1,5 +1,5 @@
 #!/bin/bash
-# put pairs through long bad days; takes a seed, prints the one it uses (root, about 20 minutes)
+# put pairs through long bad days; takes a seed, prints the one it uses (root, about 90 minutes)
 . scripts/lib/common.sh
 install_packages build lab check
 . scripts/lib/sanitizers.sh
