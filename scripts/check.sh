@@ -42,8 +42,8 @@ end_sanitizer_builds() {
 trap end_sanitizer_builds EXIT
 
 # side_by_side FUNCTION... -- FUNCTION...: both, since much of what they do is to wait; the first at
-# low priority. Its output follows that of the second. "set -e" does not hold in the second, so what
-# can fail there has to come last.
+# a priority between those of the second and the builds. Its output follows that of the second.
+# "set -e" does not hold in the second, so what can fail there has to come last.
 side_by_side() {
     local first=() failed=0 log background
     while [ "$1" != -- ]; do
@@ -52,7 +52,7 @@ side_by_side() {
     done
     shift
     log=$(mktemp -p "$sanitizer_work")
-    { renice -n 10 -p "$BASHPID" && "${first[@]}"; } >"$log" 2>&1 &
+    { renice -n 5 -p "$BASHPID" && "${first[@]}"; } >"$log" 2>&1 &
     background=$!
     "$@" || failed=1
     wait "$background" || failed=1
