@@ -18,13 +18,6 @@ const char* code_of(Colour colour) {
     return CODES[static_cast<std::size_t>(colour)];
 }
 
-bool is_terminal(int fd) {
-    const int saved_errno = errno;  // a failure that is told afterwards may name it
-    const bool is = isatty(fd) == 1;
-    errno = saved_errno;
-    return is;
-}
-
 // A terminal that does more than print characters.
 bool obeys_escapes(int fd) {
     const char* kind = std::getenv("TERM");
@@ -44,6 +37,13 @@ std::string paint_for(int fd, Colour colour, std::string_view text) {
 }
 
 }  // namespace
+
+bool is_terminal(int fd) {
+    const int saved_errno = errno;  // a failure that is told afterwards may name it
+    const bool is = isatty(fd) == 1;
+    errno = saved_errno;
+    return is;
+}
 
 std::string paint(Colour colour, std::string_view text) {
     return paint_for(STDOUT_FILENO, colour, text);

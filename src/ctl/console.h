@@ -18,6 +18,9 @@ enum class Colour { PLAIN, BOLD, DIM, GREEN, YELLOW, RED };
 // `text` for standard output in that colour.
 std::string paint(Colour colour, std::string_view text);
 
+// Whether a person reads or writes there; errno is kept.
+bool is_terminal(int fd);
+
 // One line on standard output.
 void print_line(std::string_view text);
 template <typename... Arguments>

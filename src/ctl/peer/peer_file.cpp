@@ -52,13 +52,9 @@ OwnedFd file_without_a_name() {
     return OwnedFd(file ? fcntl(fileno(file.get()), F_DUPFD_CLOEXEC, 3) : -1);
 }
 
-bool on_terminal() {
-    return isatty(STDERR_FILENO) == 1;
-}
-
 FileFetch receive(PK_Request_Client& client, const std::string& address, const std::string& remote,
                   int fd, bool brief) {
-    if (brief || !on_terminal()) {
+    if (brief || !is_terminal(STDERR_FILENO)) {
         client.SetTimeout(ProbeLimits::TIMEOUT);
     }
     if (brief) {
@@ -90,7 +86,7 @@ std::string other_server(const std::string& local) {
 FetchLimits limits_by_hand(FetchLimits limits) {
     constexpr std::chrono::hours NO_HURRY{24 * 365};
     limits.bytes = std::int64_t{1} << 30U;
-    limits.base = on_terminal() ? NO_HURRY : limits.base;
+    limits.base = is_terminal(STDERR_FILENO) ? NO_HURRY : limits.base;
     return limits;
 }
 

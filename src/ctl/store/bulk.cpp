@@ -206,6 +206,18 @@ void prepare_directory(const std::string& path) {
     }
 }
 
+// Says what a restored store needs besides.
+void print_hint_of_restore(const std::string& path) {
+    if (path == CLIENT_DB && is_configured_slave()) {
+        complain(
+            "the master's next set takes its place: restore it on the master, too, and bump it");
+    } else if (path == CLIENT_DB) {
+        complain("\"quorsyncctl store bump client\" makes the slave fetch it");
+    } else if (path == CONFIG_DB) {
+        complain("a change of ha, server_list or master takes effect when the daemon is restarted");
+    }
+}
+
 }  // namespace
 
 int load(const StoreOptions& options) {
@@ -255,18 +267,6 @@ int backup(const StoreOptions& options) {
         complain("{}: nothing is backed up: {} has no store", options.place, STORE_DIRECTORY);
     }
     return saved != 0 && failed == 0 ? EXIT_FINE : EXIT_PROBLEM;
-}
-
-// Says what a restored store needs besides.
-void print_hint_of_restore(const std::string& path) {
-    if (path == CLIENT_DB && is_configured_slave()) {
-        complain(
-            "the master's next set takes its place: restore it on the master, too, and bump it");
-    } else if (path == CLIENT_DB) {
-        complain("\"quorsyncctl store bump client\" makes the slave fetch it");
-    } else if (path == CONFIG_DB) {
-        complain("a change of ha, server_list or master takes effect when the daemon is restarted");
-    }
 }
 
 int restore(const StoreOptions& options) {

@@ -25,7 +25,7 @@ namespace {
 
 // Text for a pipe as it is, for a terminal without what could upset it.
 std::string shown(const std::string& text) {
-    return isatty(STDOUT_FILENO) == 1 ? escape(text) : text;
+    return is_terminal(STDOUT_FILENO) ? escape(text) : text;
 }
 
 int get(const StoreOptions& options) {
